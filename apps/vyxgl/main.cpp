@@ -1,0 +1,90 @@
+// vyxgl: command-line front end of the library.
+//   vyxgl [info]   make a headless GL context and report what the library sees in it
+
+#include "gl/glloader.h"
+#include "gl/glutilities.h"
+#include "gl/headlesscontext.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+using Tavren::Vyx::HeadlessGLContext;
+
+// The extensions the library asks about at run time.
+const char* const libraryExtensions[] = {
+    "GL_ARB_get_program_binary",        "GL_OES_get_program_binary",
+    "GL_ARB_parallel_shader_compile",   "GL_ARB_shader_draw_parameters",
+    "GL_ARB_bindless_texture",          "GL_NV_bindless_texture",
+    "GL_ARB_texture_filter_anisotropic", "GL_EXT_texture_filter_anisotropic",
+    "GL_ARB_direct_state_access",       "GL_ARB_buffer_storage",
+    "GL_ARB_base_instance",             "GL_ARB_multi_bind",
+    "GL_KHR_texture_compression_astc_ldr",
+};
+
+const char* glText(GLenum name)
+{
+    const GLubyte* text = glGetString(name);
+    return text ? reinterpret_cast<const char*>(text) : "(null)";
+}
+
+int runInfo()
+{
+    HeadlessGLContext context;
+    if (!context.create()) {
+        std::fprintf(stderr, "vyxgl: cannot create a headless GL context: %s\n",
+                     context.errorString().toLocal8Bit().constData());
+        return 1;
+    }
+    context.makeCurrent();
+    if (!initializeGLFunctions()) {
+        std::fprintf(stderr, "vyxgl: initializeGLFunctions() failed\n");
+        return 1;
+    }
+    // Loading again is harmless and gives the loader's own count.
+    const int loadResult = ogl_LoadFunctions();
+    std::printf("GL version:      %s\n", glText(GL_VERSION));
+    std::printf("GL renderer:     %s\n", glText(GL_RENDERER));
+    std::printf("GLSL version:    %s\n", glText(GL_SHADING_LANGUAGE_VERSION));
+    std::printf("loader result:   %d\n", loadResult);
+    std::printf("missing entries: %d\n", loadResult > 0 ? loadResult - 1 : -1);
+    std::printf("extension flags:\n");
+    const struct { const char* name; int flag; } flags[] = {
+        {"GL_ARB_draw_indirect", ogl_ext_ARB_draw_indirect},
+        {"GL_ARB_multi_draw_indirect", ogl_ext_ARB_multi_draw_indirect},
+        {"GL_ARB_tessellation_shader", ogl_ext_ARB_tessellation_shader},
+        {"GL_ARB_texture_cube_map_array", ogl_ext_ARB_texture_cube_map_array},
+        {"GL_ARB_shader_atomic_counters", ogl_ext_ARB_shader_atomic_counters},
+        {"GL_ARB_shader_image_load_store", ogl_ext_ARB_shader_image_load_store},
+    };
+    for (const auto& flag : flags)
+        std::printf("  %-34s %d\n", flag.name, flag.flag);
+    std::printf("hasGLExtension:\n");
+    for (const char* name : libraryExtensions)
+        std::printf("  %-34s %s\n", name, hasGLExtension(name) ? "yes" : "no");
+    return 0;
+}
+
+void printUsage()
+{
+    std::printf("usage: vyxgl [info]\n"
+                "  info   create a headless GL context and report the GL version, renderer,\n"
+                "         loader result and the extensions the library uses (default)\n");
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const char* command = argc > 1 ? argv[1] : "info";
+    if (std::strcmp(command, "info") == 0)
+        return runInfo();
+    if (std::strcmp(command, "--help") == 0 || std::strcmp(command, "-h") == 0) {
+        printUsage();
+        return 0;
+    }
+    std::fprintf(stderr, "vyxgl: unknown command '%s'\n", command);
+    printUsage();
+    return 2;
+}

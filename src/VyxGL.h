@@ -1,0 +1,12 @@
+#pragma once
+
+// Everything VyxGL offers, in one include.
+
+#include "core/logging.h"
+#include "core/memory.h"
+#include "core/resourcespath.h"
+#include "core/vyxexport.h"
+#include "gl/bindable.h"
+#include "gl/glcontexttracker.h"
+#include "gl/glutilities.h"
+#include "gl/opengldevicecontext.h"

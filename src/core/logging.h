@@ -1,0 +1,47 @@
+#pragma once
+
+#include "core/vyxexport.h"
+
+// Printf-style logging in the library's one line form "[file:line] text",
+// and the assertion helper that reports a failed condition without aborting.
+
+namespace Tavren::Vyx {
+
+enum class LogLevel { Debug, Warning, Critical };
+
+// Prints "[<base name of file>:<line>] <text>" at the given level; text is a printf format.
+VYXGL_EXPORT void logMessage(LogLevel level, const char* file, int line, const char* format, ...)
+#if defined(__GNUC__)
+    __attribute__((format(printf, 4, 5)))
+#endif
+    ;
+
+// Prints "[ !! ] Assertion '<condition>' failed: <message>" at critical level when
+// `condition` is false, and returns `condition` so callers can bail out with their failure value.
+VYXGL_EXPORT bool checkAssertion(bool condition, const char* conditionText, const char* file, int line,
+                                 const char* format, ...)
+#if defined(__GNUC__)
+    __attribute__((format(printf, 5, 6)))
+#endif
+    ;
+
+// The file name after its last '/'.
+VYXGL_EXPORT const char* sourceBaseName(const char* file);
+
+} // namespace Tavren::Vyx
+
+#define VYX_DEBUG(...) ::Tavren::Vyx::logMessage(::Tavren::Vyx::LogLevel::Debug, __FILE__, __LINE__, __VA_ARGS__)
+#define VYX_WARNING(...) ::Tavren::Vyx::logMessage(::Tavren::Vyx::LogLevel::Warning, __FILE__, __LINE__, __VA_ARGS__)
+#define VYX_CRITICAL(...) ::Tavren::Vyx::logMessage(::Tavren::Vyx::LogLevel::Critical, __FILE__, __LINE__, __VA_ARGS__)
+
+// Evaluates to the condition; prints the assertion line when it is false.
+//   if (!VYX_CHECK(_bo != 0, "Buffer object not created")) return false;
+#define VYX_CHECK(condition, ...) \
+    ::Tavren::Vyx::checkAssertion(static_cast<bool>(condition), #condition, __FILE__, __LINE__, __VA_ARGS__)
+
+// Reports and returns `failureValue` from the enclosing function when the condition is false.
+#define VYX_CHECK_RETURN(condition, failureValue, ...) \
+    do { \
+        if (!VYX_CHECK(condition, __VA_ARGS__)) \
+            return failureValue; \
+    } while (false)

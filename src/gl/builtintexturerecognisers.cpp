@@ -1,0 +1,10 @@
+#include "gl/builtintexturerecognisers.h"
+
+namespace Tavren::Vyx {
+
+void registerBuiltinTextureRecognisers()
+{
+    // The file readers register themselves here as they are added to the library.
+}
+
+} // namespace Tavren::Vyx

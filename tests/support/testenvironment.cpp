@@ -1,0 +1,36 @@
+#include "support/testenvironment.h"
+
+#include <cstdlib>
+
+namespace VyxTest {
+
+const char* reducedProfileExtensionOverride()
+{
+    return "-GL_ARB_draw_indirect -GL_ARB_multi_draw_indirect -GL_ARB_tessellation_shader "
+           "-GL_ARB_shader_atomic_counters -GL_ARB_shader_image_load_store -GL_ARB_base_instance "
+           "-GL_ARB_shader_draw_parameters -GL_ARB_direct_state_access -GL_ARB_buffer_storage "
+           "-GL_ARB_multi_bind -GL_ARB_parallel_shader_compile -GL_KHR_parallel_shader_compile "
+           "-GL_ARB_texture_filter_anisotropic -GL_EXT_texture_filter_anisotropic "
+           "-GL_KHR_texture_compression_astc_ldr -GL_KHR_texture_compression_astc_hdr "
+           "-GL_KHR_texture_compression_astc_sliced_3d";
+}
+
+void applyReducedProfile()
+{
+    setenv("MESA_GL_VERSION_OVERRIDE", "3.2", 1);
+    setenv("MESA_GLSL_VERSION_OVERRIDE", "150", 1);
+    setenv("MESA_EXTENSION_OVERRIDE", reducedProfileExtensionOverride(), 1);
+}
+
+void applyCommonEnvironment()
+{
+    setenv("QT_QPA_PLATFORM", "offscreen", 0);
+    setenv("EGL_PLATFORM", "surfaceless", 0);
+}
+
+QString testDataPath(const QString& relative)
+{
+    return QStringLiteral(VYX_TEST_DATA_DIR "/") + relative;
+}
+
+} // namespace VyxTest

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <QString>
+
+namespace VyxTest {
+
+// Makes every GL context of this process a 3.2 core one without the extensions that newer
+// code paths lean on, so the fallbacks run for real. Call before the first context is made.
+void applyReducedProfile();
+// Settings every test process shares (Qt's offscreen platform, no GPU probing).
+void applyCommonEnvironment();
+// The extensions the reduced profile removes.
+const char* reducedProfileExtensionOverride();
+
+QString testDataPath(const QString& relative);
+
+} // namespace VyxTest

@@ -1,0 +1,52 @@
+#include "core/logging.h"
+#include "support/messagecapture.h"
+
+#include <gtest/gtest.h>
+
+using VyxTest::MessageCapture;
+
+namespace {
+
+bool failingCheck(int value)
+{
+    VYX_CHECK_RETURN(value % 2 == 0, false, "value %d is odd (%s)", value, "50% off");
+    return true;
+}
+
+} // namespace
+
+TEST(Logging, AssertionLineEscapesPercentInConditionAndFillsMessageFirst)
+{
+    MessageCapture capture;
+    EXPECT_FALSE(failingCheck(3));
+    EXPECT_TRUE(failingCheck(4));
+    const QStringList critical = capture.texts(QtCriticalMsg);
+    ASSERT_EQ(critical.size(), 1);
+    const QString line = critical.front();
+    EXPECT_TRUE(line.startsWith("[test_logging.cpp:")) << line.toStdString();
+    // The message's own "%" stays as filled in; only the condition's are escaped.
+    EXPECT_EQ(VyxTest::withoutLocation(line),
+              "[ !! ] Assertion 'value \\% 2 == 0' failed: value 3 is odd (50% off)");
+}
+
+TEST(Logging, LevelsUseBaseNameAndLine)
+{
+    MessageCapture capture;
+    const int line = __LINE__ + 1;
+    VYX_WARNING("answer %d", 42);
+    VYX_DEBUG("note");
+    VYX_CRITICAL("bad %s", "thing");
+    ASSERT_EQ(capture.messages().size(), 3u);
+    EXPECT_EQ(capture.messages()[0].type, QtWarningMsg);
+    EXPECT_EQ(capture.messages()[0].text, QString("[test_logging.cpp:%1] answer 42").arg(line));
+    EXPECT_EQ(capture.messages()[1].type, QtDebugMsg);
+    EXPECT_EQ(capture.messages()[2].type, QtCriticalMsg);
+    EXPECT_EQ(VyxTest::withoutLocation(capture.messages()[2].text), "bad thing");
+}
+
+TEST(Logging, SourceBaseName)
+{
+    EXPECT_STREQ(Tavren::Vyx::sourceBaseName("/a/b/c.cpp"), "c.cpp");
+    EXPECT_STREQ(Tavren::Vyx::sourceBaseName("c.cpp"), "c.cpp");
+    EXPECT_STREQ(Tavren::Vyx::sourceBaseName(nullptr), "");
+}
