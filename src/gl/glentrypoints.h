@@ -26,5 +26,10 @@ VYXGL_EXPORT const GLEntryPointInfo* findGLEntryPointInfo(const char* name);
 // no current context or the context's version and extensions do not offer it.
 VYXGL_EXPORT void* resolveGLEntryPoint(const char* name);
 
+// True for an extension named in VYX_HIDE_GL_EXTENSIONS (space-separated): the library then
+// treats it as absent, in entry-point lookups and extension queries alike. This exercises the
+// fallback paths on drivers that refuse to drop an extension.
+VYXGL_EXPORT bool isGLExtensionHidden(const char* name);
+
 } // namespace Vyx
 } // namespace Tavren

@@ -1,6 +1,7 @@
 #include "gl/glentrypoints.h"
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <unordered_set>
@@ -14,6 +15,21 @@
 
 namespace Tavren {
 namespace Vyx {
+
+bool isGLExtensionHidden(const char* name)
+{
+    const char* hidden = std::getenv("VYX_HIDE_GL_EXTENSIONS");
+    if (!hidden || !name || !*name)
+        return false;
+    const std::size_t length = std::strlen(name);
+    for (const char* p = std::strstr(hidden, name); p; p = std::strstr(p + 1, name)) {
+        const bool startsWord = p == hidden || p[-1] == ' ';
+        const bool endsWord = p[length] == '\0' || p[length] == ' ';
+        if (startsWord && endsWord)
+            return true;
+    }
+    return false;
+}
 
 #ifdef _WIN32
 
@@ -139,6 +155,8 @@ bool refreshFacts(bool egl, void* context)
         } else {
             insertWords(facts.extensions, legacyList);
         }
+        for (auto it = facts.extensions.begin(); it != facts.extensions.end();)
+            it = isGLExtensionHidden(it->c_str()) ? facts.extensions.erase(it) : std::next(it);
     }
 
     // The profile mask exists from 3.2; a 3.1 context without

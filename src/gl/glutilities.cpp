@@ -80,8 +80,9 @@ void readExtensions(ExtensionSet& set)
     GLint count = 0;
     glGetIntegerv(GL_NUM_EXTENSIONS, &count);
     for (GLint i = 0; i < count; ++i) {
-        if (const GLubyte* name = glGetStringi(GL_EXTENSIONS, static_cast<GLuint>(i)))
-            set.names.insert(QByteArray(reinterpret_cast<const char*>(name)));
+        const auto* name = reinterpret_cast<const char*>(glGetStringi(GL_EXTENSIONS, static_cast<GLuint>(i)));
+        if (name && !isGLExtensionHidden(name))
+            set.names.insert(QByteArray(name));
     }
 }
 

@@ -8,11 +8,16 @@ const char* reducedProfileExtensionOverride()
 {
     return "-GL_ARB_draw_indirect -GL_ARB_multi_draw_indirect -GL_ARB_tessellation_shader "
            "-GL_ARB_shader_atomic_counters -GL_ARB_shader_image_load_store -GL_ARB_base_instance "
-           "-GL_ARB_shader_draw_parameters -GL_ARB_direct_state_access -GL_ARB_buffer_storage "
-           "-GL_ARB_multi_bind -GL_ARB_parallel_shader_compile -GL_KHR_parallel_shader_compile "
+           "-GL_ARB_shader_draw_parameters -GL_ARB_buffer_storage "
            "-GL_ARB_texture_filter_anisotropic -GL_EXT_texture_filter_anisotropic "
            "-GL_KHR_texture_compression_astc_ldr -GL_KHR_texture_compression_astc_hdr "
            "-GL_KHR_texture_compression_astc_sliced_3d";
+}
+
+const char* hiddenExtensions()
+{
+    return "GL_ARB_direct_state_access GL_ARB_multi_bind GL_ARB_parallel_shader_compile "
+           "GL_KHR_parallel_shader_compile";
 }
 
 void applyReducedProfile()
@@ -20,6 +25,9 @@ void applyReducedProfile()
     setenv("MESA_GL_VERSION_OVERRIDE", "3.2", 1);
     setenv("MESA_GLSL_VERSION_OVERRIDE", "150", 1);
     setenv("MESA_EXTENSION_OVERRIDE", reducedProfileExtensionOverride(), 1);
+    // The driver will not drop these (and naming them above spoils the whole override),
+    // so the library is told to look past them.
+    setenv("VYX_HIDE_GL_EXTENSIONS", hiddenExtensions(), 1);
 }
 
 void applyCommonEnvironment()

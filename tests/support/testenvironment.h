@@ -11,6 +11,8 @@ void applyReducedProfile();
 void applyCommonEnvironment();
 // The extensions the reduced profile removes.
 const char* reducedProfileExtensionOverride();
+// The extensions the driver will not drop, which the library is told to ignore instead.
+const char* hiddenExtensions();
 
 QString testDataPath(const QString& relative);
 
