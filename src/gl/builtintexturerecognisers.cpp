@@ -1,4 +1,4 @@
-#include "gl/builtintexturerecognisers.h"
+#include "gl/builtintexturerecognisers_p.h"
 
 namespace Tavren::Vyx {
 

@@ -1,7 +1,7 @@
 #include "gl/glutilities.h"
 
 #include "core/logging.h"
-#include "gl/builtintexturerecognisers.h"
+#include "gl/builtintexturerecognisers_p.h"
 #include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
 
