@@ -3,7 +3,7 @@
 
     gen_gl_loader.py [gl.xml] [output directory]
 
-Defaults: /usr/share/khronos-api/gl.xml and the src/gl directory of this
+Defaults: /usr/share/khronos-api/gl.xml and the src/gl/generated directory of this
 repository. Output depends only on gl.xml, so regenerating from the same
 registry reproduces the committed files byte for byte.
 """
@@ -454,7 +454,7 @@ def generate(registry_path, out_dir):
 def main(argv):
     here = os.path.dirname(os.path.abspath(__file__))
     registry = argv[1] if len(argv) > 1 else DEFAULT_REGISTRY
-    out_dir = argv[2] if len(argv) > 2 else os.path.join(here, "..", "src", "gl")
+    out_dir = argv[2] if len(argv) > 2 else os.path.join(here, "..", "src", "gl", "generated")
     generate(registry, out_dir)
     return 0
 
