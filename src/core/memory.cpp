@@ -39,6 +39,7 @@ void RawMemory::release(unsigned char*)
 }
 
 MemoryMappedFile::MemoryMappedFile(const QString& path)
+    : RawMemory(nullptr, 0)
 {
     const QByteArray native = QFile::encodeName(path);
     const int fd = ::open(native.constData(), O_RDONLY | O_CLOEXEC);
@@ -66,22 +67,6 @@ MemoryMappedFile::~MemoryMappedFile()
 {
     if (_data)
         ::munmap(_data, _size);
-}
-
-uint64_t MemoryMappedFile::size() const
-{
-    return _size;
-}
-
-unsigned char* MemoryMappedFile::get(uint64_t offset, uint64_t length)
-{
-    if (!_data || !rangeInside(offset, length, _size))
-        return nullptr;
-    return _data + offset;
-}
-
-void MemoryMappedFile::release(unsigned char*)
-{
 }
 
 } // namespace Tavren::Vyx

@@ -33,14 +33,14 @@ public:
     unsigned char* get(uint64_t offset, uint64_t length) override;
     void release(unsigned char* pointer) override;
 
-private:
+protected:
     unsigned char* _data;
     uint64_t _size;
 };
 
 // A private copy-on-write mapping of a whole file: readers may patch bytes in place
 // (a header's byte order, say) without touching the file.
-class VYXGL_EXPORT MemoryMappedFile : public Memory
+class VYXGL_EXPORT MemoryMappedFile : public RawMemory
 {
 public:
     explicit MemoryMappedFile(const QString& path);
@@ -49,13 +49,8 @@ public:
     MemoryMappedFile& operator=(const MemoryMappedFile&) = delete;
 
     bool isOpen() const { return _opened; }
-    uint64_t size() const override;
-    unsigned char* get(uint64_t offset, uint64_t length) override;
-    void release(unsigned char* pointer) override;
 
 private:
-    unsigned char* _data = nullptr;
-    uint64_t _size = 0;
     bool _opened = false;
 };
 
