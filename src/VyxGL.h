@@ -10,3 +10,7 @@
 #include "gl/glcontexttracker.h"
 #include "gl/glutilities.h"
 #include "gl/opengldevicecontext.h"
+#include "gl/glslmacroprocessor.h"
+#include "gl/rangedvalue.h"
+#include "gl/shadercachemanager.h"
+#include "gl/shaderprogram.h"

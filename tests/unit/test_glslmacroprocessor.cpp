@@ -1,0 +1,119 @@
+#include "gl/glslmacroprocessor.h"
+#include "support/messagecapture.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+using Tavren::Vyx::GLSLMacroProcessor;
+using VyxTest::MessageCapture;
+
+namespace {
+
+void writeFile(const QString& path, const QByteArray& content)
+{
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(content);
+}
+
+} // namespace
+
+TEST(GLSLMacroProcessor, SourceWithoutDirectivesIsReturnedUnchanged)
+{
+    const QString source = "#version 150\nvoid main() {}";
+    EXPECT_EQ(GLSLMacroProcessor::process(source, nullptr), source);
+    GLSLMacroProcessor mp;
+    EXPECT_EQ(GLSLMacroProcessor::process(source, &mp), source);
+}
+
+TEST(GLSLMacroProcessor, DefinesFollowTheFirstVersionLineInKeyOrder)
+{
+    GLSLMacroProcessor mp;
+    mp.addDefine("B", "2");
+    mp.addDefine("A", "1");
+    EXPECT_EQ(GLSLMacroProcessor::process("#version 150\nL", &mp), "#version 150\n#define A 1\n#define B 2\nL\n");
+    EXPECT_EQ(GLSLMacroProcessor::process("#version 150\n#version 330\n", &mp),
+              "#version 150\n#define A 1\n#define B 2\n#version 330\n\n");
+    EXPECT_EQ(GLSLMacroProcessor::process("no version", &mp), "no version\n");
+
+    // A macro whose text is a version line counts as one; its own expansion injects the block too,
+    // and GLSL accepts the identical redefinition.
+    mp.addMacro("VERSION", "#version 400");
+    mp.removeDefine("B");
+    EXPECT_EQ(GLSLMacroProcessor::process("#macro VERSION #version 150\nL", &mp),
+              "#version 400\n#define A 1\n\n#define A 1\nL\n");
+}
+
+TEST(GLSLMacroProcessor, MacrosUseTheirTextOrTheDefaultAndMayExpandToIncludes)
+{
+    GLSLMacroProcessor mp;
+    EXPECT_EQ(GLSLMacroProcessor::process("  #macro NAME #version 150", &mp), "#version 150\n");
+
+    mp.addMacro("NAME", "#include \"noise2D.glslh\"");
+    const QString expanded = GLSLMacroProcessor::process("#macro NAME default", &mp);
+    EXPECT_TRUE(expanded.startsWith("#ifndef VYX_NOISE2D_GLSLH\n")) << expanded.toStdString();
+    EXPECT_TRUE(expanded.contains("float snoise(vec2 p);"));
+}
+
+TEST(GLSLMacroProcessor, IncludesResolveAlongThePathsAndReportWhatTheyCannot)
+{
+    QTemporaryDir dir;
+    writeFile(dir.filePath("Local.glslh"), "local line\n");
+    GLSLMacroProcessor mp;
+    mp.addIncludePath(dir.path());
+
+    MessageCapture capture;
+    // Embedded headers are found; no include-once rule.
+    const QString twice = GLSLMacroProcessor::process("#include \"noise2D.glslh\"\n#include \"noise2D.glslh\"", &mp);
+    EXPECT_EQ(twice.count("float snoise(vec2 p);"), 2);
+    EXPECT_EQ(GLSLMacroProcessor::process("#include  \"Local.glslh\"", &mp), "local line\n\n");
+    EXPECT_EQ(GLSLMacroProcessor::process("  #include \"Local.glslh\"", &mp), "  #include \"Local.glslh\"\n");
+    EXPECT_TRUE(capture.texts().isEmpty());
+
+    EXPECT_EQ(GLSLMacroProcessor::process("#include \"Missing.glslh\"", &mp), "#include \"Missing.glslh\"\n");
+    EXPECT_EQ(GLSLMacroProcessor::process("#include Local.glslh", &mp), "#include Local.glslh\n");
+    EXPECT_EQ(capture.texts(QtWarningMsg), QStringList({"Failed to open include file 'Missing.glslh'",
+                                                        "Cannot extract include filename from '#include Local.glslh'"}));
+}
+
+TEST(GLSLMacroProcessor, CyclicIncludesAndSelfExpandingMacrosStopWithAWarning)
+{
+    QTemporaryDir dir;
+    writeFile(dir.filePath("Self.glslh"), "self\n#include \"Self.glslh\"");
+    writeFile(dir.filePath("A.glslh"), "a\n#include \"B.glslh\"");
+    writeFile(dir.filePath("B.glslh"), "b\n#include \"A.glslh\"");
+    GLSLMacroProcessor mp;
+    mp.addIncludePath(dir.path());
+    mp.addMacro("LOOP", "#macro LOOP again");
+
+    MessageCapture capture;
+    EXPECT_EQ(GLSLMacroProcessor::process("#include \"Self.glslh\"", &mp), "self\n#include \"Self.glslh\"\n\n");
+    EXPECT_EQ(GLSLMacroProcessor::process("#include \"A.glslh\"", &mp), "a\nb\n#include \"A.glslh\"\n\n\n");
+    EXPECT_EQ(GLSLMacroProcessor::process("#macro LOOP x", &mp), "#macro LOOP again\n\n");
+    const QStringList warnings = capture.texts(QtWarningMsg);
+    ASSERT_EQ(warnings.size(), 3);
+    EXPECT_TRUE(warnings[0].startsWith("Recursive include ignored: '")) << warnings[0].toStdString();
+    EXPECT_TRUE(warnings[0].endsWith("Self.glslh' is already being expanded"));
+    EXPECT_EQ(warnings[2], "Recursive macro ignored: '#macro LOOP' is already being expanded");
+}
+
+TEST(GLSLMacroProcessor, InstanceDataLinesGoThroughTheInstalledResolver)
+{
+    MessageCapture capture;
+    EXPECT_EQ(GLSLMacroProcessor::process("#instancedata \"Plan\"", nullptr), "#instancedata \"Plan\"\n");
+
+    GLSLMacroProcessor::setInstanceDataResolver([](const QString& name, QString* glslh) {
+        if (name != "Plan")
+            return false;
+        *glslh = "#macro TYPE float\nTYPE getValue(void);";
+        return true;
+    });
+    GLSLMacroProcessor mp;
+    mp.addMacro("TYPE", "vec4 getValue(void);");
+    EXPECT_EQ(GLSLMacroProcessor::process("#instancedata \"Plan\"", &mp), "vec4 getValue(void);\nTYPE getValue(void);\n\n");
+    EXPECT_EQ(GLSLMacroProcessor::process("#instancedata \"Other\"", &mp), "#instancedata \"Other\"\n");
+    GLSLMacroProcessor::setInstanceDataResolver({});
+    EXPECT_TRUE(capture.texts().isEmpty());
+}
