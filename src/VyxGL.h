@@ -14,3 +14,8 @@
 #include "gl/rangedvalue.h"
 #include "gl/shadercachemanager.h"
 #include "gl/shaderprogram.h"
+#include "gl/bufferobject.h"
+#include "gl/framebufferobject.h"
+#include "gl/texture.h"
+#include "gl/textureformat.h"
+#include "gl/vertexarraybuilder.h"

@@ -1,5 +1,7 @@
 #include "gl/opengldevicecontext.h"
 
+#include "gl/bufferobject.h"
+
 namespace Tavren::Vyx {
 
 namespace {
@@ -15,6 +17,16 @@ QSharedPointer<OpenGLDeviceContext>& installedDeviceContext()
 OpenGLDeviceContext::OpenGLDeviceContext() = default;
 
 OpenGLDeviceContext::~OpenGLDeviceContext() = default;
+
+QSharedPointer<BufferObject> OpenGLDeviceContext::newBuffer(unsigned int bo)
+{
+    return QSharedPointer<BufferObject>(new BufferObject(bo));
+}
+
+QSharedPointer<BufferObject> OpenGLDeviceContext::newBuffer()
+{
+    return QSharedPointer<BufferObject>(new BufferObject());
+}
 
 QSharedPointer<OpenGLDeviceContext> OpenGLDeviceContext::current()
 {

@@ -6,6 +6,8 @@
 
 namespace Tavren::Vyx {
 
+class BufferObject;
+
 // Process-wide factory of the commonest GL objects, handed out as shared pointers.
 // The host installs an instance with resetContext() and replaces it to drop every cached object.
 class VYXGL_EXPORT OpenGLDeviceContext
@@ -13,6 +15,11 @@ class VYXGL_EXPORT OpenGLDeviceContext
 public:
     OpenGLDeviceContext();
     virtual ~OpenGLDeviceContext();
+
+    // Adopts an existing GL buffer name; the buffer object never deletes it.
+    virtual QSharedPointer<BufferObject> newBuffer(unsigned int bo);
+    // A buffer object with a GL name of its own, deleted with it; no target set.
+    virtual QSharedPointer<BufferObject> newBuffer();
 
     OpenGLDeviceContext(const OpenGLDeviceContext&) = delete;
     OpenGLDeviceContext& operator=(const OpenGLDeviceContext&) = delete;

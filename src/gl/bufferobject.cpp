@@ -1,0 +1,358 @@
+#include "gl/bufferobject.h"
+
+#include "core/logging.h"
+#include "gl/glloader.h"
+#include "gl/glutilities.h"
+
+#include <QSet>
+
+namespace Tavren::Vyx {
+
+namespace {
+
+int aliveBuffers = 0;
+int aliveManagedBuffers = 0;
+
+// Entry points the driver may lack; null then.
+PFNVYXGLBUFFERSTORAGEPROC bufferStorage = nullptr;
+PFNVYXGLNAMEDBUFFERDATAPROC namedBufferData = nullptr;
+PFNVYXGLNAMEDBUFFERSTORAGEPROC namedBufferStorage = nullptr;
+PFNVYXGLNAMEDBUFFERSUBDATAPROC namedBufferSubData = nullptr;
+// Direct state access only works on names whose object exists, which glGenBuffers does not
+// give until the first bind; glCreateBuffers does.
+PFNVYXGLCREATEBUFFERSPROC createBuffers = nullptr;
+
+void lookUpOptionalEntryPoints()
+{
+    // Repeated at every construction on a driver without direct state access; accepted.
+    if (namedBufferData)
+        return;
+    bufferStorage = reinterpret_cast<PFNVYXGLBUFFERSTORAGEPROC>(getGLProcAddress("glBufferStorage", true));
+    namedBufferData = reinterpret_cast<PFNVYXGLNAMEDBUFFERDATAPROC>(getGLProcAddress("glNamedBufferData", true));
+    namedBufferStorage =
+        reinterpret_cast<PFNVYXGLNAMEDBUFFERSTORAGEPROC>(getGLProcAddress("glNamedBufferStorage", true));
+    namedBufferSubData =
+        reinterpret_cast<PFNVYXGLNAMEDBUFFERSUBDATAPROC>(getGLProcAddress("glNamedBufferSubData", true));
+    createBuffers = reinterpret_cast<PFNVYXGLCREATEBUFFERSPROC>(getGLProcAddress("glCreateBuffers", true));
+}
+
+QSet<unsigned int>& indexedBufferObjectTargets()
+{
+    static QSet<unsigned int> targets;
+    return targets;
+}
+
+} // namespace
+
+BufferObject::BufferObject(unsigned int bo, QObject* parent)
+    : QObject(parent)
+    , _bo(bo)
+{
+    lookUpOptionalEntryPoints();
+    ++aliveBuffers;
+}
+
+BufferObject::BufferObject(QObject* parent)
+    : QObject(parent)
+    , _managed(true)
+{
+    lookUpOptionalEntryPoints();
+    create();
+    ++aliveBuffers;
+    ++aliveManagedBuffers;
+}
+
+BufferObject::~BufferObject()
+{
+    if (_managed) {
+        destroy();
+        --aliveManagedBuffers;
+    }
+    --aliveBuffers;
+}
+
+int BufferObject::NumAlive()
+{
+    return aliveBuffers;
+}
+
+int BufferObject::NumAliveManaged()
+{
+    return aliveManagedBuffers;
+}
+
+bool BufferObject::create()
+{
+    if (!VYX_CHECK(0u == this->_bo, "Buffer Object is not NULL on create"))
+        return false;
+    if (!VYX_CHECK(0u == this->_boBountTarget, "Buffer Object is already bound on create to target %d",
+                   _boBountTarget))
+        return false;
+    if (namedBufferData && createBuffers)
+        createBuffers(1, &_bo);
+    else
+        glGenBuffers(1, &_bo);
+    return true;
+}
+
+bool BufferObject::destroy()
+{
+    // A bound buffer keeps its name (and leaks it) rather than vanish under its binding.
+    if (!VYX_CHECK(0u == this->_boBountTarget, "Buffer Object is already bound on destroy to target %d",
+                   _boBountTarget))
+        return false;
+    if (_bo != 0)
+        glDeleteBuffers(1, &_bo);
+    _bo = 0;
+    return true;
+}
+
+void BufferObject::initializeIndexedBufferObjecttargets()
+{
+    QSet<unsigned int>& targets = indexedBufferObjectTargets();
+    if (targets.isEmpty())
+        targets.insert(GL_ATOMIC_COUNTER_BUFFER);
+}
+
+void BufferObject::setTarget(unsigned int target)
+{
+    initializeIndexedBufferObjecttargets();
+    if (indexedBufferObjectTargets().contains(target))
+        VYX_CRITICAL("Cannot use setTarget() for indexed buffer object such as GL_UNIFORM_BUFFER. Use "
+                     "setIndexedTarget() instead.");
+    _target = target;
+    _useBindBufferRange = false;
+}
+
+void BufferObject::setIndexedTarget(unsigned int target, unsigned int index, std::ptrdiff_t offset,
+                                    std::ptrdiff_t size)
+{
+    initializeIndexedBufferObjecttargets();
+    if (!indexedBufferObjectTargets().contains(target))
+        VYX_CRITICAL("Cannot use setIndexedTarget() for non-indexed buffer object such as GL_ARRAY_BUFFER. Use "
+                     "setTarget() instead.");
+    _target = target;
+    _bindIndex = index;
+    _bindOffset = offset;
+    _bindSize = size;
+    _useBindBufferRange = true;
+}
+
+bool BufferObject::bind()
+{
+    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on bind"))
+        return false;
+    if (!VYX_CHECK(0u == this->_boBountTarget, "Buffer Object is already bound on bind to target %d",
+                   _boBountTarget))
+        return false;
+    if (!VYX_CHECK(0u != this->_target, "Buffer Object's target is not set when bind() is called"))
+        return false;
+    if (_useBindBufferRange)
+        glBindBufferRange(_target, _bindIndex, _bo, _bindOffset, _bindSize);
+    else
+        glBindBuffer(_target, _bo);
+    _boBountTarget = _target;
+    return true;
+}
+
+bool BufferObject::unbind()
+{
+    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on unbind"))
+        return false;
+    if (!VYX_CHECK(0u != this->_boBountTarget, "Buffer Object is not bound on unbind"))
+        return false;
+    // Indexed buffers release binding point 0, whatever index they were bound on.
+    if (_useBindBufferRange)
+        glBindBufferRange(_target, 0, 0, 0, 0);
+    else
+        glBindBuffer(_target, 0);
+    _boBountTarget = 0;
+    return true;
+}
+
+bool BufferObject::rebind(BufferObject* bufferObjectBound, bool force)
+{
+    if (!bufferObjectBound)
+        return bind();
+    if (bufferObjectBound == this && !force)
+        return true;
+    if (bufferObjectBound != this) {
+        if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on bind"))
+            return false;
+        if (!VYX_CHECK(0u == this->_boBountTarget, "Buffer Object is already bound on bind to target %d",
+                       _boBountTarget))
+            return false;
+        if (!VYX_CHECK(0u != this->_target, "Buffer Object's target is not set when bind() is called"))
+            return false;
+        if (!VYX_CHECK(0u != bufferObjectBound->_boBountTarget, "Bound Buffer Object is not already bound to target %d",
+                       bufferObjectBound->_boBountTarget))
+            return false;
+        if (!VYX_CHECK(_target == bufferObjectBound->_boBountTarget, "Bound Buffer Object target %d is not the same target %d",
+                       _target, bufferObjectBound->_boBountTarget))
+            return false;
+        if (!VYX_CHECK(_useBindBufferRange == bufferObjectBound->_useBindBufferRange,
+                       "Bound BO useRange does not match the rebind Buffer Object"))
+            return false;
+    }
+    const unsigned int boundName = bufferObjectBound->_bo;
+    bufferObjectBound->_boBountTarget = 0;
+    if (_useBindBufferRange)
+        glBindBufferRange(_target, _bindIndex, _bo, _bindOffset, _bindSize);
+    else if (boundName != _bo || force)
+        glBindBuffer(_target, _bo);
+    _boBountTarget = _target;
+    return true;
+}
+
+bool BufferObject::isBindNeededForUpload() const
+{
+    if (_storageBuffer)
+        return false;
+    return !namedBufferData || _useBindBufferRange || _valueCount == 0;
+}
+
+bool BufferObject::uploadBytes(const void* data, int valueCount, size_t valueSize, unsigned int usage)
+{
+    const auto bytes = static_cast<GLsizeiptr>(static_cast<size_t>(valueCount) * valueSize);
+    if (namedBufferData && 0u == _boBountTarget) {
+        namedBufferData(_bo, bytes, data, usage);
+    } else {
+        if (!VYX_CHECK(0u != this->_boBountTarget, "Buffer Object is not bound on upload"))
+            return false;
+        glBufferData(_boBountTarget, bytes, data, usage);
+    }
+    _valueCount = valueCount;
+    _valueSize = valueSize;
+    return true;
+}
+
+bool BufferObject::upload(const float* values, int valueCount, unsigned int usage)
+{
+    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on upload"))
+        return false;
+    if (!VYX_CHECK(0 != valueCount, "Buffer Object needs more and 0 values during upload"))
+        return false;
+    if (!VYX_CHECK(0 < valueCount, "Buffer Object got a negative value count %d during upload", valueCount))
+        return false;
+    return uploadBytes(values, valueCount, sizeof(float), usage);
+}
+
+bool BufferObject::upload(const QVector<float>& values, unsigned int usage)
+{
+    return upload(values.constData(), values.size(), usage);
+}
+
+bool BufferObject::uploadGLuintData(const unsigned int* values, int valueCount, unsigned int usage)
+{
+    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on upload"))
+        return false;
+    if (!VYX_CHECK(0 != valueCount, "Buffer Object needs more and 0 values during upload"))
+        return false;
+    if (!VYX_CHECK(0 < valueCount, "Buffer Object got a negative value count %d during upload", valueCount))
+        return false;
+    return uploadBytes(values, valueCount, sizeof(unsigned int), usage);
+}
+
+bool BufferObject::uploadGLushortData(const unsigned short* values, int valueCount, unsigned int usage)
+{
+    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on upload"))
+        return false;
+    if (!VYX_CHECK(0 != valueCount, "Buffer Object needs more and 0 values during upload"))
+        return false;
+    if (!VYX_CHECK(0 < valueCount, "Buffer Object got a negative value count %d during upload", valueCount))
+        return false;
+    return uploadBytes(values, valueCount, sizeof(unsigned short), usage);
+}
+
+bool BufferObject::uploadArbitraryData(const void* values, int valueCount, unsigned int usage, size_t valueSize)
+{
+    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on upload"))
+        return false;
+    if (!VYX_CHECK(0 != valueCount, "Buffer Object needs more and 0 values during upload"))
+        return false;
+    if (!VYX_CHECK(0 < valueCount, "Buffer Object got a negative value count %d during upload", valueCount))
+        return false;
+    if (!VYX_CHECK(0 != valueSize, "Buffer Object needs more and 0 value size during upload"))
+        return false;
+    if (!_storageBuffer)
+        return uploadBytes(values, valueCount, valueSize, usage);
+    // Immutable storage: replace the contents, no bind needed.
+    namedBufferSubData(_bo, 0, static_cast<GLsizeiptr>(static_cast<size_t>(valueCount) * valueSize), values);
+    _valueCount = valueCount;
+    _valueSize = valueSize;
+    return true;
+}
+
+bool BufferObject::subUpload(const float* values, int valueCount, int offset)
+{
+    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on upload"))
+        return false;
+    if (!VYX_CHECK(0 != valueCount, "Buffer Object needs more and 0 values during upload"))
+        return false;
+    if (!VYX_CHECK(0u != this->_boBountTarget, "Buffer Object is not bound on upload"))
+        return false;
+    if (!VYX_CHECK(0 <= offset && 0 < valueCount, "Buffer Object got offset %d and value count %d during upload",
+                   offset, valueCount))
+        return false;
+    if (!VYX_CHECK(offset + valueCount <= _valueCount, "Buffer Object is not large enough to hold data"))
+        return false;
+    glBufferSubData(_boBountTarget, static_cast<GLintptr>(offset) * 4, static_cast<GLsizeiptr>(valueCount) * 4,
+                    values);
+    return true;
+}
+
+bool BufferObject::subUpload(const QVector<float>& values, int offset)
+{
+    return subUpload(values.constData(), values.size(), offset);
+}
+
+void* BufferObject::map(unsigned int access)
+{
+    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on map"))
+        return nullptr;
+    if (!VYX_CHECK(0u != this->_boBountTarget, "Buffer Object is not bound on map"))
+        return nullptr;
+    if (!VYX_CHECK(0u != this->_target, "Buffer Object's Target is not set when map() is called"))
+        return nullptr;
+    return glMapBuffer(_target, access);
+}
+
+void BufferObject::unmap()
+{
+    VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on map");
+    VYX_CHECK(0u != this->_boBountTarget, "Buffer Object is not bound on unmap");
+    VYX_CHECK(0u != this->_target, "Buffer Object's target is not set when unmap() is called");
+    glUnmapBuffer(_target);
+}
+
+void BufferObject::useStorageBuffer(int size, int flags)
+{
+    if (!namedBufferStorage && !bufferStorage)
+        return;
+    if (!namedBufferSubData)
+        return;
+    VYX_CHECK(0u != this->_bo, "Buffer Object is NULL during StorageBuffer setup");
+    // Storage buffers hold uniform data, so the fixed target is GL_UNIFORM_BUFFER.
+    if (bufferStorage) {
+        glBindBuffer(GL_UNIFORM_BUFFER, _bo);
+        bufferStorage(GL_UNIFORM_BUFFER, size, nullptr, static_cast<GLbitfield>(flags));
+        glBindBuffer(GL_UNIFORM_BUFFER, 0);
+    } else {
+        namedBufferStorage(_bo, size, nullptr, static_cast<GLbitfield>(flags));
+    }
+    _storageBuffer = true;
+}
+
+size_t BufferObject::memoryEstimateCPU() const
+{
+    return 88;
+}
+
+size_t BufferObject::memoryEstimateGPU() const
+{
+    if (_bo == 0)
+        return 0;
+    return static_cast<size_t>(_valueCount) * _valueSize;
+}
+
+} // namespace Tavren::Vyx

@@ -1,0 +1,370 @@
+#include "gl/framebufferobject.h"
+
+#include "core/logging.h"
+#include "gl/glloader.h"
+#include "gl/texture.h"
+#include "gl/texturerelease.h"
+
+namespace Tavren::Vyx {
+
+namespace {
+
+int aliveFramebuffers = 0;
+int fboTexturesAttached = 0;
+int activeFboTextures = 0;
+
+bool isColourPoint(unsigned int attachmentPoint)
+{
+    return attachmentPoint != GL_DEPTH_ATTACHMENT && attachmentPoint != GL_STENCIL_ATTACHMENT &&
+           attachmentPoint != GL_DEPTH_STENCIL_ATTACHMENT;
+}
+
+bool needsLayerAttach(unsigned int target)
+{
+    return target == GL_TEXTURE_3D || target == GL_TEXTURE_2D_ARRAY || target == GL_PROXY_TEXTURE_3D ||
+           target == GL_PROXY_TEXTURE_2D_ARRAY;
+}
+
+bool isProxyTarget(unsigned int target)
+{
+    return target == GL_PROXY_TEXTURE_3D || target == GL_PROXY_TEXTURE_2D_ARRAY;
+}
+
+bool hasLayers(unsigned int target)
+{
+    switch (target) {
+    case GL_TEXTURE_3D:
+    case GL_TEXTURE_1D_ARRAY:
+    case GL_TEXTURE_2D_ARRAY:
+    case GL_TEXTURE_CUBE_MAP:
+    case GL_TEXTURE_CUBE_MAP_ARRAY:
+    case GL_TEXTURE_2D_MULTISAMPLE_ARRAY: return true;
+    default: return false;
+    }
+}
+
+void setNearestFiltering(unsigned int target)
+{
+    glTexParameteri(target, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+    glTexParameteri(target, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+}
+
+} // namespace
+
+FramebufferObject::FramebufferObject(unsigned int fbo, QObject* parent)
+    : QObject(parent)
+    , _fbo(fbo)
+{
+    ++aliveFramebuffers;
+}
+
+FramebufferObject::FramebufferObject(QObject* parent)
+    : QObject(parent)
+{
+    create();
+}
+
+FramebufferObject::~FramebufferObject()
+{
+    destroy();
+    --aliveFramebuffers;
+}
+
+bool FramebufferObject::create()
+{
+    if (!VYX_CHECK(0u == this->_fbo, "Framebuffer Object is not NULL on create"))
+        return false;
+    if (!VYX_CHECK(false == this->_fboBound, "Framebuffer Object is already bound on create"))
+        return false;
+    glGenFramebuffers(1, &_fbo);
+    _managed = true;
+    ++aliveFramebuffers;
+    return true;
+}
+
+bool FramebufferObject::destroy()
+{
+    // A bound framebuffer keeps its name rather than vanish under its binding.
+    if (!VYX_CHECK(false == this->_fboBound, "Framebuffer Object is already bound on destroy"))
+        return false;
+    if (_fbo != 0 && _managed)
+        glDeleteFramebuffers(1, &_fbo);
+    _fbo = 0;
+    _managed = false;
+    return true;
+}
+
+void FramebufferObject::setFBO(unsigned int fbo)
+{
+    if (_managed && _fbo != 0 && _fbo != fbo)
+        glDeleteFramebuffers(1, &_fbo);
+    _fbo = fbo;
+    _managed = false;
+}
+
+bool FramebufferObject::bind()
+{
+    if (!VYX_CHECK(0u != this->_fbo, "Framebuffer Object is NULL on bind"))
+        return false;
+    if (!VYX_CHECK(false == this->_fboBound, "Framebuffer Object is already bound on bind"))
+        return false;
+    glBindFramebuffer(GL_FRAMEBUFFER, _fbo);
+    _fboBound = true;
+    return true;
+}
+
+bool FramebufferObject::unbind()
+{
+    if (!VYX_CHECK(0u != this->_fbo, "Framebuffer Object is NULL on unbind"))
+        return false;
+    if (!VYX_CHECK(true == this->_fboBound, "Framebuffer Object is not bound on unbind"))
+        return false;
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    _fboBound = false;
+    return true;
+}
+
+bool FramebufferObject::isComplete()
+{
+    const bool bindHere = !_fboBound;
+    if (bindHere && !bind())
+        return false;
+    const bool complete = glCheckFramebufferStatus(GL_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE;
+    if (bindHere)
+        unbind();
+    return complete;
+}
+
+bool FramebufferObject::checkAttachable()
+{
+    if (!VYX_CHECK(0u != this->_fbo, "Framebuffer Object is NULL on attach"))
+        return false;
+    if (!VYX_CHECK(true == this->_fboBound, "Framebuffer Object is not bound on attach"))
+        return false;
+    return true;
+}
+
+bool FramebufferObject::checkPointFree(unsigned int attachmentPoint)
+{
+    return VYX_CHECK(false == this->_attachments.contains(attachmentPoint),
+                     "Framebuffer Object already has attachment at %d", attachmentPoint);
+}
+
+void FramebufferObject::recordAttachment(Texture* texture, unsigned int attachmentPoint, int level)
+{
+    if (!_attachments.contains(attachmentPoint)) {
+        if (isColourPoint(attachmentPoint))
+            _drawBuffers.append(attachmentPoint);
+        ++activeFboTextures;
+    }
+    _attachments.insert(attachmentPoint, texture);
+    _attachmentLevels.insert(attachmentPoint, level);
+    ++fboTexturesAttached;
+}
+
+bool FramebufferObject::attach(Texture* texture, unsigned int attachmentPoint, int level)
+{
+    if (!checkAttachable() || !checkPointFree(attachmentPoint))
+        return false;
+    if (!VYX_CHECK(nullptr != texture, "Texture is NULL on attach at %d", attachmentPoint))
+        return false;
+    const unsigned int target = texture->target();
+    if (needsLayerAttach(target)) {
+        VYX_CHECK(false,
+                  "Texture Target 0x%X is not supported by FramebufferObject::attach() use FramebufferObject::attach3D()",
+                  target);
+        return false;
+    }
+    glFramebufferTexture2D(GL_FRAMEBUFFER, attachmentPoint, target, texture->textureID(), level);
+    recordAttachment(texture, attachmentPoint, level);
+    return true;
+}
+
+bool FramebufferObject::attach3D(Texture* texture, unsigned int attachmentPoint, int level, int layer)
+{
+    if (!checkAttachable() || !checkPointFree(attachmentPoint))
+        return false;
+    if (!VYX_CHECK(nullptr != texture, "Texture is NULL on attach at %d", attachmentPoint))
+        return false;
+    if (texture->target() == GL_TEXTURE_3D)
+        glFramebufferTexture3D(GL_FRAMEBUFFER, attachmentPoint, GL_TEXTURE_3D, texture->textureID(), level, layer);
+    else
+        glFramebufferTextureLayer(GL_FRAMEBUFFER, attachmentPoint, texture->textureID(), level, layer);
+    recordAttachment(texture, attachmentPoint, level);
+    return true;
+}
+
+bool FramebufferObject::attachLayers(Texture* texture, unsigned int attachmentPoint, int level)
+{
+    if (!checkAttachable() || !checkPointFree(attachmentPoint))
+        return false;
+    if (!VYX_CHECK(nullptr != texture, "Texture is NULL on attach at %d", attachmentPoint))
+        return false;
+    if (!hasLayers(texture->target())) {
+        VYX_CHECK(false,
+                  "Texture Target 0x%X is not supported by FramebufferObject::attachLayer() use FramebufferObject::attach()",
+                  texture->target());
+        return false;
+    }
+    glFramebufferTexture(GL_FRAMEBUFFER, attachmentPoint, texture->textureID(), level);
+    recordAttachment(texture, attachmentPoint, level);
+    return true;
+}
+
+bool FramebufferObject::attachUpdate(Texture* texture, unsigned int attachmentPoint, int level)
+{
+    if (!checkAttachable())
+        return false;
+    if (!VYX_CHECK(nullptr != texture, "Texture is NULL on attach at %d", attachmentPoint))
+        return false;
+    const unsigned int target = texture->target();
+    if (isProxyTarget(target)) {
+        VYX_CHECK(false,
+                  "Texture Target 0x%X is not supported by FramebufferObject::attach() use FramebufferObject::attach3D()",
+                  target);
+        return false;
+    }
+    // Attaching over a point replaces what was there; no detach is needed in between.
+    if (hasLayers(target))
+        glFramebufferTexture(GL_FRAMEBUFFER, attachmentPoint, texture->textureID(), level);
+    else
+        glFramebufferTexture2D(GL_FRAMEBUFFER, attachmentPoint, target, texture->textureID(), level);
+    recordAttachment(texture, attachmentPoint, level);
+    return true;
+}
+
+Texture* FramebufferObject::detach(unsigned int attachmentPoint)
+{
+    if (!VYX_CHECK(0u != this->_fbo, "Framebuffer Object is NULL on detach"))
+        return nullptr;
+    if (!VYX_CHECK(true == this->_fboBound, "Framebuffer Object is not bound on detach"))
+        return nullptr;
+    if (!VYX_CHECK(true == this->_attachments.contains(attachmentPoint),
+                   "Framebuffer Object has nothing attached to attachment at %d", attachmentPoint))
+        return nullptr;
+    if (!VYX_CHECK(true == this->_attachmentLevels.contains(attachmentPoint),
+                   "Framebuffer Object has no level info for attachment at %d", attachmentPoint))
+        return nullptr;
+    glFramebufferTexture(GL_FRAMEBUFFER, attachmentPoint, 0, _attachmentLevels.value(attachmentPoint));
+    Texture* texture = _attachments.take(attachmentPoint);
+    _attachmentLevels.remove(attachmentPoint);
+    _drawBuffers.removeAll(attachmentPoint);
+    --activeFboTextures;
+    return texture;
+}
+
+void FramebufferObject::detachAll()
+{
+    for (unsigned int attachmentPoint : attachmentPoints())
+        detach(attachmentPoint);
+}
+
+Texture* FramebufferObject::detachAndRelease(unsigned int attachmentPoint)
+{
+    Texture* texture = detach(attachmentPoint);
+    if (!texture)
+        return nullptr;
+    return releaseTextureToManager(texture);
+}
+
+void FramebufferObject::detachAndReleaseAll()
+{
+    for (unsigned int attachmentPoint : attachmentPoints())
+        detachAndRelease(attachmentPoint);
+}
+
+Texture* FramebufferObject::createTexture2D(unsigned int attachmentPoint, unsigned int internalFormat,
+                                            unsigned int format, unsigned int type, int width, int height)
+{
+    if (!checkAttachable() || !checkPointFree(attachmentPoint))
+        return nullptr;
+    auto* texture = new Texture();
+    texture->setTarget(GL_TEXTURE_2D);
+    {
+        AutoBinder binder(texture);
+        if (!binder.isBound()) {
+            delete texture;
+            return nullptr;
+        }
+        setNearestFiltering(GL_TEXTURE_2D);
+        glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(internalFormat), width, height, 0, format, type, nullptr);
+    }
+    if (!attach(texture, attachmentPoint, 0)) {
+        delete texture;
+        return nullptr;
+    }
+    return texture;
+}
+
+Texture* FramebufferObject::createTexture3D(unsigned int attachmentPoint, unsigned int internalFormat,
+                                            unsigned int format, unsigned int type, int width, int height,
+                                            int depth)
+{
+    if (!checkAttachable() || !checkPointFree(attachmentPoint))
+        return nullptr;
+    auto* texture = new Texture();
+    texture->setTarget(GL_TEXTURE_2D_ARRAY);
+    {
+        AutoBinder binder(texture);
+        if (!binder.isBound()) {
+            delete texture;
+            return nullptr;
+        }
+        setNearestFiltering(GL_TEXTURE_2D_ARRAY);
+        glTexImage3D(GL_TEXTURE_2D_ARRAY, 0, static_cast<GLint>(internalFormat), width, height, depth, 0, format,
+                     type, nullptr);
+    }
+    if (!attachLayers(texture, attachmentPoint, 0)) {
+        delete texture;
+        return nullptr;
+    }
+    return texture;
+}
+
+bool FramebufferObject::setDrawBuffers()
+{
+    if (!checkAttachable())
+        return false;
+    glDrawBuffers(static_cast<GLsizei>(_drawBuffers.size()), _drawBuffers.constData());
+    return true;
+}
+
+bool FramebufferObject::hasAttachment(unsigned int attachmentPoint) const
+{
+    return _attachments.contains(attachmentPoint);
+}
+
+Texture* FramebufferObject::attachment(unsigned int attachmentPoint) const
+{
+    if (!VYX_CHECK(this->_attachments.contains(attachmentPoint), "Framebuffer Object does not have an attachment at %d",
+                   attachmentPoint))
+        return nullptr;
+    return _attachments.value(attachmentPoint);
+}
+
+QList<unsigned int> FramebufferObject::attachmentPoints() const
+{
+    return _attachments.keys();
+}
+
+int FramebufferObject::NumAlive()
+{
+    return aliveFramebuffers;
+}
+
+int FramebufferObject::NumFBOTextures()
+{
+    return fboTexturesAttached;
+}
+
+int FramebufferObject::NumActiveFBOTextures()
+{
+    return activeFboTextures;
+}
+
+void FramebufferObject::ResetNumFBOTextures()
+{
+    fboTexturesAttached = 0;
+}
+
+} // namespace Tavren::Vyx

@@ -1,0 +1,259 @@
+#include "gl/texture.h"
+
+#include "core/logging.h"
+#include "gl/glcontexttracker.h"
+#include "gl/glloader.h"
+#include "gl/glutilities.h"
+
+#include <QHash>
+#include <QMap>
+
+namespace Tavren::Vyx {
+
+namespace {
+
+// Unit bookkeeping of one GL context.
+struct ContextInfo
+{
+    int maxTextureImageUnits = 0;
+    QHash<unsigned int, int> textureToUnitMaps;
+    QHash<unsigned int, int> boundTextureCounts;
+    // Ordered, so the lowest free unit is the first key.
+    QMap<int, int> freeTextureUnits;
+    bool initialised = false;
+};
+
+PerContextRecords<ContextInfo>& contextInfos()
+{
+    static PerContextRecords<ContextInfo> records;
+    return records;
+}
+
+void initilizeFreeTextureUnits(ContextInfo& contextInfo, void* context)
+{
+    VYX_CHECK(0 == contextInfo.maxTextureImageUnits,
+              "VyxTexture::initilizeFreeTextureUnits() : m_MaxTextureImageUnits is set for exisitng GL context, %p",
+              context);
+    glGetIntegerv(GL_MAX_TEXTURE_IMAGE_UNITS, &contextInfo.maxTextureImageUnits);
+    for (int unit = 0; unit < contextInfo.maxTextureImageUnits; ++unit)
+        contextInfo.freeTextureUnits.insert(unit, unit);
+    contextInfo.initialised = true;
+}
+
+// Runs fn on the current context's record, setting the record up on first use.
+template <typename Fn>
+decltype(auto) withContextInfo(Fn&& fn)
+{
+    void* context = GLContextTracker::currentContext();
+    return contextInfos().with(context, [&](ContextInfo& contextInfo) {
+        if (!contextInfo.initialised)
+            initilizeFreeTextureUnits(contextInfo, context);
+        return fn(contextInfo);
+    });
+}
+
+void setNearestFiltering(unsigned int target)
+{
+    glTexParameteri(target, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+    glTexParameteri(target, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+}
+
+int aliveTextures = 0;
+
+} // namespace
+
+Texture::Texture(QObject* parent)
+    : QObject(parent)
+    , _managed(true)
+{
+    create();
+    ++aliveTextures;
+}
+
+Texture::Texture(unsigned int textureID, QObject* parent)
+    : QObject(parent)
+    , _textureID(textureID)
+{
+    VYX_CHECK(textureID != 0, "Texture ID was zero, can't wrap a non-existent texture");
+    ++aliveTextures;
+}
+
+Texture::~Texture()
+{
+    destroy();
+    --aliveTextures;
+}
+
+int Texture::NumAlive()
+{
+    return aliveTextures;
+}
+
+bool Texture::create()
+{
+    if (!VYX_CHECK(0u == this->_textureID, "Texture is not NULL on create"))
+        return false;
+    if (!VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture"))
+        return false;
+    glGenTextures(1, &_textureID);
+    return true;
+}
+
+bool Texture::destroy()
+{
+    if (!VYX_CHECK(0u != this->_textureID, "Texture is NULL on destroy"))
+        return false;
+    // A texture destroyed while bound keeps its unit allocated in that context.
+    if (_managed)
+        glDeleteTextures(1, &_textureID);
+    return true;
+}
+
+void Texture::setTarget(unsigned int target)
+{
+    VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture");
+    _target = target;
+}
+
+void Texture::setReadOnly()
+{
+    _readonly = true;
+}
+
+Texture* Texture::create2D(unsigned int target, unsigned int internalFormat, int width, int height)
+{
+    VYX_CHECK(target == GL_TEXTURE_2D, "Target 0x%X is not allowed.", target);
+    VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture");
+    setTarget(target);
+    AutoBinder binder(this);
+    // Without a unit of its own the calls would change whatever texture is bound.
+    if (!binder.isBound())
+        return this;
+    setNearestFiltering(target);
+    glTexImage2D(target, 0, static_cast<GLint>(internalFormat), width, height, 0,
+                 formatFromInternalFormat(internalFormat), typeFromInternalFormat(internalFormat), nullptr);
+    return this;
+}
+
+Texture* Texture::create3D(unsigned int target, unsigned int internalFormat, int width, int height, int depth)
+{
+    VYX_CHECK(target == GL_TEXTURE_2D_ARRAY || target == GL_TEXTURE_3D, "Target 0x%X is not allowed.", target);
+    VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture");
+    setTarget(target);
+    AutoBinder binder(this);
+    if (!binder.isBound())
+        return this;
+    setNearestFiltering(target);
+    glTexImage3D(target, 0, static_cast<GLint>(internalFormat), width, height, depth, 0,
+                 formatFromInternalFormat(internalFormat), typeFromInternalFormat(internalFormat), nullptr);
+    return this;
+}
+
+Texture* Texture::create2DMultisample(unsigned int target, unsigned int internalFormat, int width, int height,
+                                      int samples)
+{
+    VYX_CHECK(target == GL_TEXTURE_2D_MULTISAMPLE, "Target 0x%X is not allowed.", target);
+    VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture");
+    setTarget(target);
+    AutoBinder binder(this);
+    if (!binder.isBound())
+        return this;
+    // Multisample targets have no sampler state.
+    if (target != GL_TEXTURE_2D_MULTISAMPLE)
+        setNearestFiltering(target);
+    glTexImage2DMultisample(target, samples, internalFormat, width, height, GL_TRUE);
+    return this;
+}
+
+Texture* Texture::create3DMultisample(unsigned int target, unsigned int internalFormat, int width, int height,
+                                      int depth, int samples)
+{
+    VYX_CHECK(target == GL_TEXTURE_2D_MULTISAMPLE_ARRAY, "Target 0x%X is not allowed.", target);
+    VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture");
+    setTarget(target);
+    AutoBinder binder(this);
+    if (!binder.isBound())
+        return this;
+    if (target != GL_TEXTURE_2D_MULTISAMPLE_ARRAY)
+        setNearestFiltering(target);
+    glTexImage3DMultisample(target, samples, internalFormat, width, height, depth, GL_TRUE);
+    return this;
+}
+
+bool Texture::bind()
+{
+    if (!VYX_CHECK(0u != this->_textureID, "Texutre is NULL on bind"))
+        return false;
+    if (!VYX_CHECK(0u != this->_target, "Texture Target is not set on bind"))
+        return false;
+    return withContextInfo([this](ContextInfo& contextInfo) {
+        const auto bound = contextInfo.textureToUnitMaps.constFind(_textureID);
+        if (bound != contextInfo.textureToUnitMaps.constEnd()) {
+            // Still bound on its unit: only make that unit active again.
+            glActiveTexture(GL_TEXTURE0 + static_cast<GLenum>(bound.value()));
+            ++contextInfo.boundTextureCounts[_textureID];
+            return true;
+        }
+        if (contextInfo.freeTextureUnits.isEmpty()) {
+            VYX_WARNING("There is no available texture units");
+            return false;
+        }
+        const auto lowest = contextInfo.freeTextureUnits.begin();
+        const int unit = lowest.key();
+        contextInfo.freeTextureUnits.erase(lowest);
+        contextInfo.textureToUnitMaps.insert(_textureID, unit);
+        contextInfo.boundTextureCounts.insert(_textureID, 1);
+        glActiveTexture(GL_TEXTURE0 + static_cast<GLenum>(unit));
+        glBindTexture(_target, _textureID);
+        return true;
+    });
+}
+
+bool Texture::unbind()
+{
+    if (!VYX_CHECK(0u != this->_textureID, "Texutre is NULL on unbind"))
+        return false;
+    if (!VYX_CHECK(0u != this->_target, "Texture Target is not set on unbind"))
+        return false;
+    return withContextInfo([this](ContextInfo& contextInfo) {
+        if (!VYX_CHECK(contextInfo.textureToUnitMaps.contains(this->_textureID),
+                       "Texture has not been bound on unbind"))
+            return false;
+        if (!VYX_CHECK(contextInfo.boundTextureCounts.contains(this->_textureID),
+                       "Texture has not been bound on unbind"))
+            return false;
+        const int unit = contextInfo.textureToUnitMaps.value(_textureID);
+        glActiveTexture(GL_TEXTURE0 + static_cast<GLenum>(unit));
+        int& count = contextInfo.boundTextureCounts[_textureID];
+        if (--count > 0)
+            return true;
+        glBindTexture(_target, 0);
+        contextInfo.textureToUnitMaps.remove(_textureID);
+        contextInfo.boundTextureCounts.remove(_textureID);
+        contextInfo.freeTextureUnits.insert(unit, unit);
+        return true;
+    });
+}
+
+int Texture::unit()
+{
+    if (!VYX_CHECK(0u != this->_textureID, "Texutre is NULL on unit()"))
+        return -1;
+    if (!VYX_CHECK(0u != this->_target, "Texture Target is not set on unit()"))
+        return -1;
+    return withContextInfo([this](ContextInfo& contextInfo) {
+        if (!VYX_CHECK(contextInfo.textureToUnitMaps.contains(this->_textureID), "Texture has not been bound on unit()"))
+            return -1;
+        if (!VYX_CHECK(contextInfo.boundTextureCounts.contains(this->_textureID),
+                       "Texture has not been bound on unit()"))
+            return -1;
+        return contextInfo.textureToUnitMaps.value(_textureID);
+    });
+}
+
+int Texture::maxTextureUnits()
+{
+    return withContextInfo([](ContextInfo& contextInfo) { return contextInfo.maxTextureImageUnits; });
+}
+
+} // namespace Tavren::Vyx

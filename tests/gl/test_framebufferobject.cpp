@@ -1,0 +1,180 @@
+#include "gl/framebufferobject.h"
+#include "gl/glloader.h"
+#include "gl/texture.h"
+#include "support/gltest.h"
+#include "support/messagecapture.h"
+
+#include <memory>
+#include <vector>
+
+using namespace Tavren::Vyx;
+
+namespace {
+
+class FramebufferObjectTest : public VyxTest::GLTest
+{
+protected:
+    static GLint integer(GLenum query)
+    {
+        GLint value = -1;
+        glGetIntegerv(query, &value);
+        return value;
+    }
+
+    static GLint attachmentParameter(GLenum point, GLenum parameter)
+    {
+        GLint value = -1;
+        glGetFramebufferAttachmentParameteriv(GL_FRAMEBUFFER, point, parameter, &value);
+        return value;
+    }
+
+    static std::unique_ptr<Texture> colourTexture(int width = 4, int height = 4)
+    {
+        auto texture = std::make_unique<Texture>();
+        texture->create2D(GL_TEXTURE_2D, GL_RGBA8, width, height);
+        return texture;
+    }
+
+    VyxTest::MessageCapture capture;
+};
+
+QString assertion(const char* condition, const QString& message)
+{
+    return QStringLiteral("[ !! ] Assertion '%1' failed: %2").arg(condition, message);
+}
+
+} // namespace
+
+TEST_F(FramebufferObjectTest, DrawBuffersFollowColourAttachmentsAndReceiveClears)
+{
+    FramebufferObject fbo;
+    ASSERT_TRUE(fbo.bind());
+    Texture* red = fbo.createTexture2D(GL_COLOR_ATTACHMENT0, GL_RGBA8, GL_RGBA, GL_UNSIGNED_BYTE, 4, 4);
+    Texture* depth = fbo.createTexture2D(GL_DEPTH_ATTACHMENT, GL_DEPTH_COMPONENT32F, GL_DEPTH_COMPONENT, GL_FLOAT, 4, 4);
+    Texture* green = fbo.createTexture2D(GL_COLOR_ATTACHMENT2, GL_RGBA8, GL_RGBA, GL_UNSIGNED_BYTE, 4, 4);
+    ASSERT_TRUE(red && depth && green);
+    EXPECT_EQ(fbo.drawBuffers(), (QVector<unsigned int>{GL_COLOR_ATTACHMENT0, GL_COLOR_ATTACHMENT2}));
+    ASSERT_TRUE(fbo.setDrawBuffers());
+    EXPECT_EQ(integer(GL_DRAW_BUFFER0), GL_COLOR_ATTACHMENT0);
+    EXPECT_EQ(integer(GL_DRAW_BUFFER1), GL_COLOR_ATTACHMENT2);
+    EXPECT_TRUE(fbo.isComplete());
+    EXPECT_EQ(integer(GL_FRAMEBUFFER_BINDING), static_cast<GLint>(fbo.getFBO()));
+
+    const GLfloat redColour[4] = {1, 0, 0, 1};
+    const GLfloat greenColour[4] = {0, 1, 0, 1};
+    glClearBufferfv(GL_COLOR, 0, redColour);
+    glClearBufferfv(GL_COLOR, 1, greenColour);
+    unsigned char pixel[4] = {};
+    glReadBuffer(GL_COLOR_ATTACHMENT0);
+    glReadPixels(1, 1, 1, 1, GL_RGBA, GL_UNSIGNED_BYTE, pixel);
+    EXPECT_EQ(std::vector<int>(pixel, pixel + 4), (std::vector<int>{255, 0, 0, 255}));
+    glReadBuffer(GL_COLOR_ATTACHMENT2);
+    glReadPixels(3, 2, 1, 1, GL_RGBA, GL_UNSIGNED_BYTE, pixel);
+    EXPECT_EQ(std::vector<int>(pixel, pixel + 4), (std::vector<int>{0, 255, 0, 255}));
+
+    // The storage made for the depth attachment, as GL sees it.
+    ASSERT_TRUE(depth->bind());
+    GLint width = 0, format = 0;
+    glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &width);
+    glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_INTERNAL_FORMAT, &format);
+    EXPECT_EQ(width, 4);
+    EXPECT_EQ(format, GL_DEPTH_COMPONENT32F);
+    ASSERT_TRUE(depth->unbind());
+
+    EXPECT_EQ(fbo.detach(GL_COLOR_ATTACHMENT0), red);
+    EXPECT_EQ(fbo.drawBuffers(), QVector<unsigned int>{GL_COLOR_ATTACHMENT2});
+    EXPECT_EQ(attachmentParameter(GL_COLOR_ATTACHMENT0, GL_FRAMEBUFFER_ATTACHMENT_OBJECT_TYPE), GL_NONE);
+    delete red;
+    fbo.detachAndReleaseAll();
+    EXPECT_TRUE(fbo.attachmentPoints().isEmpty());
+    EXPECT_TRUE(fbo.unbind());
+    EXPECT_EQ(integer(GL_FRAMEBUFFER_BINDING), 0);
+    EXPECT_EQ(Texture::NumAlive(), 0);
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+    EXPECT_TRUE(capture.messages().empty());
+}
+
+TEST_F(FramebufferObjectTest, LayersAndUpdatesAttachWhatGLReports)
+{
+    FramebufferObject fbo;
+    ASSERT_TRUE(fbo.bind());
+    Texture array;
+    array.create3D(GL_TEXTURE_2D_ARRAY, GL_RGBA8, 4, 4, 3);
+    auto flat = colourTexture();
+
+    EXPECT_FALSE(fbo.attach(&array, GL_COLOR_ATTACHMENT0, 0));
+    EXPECT_FALSE(fbo.attachLayers(flat.get(), GL_COLOR_ATTACHMENT0, 0));
+    EXPECT_FALSE(fbo.hasAttachment(GL_COLOR_ATTACHMENT0));
+    EXPECT_EQ(FramebufferObject::NumFBOTextures(), 0);
+    ASSERT_TRUE(fbo.attach3D(&array, GL_COLOR_ATTACHMENT0, 0, 2));
+    EXPECT_EQ(attachmentParameter(GL_COLOR_ATTACHMENT0, GL_FRAMEBUFFER_ATTACHMENT_TEXTURE_LAYER), 2);
+    EXPECT_FALSE(fbo.attach(flat.get(), GL_COLOR_ATTACHMENT0, 0));
+    EXPECT_EQ(capture.bodies(QtCriticalMsg),
+              (QStringList{assertion("false", "Texture Target 0x8C1A is not supported by FramebufferObject::attach() use "
+                                              "FramebufferObject::attach3D()"),
+                           assertion("false", "Texture Target 0xDE1 is not supported by "
+                                              "FramebufferObject::attachLayer() use FramebufferObject::attach()"),
+                           assertion("false == this->_attachments.contains(attachmentPoint)",
+                                     "Framebuffer Object already has attachment at 36064")}));
+
+    ASSERT_TRUE(fbo.attachUpdate(flat.get(), GL_COLOR_ATTACHMENT0, 0));
+    EXPECT_EQ(attachmentParameter(GL_COLOR_ATTACHMENT0, GL_FRAMEBUFFER_ATTACHMENT_OBJECT_NAME),
+              static_cast<GLint>(flat->textureID()));
+    EXPECT_EQ(fbo.attachment(GL_COLOR_ATTACHMENT0), flat.get());
+    EXPECT_EQ(FramebufferObject::NumActiveFBOTextures(), 1);
+
+    Texture* layered = fbo.createTexture3D(GL_COLOR_ATTACHMENT1, GL_RGBA8, GL_RGBA, GL_UNSIGNED_BYTE, 4, 4, 5);
+    ASSERT_NE(layered, nullptr);
+    EXPECT_EQ(attachmentParameter(GL_COLOR_ATTACHMENT1, GL_FRAMEBUFFER_ATTACHMENT_LAYERED), GL_TRUE);
+    ASSERT_TRUE(layered->bind());
+    GLint layers = 0;
+    glGetTexLevelParameteriv(GL_TEXTURE_2D_ARRAY, 0, GL_TEXTURE_DEPTH, &layers);
+    EXPECT_EQ(layers, 5);
+    ASSERT_TRUE(layered->unbind());
+
+    EXPECT_EQ(FramebufferObject::NumFBOTextures(), 3);
+    EXPECT_EQ(FramebufferObject::NumActiveFBOTextures(), 2);
+    EXPECT_EQ(fbo.detachAndRelease(GL_COLOR_ATTACHMENT1), nullptr);
+    fbo.detachAll();
+    EXPECT_EQ(FramebufferObject::NumFBOTextures(), 3);
+    EXPECT_EQ(FramebufferObject::NumActiveFBOTextures(), 0);
+    FramebufferObject::ResetNumFBOTextures();
+    EXPECT_EQ(FramebufferObject::NumFBOTextures(), 0);
+    EXPECT_TRUE(fbo.unbind());
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+TEST_F(FramebufferObjectTest, MisuseIsRefusedAndNamesAreNotLeaked)
+{
+    auto texture = colourTexture();
+    GLuint adoptedName = 0;
+    glGenFramebuffers(1, &adoptedName);
+    std::vector<GLuint> managedNames;
+    {
+        FramebufferObject fbo;
+        FramebufferObject second;
+        FramebufferObject adopted(adoptedName);
+        EXPECT_EQ(FramebufferObject::NumAlive(), 3);
+        EXPECT_FALSE(second.isComplete());
+        EXPECT_EQ(integer(GL_FRAMEBUFFER_BINDING), 0);
+        managedNames = {fbo.getFBO(), second.getFBO()};
+        EXPECT_FALSE(fbo.attach(texture.get(), GL_COLOR_ATTACHMENT0, 0));
+        ASSERT_TRUE(adopted.bind());
+        EXPECT_FALSE(adopted.bind());
+        EXPECT_EQ(adopted.detach(GL_COLOR_ATTACHMENT0), nullptr);
+        ASSERT_TRUE(adopted.unbind());
+        // Bound once, so a leaked name would still answer glIsFramebuffer.
+        for (FramebufferObject* managed : {&fbo, &second})
+            ASSERT_TRUE(managed->bind() && managed->unbind());
+        EXPECT_EQ(capture.bodies(QtCriticalMsg),
+                  (QStringList{assertion("true == this->_fboBound", "Framebuffer Object is not bound on attach"),
+                               assertion("false == this->_fboBound", "Framebuffer Object is already bound on bind"),
+                               assertion("true == this->_attachments.contains(attachmentPoint)",
+                                         "Framebuffer Object has nothing attached to attachment at 36064")}));
+    }
+    EXPECT_EQ(FramebufferObject::NumAlive(), 0);
+    for (GLuint name : managedNames)
+        EXPECT_FALSE(glIsFramebuffer(name)) << name;
+    EXPECT_TRUE(glIsFramebuffer(adoptedName));
+    glDeleteFramebuffers(1, &adoptedName);
+}

@@ -1,0 +1,195 @@
+#include "gl/glloader.h"
+#include "gl/texture.h"
+#include "support/callrecorder.h"
+#include "support/gltest.h"
+#include "support/messagecapture.h"
+
+#include <memory>
+#include <vector>
+
+using namespace Tavren::Vyx;
+using VyxTest::CallRecorder;
+
+namespace {
+
+class TextureTest : public VyxTest::GLTest
+{
+protected:
+    static GLint integer(GLenum query)
+    {
+        GLint value = -1;
+        glGetIntegerv(query, &value);
+        return value;
+    }
+
+    // The 2D texture bound on a unit, read from GL.
+    static GLint boundOnUnit(int unit)
+    {
+        GLint active = integer(GL_ACTIVE_TEXTURE);
+        glActiveTexture(GL_TEXTURE0 + unit);
+        const GLint name = integer(GL_TEXTURE_BINDING_2D);
+        glActiveTexture(active);
+        return name;
+    }
+
+    static std::unique_ptr<Texture> newTexture2D()
+    {
+        auto texture = std::make_unique<Texture>();
+        texture->setTarget(GL_TEXTURE_2D);
+        return texture;
+    }
+
+    static GLint levelParameter(GLenum target, GLenum parameter)
+    {
+        GLint value = -1;
+        glGetTexLevelParameteriv(target, 0, parameter, &value);
+        return value;
+    }
+
+    VyxTest::MessageCapture capture;
+};
+
+QString assertion(const char* condition, const QString& message)
+{
+    return QStringLiteral("[ !! ] Assertion '%1' failed: %2").arg(condition, message);
+}
+
+} // namespace
+
+TEST_F(TextureTest, NestedBindsShareOneUnitAndBindOnce)
+{
+    auto texture = newTexture2D();
+    CallRecorder<&_ptrc_glBindTexture> bindTexture;
+    ASSERT_TRUE(texture->bind());
+    ASSERT_TRUE(texture->bind());
+    EXPECT_EQ(bindTexture.count(), 1u);
+    EXPECT_EQ(texture->unit(), 0);
+    EXPECT_EQ(boundOnUnit(0), static_cast<GLint>(texture->textureID()));
+
+    EXPECT_TRUE(texture->unbind());
+    EXPECT_EQ(boundOnUnit(0), static_cast<GLint>(texture->textureID()));
+    EXPECT_TRUE(texture->unbind());
+    EXPECT_EQ(boundOnUnit(0), 0);
+    EXPECT_EQ(bindTexture.count(), 2u);
+
+    CallRecorder<&_ptrc_glActiveTexture> activeTexture;
+    EXPECT_FALSE(texture->unbind());
+    EXPECT_EQ(texture->unit(), -1);
+    EXPECT_EQ(activeTexture.count(), 0u);
+    EXPECT_EQ(bindTexture.count(), 2u);
+    EXPECT_EQ(capture.bodies(QtCriticalMsg),
+              (QStringList{assertion("contextInfo.textureToUnitMaps.contains(this->_textureID)",
+                                     "Texture has not been bound on unbind"),
+                           assertion("contextInfo.textureToUnitMaps.contains(this->_textureID)",
+                                     "Texture has not been bound on unit()")}));
+}
+
+TEST_F(TextureTest, UnitsGoLowestFirstAreReusedAndRunOut)
+{
+    const int maxUnits = integer(GL_MAX_TEXTURE_IMAGE_UNITS);
+    ASSERT_GT(maxUnits, 5);
+    std::vector<std::unique_ptr<Texture>> textures;
+    for (int i = 0; i <= maxUnits; ++i)
+        textures.push_back(newTexture2D());
+    for (int i = 0; i < maxUnits; ++i) {
+        ASSERT_TRUE(textures[i]->bind());
+        EXPECT_EQ(integer(GL_ACTIVE_TEXTURE), GL_TEXTURE0 + i);
+        EXPECT_EQ(boundOnUnit(i), static_cast<GLint>(textures[i]->textureID()));
+    }
+    Texture& extra = *textures[maxUnits];
+    EXPECT_FALSE(extra.bind());
+    EXPECT_EQ(capture.bodies(QtWarningMsg), QStringList{"There is no available texture units"});
+
+    ASSERT_TRUE(textures[5]->unbind());
+    ASSERT_TRUE(textures[3]->unbind());
+    ASSERT_TRUE(extra.bind());
+    EXPECT_EQ(extra.unit(), 3);
+    EXPECT_EQ(boundOnUnit(3), static_cast<GLint>(extra.textureID()));
+    ASSERT_TRUE(textures[3]->bind());
+    EXPECT_EQ(textures[3]->unit(), 5);
+    EXPECT_TRUE(capture.bodies(QtCriticalMsg).isEmpty());
+}
+
+TEST_F(TextureTest, EachContextHandsOutItsOwnUnits)
+{
+    auto first = newTexture2D();
+    auto second = newTexture2D();
+    ASSERT_TRUE(first->bind());
+    ASSERT_TRUE(second->bind());
+
+    Tavren::Vyx::HeadlessGLContext other;
+    ASSERT_TRUE(other.create());
+    ASSERT_TRUE(other.makeCurrent());
+    {
+        auto inOther = newTexture2D();
+        ASSERT_TRUE(inOther->bind());
+        EXPECT_EQ(inOther->unit(), 0);
+        EXPECT_EQ(boundOnUnit(0), static_cast<GLint>(inOther->textureID()));
+        EXPECT_EQ(second->unit(), -1);
+        EXPECT_TRUE(inOther->unbind());
+    }
+    ASSERT_TRUE(context.makeCurrent());
+    EXPECT_EQ(second->unit(), 1);
+    EXPECT_EQ(boundOnUnit(1), static_cast<GLint>(second->textureID()));
+    ASSERT_TRUE(first->bind());
+    EXPECT_EQ(first->unit(), 0);
+    EXPECT_TRUE(first->unbind());
+    EXPECT_TRUE(first->unbind());
+    EXPECT_TRUE(second->unbind());
+    EXPECT_EQ(capture.bodies(QtCriticalMsg).size(), 1);
+}
+
+TEST_F(TextureTest, CreateOperationsMakeTheStorageAsked)
+{
+    Texture flat;
+    flat.create2D(GL_TEXTURE_2D, GL_RGBA16F, 8, 4);
+    Texture layers;
+    layers.create3D(GL_TEXTURE_2D_ARRAY, GL_R32F, 4, 2, 3);
+    Texture multisample;
+    multisample.create2DMultisample(GL_TEXTURE_2D_MULTISAMPLE, GL_RGBA8, 4, 4, 4);
+    EXPECT_EQ(flat.unit(), -1);
+    capture.clear();
+
+    ASSERT_TRUE(flat.bind());
+    EXPECT_EQ(levelParameter(GL_TEXTURE_2D, GL_TEXTURE_WIDTH), 8);
+    EXPECT_EQ(levelParameter(GL_TEXTURE_2D, GL_TEXTURE_HEIGHT), 4);
+    EXPECT_EQ(levelParameter(GL_TEXTURE_2D, GL_TEXTURE_INTERNAL_FORMAT), GL_RGBA16F);
+    ASSERT_TRUE(layers.bind());
+    EXPECT_EQ(levelParameter(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_DEPTH), 3);
+    EXPECT_EQ(levelParameter(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_INTERNAL_FORMAT), GL_R32F);
+    ASSERT_TRUE(multisample.bind());
+    EXPECT_EQ(levelParameter(GL_TEXTURE_2D_MULTISAMPLE, GL_TEXTURE_WIDTH), 4);
+    EXPECT_GE(levelParameter(GL_TEXTURE_2D_MULTISAMPLE, GL_TEXTURE_SAMPLES), 4);
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+    EXPECT_TRUE(capture.messages().empty());
+}
+
+TEST_F(TextureTest, MisuseIsReportedAndNamesAreNotLeaked)
+{
+    Texture nothing(0u);
+    EXPECT_FALSE(nothing.bind());
+    EXPECT_EQ(capture.bodies(QtCriticalMsg),
+              (QStringList{assertion("textureID != 0", "Texture ID was zero, can't wrap a non-existent texture"),
+                           assertion("0u != this->_textureID", "Texutre is NULL on bind")}));
+
+    GLuint wrappedName = 0;
+    glGenTextures(1, &wrappedName);
+    std::vector<GLuint> managedNames;
+    {
+        std::vector<std::unique_ptr<Texture>> textures;
+        for (int i = 0; i < 3; ++i) {
+            textures.push_back(std::make_unique<Texture>());
+            textures.back()->create2D(GL_TEXTURE_2D, GL_RGBA8, 2, 2);
+            managedNames.push_back(textures.back()->textureID());
+        }
+        textures.push_back(std::make_unique<Texture>(wrappedName));
+        textures.back()->setTarget(GL_TEXTURE_2D);
+        ASSERT_TRUE(textures.back()->bind() && textures.back()->unbind());
+        EXPECT_EQ(Texture::NumAlive(), 5);
+    }
+    EXPECT_EQ(Texture::NumAlive(), 1);
+    for (GLuint name : managedNames)
+        EXPECT_FALSE(glIsTexture(name)) << name;
+    EXPECT_TRUE(glIsTexture(wrappedName));
+    glDeleteTextures(1, &wrappedName);
+}
