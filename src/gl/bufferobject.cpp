@@ -226,13 +226,20 @@ bool BufferObject::uploadBytes(const void* data, int valueCount, size_t valueSiz
     return true;
 }
 
-bool BufferObject::upload(const float* values, int valueCount, unsigned int usage)
+bool BufferObject::checkUploadable(int valueCount) const
 {
     if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on upload"))
         return false;
     if (!VYX_CHECK(0 != valueCount, "Buffer Object needs more and 0 values during upload"))
         return false;
     if (!VYX_CHECK(0 < valueCount, "Buffer Object got a negative value count %d during upload", valueCount))
+        return false;
+    return true;
+}
+
+bool BufferObject::upload(const float* values, int valueCount, unsigned int usage)
+{
+    if (!checkUploadable(valueCount))
         return false;
     return uploadBytes(values, valueCount, sizeof(float), usage);
 }
@@ -244,33 +251,21 @@ bool BufferObject::upload(const QVector<float>& values, unsigned int usage)
 
 bool BufferObject::uploadGLuintData(const unsigned int* values, int valueCount, unsigned int usage)
 {
-    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on upload"))
-        return false;
-    if (!VYX_CHECK(0 != valueCount, "Buffer Object needs more and 0 values during upload"))
-        return false;
-    if (!VYX_CHECK(0 < valueCount, "Buffer Object got a negative value count %d during upload", valueCount))
+    if (!checkUploadable(valueCount))
         return false;
     return uploadBytes(values, valueCount, sizeof(unsigned int), usage);
 }
 
 bool BufferObject::uploadGLushortData(const unsigned short* values, int valueCount, unsigned int usage)
 {
-    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on upload"))
-        return false;
-    if (!VYX_CHECK(0 != valueCount, "Buffer Object needs more and 0 values during upload"))
-        return false;
-    if (!VYX_CHECK(0 < valueCount, "Buffer Object got a negative value count %d during upload", valueCount))
+    if (!checkUploadable(valueCount))
         return false;
     return uploadBytes(values, valueCount, sizeof(unsigned short), usage);
 }
 
 bool BufferObject::uploadArbitraryData(const void* values, int valueCount, unsigned int usage, size_t valueSize)
 {
-    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on upload"))
-        return false;
-    if (!VYX_CHECK(0 != valueCount, "Buffer Object needs more and 0 values during upload"))
-        return false;
-    if (!VYX_CHECK(0 < valueCount, "Buffer Object got a negative value count %d during upload", valueCount))
+    if (!checkUploadable(valueCount))
         return false;
     if (!VYX_CHECK(0 != valueSize, "Buffer Object needs more and 0 value size during upload"))
         return false;

@@ -73,6 +73,8 @@ private:
     bool destroy();
     static void initializeIndexedBufferObjecttargets();
     bool uploadBytes(const void* data, int valueCount, size_t valueSize, unsigned int usage);
+    // The checks every upload starts with: a GL name and a positive value count.
+    bool checkUploadable(int valueCount) const;
 
     unsigned int _bo = 0;
     unsigned int _boBountTarget = 0;
