@@ -19,3 +19,6 @@
 #include "gl/texture.h"
 #include "gl/textureformat.h"
 #include "gl/vertexarraybuilder.h"
+#include "gl/astcfile.h"
+#include "gl/hdrdecoder.h"
+#include "gl/ktxparser.h"

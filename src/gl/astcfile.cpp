@@ -1,0 +1,211 @@
+#include "gl/astcfile.h"
+
+#include "core/logging.h"
+#include "core/memory.h"
+#include "gl/glloader.h"
+
+// The Debian library exports its API with C linkage, but its header does not say so.
+extern "C" {
+#include <astcenc.h>
+}
+
+#include <cstring>
+
+namespace Tavren::Vyx {
+
+namespace {
+
+QByteArray printableName(const QString& name)
+{
+    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
+}
+
+uint32_t read24(const unsigned char* p)
+{
+    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16;
+}
+
+// The 2D footprints, in the order of their GL enums.
+const unsigned char footprints[14][2] = {{4, 4},  {5, 4},  {5, 5},   {6, 5},   {6, 6},   {8, 5},   {8, 6},
+                                         {8, 8},  {10, 5}, {10, 6}, {10, 8}, {10, 10}, {12, 10}, {12, 12}};
+
+bool isFootprint3D(unsigned int x, unsigned int y, unsigned int z)
+{
+    // 3x3x3 ... 6x6x6: each step grows one axis at a time.
+    return x >= 3 && x <= 6 && y >= 3 && y <= 6 && z >= 3 && z <= 6 && x >= y && y >= z && x - z <= 1;
+}
+
+// A decode-only context; freed with the object.
+struct Context
+{
+    astcenc_context* context = nullptr;
+    ~Context()
+    {
+        if (context)
+            astcenc_context_free(context);
+    }
+};
+
+bool makeContext(Context& c, astcenc_profile profile, unsigned int bx, unsigned int by, const QByteArray& name)
+{
+    astcenc_config config;
+    astcenc_error status = astcenc_config_init(profile, bx, by, 1, ASTCENC_PRE_FASTEST, ASTCENC_FLG_DECOMPRESS_ONLY,
+                                               &config);
+    if (status == ASTCENC_SUCCESS)
+        status = astcenc_context_alloc(&config, 1, &c.context);
+    if (status != ASTCENC_SUCCESS) {
+        VYX_WARNING("ASTC file '%s': decoder set-up failed: %s", name.constData(), astcenc_get_error_string(status));
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool ASTCFile::hasMagic(const unsigned char* data, uint64_t size)
+{
+    return data && size >= 4 && (uint32_t(data[0]) | uint32_t(data[1]) << 8 | uint32_t(data[2]) << 16 |
+                                 uint32_t(data[3]) << 24) == magic;
+}
+
+unsigned int ASTCFile::glInternalFormatFor(unsigned int blockWidth, unsigned int blockHeight, bool srgb)
+{
+    for (unsigned int i = 0; i < 14; ++i) {
+        if (footprints[i][0] == blockWidth && footprints[i][1] == blockHeight)
+            return (srgb ? GL_COMPRESSED_SRGB8_ALPHA8_ASTC_4x4_KHR : GL_COMPRESSED_RGBA_ASTC_4x4_KHR) + i;
+    }
+    return 0;
+}
+
+ASTCFile::ASTCFile(const unsigned char* data, uint64_t size, const QString& name)
+    : _data(data)
+    , _size(data ? size : 0)
+    , _name(name)
+{
+    parse();
+}
+
+ASTCFile::ASTCFile(Memory* memory, const QString& name)
+    : _memory(memory)
+    , _name(name)
+{
+    if (memory) {
+        _size = memory->size();
+        _block = memory->get(0, _size);
+        _data = _block;
+        if (!_data)
+            _size = 0;
+    }
+    parse();
+}
+
+ASTCFile::~ASTCFile()
+{
+    if (_memory && _block)
+        _memory->release(_block);
+}
+
+unsigned int ASTCFile::glInternalFormat(bool srgb) const
+{
+    return _valid ? glInternalFormatFor(_blockWidth, _blockHeight, srgb) : 0;
+}
+
+void ASTCFile::parse()
+{
+    const QByteArray name = printableName(_name);
+    if (_size < headerSize || !hasMagic(_data, _size)) {
+        VYX_WARNING("ASTC file '%s' has no ASTC header", name.constData());
+        return;
+    }
+    _blockWidth = _data[4];
+    _blockHeight = _data[5];
+    _blockDepth = _data[6];
+    _width = read24(_data + 7);
+    _height = read24(_data + 10);
+    _depth = read24(_data + 13);
+
+    if (_blockDepth != 1) {
+        if (isFootprint3D(_blockWidth, _blockHeight, _blockDepth))
+            VYX_WARNING("ASTC file '%s' has 3D blocks of %ux%ux%u texels; only 2D files are supported",
+                        name.constData(), _blockWidth, _blockHeight, _blockDepth);
+        else
+            VYX_WARNING("ASTC file '%s' has an invalid block footprint %ux%ux%u", name.constData(), _blockWidth,
+                        _blockHeight, _blockDepth);
+        return;
+    }
+    if (glInternalFormatFor(_blockWidth, _blockHeight) == 0) {
+        VYX_WARNING("ASTC file '%s' has an invalid block footprint %ux%u", name.constData(), _blockWidth,
+                    _blockHeight);
+        return;
+    }
+    if (_width == 0 || _height == 0 || _depth == 0) {
+        VYX_WARNING("ASTC file '%s' has no texels: %u x %u x %u", name.constData(), _width, _height, _depth);
+        return;
+    }
+    if (_depth != 1) {
+        VYX_WARNING("ASTC file '%s' holds %u slices; only 2D files are supported", name.constData(), _depth);
+        return;
+    }
+    if (uint64_t(_width) * _height > maxPixels) {
+        VYX_WARNING("ASTC file '%s' is too large: %u x %u", name.constData(), _width, _height);
+        return;
+    }
+    const uint64_t blocks = (uint64_t(_width) + _blockWidth - 1) / _blockWidth *
+                            ((uint64_t(_height) + _blockHeight - 1) / _blockHeight);
+    if (blocks > (_size - headerSize) / blockBytes) {
+        VYX_WARNING("ASTC file '%s' needs %llu blocks of data but holds %llu bytes after its header",
+                    name.constData(), (unsigned long long)blocks, (unsigned long long)(_size - headerSize));
+        return;
+    }
+    _blockCount = blocks;
+    _valid = true;
+}
+
+bool ASTCFile::hasHDRBlocks() const
+{
+    if (!_valid)
+        return false;
+    Context c;
+    if (!makeContext(c, ASTCENC_PRF_HDR, _blockWidth, _blockHeight, printableName(_name)))
+        return false;
+    const unsigned char* block = blocks();
+    for (uint64_t i = 0; i < _blockCount; ++i, block += blockBytes) {
+        astcenc_block_info info;
+        if (astcenc_get_block_info(c.context, block, &info) == ASTCENC_SUCCESS && info.is_hdr_block)
+            return true;
+    }
+    return false;
+}
+
+bool ASTCFile::decodeRGBA8(unsigned char* rgba, bool srgb) const
+{
+    const QByteArray name = printableName(_name);
+    if (!VYX_CHECK(_valid, "ASTC file '%s' is not valid", name.constData()))
+        return false;
+    if (!VYX_CHECK(rgba != nullptr, "No output buffer"))
+        return false;
+    const bool hdr = hasHDRBlocks();
+    if (hdr)
+        VYX_DEBUG("ASTC file '%s' holds HDR blocks; they are decoded clamped to [0, 1]", name.constData());
+    const astcenc_profile profile = hdr ? ASTCENC_PRF_HDR : srgb ? ASTCENC_PRF_LDR_SRGB : ASTCENC_PRF_LDR;
+    Context c;
+    if (!makeContext(c, profile, _blockWidth, _blockHeight, name))
+        return false;
+
+    void* slices[1] = {rgba};
+    astcenc_image image;
+    image.dim_x = _width;
+    image.dim_y = _height;
+    image.dim_z = 1;
+    image.data_type = ASTCENC_TYPE_U8;
+    image.data = slices;
+    const astcenc_swizzle swizzle{ASTCENC_SWZ_R, ASTCENC_SWZ_G, ASTCENC_SWZ_B, ASTCENC_SWZ_A};
+    const astcenc_error status = astcenc_decompress_image(c.context, blocks(), blocksSize(), &image, &swizzle, 0);
+    if (status != ASTCENC_SUCCESS) {
+        VYX_WARNING("ASTC file '%s' failed to decode: %s", name.constData(), astcenc_get_error_string(status));
+        return false;
+    }
+    return true;
+}
+
+} // namespace Tavren::Vyx
