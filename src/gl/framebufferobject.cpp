@@ -3,7 +3,7 @@
 #include "core/logging.h"
 #include "gl/glloader.h"
 #include "gl/texture.h"
-#include "gl/texturerelease.h"
+#include "gl/texturerelease_p.h"
 
 namespace Tavren::Vyx {
 

@@ -3,10 +3,14 @@
 #include "core/vyxexport.h"
 
 #include <QSharedPointer>
+#include <QString>
 
 namespace Tavren::Vyx {
 
 class BufferObject;
+class DrawBuffers;
+class UniformBufferObject;
+class VertexArrayObject;
 
 // Process-wide factory of the commonest GL objects, handed out as shared pointers.
 // The host installs an instance with resetContext() and replaces it to drop every cached object.
@@ -20,6 +24,15 @@ public:
     virtual QSharedPointer<BufferObject> newBuffer(unsigned int bo);
     // A buffer object with a GL name of its own, deleted with it; no target set.
     virtual QSharedPointer<BufferObject> newBuffer();
+    // The shared full-screen quad, made with newFullscreenQuad() on first use and kept.
+    virtual QSharedPointer<DrawBuffers> fullscreenQuad();
+    // Two triangles covering clip space, with "va_Vertex" and "va_TexCoord".
+    virtual QSharedPointer<DrawBuffers> newFullscreenQuad();
+    // A vertex array object; its GL name is made at the first bind.
+    virtual QSharedPointer<VertexArrayObject> newVAO();
+    // Connects buffer to the uniform block blockName of whatever program it is bound for.
+    virtual QSharedPointer<UniformBufferObject> newUniformBuffer(const QString& blockName,
+                                                                 QSharedPointer<BufferObject> buffer);
 
     OpenGLDeviceContext(const OpenGLDeviceContext&) = delete;
     OpenGLDeviceContext& operator=(const OpenGLDeviceContext&) = delete;
@@ -28,6 +41,10 @@ public:
     static QSharedPointer<OpenGLDeviceContext> current();
     // Installs a new instance and releases the previous one with everything it cached.
     static void resetContext();
+
+private:
+    // Null until fullscreenQuad() is first asked for.
+    QSharedPointer<DrawBuffers> _fullscreenQuad;
 };
 
 } // namespace Tavren::Vyx

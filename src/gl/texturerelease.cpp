@@ -1,4 +1,4 @@
-#include "gl/texturerelease.h"
+#include "gl/texturerelease_p.h"
 
 #include "gl/texture.h"
 

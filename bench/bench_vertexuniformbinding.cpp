@@ -1,0 +1,86 @@
+// Per-draw costs of the binding caches: re-enabling a program's arrays on a vertex array that
+// is already set up for it, and binding a uniform buffer that already holds a binding point.
+#include "gl/bufferobject.h"
+#include "gl/glloader.h"
+#include "gl/glutilities.h"
+#include "gl/headlesscontext.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/shaderprogram.h"
+#include "gl/uniformbufferobject.h"
+#include "gl/vertexarrayobject.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+
+using namespace Tavren::Vyx;
+
+namespace {
+
+void benchContext()
+{
+    static HeadlessGLContext context;
+    static bool ready = [] {
+        setenv("EGL_PLATFORM", "surfaceless", 0);
+        const bool made = context.create() && context.makeCurrent() && initializeGLFunctions();
+        OpenGLDeviceContext::resetContext();
+        return made;
+    }();
+    if (!ready)
+        std::abort();
+}
+
+void linkProgram(ShaderProgram& program)
+{
+    program.addShader(GL_VERTEX_SHADER, "#version 150\nin vec3 va_Vertex;\nin vec2 va_TexCoord;\nin vec3 va_Normal;\n"
+                                        "out vec4 vo_Colour;\nvoid main() { vo_Colour = vec4(va_TexCoord, va_Normal.x, 1.0); "
+                                        "gl_Position = vec4(va_Vertex, 1.0); }\n");
+    program.addShader(GL_FRAGMENT_SHADER, "#version 150\nlayout(std140) uniform Colors { vec4 u_Color; };\n"
+                                          "in vec4 vo_Colour;\nout vec4 out_FragColor;\n"
+                                          "void main() { out_FragColor = vo_Colour * u_Color; }\n");
+    if (!program.link())
+        std::abort();
+}
+
+void EnableArraysAgain(benchmark::State& state)
+{
+    benchContext();
+    ShaderProgram program;
+    linkProgram(program);
+    auto vao = OpenGLDeviceContext::current()->newVAO();
+    for (const char* name : {"va_Vertex", "va_TexCoord", "va_Normal"}) {
+        auto buffer = OpenGLDeviceContext::current()->newBuffer();
+        buffer->setTarget(GL_ARRAY_BUFFER);
+        vao->upload(name, buffer, QVector<float>(12, 1.0f), 3, GL_STATIC_DRAW);
+    }
+    vao->bind();
+    vao->enableShaderProgramArrays(&program);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(vao->enableShaderProgramArrays(&program));
+    vao->unbind();
+}
+BENCHMARK(EnableArraysAgain);
+
+void BindHeldUniformBuffer(benchmark::State& state)
+{
+    benchContext();
+    ShaderProgram program;
+    linkProgram(program);
+    auto buffer = OpenGLDeviceContext::current()->newBuffer();
+    buffer->setTarget(GL_UNIFORM_BUFFER);
+    buffer->bind();
+    buffer->upload(QVector<float>(4, 1.0f), GL_STATIC_DRAW);
+    buffer->unbind();
+    auto ubo = OpenGLDeviceContext::current()->newUniformBuffer("Colors", buffer);
+    ubo->bind(&program);
+    for (auto _ : state) {
+        ubo->bind(&program);
+        ubo->unbind(&program);
+    }
+    ubo->unbind(&program);
+}
+BENCHMARK(BindHeldUniformBuffer);
+
+} // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,268 @@
+#include "gl/textureutilities.h"
+
+#include "core/logging.h"
+#include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
+#include "gl/glloader.h"
+#include "gl/glutilities.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "gl/vertexarrayobject.h"
+
+namespace Tavren::Vyx {
+
+namespace {
+
+const char* const kFlipYSource = R"(#version 150
+uniform sampler2D u_Src;
+in vec2 vo_TexCoord;
+out vec4 out_FragColor;
+void main()
+{
+    out_FragColor = texture(u_Src, vec2(vo_TexCoord.x, 1.0 - vo_TexCoord.y));
+}
+)";
+
+const char* const kRemapColorRangeSource = R"(#version 150
+uniform sampler2D u_Src;
+uniform float u_lowValue;
+uniform float u_highValue;
+in vec2 vo_TexCoord;
+out vec4 out_FragColor;
+void main()
+{
+    vec4 color = texture(u_Src, vo_TexCoord);
+    color.rgb = max(color.rgb * (u_highValue - u_lowValue) + u_lowValue, vec3(0.0));
+    out_FragColor = color;
+}
+)";
+
+// Parameters a writable copy takes over from its source.
+const GLenum kCopiedParameters[] = {GL_TEXTURE_MIN_FILTER, GL_TEXTURE_MAG_FILTER, GL_TEXTURE_WRAP_S,
+                                    GL_TEXTURE_WRAP_T,     GL_TEXTURE_BASE_LEVEL, GL_TEXTURE_MAX_LEVEL};
+
+ShaderProgram* makeTextureShader(ShaderProgram* program, bool withLog)
+{
+    program->setFragDataLocations({QStringLiteral("out_FragColor")});
+    if (!program->compile()) {
+        if (withLog)
+            VYX_WARNING("shader program failed to compile:\n%s", qPrintable(program->log()));
+        else
+            VYX_WARNING("shader program failed to compile");
+        delete program;
+        return nullptr;
+    }
+    if (!program->link()) {
+        if (withLog)
+            VYX_WARNING("shader program failed to link:\n%s", qPrintable(program->log()));
+        else
+            VYX_WARNING("shader program failed to link");
+        delete program;
+        return nullptr;
+    }
+    return program;
+}
+
+// Runs a one-texture pass into a fresh copy and puts the copy in the caller's pointer.
+bool reworkTexture(Texture*& texture, const char* fragmentSource, const QHash<QString, QVariant>& uniforms)
+{
+    if (!VYX_CHECK(GL_TEXTURE_2D == texture->target(), "Only 2D textures can be reworked (target 0x%X)",
+                   texture->target()))
+        return false;
+    ShaderProgram* shader = MakeTextureShaderFromString(QString::fromLatin1(fragmentSource));
+    if (!shader)
+        return false;
+    Texture* copy = WritableCopyOfTexture(texture, 0, 0);
+    if (copy)
+        ProcessTexture(shader, uniforms, texture, copy);
+    delete shader;
+    if (!copy)
+        return false;
+    delete texture;
+    texture = copy;
+    return true;
+}
+
+} // namespace
+
+Texture* SolidColorTexture(float r, float g, float b, float a)
+{
+    const GLubyte texel[4] = {GLubyte(r * 255.0f), GLubyte(g * 255.0f), GLubyte(b * 255.0f), GLubyte(a * 255.0f)};
+    auto* texture = new Texture();
+    texture->setTarget(GL_TEXTURE_2D);
+    if (!texture->bind()) {
+        delete texture;
+        return nullptr;
+    }
+    GLint alignment = 4;
+    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_REPEAT);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_REPEAT);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_BASE_LEVEL, 0);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, 0);
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, 1, 1, 0, GL_RGBA, GL_UNSIGNED_BYTE, texel);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
+    texture->unbind();
+    return texture;
+}
+
+Texture* WritableCopyOfTexture(Texture* source, unsigned int internalFormat, int level)
+{
+    if (!VYX_CHECK(nullptr != source, "Source texture is NULL"))
+        return nullptr;
+    const GLenum target = source->target();
+    if (!VYX_CHECK(GL_TEXTURE_2D_MULTISAMPLE != target && GL_TEXTURE_2D_MULTISAMPLE_ARRAY != target,
+                   "Multisample textures (target 0x%X) cannot be copied", target))
+        return nullptr;
+    if (!source->bind())
+        return nullptr;
+    // Level queries take one face of a cube map.
+    const GLenum levelTarget = GL_TEXTURE_CUBE_MAP == target ? GL_TEXTURE_CUBE_MAP_POSITIVE_X : target;
+    GLint width = 0, height = 0, depth = 0;
+    glGetTexLevelParameteriv(levelTarget, level, GL_TEXTURE_WIDTH, &width);
+    glGetTexLevelParameteriv(levelTarget, level, GL_TEXTURE_HEIGHT, &height);
+    glGetTexLevelParameteriv(levelTarget, level, GL_TEXTURE_DEPTH, &depth);
+    if (0 == internalFormat) {
+        GLint sourceFormat = 0, compressed = 0;
+        glGetTexLevelParameteriv(levelTarget, level, GL_TEXTURE_INTERNAL_FORMAT, &sourceFormat);
+        glGetTexLevelParameteriv(levelTarget, level, GL_TEXTURE_COMPRESSED, &compressed);
+        internalFormat = compressed ? GL_RGBA : static_cast<unsigned int>(sourceFormat);
+    }
+    GLint parameters[6] = {};
+    for (int i = 0; i < 6; ++i)
+        glGetTexParameteriv(target, kCopiedParameters[i], &parameters[i]);
+    source->unbind();
+
+    if (!VYX_CHECK(width > 0 && height > 0, "Texture has no level %d to copy", level))
+        return nullptr;
+    const GLenum format = formatFromInternalFormat(internalFormat);
+    const GLenum type = typeFromInternalFormat(internalFormat);
+    if (0 == format || 0 == type)
+        return nullptr;
+
+    auto* copy = new Texture();
+    copy->setTarget(target);
+    if (!copy->bind()) {
+        delete copy;
+        return nullptr;
+    }
+    for (int i = 0; i < 6; ++i)
+        glTexParameteri(target, kCopiedParameters[i], parameters[i]);
+    const auto glFormat = static_cast<GLint>(internalFormat);
+    switch (target) {
+    case GL_TEXTURE_1D:
+        glTexImage1D(target, level, glFormat, width, 0, format, type, nullptr);
+        break;
+    case GL_TEXTURE_CUBE_MAP:
+        for (GLenum face = 0; face < 6; ++face)
+            glTexImage2D(GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, level, glFormat, width, height, 0, format, type, nullptr);
+        break;
+    case GL_TEXTURE_3D:
+    case GL_TEXTURE_2D_ARRAY:
+    case GL_TEXTURE_CUBE_MAP_ARRAY:
+        glTexImage3D(target, level, glFormat, width, height, depth, 0, format, type, nullptr);
+        break;
+    default:
+        glTexImage2D(target, level, glFormat, width, height, 0, format, type, nullptr);
+        break;
+    }
+    copy->unbind();
+    return copy;
+}
+
+ShaderProgram* MakeTextureShaderFromString(const QString& fragmentSource)
+{
+    auto* program = new ShaderProgram();
+    program->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("passthroughVS.glslc"));
+    program->addShader(GL_FRAGMENT_SHADER, fragmentSource);
+    return makeTextureShader(program, true);
+}
+
+ShaderProgram* MakeTextureShaderFromFile(const QString& fragmentFile)
+{
+    auto* program = new ShaderProgram();
+    program->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("passthroughVS.glslc"));
+    program->addShaderFromFile(GL_FRAGMENT_SHADER, fragmentFile);
+    return makeTextureShader(program, false);
+}
+
+void ProcessTexture(ShaderProgram* shader, const QHash<QString, QVariant>& uniforms, Texture* source,
+                    Texture* destination)
+{
+    if (!VYX_CHECK(shader && source && destination, "ProcessTexture needs a shader, a source and a destination"))
+        return;
+    const QSharedPointer<OpenGLDeviceContext> device = OpenGLDeviceContext::current();
+    if (!VYX_CHECK(!device.isNull(), "No OpenGLDeviceContext to draw the full-screen quad"))
+        return;
+    const QSharedPointer<DrawBuffers> quad = device->fullscreenQuad();
+    if (!VYX_CHECK(quad && quad->VAO(), "No full-screen quad to draw"))
+        return;
+    const QSharedPointer<VertexArrayObject> vertexArray = quad->VAO();
+
+    if (!shader->bind())
+        return;
+    if (!source->bind()) {
+        shader->unbind();
+        return;
+    }
+    GLint width = 0, height = 0;
+    glGetTexLevelParameteriv(source->target(), 0, GL_TEXTURE_WIDTH, &width);
+    glGetTexLevelParameteriv(source->target(), 0, GL_TEXTURE_HEIGHT, &height);
+
+    {
+        FramebufferObject fbo;
+        fbo.bind();
+        const bool attached = fbo.attach(destination, GL_COLOR_ATTACHMENT0, 0);
+        if (attached) {
+            fbo.setDrawBuffers();
+            vertexArray->bind();
+            vertexArray->enableShaderProgramArrays(shader);
+            for (auto it = uniforms.constBegin(); it != uniforms.constEnd(); ++it)
+                shader->setUniform(it.key(), it.value());
+            shader->setUniform(QStringLiteral("u_Src"), QVariant(source->unit()));
+
+            glDisable(GL_BLEND);
+            glDisable(GL_DEPTH_TEST);
+            glDepthMask(GL_FALSE);
+            glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
+            glClear(GL_COLOR_BUFFER_BIT);
+            glViewport(0, 0, width, height);
+            quad->draw(shader);
+            glDepthMask(GL_TRUE);
+            glEnable(GL_DEPTH_TEST);
+
+            vertexArray->unbind();
+            fbo.detach(GL_COLOR_ATTACHMENT0);
+        }
+        fbo.unbind();
+    }
+
+    if (destination->bind()) {
+        glGenerateMipmap(destination->target());
+        destination->unbind();
+    }
+    source->unbind();
+    shader->unbind();
+}
+
+bool FlipY(Texture*& texture)
+{
+    if (!texture)
+        return false;
+    return reworkTexture(texture, kFlipYSource, {});
+}
+
+bool RemapColorRange(Texture*& texture, float low, float high)
+{
+    if (!texture || (low == 0.0f && high == 1.0f))
+        return false;
+    const QHash<QString, QVariant> uniforms = {{QStringLiteral("u_lowValue"), QVariant(low)},
+                                               {QStringLiteral("u_highValue"), QVariant(high)}};
+    return reworkTexture(texture, kRemapColorRangeSource, uniforms);
+}
+
+} // namespace Tavren::Vyx

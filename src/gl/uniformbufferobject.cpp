@@ -1,0 +1,272 @@
+#include "gl/uniformbufferobject.h"
+
+#include "core/logging.h"
+#include "gl/bufferobject.h"
+#include "gl/glcontexttracker.h"
+#include "gl/glloader.h"
+#include "gl/glutilities.h"
+#include "gl/shaderprogram.h"
+
+#include <QHash>
+#include <QVector>
+
+#include <algorithm>
+#include <set>
+#include <utility>
+
+namespace Tavren::Vyx {
+
+namespace {
+
+int aliveUniformBuffers = 0;
+
+// Binding points of one context and who holds them.
+struct UboContextData
+{
+    int _maxUniformBlockBindings = 0;
+    QHash<unsigned int, int> _uniformBufferObjectToUniformBlockBindingMaps;
+    QHash<unsigned int, int> _boundUniformBufferObjectCounts;
+    std::set<int> _freeUniformBlockBindings;
+    int _batchFirst = -1;
+    int _batchLast = -1;
+    // What each binding point should hold when a batch is flushed.
+    QVector<GLuint> _bindingTable;
+    PFNVYXGLBINDBUFFERSBASEPROC _bindBuffersBase = nullptr;
+    bool _initialised = false;
+
+    void initialise(int maximum, PFNVYXGLBINDBUFFERSBASEPROC bindBuffersBase)
+    {
+        _maxUniformBlockBindings = qMax(0, maximum);
+        for (int binding = 0; binding < _maxUniformBlockBindings; ++binding)
+            _freeUniformBlockBindings.insert(binding);
+        _bindingTable.fill(0, _maxUniformBlockBindings);
+        _bindBuffersBase = bindBuffersBase;
+        _initialised = true;
+    }
+};
+
+PerContextRecords<UboContextData>& uboContextRecords()
+{
+    static PerContextRecords<UboContextData> records;
+    return records;
+}
+
+// Runs fn on the current context's record, reading the context's limits first if it is new.
+// fn returns a value, so the common case takes the lock once.
+template <typename Fn>
+auto withCurrentRecord(Fn&& fn) -> decltype(fn(std::declval<UboContextData&>()))
+{
+    using Result = decltype(fn(std::declval<UboContextData&>()));
+    void* context = GLContextTracker::currentContext();
+    bool known = false;
+    Result result = uboContextRecords().with(context, [&](UboContextData& record) {
+        known = record._initialised;
+        return known ? fn(record) : Result();
+    });
+    if (known)
+        return result;
+    // Queried outside the lock: the entry-point lookup may take other per-context locks.
+    GLint maximum = 0;
+    glGetIntegerv(GL_MAX_UNIFORM_BUFFER_BINDINGS, &maximum);
+    const auto bindBuffersBase =
+        reinterpret_cast<PFNVYXGLBINDBUFFERSBASEPROC>(getGLProcAddress("glBindBuffersBase", false));
+    return uboContextRecords().with(context, [&](UboContextData& record) {
+        if (!record._initialised)
+            record.initialise(maximum, bindBuffersBase);
+        return fn(record);
+    });
+}
+
+// The binding the program's block uses now: the one last set through the program, else the
+// one it was linked with (a layout qualifier or an earlier glUniformBlockBinding).
+int currentProgramBinding(ShaderProgram* program, int blockIndex)
+{
+    const unsigned int set = program->getUniformBlockBinding(unsigned(blockIndex));
+    if (set != GL_INVALID_INDEX)
+        return int(set);
+    GLint linked = -1;
+    glGetActiveUniformBlockiv(program->shaderProgramID(), GLuint(blockIndex), GL_UNIFORM_BLOCK_BINDING, &linked);
+    return linked;
+}
+
+} // namespace
+
+UniformBufferObject::UniformBufferObject(const QString& blockName, QSharedPointer<BufferObject> buffer,
+                                         QObject* parent)
+    : QObject(parent)
+    , _bufferObject(std::move(buffer))
+    , _uniformBlockName(blockName)
+{
+    ++aliveUniformBuffers;
+}
+
+UniformBufferObject::~UniformBufferObject()
+{
+    --aliveUniformBuffers;
+}
+
+int UniformBufferObject::NumAlive()
+{
+    return aliveUniformBuffers;
+}
+
+int UniformBufferObject::maxUniformBlockBindings()
+{
+    return withCurrentRecord([](UboContextData& record) { return record._maxUniformBlockBindings; });
+}
+
+bool UniformBufferObject::bind(ShaderProgram* program)
+{
+    if (!VYX_CHECK(!this->_bufferObject.isNull(), "m_bufferObject is NULL on bind()"))
+        return false;
+    const unsigned int bufferObjectID = _bufferObject->getBO();
+    const int blockIndex = program ? program->getUniformBlockIndex(_uniformBlockName) : -1;
+
+    const int binding = withCurrentRecord([&](UboContextData& uboContextData) {
+        const auto held = uboContextData._uniformBufferObjectToUniformBlockBindingMaps.constFind(bufferObjectID);
+        if (held != uboContextData._uniformBufferObjectToUniformBlockBindingMaps.constEnd()) {
+            ++uboContextData._boundUniformBufferObjectCounts[bufferObjectID];
+            return held.value();
+        }
+        std::set<int>& freeBindings = uboContextData._freeUniformBlockBindings;
+        if (freeBindings.empty()) {
+            VYX_WARNING("There is no available uniformBlockBindings");
+            return -1;
+        }
+        // A program linked with an explicit binding keeps it where it can.
+        auto chosen = freeBindings.begin();
+        if (blockIndex >= 0) {
+            const auto preferred = freeBindings.find(currentProgramBinding(program, blockIndex));
+            if (preferred != freeBindings.end())
+                chosen = preferred;
+        }
+        const int newBinding = *chosen;
+        freeBindings.erase(chosen);
+        uboContextData._uniformBufferObjectToUniformBlockBindingMaps.insert(bufferObjectID, newBinding);
+        uboContextData._boundUniformBufferObjectCounts.insert(bufferObjectID, 1);
+        uboContextData._bindingTable[newBinding] = bufferObjectID;
+
+        if (-1 == uboContextData._batchFirst) {
+            // Reported only: the data may still be uploaded after binding.
+            VYX_CHECK(_bufferObject->valueCount() * _bufferObject->valueSize() != 0,
+                      "glBindBufferRange() cannot take 0 as a size (%d,%d)", _bufferObject->valueCount(),
+                      int(_bufferObject->valueSize()));
+            glBindBufferBase(GL_UNIFORM_BUFFER, GLuint(newBinding), bufferObjectID);
+        } else {
+            uboContextData._batchFirst = std::min(uboContextData._batchFirst, newBinding);
+            uboContextData._batchLast = std::max(uboContextData._batchLast, newBinding);
+        }
+        return newBinding;
+    });
+    if (binding < 0)
+        return false;
+    if (blockIndex >= 0)
+        program->setUniformBlockBinding(unsigned(blockIndex), unsigned(binding));
+    return true;
+}
+
+bool UniformBufferObject::unbind(ShaderProgram* /*program*/)
+{
+    if (!VYX_CHECK(!this->_bufferObject.isNull(), "m_bufferObject is NULL on bind()"))
+        return false;
+    const unsigned int bufferObjectID = _bufferObject->getBO();
+    return withCurrentRecord([&](UboContextData& uboContextData) {
+        // Unbinding a buffer that holds no binding point is harmless.
+        if (!uboContextData._uniformBufferObjectToUniformBlockBindingMaps.contains(bufferObjectID))
+            return true;
+        if (!VYX_CHECK(uboContextData._uniformBufferObjectToUniformBlockBindingMaps.contains(bufferObjectID),
+                       "UniformBufferObject has not been bound on unbind"))
+            return false;
+        if (!VYX_CHECK(uboContextData._boundUniformBufferObjectCounts.contains(bufferObjectID),
+                       "UniformBufferObject has not been bound on unbind"))
+            return false;
+        int& count = uboContextData._boundUniformBufferObjectCounts[bufferObjectID];
+        if (--count > 0)
+            return true;
+        const int binding = uboContextData._uniformBufferObjectToUniformBlockBindingMaps.take(bufferObjectID);
+        uboContextData._boundUniformBufferObjectCounts.remove(bufferObjectID);
+        glBindBufferBase(GL_UNIFORM_BUFFER, GLuint(binding), 0);
+        uboContextData._bindingTable[binding] = 0;
+        uboContextData._freeUniformBlockBindings.insert(binding);
+        return true;
+    });
+}
+
+bool UniformBufferObject::bind()
+{
+    ShaderProgram* program = ShaderProgram::currentShaderProgram();
+    if (!program) {
+        VYX_WARNING("No ShaderProgram is bound");
+        return false;
+    }
+    return bind(program);
+}
+
+bool UniformBufferObject::unbind()
+{
+    ShaderProgram* program = ShaderProgram::currentShaderProgram();
+    if (!program) {
+        VYX_WARNING("No ShaderProgram is bound");
+        return false;
+    }
+    return unbind(program);
+}
+
+int UniformBufferObject::uniformBlockBinding() const
+{
+    if (!VYX_CHECK(!this->_bufferObject.isNull(), "m_bufferObject is NULL on uniformBlockBinding()"))
+        return -1;
+    const unsigned int bufferObjectID = _bufferObject->getBO();
+    return withCurrentRecord([&](UboContextData& uboContextData) {
+        if (!VYX_CHECK(uboContextData._uniformBufferObjectToUniformBlockBindingMaps.contains(bufferObjectID),
+                       "UniformBufferObject has not been bound on uniformBlockBinding()"))
+            return -1;
+        if (!VYX_CHECK(uboContextData._boundUniformBufferObjectCounts.contains(bufferObjectID),
+                       "UniformBufferObject has not been bound on uniformBlockBinding()"))
+            return -1;
+        return uboContextData._uniformBufferObjectToUniformBlockBindingMaps.value(bufferObjectID);
+    });
+}
+
+void UniformBufferObject::bindBatchStart()
+{
+    withCurrentRecord([](UboContextData& record) {
+        record._batchFirst = record._maxUniformBlockBindings;
+        record._batchLast = -1;
+        return true;
+    });
+}
+
+void UniformBufferObject::bindBatchFlush()
+{
+    withCurrentRecord([](UboContextData& record) {
+        const int first = record._batchFirst;
+        const int last = record._batchLast;
+        record._batchFirst = -1;
+        record._batchLast = -1;
+        if (-1 == last || first > last)
+            return false;
+        // Points in the range that nobody holds get buffer 0 from the table, which unbinds them.
+        if (record._bindBuffersBase) {
+            record._bindBuffersBase(GL_UNIFORM_BUFFER, GLuint(first), GLsizei(last - first + 1),
+                                    record._bindingTable.constData() + first);
+        } else {
+            for (int binding = first; binding <= last; ++binding)
+                glBindBufferBase(GL_UNIFORM_BUFFER, GLuint(binding), record._bindingTable[binding]);
+        }
+        return true;
+    });
+}
+
+size_t UniformBufferObject::memoryEstimateCPU() const
+{
+    const size_t own = 56 + size_t(_uniformBlockName.size());
+    return _bufferObject.isNull() ? own : own + _bufferObject->memoryEstimateCPU();
+}
+
+size_t UniformBufferObject::memoryEstimateGPU() const
+{
+    return _bufferObject.isNull() ? 0 : _bufferObject->memoryEstimateGPU();
+}
+
+} // namespace Tavren::Vyx

@@ -1,0 +1,158 @@
+#include "gl/glloader.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "gl/textureutilities.h"
+#include "support/gltest.h"
+#include "support/messagecapture.h"
+
+#include <vector>
+
+using namespace Tavren::Vyx;
+
+namespace {
+
+class TextureUtilitiesTest : public VyxTest::GLTest
+{
+protected:
+    void SetUp() override
+    {
+        GLTest::SetUp();
+        OpenGLDeviceContext::resetContext();
+    }
+
+    void TearDown() override
+    {
+        // The cached quad must go while its context is still current.
+        OpenGLDeviceContext::resetContext();
+        GLTest::TearDown();
+    }
+
+    // A 2x2 RGBA8 texture: bottom row (row 0) black and white, top row red and blue.
+    static Texture* checker()
+    {
+        const GLubyte texels[] = {0, 0, 0, 255, 255, 255, 255, 255, 255, 0, 0, 128, 0, 0, 255, 255};
+        auto* texture = new Texture();
+        texture->create2D(GL_TEXTURE_2D, GL_RGBA8, 2, 2);
+        texture->bind();
+        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, 2, 2, GL_RGBA, GL_UNSIGNED_BYTE, texels);
+        texture->unbind();
+        return texture;
+    }
+
+    static std::vector<int> texels(Texture* texture, int count)
+    {
+        std::vector<GLubyte> bytes(size_t(count) * 4);
+        texture->bind();
+        glPixelStorei(GL_PACK_ALIGNMENT, 1);
+        glGetTexImage(texture->target(), 0, GL_RGBA, GL_UNSIGNED_BYTE, bytes.data());
+        texture->unbind();
+        return std::vector<int>(bytes.begin(), bytes.end());
+    }
+
+    static GLint levelParameter(Texture* texture, GLenum parameter)
+    {
+        GLint value = -1;
+        texture->bind();
+        glGetTexLevelParameteriv(texture->target(), 0, parameter, &value);
+        texture->unbind();
+        return value;
+    }
+};
+
+} // namespace
+
+TEST_F(TextureUtilitiesTest, SolidColourTruncatesToBytes)
+{
+    Texture* texture = SolidColorTexture(1.0f, 0.5f, 0.0f, 0.999f);
+    ASSERT_NE(texture, nullptr);
+    EXPECT_EQ(texels(texture, 1), (std::vector<int>{255, 127, 0, 254}));
+    GLint alignment = 0;
+    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
+    EXPECT_EQ(alignment, 4);
+    delete texture;
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+TEST_F(TextureUtilitiesTest, WritableCopyTakesSizeFormatAndParameters)
+{
+    Texture source;
+    source.create2D(GL_TEXTURE_2D, GL_RGBA16F, 8, 4);
+    source.bind();
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    source.unbind();
+    Texture* copy = WritableCopyOfTexture(&source, 0, 0);
+    ASSERT_NE(copy, nullptr);
+    GLint wrapT = 0;
+    copy->bind();
+    glGetTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, &wrapT);
+    copy->unbind();
+    EXPECT_EQ(wrapT, GL_CLAMP_TO_EDGE);
+    EXPECT_EQ(levelParameter(copy, GL_TEXTURE_WIDTH) * 10 + levelParameter(copy, GL_TEXTURE_HEIGHT), 84);
+    EXPECT_EQ(levelParameter(copy, GL_TEXTURE_INTERNAL_FORMAT), GL_RGBA16F);
+    delete copy;
+
+    // A compressed source gives a plain RGBA copy.
+    Texture compressed;
+    compressed.setTarget(GL_TEXTURE_2D);
+    compressed.bind();
+    const GLubyte block[8] = {255, 0, 0, 0, 0, 0, 0, 0};
+    glCompressedTexImage2D(GL_TEXTURE_2D, 0, GL_COMPRESSED_RED_RGTC1, 4, 4, 0, 8, block);
+    compressed.unbind();
+    copy = WritableCopyOfTexture(&compressed, 0, 0);
+    ASSERT_NE(copy, nullptr);
+    EXPECT_EQ(levelParameter(copy, GL_TEXTURE_COMPRESSED), GL_FALSE);
+    const GLint format = levelParameter(copy, GL_TEXTURE_INTERNAL_FORMAT);
+    EXPECT_TRUE(format == GL_RGBA || format == GL_RGBA8) << std::hex << format;
+    delete copy;
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+TEST_F(TextureUtilitiesTest, FlipYReplacesTheTextureByAFlippedCopy)
+{
+    Texture* texture = checker();
+    Texture* original = texture;
+    const int alive = Texture::NumAlive();
+    ASSERT_TRUE(FlipY(texture));
+    EXPECT_NE(texture, original);
+    EXPECT_EQ(Texture::NumAlive(), alive);
+    EXPECT_EQ(texels(texture, 4),
+              (std::vector<int>{255, 0, 0, 128, 0, 0, 255, 255, 0, 0, 0, 255, 255, 255, 255, 255}));
+    delete texture;
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+TEST_F(TextureUtilitiesTest, RemapColorRangeScalesColourAndKeepsAlpha)
+{
+    Texture* texture = checker();
+    Texture* original = texture;
+    EXPECT_FALSE(RemapColorRange(texture, 0.0f, 1.0f));
+    EXPECT_EQ(texture, original);
+    Texture* none = nullptr;
+    EXPECT_FALSE(RemapColorRange(none, 0.5f, 1.0f));
+
+    ASSERT_TRUE(RemapColorRange(texture, 0.5f, 1.0f));
+    const std::vector<int> raised = texels(texture, 4);
+    EXPECT_NEAR(raised[0], 128, 1);  // black became half grey
+    EXPECT_NEAR(raised[4], 255, 1);  // white stays white
+    EXPECT_NEAR(raised[10], 128, 1); // blue 0 of the red texel
+    EXPECT_EQ(raised[3], 255);
+    EXPECT_EQ(raised[11], 128);
+
+    ASSERT_TRUE(RemapColorRange(texture, 1.0f, 0.0f));
+    const std::vector<int> inverted = texels(texture, 4);
+    EXPECT_NEAR(inverted[4], 0, 1);   // white became black
+    EXPECT_NEAR(inverted[8], 0, 1);   // red 1.0 became 0
+    EXPECT_NEAR(inverted[9], 127, 1); // green 0.5 stays half
+    EXPECT_EQ(inverted[11], 128);
+    delete texture;
+}
+
+TEST_F(TextureUtilitiesTest, BrokenShadersAreReportedAndGiveNoProgram)
+{
+    VyxTest::MessageCapture capture;
+    EXPECT_EQ(MakeTextureShaderFromString("#version 150\nvoid main() { undeclared = 1.0; }"), nullptr);
+    const QStringList warnings = capture.bodies(QtWarningMsg);
+    ASSERT_FALSE(warnings.isEmpty());
+    EXPECT_TRUE(warnings.last().startsWith("shader program failed to compile:\n")) << warnings.last().toStdString();
+}

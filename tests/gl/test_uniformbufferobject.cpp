@@ -1,0 +1,293 @@
+#include "gl/bufferobject.h"
+#include "gl/framebufferobject.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "gl/uniformbufferobject.h"
+#include "gl/vertexarrayobject.h"
+#include "support/callrecorder.h"
+#include "support/gltest.h"
+#include "support/messagecapture.h"
+
+#include <memory>
+#include <vector>
+
+#include "gl/glloader.h"
+
+using namespace Tavren::Vyx;
+using VyxTest::CallRecorder;
+
+namespace {
+
+constexpr int kSize = 4;
+
+const char* const kVertexShader = R"(#version 150
+in vec2 va_Vertex;
+void main()
+{
+    gl_Position = vec4(va_Vertex, 0.0, 1.0);
+}
+)";
+
+QString assertion(const char* condition, const QString& message)
+{
+    return QStringLiteral("[ !! ] Assertion '%1' failed: %2").arg(condition, message);
+}
+
+class UniformBufferObjectTest : public VyxTest::GLTest
+{
+protected:
+    void SetUp() override
+    {
+        GLTest::SetUp();
+        OpenGLDeviceContext::resetContext();
+    }
+
+    // A program reading block "Colors"; with a binding, the block is linked to it (by layout
+    // qualifier where GLSL 4.20 is available).
+    static std::unique_ptr<ShaderProgram> colorsProgram(int binding = -1)
+    {
+        const bool layoutBinding = binding >= 0 && !isReducedProfileRun();
+        const QString fragment = QStringLiteral(R"(#version %1
+layout(std140%2) uniform Colors { vec4 u_Color; };
+out vec4 out_FragColor;
+void main()
+{
+    out_FragColor = u_Color;
+}
+)")
+                                     .arg(layoutBinding ? "420" : "150")
+                                     .arg(layoutBinding ? QStringLiteral(", binding = %1").arg(binding) : QString());
+        auto program = std::make_unique<ShaderProgram>();
+        program->addShader(GL_VERTEX_SHADER, kVertexShader);
+        program->addShader(GL_FRAGMENT_SHADER, fragment);
+        EXPECT_TRUE(program->link()) << program->log().toStdString();
+        if (binding >= 0 && !layoutBinding)
+            glUniformBlockBinding(program->shaderProgramID(), GLuint(program->getUniformBlockIndex("Colors")),
+                                  GLuint(binding));
+        return program;
+    }
+
+    static QSharedPointer<UniformBufferObject> colorsBuffer(float red = 0, float green = 0, float blue = 0,
+                                                            float alpha = 0)
+    {
+        auto buffer = OpenGLDeviceContext::current()->newBuffer();
+        buffer->setTarget(GL_UNIFORM_BUFFER);
+        const float colour[4] = {red, green, blue, alpha};
+        buffer->bind();
+        buffer->upload(colour, 4, GL_STATIC_DRAW);
+        buffer->unbind();
+        return OpenGLDeviceContext::current()->newUniformBuffer("Colors", buffer);
+    }
+
+    static GLuint boundAt(int binding)
+    {
+        GLint name = -1;
+        glGetIntegeri_v(GL_UNIFORM_BUFFER_BINDING, GLuint(binding), &name);
+        return GLuint(name);
+    }
+
+    static GLint programBinding(const ShaderProgram& program)
+    {
+        GLint binding = -1;
+        glGetActiveUniformBlockiv(program.shaderProgramID(), GLuint(program.getUniformBlockIndex("Colors")),
+                                  GL_UNIFORM_BLOCK_BINDING, &binding);
+        return binding;
+    }
+
+    VyxTest::MessageCapture capture;
+};
+
+} // namespace
+
+TEST_F(UniformBufferObjectTest, OneBufferKeepsOneBindingUntilEveryProgramUnbinds)
+{
+    auto first = colorsProgram();
+    auto second = colorsProgram();
+    auto ubo = colorsBuffer();
+    auto otherUbo = colorsBuffer();
+    const GLuint name = ubo->bufferObject()->getBO();
+
+    ASSERT_TRUE(ubo->bind(first.get()));
+    EXPECT_EQ(boundAt(0), name);
+    {
+        CallRecorder<&_ptrc_glBindBufferBase> bindBase;
+        ASSERT_TRUE(ubo->bind(second.get()));
+        EXPECT_EQ(bindBase.count(), 0u);
+    }
+    EXPECT_EQ(ubo->uniformBlockBinding(), 0);
+    EXPECT_EQ(programBinding(*second), 0);
+    ASSERT_TRUE(otherUbo->bind(second.get()));
+    EXPECT_EQ(otherUbo->uniformBlockBinding(), 1);
+    EXPECT_EQ(programBinding(*second), 1);
+
+    CallRecorder<&_ptrc_glBindBufferBase> bindBase;
+    EXPECT_TRUE(ubo->unbind(first.get()));
+    EXPECT_EQ(boundAt(0), name) << "the second program still holds it";
+    EXPECT_TRUE(ubo->unbind(second.get()));
+    EXPECT_EQ(boundAt(0), 0u);
+    EXPECT_TRUE(ubo->unbind(second.get())) << "unbinding an unbound buffer is harmless";
+    EXPECT_EQ(bindBase.count(), 1u);
+    EXPECT_EQ(ubo->uniformBlockBinding(), -1);
+    EXPECT_TRUE(capture.bodies(QtWarningMsg).isEmpty());
+    EXPECT_EQ(capture.bodies(QtCriticalMsg),
+              QStringList{assertion("uboContextData._uniformBufferObjectToUniformBlockBindingMaps.contains(bufferObjectID)",
+                                    "UniformBufferObject has not been bound on uniformBlockBinding()")});
+    EXPECT_TRUE(otherUbo->unbind(second.get()));
+}
+
+TEST_F(UniformBufferObjectTest, MisuseIsReported)
+{
+    auto program = colorsProgram();
+    auto bufferless = OpenGLDeviceContext::current()->newUniformBuffer("Colors", QSharedPointer<BufferObject>());
+    EXPECT_FALSE(bufferless->bind(program.get()));
+    EXPECT_FALSE(bufferless->unbind(program.get()));
+    EXPECT_EQ(bufferless->uniformBlockBinding(), -1);
+
+    auto empty = OpenGLDeviceContext::current()->newUniformBuffer("Colors",
+                                                                  OpenGLDeviceContext::current()->newBuffer());
+    EXPECT_TRUE(empty->bind(program.get())) << "reported, but bound for data that comes later";
+    EXPECT_EQ(boundAt(0), empty->bufferObject()->getBO());
+    EXPECT_EQ(capture.bodies(QtCriticalMsg),
+              (QStringList{assertion("!this->_bufferObject.isNull()", "m_bufferObject is NULL on bind()"),
+                           assertion("!this->_bufferObject.isNull()", "m_bufferObject is NULL on bind()"),
+                           assertion("!this->_bufferObject.isNull()", "m_bufferObject is NULL on uniformBlockBinding()"),
+                           assertion("_bufferObject->valueCount() * _bufferObject->valueSize() != 0",
+                                     "glBindBufferRange() cannot take 0 as a size (0,0)")}));
+
+    auto ubo = colorsBuffer();
+    EXPECT_FALSE(ubo->bind());
+    EXPECT_FALSE(ubo->unbind());
+    EXPECT_EQ(capture.bodies(QtWarningMsg), (QStringList{"No ShaderProgram is bound", "No ShaderProgram is bound"}));
+    ASSERT_TRUE(program->bind());
+    EXPECT_TRUE(ubo->bind());
+    EXPECT_EQ(programBinding(*program), 1);
+    EXPECT_TRUE(ubo->unbind());
+    program->unbind();
+    EXPECT_TRUE(empty->unbind(program.get()));
+}
+
+TEST_F(UniformBufferObjectTest, BindingPointsRunOutAtTheDriversLimit)
+{
+    GLint maximum = 0;
+    glGetIntegerv(GL_MAX_UNIFORM_BUFFER_BINDINGS, &maximum);
+    ASSERT_GT(maximum, 0);
+    std::vector<QSharedPointer<UniformBufferObject>> ubos;
+    for (int i = 0; i <= maximum; ++i)
+        ubos.push_back(colorsBuffer());
+    for (int i = 0; i < maximum; ++i)
+        ASSERT_TRUE(ubos[i]->bind(nullptr)) << i;
+    EXPECT_EQ(boundAt(maximum - 1), ubos[maximum - 1]->bufferObject()->getBO());
+
+    EXPECT_FALSE(ubos[maximum]->bind(nullptr));
+    EXPECT_EQ(capture.bodies(QtWarningMsg), QStringList{"There is no available uniformBlockBindings"});
+    ASSERT_TRUE(ubos[7]->unbind(nullptr));
+    ASSERT_TRUE(ubos[maximum]->bind(nullptr));
+    EXPECT_EQ(ubos[maximum]->uniformBlockBinding(), 7);
+    EXPECT_EQ(boundAt(7), ubos[maximum]->bufferObject()->getBO());
+    for (auto& ubo : ubos)
+        ubo->unbind(nullptr);
+}
+
+TEST_F(UniformBufferObjectTest, ProgramsKeepTheirLinkedBindingWhereItIsFree)
+{
+    auto linkedTo5 = colorsProgram(5);
+    auto alsoLinkedTo5 = colorsProgram(5);
+    ASSERT_EQ(programBinding(*linkedTo5), 5);
+    auto ubo = colorsBuffer();
+    auto otherUbo = colorsBuffer();
+    ASSERT_TRUE(ubo->bind(linkedTo5.get()));
+    EXPECT_EQ(ubo->uniformBlockBinding(), 5);
+    EXPECT_EQ(boundAt(5), ubo->bufferObject()->getBO());
+    ASSERT_TRUE(otherUbo->bind(alsoLinkedTo5.get()));
+    EXPECT_EQ(otherUbo->uniformBlockBinding(), 0);
+    EXPECT_EQ(programBinding(*alsoLinkedTo5), 0);
+    EXPECT_TRUE(ubo->unbind(linkedTo5.get()) && otherUbo->unbind(alsoLinkedTo5.get()));
+    EXPECT_TRUE(capture.bodies(QtCriticalMsg).isEmpty());
+    EXPECT_TRUE(capture.bodies(QtWarningMsg).isEmpty());
+}
+
+TEST_F(UniformBufferObjectTest, BatchedBindingsAreIssuedTogetherAndUnbindTheGaps)
+{
+    auto linkedTo7 = colorsProgram(7);
+    std::vector<QSharedPointer<UniformBufferObject>> ubos;
+    for (int i = 0; i < 5; ++i)
+        ubos.push_back(colorsBuffer());
+    ASSERT_TRUE(ubos[0]->bind(nullptr) && ubos[1]->bind(nullptr));
+    // Leftovers at 4 to 6 that the flush must clear.
+    const GLuint stray = ubos[0]->bufferObject()->getBO();
+    for (GLuint binding = 4; binding <= 6; ++binding)
+        glBindBufferBase(GL_UNIFORM_BUFFER, binding, stray);
+
+    CallRecorder<&_ptrc_glBindBufferBase> bindBase;
+    UniformBufferObject::bindBatchStart();
+    ASSERT_TRUE(ubos[2]->bind(nullptr));
+    ASSERT_TRUE(ubos[3]->bind(nullptr));
+    ASSERT_TRUE(ubos[4]->bind(linkedTo7.get()));
+    EXPECT_EQ(bindBase.count(), 0u);
+    EXPECT_EQ(boundAt(2), 0u) << "nothing is bound before the flush";
+    UniformBufferObject::bindBatchFlush();
+
+    const std::vector<GLuint> expected{ubos[2]->bufferObject()->getBO(), ubos[3]->bufferObject()->getBO(), 0, 0, 0,
+                                       ubos[4]->bufferObject()->getBO()};
+    for (int binding = 2; binding <= 7; ++binding)
+        EXPECT_EQ(boundAt(binding), expected[binding - 2]) << binding;
+    if (isReducedProfileRun()) {
+        // No multi-bind: one call per point of the range.
+        ASSERT_EQ(bindBase.count(), 6u);
+        for (int binding = 2; binding <= 7; ++binding)
+            EXPECT_EQ(bindBase.calls()[binding - 2],
+                      std::make_tuple(GLenum(GL_UNIFORM_BUFFER), GLuint(binding), expected[binding - 2]));
+    } else {
+        EXPECT_EQ(bindBase.count(), 0u) << "one multi-bind call instead";
+    }
+
+    bindBase.calls().clear();
+    UniformBufferObject::bindBatchStart();
+    UniformBufferObject::bindBatchFlush();
+    ASSERT_TRUE(ubos[2]->unbind(nullptr));
+    EXPECT_EQ(bindBase.count(), 1u) << "an empty batch binds nothing; unbinding is not batched";
+    for (auto& ubo : ubos)
+        ubo->unbind(nullptr);
+}
+
+TEST_F(UniformBufferObjectTest, ShaderReadsTheBlockAndObjectsAreReleased)
+{
+    {
+        auto program = colorsProgram();
+        auto ubo = colorsBuffer(0.2f, 0.4f, 0.6f, 1.0f);
+        FramebufferObject framebuffer;
+        ASSERT_TRUE(framebuffer.bind());
+        std::unique_ptr<Texture> colour(
+            framebuffer.createTexture2D(GL_COLOR_ATTACHMENT0, GL_RGBA8, GL_RGBA, GL_UNSIGNED_BYTE, kSize, kSize));
+        ASSERT_TRUE(colour);
+        glViewport(0, 0, kSize, kSize);
+
+        auto vao = OpenGLDeviceContext::current()->newVAO();
+        auto positions = OpenGLDeviceContext::current()->newBuffer();
+        positions->setTarget(GL_ARRAY_BUFFER);
+        ASSERT_TRUE(vao->upload("va_Vertex", positions, QVector<float>{-1, -1, 3, -1, -1, 3}, 2, GL_STATIC_DRAW));
+        ASSERT_TRUE(program->bind());
+        ASSERT_TRUE(ubo->bind());
+        ASSERT_TRUE(vao->bind());
+        ASSERT_TRUE(vao->enableShaderProgramArrays(program.get()));
+        glDrawArrays(GL_TRIANGLES, 0, 3);
+        ASSERT_TRUE(vao->unbind());
+        ASSERT_TRUE(ubo->unbind());
+        program->unbind();
+
+        std::vector<unsigned char> rgba(kSize * kSize * 4);
+        glReadPixels(0, 0, kSize, kSize, GL_RGBA, GL_UNSIGNED_BYTE, rgba.data());
+        for (int i = 0; i < kSize * kSize; ++i)
+            ASSERT_EQ(std::vector<int>(rgba.begin() + 4 * i, rgba.begin() + 4 * i + 4),
+                      (std::vector<int>{51, 102, 153, 255}))
+                << i;
+        framebuffer.detachAll();
+        framebuffer.unbind();
+        EXPECT_EQ(UniformBufferObject::NumAlive(), 1);
+    }
+    EXPECT_EQ(UniformBufferObject::NumAlive(), 0);
+    EXPECT_EQ(VertexArrayObject::NumAlive(), 0);
+    EXPECT_EQ(BufferObject::NumAlive(), 0);
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
