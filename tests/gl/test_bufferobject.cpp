@@ -15,12 +15,6 @@ namespace {
 class BufferObjectTest : public VyxTest::GLTest
 {
 protected:
-    void SetUp() override
-    {
-        GLTest::SetUp();
-        OpenGLDeviceContext::resetContext();
-    }
-
     static QSharedPointer<BufferObject> newArrayBuffer()
     {
         auto buffer = OpenGLDeviceContext::current()->newBuffer();
@@ -47,11 +41,6 @@ protected:
     VyxTest::MessageCapture capture;
 };
 
-QString assertion(const char* condition, const QString& message)
-{
-    return QStringLiteral("[ !! ] Assertion '%1' failed: %2").arg(condition, message);
-}
-
 } // namespace
 
 TEST_F(BufferObjectTest, BindTwiceAndUnbindTwiceAreRefused)
@@ -64,9 +53,9 @@ TEST_F(BufferObjectTest, BindTwiceAndUnbindTwiceAreRefused)
     EXPECT_EQ(binding(GL_ARRAY_BUFFER_BINDING), 0);
     EXPECT_FALSE(buffer->unbind());
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              (QStringList{assertion("0u == this->_boBountTarget",
+              (QStringList{VyxTest::assertionText("0u == this->_boBountTarget",
                                      "Buffer Object is already bound on bind to target 34962"),
-                           assertion("0u != this->_boBountTarget", "Buffer Object is not bound on unbind")}));
+                           VyxTest::assertionText("0u != this->_boBountTarget", "Buffer Object is not bound on unbind")}));
 }
 
 TEST_F(BufferObjectTest, RebindMovesTheBindingAndSkipsTheSameName)
@@ -121,7 +110,7 @@ TEST_F(BufferObjectTest, UploadTakesTheDirectPathOnlyWhereTheDriverHasIt)
     if (isReducedProfileRun()) {
         EXPECT_FALSE(buffer->upload(values.data(), 4, GL_STATIC_DRAW));
         EXPECT_EQ(capture.bodies(QtCriticalMsg),
-                  QStringList{assertion("0u != this->_boBountTarget", "Buffer Object is not bound on upload")});
+                  QStringList{VyxTest::assertionText("0u != this->_boBountTarget", "Buffer Object is not bound on upload")});
         ASSERT_TRUE(buffer->bind());
         EXPECT_TRUE(buffer->upload(values.data(), 4, GL_STATIC_DRAW));
         EXPECT_EQ(bufferData.count(), 1u);
@@ -140,7 +129,7 @@ TEST_F(BufferObjectTest, UploadTakesTheDirectPathOnlyWhereTheDriverHasIt)
     capture.clear();
     EXPECT_FALSE(buffer->subUpload(values.data(), 3, 2));
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              QStringList{assertion("offset + valueCount <= _valueCount", "Buffer Object is not large enough to hold data")});
+              QStringList{VyxTest::assertionText("offset + valueCount <= _valueCount", "Buffer Object is not large enough to hold data")});
     EXPECT_TRUE(buffer->unbind());
 }
 

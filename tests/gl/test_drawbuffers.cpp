@@ -68,7 +68,6 @@ protected:
     void SetUp() override
     {
         GLTest::SetUp();
-        OpenGLDeviceContext::resetContext();
         device = OpenGLDeviceContext::current();
         target = std::make_unique<FramebufferObject>();
         target->bind();
@@ -90,8 +89,6 @@ protected:
 
     void TearDown() override
     {
-        // The cached quad must go while its context is still current.
-        OpenGLDeviceContext::resetContext();
         delete target->detach(GL_COLOR_ATTACHMENT0);
         target->unbind();
         target.reset();

@@ -38,11 +38,6 @@ protected:
     VyxTest::MessageCapture capture;
 };
 
-QString assertion(const char* condition, const QString& message)
-{
-    return QStringLiteral("[ !! ] Assertion '%1' failed: %2").arg(condition, message);
-}
-
 } // namespace
 
 TEST_F(FramebufferObjectTest, DrawBuffersFollowColourAttachmentsAndReceiveClears)
@@ -110,11 +105,11 @@ TEST_F(FramebufferObjectTest, LayersAndUpdatesAttachWhatGLReports)
     EXPECT_EQ(attachmentParameter(GL_COLOR_ATTACHMENT0, GL_FRAMEBUFFER_ATTACHMENT_TEXTURE_LAYER), 2);
     EXPECT_FALSE(fbo.attach(flat.get(), GL_COLOR_ATTACHMENT0, 0));
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              (QStringList{assertion("false", "Texture Target 0x8C1A is not supported by FramebufferObject::attach() use "
+              (QStringList{VyxTest::assertionText("false", "Texture Target 0x8C1A is not supported by FramebufferObject::attach() use "
                                               "FramebufferObject::attach3D()"),
-                           assertion("false", "Texture Target 0xDE1 is not supported by "
+                           VyxTest::assertionText("false", "Texture Target 0xDE1 is not supported by "
                                               "FramebufferObject::attachLayer() use FramebufferObject::attach()"),
-                           assertion("false == this->_attachments.contains(attachmentPoint)",
+                           VyxTest::assertionText("false == this->_attachments.contains(attachmentPoint)",
                                      "Framebuffer Object already has attachment at 36064")}));
 
     ASSERT_TRUE(fbo.attachUpdate(flat.get(), GL_COLOR_ATTACHMENT0, 0));
@@ -167,9 +162,9 @@ TEST_F(FramebufferObjectTest, MisuseIsRefusedAndNamesAreNotLeaked)
         for (FramebufferObject* managed : {&fbo, &second})
             ASSERT_TRUE(managed->bind() && managed->unbind());
         EXPECT_EQ(capture.bodies(QtCriticalMsg),
-                  (QStringList{assertion("true == this->_fboBound", "Framebuffer Object is not bound on attach"),
-                               assertion("false == this->_fboBound", "Framebuffer Object is already bound on bind"),
-                               assertion("true == this->_attachments.contains(attachmentPoint)",
+                  (QStringList{VyxTest::assertionText("true == this->_fboBound", "Framebuffer Object is not bound on attach"),
+                               VyxTest::assertionText("false == this->_fboBound", "Framebuffer Object is already bound on bind"),
+                               VyxTest::assertionText("true == this->_attachments.contains(attachmentPoint)",
                                          "Framebuffer Object has nothing attached to attachment at 36064")}));
     }
     EXPECT_EQ(FramebufferObject::NumAlive(), 0);

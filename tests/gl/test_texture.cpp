@@ -49,11 +49,6 @@ protected:
     VyxTest::MessageCapture capture;
 };
 
-QString assertion(const char* condition, const QString& message)
-{
-    return QStringLiteral("[ !! ] Assertion '%1' failed: %2").arg(condition, message);
-}
-
 } // namespace
 
 TEST_F(TextureTest, NestedBindsShareOneUnitAndBindOnce)
@@ -78,9 +73,9 @@ TEST_F(TextureTest, NestedBindsShareOneUnitAndBindOnce)
     EXPECT_EQ(activeTexture.count(), 0u);
     EXPECT_EQ(bindTexture.count(), 2u);
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              (QStringList{assertion("contextInfo.textureToUnitMaps.contains(this->_textureID)",
+              (QStringList{VyxTest::assertionText("contextInfo.textureToUnitMaps.contains(this->_textureID)",
                                      "Texture has not been bound on unbind"),
-                           assertion("contextInfo.textureToUnitMaps.contains(this->_textureID)",
+                           VyxTest::assertionText("contextInfo.textureToUnitMaps.contains(this->_textureID)",
                                      "Texture has not been bound on unit()")}));
 }
 
@@ -169,8 +164,8 @@ TEST_F(TextureTest, MisuseIsReportedAndNamesAreNotLeaked)
     Texture nothing(0u);
     EXPECT_FALSE(nothing.bind());
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              (QStringList{assertion("textureID != 0", "Texture ID was zero, can't wrap a non-existent texture"),
-                           assertion("0u != this->_textureID", "Texutre is NULL on bind")}));
+              (QStringList{VyxTest::assertionText("textureID != 0", "Texture ID was zero, can't wrap a non-existent texture"),
+                           VyxTest::assertionText("0u != this->_textureID", "Texutre is NULL on bind")}));
 
     GLuint wrappedName = 0;
     glGenTextures(1, &wrappedName);

@@ -15,19 +15,6 @@ namespace {
 class TextureUtilitiesTest : public VyxTest::GLTest
 {
 protected:
-    void SetUp() override
-    {
-        GLTest::SetUp();
-        OpenGLDeviceContext::resetContext();
-    }
-
-    void TearDown() override
-    {
-        // The cached quad must go while its context is still current.
-        OpenGLDeviceContext::resetContext();
-        GLTest::TearDown();
-    }
-
     // A 2x2 RGBA8 texture: bottom row (row 0) black and white, top row red and blue.
     static Texture* checker()
     {

@@ -29,20 +29,9 @@ void main()
 }
 )";
 
-QString assertion(const char* condition, const QString& message)
-{
-    return QStringLiteral("[ !! ] Assertion '%1' failed: %2").arg(condition, message);
-}
-
 class UniformBufferObjectTest : public VyxTest::GLTest
 {
 protected:
-    void SetUp() override
-    {
-        GLTest::SetUp();
-        OpenGLDeviceContext::resetContext();
-    }
-
     // A program reading block "Colors"; with a binding, the block is linked to it (by layout
     // qualifier where GLSL 4.20 is available).
     static std::unique_ptr<ShaderProgram> colorsProgram(int binding = -1)
@@ -131,7 +120,7 @@ TEST_F(UniformBufferObjectTest, OneBufferKeepsOneBindingUntilEveryProgramUnbinds
     EXPECT_EQ(ubo->uniformBlockBinding(), -1);
     EXPECT_TRUE(capture.bodies(QtWarningMsg).isEmpty());
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              QStringList{assertion("uboContextData._uniformBufferObjectToUniformBlockBindingMaps.contains(bufferObjectID)",
+              QStringList{VyxTest::assertionText("uboContextData._uniformBufferObjectToUniformBlockBindingMaps.contains(bufferObjectID)",
                                     "UniformBufferObject has not been bound on uniformBlockBinding()")});
     EXPECT_TRUE(otherUbo->unbind(second.get()));
 }
@@ -149,10 +138,10 @@ TEST_F(UniformBufferObjectTest, MisuseIsReported)
     EXPECT_TRUE(empty->bind(program.get())) << "reported, but bound for data that comes later";
     EXPECT_EQ(boundAt(0), empty->bufferObject()->getBO());
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              (QStringList{assertion("!this->_bufferObject.isNull()", "m_bufferObject is NULL on bind()"),
-                           assertion("!this->_bufferObject.isNull()", "m_bufferObject is NULL on bind()"),
-                           assertion("!this->_bufferObject.isNull()", "m_bufferObject is NULL on uniformBlockBinding()"),
-                           assertion("_bufferObject->valueCount() * _bufferObject->valueSize() != 0",
+              (QStringList{VyxTest::assertionText("!this->_bufferObject.isNull()", "m_bufferObject is NULL on bind()"),
+                           VyxTest::assertionText("!this->_bufferObject.isNull()", "m_bufferObject is NULL on bind()"),
+                           VyxTest::assertionText("!this->_bufferObject.isNull()", "m_bufferObject is NULL on uniformBlockBinding()"),
+                           VyxTest::assertionText("_bufferObject->valueCount() * _bufferObject->valueSize() != 0",
                                      "glBindBufferRange() cannot take 0 as a size (0,0)")}));
 
     auto ubo = colorsBuffer();

@@ -46,20 +46,9 @@ void main()
 }
 )";
 
-QString assertion(const char* condition, const QString& message)
-{
-    return QStringLiteral("[ !! ] Assertion '%1' failed: %2").arg(condition, message);
-}
-
 class VertexArrayObjectTest : public VyxTest::GLTest
 {
 protected:
-    void SetUp() override
-    {
-        GLTest::SetUp();
-        OpenGLDeviceContext::resetContext();
-    }
-
     static QSharedPointer<BufferObject> arrayBuffer(const void* data, int bytes)
     {
         auto buffer = OpenGLDeviceContext::current()->newBuffer();
@@ -112,12 +101,12 @@ TEST_F(VertexArrayObjectTest, MisuseIsReportedAndRefused)
     EXPECT_FALSE(vao->rebind(other.data(), boundNow));
     EXPECT_FALSE(boundNow);
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              (QStringList{assertion("0u != this->_vao", "Vertex Array Object is NULL on isBound"),
-                           assertion("0u != this->_vao", "Vertex Array Object is NULL on unbind"),
-                           assertion("0u != this->_vao", "Vertex Array Object is NULL on enable array"),
-                           assertion("false == this->_vaoBound", "Vertex Array Object is already bound on bind"),
-                           assertion("true == this->_vaoBound", "Vertex Array Object is not bound on enable array"),
-                           assertion("true == vertexArrayObjectBound->_vaoBound",
+              (QStringList{VyxTest::assertionText("0u != this->_vao", "Vertex Array Object is NULL on isBound"),
+                           VyxTest::assertionText("0u != this->_vao", "Vertex Array Object is NULL on unbind"),
+                           VyxTest::assertionText("0u != this->_vao", "Vertex Array Object is NULL on enable array"),
+                           VyxTest::assertionText("false == this->_vaoBound", "Vertex Array Object is already bound on bind"),
+                           VyxTest::assertionText("true == this->_vaoBound", "Vertex Array Object is not bound on enable array"),
+                           VyxTest::assertionText("true == vertexArrayObjectBound->_vaoBound",
                                      "Vertex Array Object is not already bound on rebind")}));
     capture.clear();
 
@@ -135,15 +124,15 @@ TEST_F(VertexArrayObjectTest, MisuseIsReportedAndRefused)
     auto untargeted = OpenGLDeviceContext::current()->newBuffer();
     EXPECT_FALSE(vao->upload("va_Vertex", untargeted, values, 9, 3, GL_STATIC_DRAW));
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              (QStringList{assertion("0 == (valueCount \\% valuesPerVertex)",
+              (QStringList{VyxTest::assertionText("0 == (valueCount \\% valuesPerVertex)",
                                      "Data size (10) must be a multi of the values per vertex (3)"),
-                           assertion("NULL != bufferObj", "Must Supply a valid BO pointer"),
-                           assertion("!bufferObj.isNull()", "Must Supply a valid BO pointer"),
-                           assertion("true == isTypeSupported(type)", "Unsupported type 0x1400"),
-                           assertion("_attributesData.contains(attrName)", "Must Supply an existing BO attribute name"),
-                           assertion("_attributesData[attrName]._valuesPerVertex == valuesPerVertex",
+                           VyxTest::assertionText("NULL != bufferObj", "Must Supply a valid BO pointer"),
+                           VyxTest::assertionText("!bufferObj.isNull()", "Must Supply a valid BO pointer"),
+                           VyxTest::assertionText("true == isTypeSupported(type)", "Unsupported type 0x1400"),
+                           VyxTest::assertionText("_attributesData.contains(attrName)", "Must Supply an existing BO attribute name"),
+                           VyxTest::assertionText("_attributesData[attrName]._valuesPerVertex == valuesPerVertex",
                                      "Values per vertex must match (Current 2 != New 3)"),
-                           assertion("0u != this->_target", "Buffer Object's target is not set when bind() is called"),
+                           VyxTest::assertionText("0u != this->_target", "Buffer Object's target is not set when bind() is called"),
                            "[ !! ] Failed to bind BO"}));
     EXPECT_TRUE(VertexArrayObject::isTypeSupported(GL_HALF_FLOAT));
     EXPECT_FALSE(VertexArrayObject::isTypeSupported(GL_INT));
@@ -169,7 +158,7 @@ TEST_F(VertexArrayObjectTest, RebindTakesOverAndTheDestructorReleasesABoundName)
     const GLuint name = second->getVAO();
     second.reset();
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              QStringList{assertion("false == this->_vaoBound", "Vertex Array Object is bound during class destructor")});
+              QStringList{VyxTest::assertionText("false == this->_vaoBound", "Vertex Array Object is bound during class destructor")});
     EXPECT_FALSE(glIsVertexArray(name));
 }
 
@@ -298,7 +287,7 @@ TEST_F(VertexArrayObjectTest, NamesDieWithTheirObjectsInTheContextThatMadeThem)
     EXPECT_FALSE(vao->getContextTracker()->check());
     vao.reset();
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              QStringList{assertion("0u == this->_vao", "Vertex Array Object needs to be destroied before class destructor")});
+              QStringList{VyxTest::assertionText("0u == this->_vao", "Vertex Array Object needs to be destroied before class destructor")});
     ASSERT_TRUE(context.makeCurrent());
     EXPECT_TRUE(glIsVertexArray(name));
     glDeleteVertexArrays(1, &name);

@@ -6,8 +6,8 @@
 
 namespace VyxTest {
 
-// A test with a real GL context current (llvmpipe through EGL's surfaceless platform) and the
-// library's entry points loaded. Under MESA_GL_VERSION_OVERRIDE=3.2 the context is 3.2 core.
+// A test with a real GL context current (llvmpipe through EGL's surfaceless platform), the
+// library's entry points loaded and a fresh OpenGLDeviceContext installed. Under MESA_GL_VERSION_OVERRIDE=3.2 the context is 3.2 core.
 class GLTest : public ::testing::Test
 {
 protected:

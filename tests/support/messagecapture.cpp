@@ -71,6 +71,11 @@ void MessageCapture::clear()
     capturedMessages().clear();
 }
 
+QString assertionText(const char* condition, const QString& message)
+{
+    return QStringLiteral("[ !! ] Assertion '%1' failed: %2").arg(QString::fromUtf8(condition), message);
+}
+
 QString withoutLocation(const QString& line)
 {
     static const QRegularExpression location(QStringLiteral("^\\[[^\\]:]+:\\d+\\] "));

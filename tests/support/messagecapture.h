@@ -37,6 +37,9 @@ private:
     QtMessageHandler _previous;
 };
 
+// The body of the library's assertion line for a condition and its filled-in message.
+QString assertionText(const char* condition, const QString& message);
+
 // "[file.cpp:123] text" -> "text"; other lines unchanged.
 QString withoutLocation(const QString& line);
 

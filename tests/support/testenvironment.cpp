@@ -1,5 +1,7 @@
 #include "support/testenvironment.h"
 
+#include <QFile>
+
 #include <cstdlib>
 
 namespace VyxTest {
@@ -39,6 +41,12 @@ void applyCommonEnvironment()
 QString testDataPath(const QString& relative)
 {
     return QStringLiteral(VYX_TEST_DATA_DIR "/") + relative;
+}
+
+QByteArray readTestData(const QString& relative)
+{
+    QFile file(testDataPath(relative));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 } // namespace VyxTest

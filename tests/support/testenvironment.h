@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 
 namespace VyxTest {
@@ -15,5 +16,7 @@ const char* reducedProfileExtensionOverride();
 const char* hiddenExtensions();
 
 QString testDataPath(const QString& relative);
+// A test data file's bytes; empty when it cannot be read.
+QByteArray readTestData(const QString& relative);
 
 } // namespace VyxTest

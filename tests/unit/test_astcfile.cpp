@@ -18,12 +18,6 @@ using VyxTest::MessageCapture;
 
 namespace {
 
-QByteArray readFile(const QString& relative)
-{
-    QFile file(VyxTest::testDataPath(relative));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 const unsigned char* bytes(const QByteArray& data)
 {
     return reinterpret_cast<const unsigned char*>(data.constData());
@@ -67,7 +61,7 @@ TEST(ASTCFile, FilesMatchReferenceDecoder)
     QTemporaryDir dir;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file);
-        const QByteArray data = readFile(QStringLiteral("astc/") + c.file);
+        const QByteArray data = VyxTest::readTestData(QStringLiteral("astc/") + c.file);
         ASTCFile file(bytes(data), data.size(), c.file);
         ASSERT_TRUE(file.valid());
         EXPECT_EQ(file.blockWidth(), c.blockWidth);
@@ -102,7 +96,7 @@ TEST(ASTCFile, BrokenFilesAreReported)
                            "astcenc_negative_magic.astc", "astcenc_negative_overflow.astc",
                            "astcenc_negative_short.astc"};
     for (const char* file : files) {
-        const QByteArray data = readFile(QStringLiteral("astc/invalid/") + file);
+        const QByteArray data = VyxTest::readTestData(QStringLiteral("astc/invalid/") + file);
         EXPECT_FALSE(ASTCFile(bytes(data), data.size(), "f").valid()) << file;
     }
     const QByteArray synthetic[] = {astc(4, 4, 4, 8, 8, 8, 8), astc(4, 4, 1, 0, 8, 1, 4), astc(4, 4, 1, 8, 8, 2, 8),

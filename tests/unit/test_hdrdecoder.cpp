@@ -19,12 +19,6 @@ using VyxTest::MessageCapture;
 
 namespace {
 
-QByteArray readFile(const QString& relative)
-{
-    QFile file(VyxTest::testDataPath(relative));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 QByteArray picture(const char* resolution, const QByteArray& pixels, const char* header = "FORMAT=32-bit_rle_rgbe\n")
 {
     return QByteArray("#?RADIANCE\n") + header + "\n" + resolution + "\n" + pixels;
@@ -60,7 +54,7 @@ TEST(HDRDecoder, FilesMatchIndependentDecoder)
                            "radiance_pinterp_nested-header.hdr", "radiance_v_gradient_noformat.hdr"};
     for (const char* file : files) {
         SCOPED_TRACE(file);
-        const QByteArray data = readFile(QStringLiteral("hdr/") + file);
+        const QByteArray data = VyxTest::readTestData(QStringLiteral("hdr/") + file);
         ASSERT_FALSE(data.isEmpty());
         HDRDecoder decoder(bytes(data), data.size(), file);
         ASSERT_TRUE(decoder.valid());
@@ -91,7 +85,7 @@ TEST(HDRDecoder, OldRunLengthAndFlatFiles)
                            "radiance_shingle_mixed_nosig.hdr", "radiance_pinebark_flat_nosig.hdr"};
     for (const char* file : files) {
         SCOPED_TRACE(file);
-        QByteArray data = readFile(QStringLiteral("hdr/") + file);
+        QByteArray data = VyxTest::readTestData(QStringLiteral("hdr/") + file);
         if (!data.startsWith("#?RADIANCE\n")) {
             EXPECT_FALSE(HDRDecoder(bytes(data), data.size()).valid());
             data.prepend("#?RADIANCE\n");
@@ -104,7 +98,7 @@ TEST(HDRDecoder, OldRunLengthAndFlatFiles)
             ASSERT_FALSE(rgbe[i] == 1 && rgbe[i + 1] == 1 && rgbe[i + 2] == 1) << "marker left at pixel " << i / 4;
     }
     // A flat file without markers still matches the independent decoder.
-    const QByteArray flat = QByteArray("#?RADIANCE\n") + readFile("hdr/radiance_pinebark_flat_nosig.hdr");
+    const QByteArray flat = QByteArray("#?RADIANCE\n") + VyxTest::readTestData("hdr/radiance_pinebark_flat_nosig.hdr");
     HDRDecoder decoder(bytes(flat), flat.size());
     int w = 0, h = 0;
     float* reference = loadWithStb(flat, &w, &h);
@@ -224,7 +218,7 @@ TEST(HDRDecoder, RunPastScanlineAborts)
 TEST(HDRDecoder, BrokenFiles)
 {
     MessageCapture capture;
-    const QByteArray truncated = readFile("hdr/invalid/commonsimg_timeout_truncated.hdr");
+    const QByteArray truncated = VyxTest::readTestData("hdr/invalid/commonsimg_timeout_truncated.hdr");
     HDRDecoder cut(bytes(truncated), truncated.size(), "cut");
     ASSERT_TRUE(cut.valid());
     std::vector<float> rgb(size_t(cut.width()) * cut.height() * 3);
@@ -232,7 +226,7 @@ TEST(HDRDecoder, BrokenFiles)
     EXPECT_TRUE(capture.bodies(QtWarningMsg).last().startsWith("HDR data of 'cut' ends in scanline "));
 
     capture.clear();
-    const QByteArray bomb = readFile("hdr/invalid/oiio_bomb-40000.hdr");
+    const QByteArray bomb = VyxTest::readTestData("hdr/invalid/oiio_bomb-40000.hdr");
     EXPECT_FALSE(HDRDecoder(bytes(bomb), bomb.size(), "bomb").valid());
     const QByteArray big = picture("-Y 16384 +X 16", QByteArray(64, '\x7f'));
     EXPECT_FALSE(HDRDecoder(bytes(big), big.size(), "big").valid());
@@ -244,7 +238,7 @@ TEST(HDRDecoder, BrokenFiles)
                            "HDR picture 'empty' has an unusable size of 16 x 0 pixels"}));
 
     // No signature: not this format at all.
-    const QByteArray crash = readFile("hdr/invalid/oiio_crash-res.hdr");
+    const QByteArray crash = VyxTest::readTestData("hdr/invalid/oiio_crash-res.hdr");
     EXPECT_FALSE(HDRDecoder(bytes(crash), crash.size()).valid());
     EXPECT_FALSE(HDRDecoder::hasMagic(bytes(crash), crash.size()));
 }

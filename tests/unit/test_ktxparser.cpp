@@ -16,12 +16,6 @@ using VyxTest::MessageCapture;
 
 namespace {
 
-QByteArray readFile(const QString& relative)
-{
-    QFile file(VyxTest::testDataPath(relative));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 QByteArray word(uint32_t v)
 {
     return QByteArray(reinterpret_cast<const char*>(&v), 4);
@@ -131,16 +125,16 @@ TEST(KTXParser, DescribesLevelsFacesAndTargets)
 
 TEST(KTXParser, ByteOrderIsFixedInPlace)
 {
-    Parsed little(readFile("ktx/sevmeyer_format_raw_r32_sfloat.ktx"));
-    Parsed big(readFile("ktx/sevmeyer_endian_big_type_float_r32.ktx"));
+    Parsed little(VyxTest::readTestData("ktx/sevmeyer_format_raw_r32_sfloat.ktx"));
+    Parsed big(VyxTest::readTestData("ktx/sevmeyer_endian_big_type_float_r32.ktx"));
     ASSERT_TRUE(big.parser.valid());
     EXPECT_TRUE(big.parser.byteSwapped());
     EXPECT_EQ(0, memcmp(&big.parser.header(), &little.parser.header(), 64));
     EXPECT_EQ(0, memcmp(big.data.constData(), little.data.constData(), 64));
 
     MessageCapture capture;
-    EXPECT_FALSE(Parsed(readFile("ktx/invalid/sevmeyer_endianness_invalid.ktx")).parser.valid());
-    EXPECT_FALSE(Parsed(readFile("ktx/invalid/sevmeyer_identifier_invalid.ktx")).parser.valid());
+    EXPECT_FALSE(Parsed(VyxTest::readTestData("ktx/invalid/sevmeyer_endianness_invalid.ktx")).parser.valid());
+    EXPECT_FALSE(Parsed(VyxTest::readTestData("ktx/invalid/sevmeyer_identifier_invalid.ktx")).parser.valid());
     EXPECT_TRUE(capture.texts().isEmpty());
 }
 
@@ -213,7 +207,7 @@ TEST(KTXParser, BrokenFilesAreReported)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file);
         MessageCapture capture;
-        Parsed parsed(readFile(QStringLiteral("ktx/invalid/") + c.file), "f");
+        Parsed parsed(VyxTest::readTestData(QStringLiteral("ktx/invalid/") + c.file), "f");
         EXPECT_EQ(parsed.parser.headerReadable(), c.parsesHeader);
         if (c.parsesHeader)
             EXPECT_EQ(parsed.parser.parseImages(), QByteArray(c.message).isEmpty());
@@ -239,7 +233,7 @@ TEST(KTXParser, BrokenFilesAreReported)
 
     // Every other broken file parses or fails without reading outside the file.
     for (const QString& file : QDir(VyxTest::testDataPath("ktx/invalid")).entryList(QDir::Files)) {
-        Parsed parsed(readFile("ktx/invalid/" + file));
+        Parsed parsed(VyxTest::readTestData("ktx/invalid/" + file));
         if (parsed.parser.headerReadable())
             parsed.parser.parseImages();
         for (unsigned int i = 0; i < parsed.parser.numMetadataEntries(); ++i)

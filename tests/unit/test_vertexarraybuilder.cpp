@@ -7,11 +7,6 @@ using namespace Tavren::Vyx;
 
 namespace {
 
-QString assertion(const char* condition, const QString& message)
-{
-    return QStringLiteral("[ !! ] Assertion '%1' failed: %2").arg(condition, message);
-}
-
 } // namespace
 
 TEST(VertexArrayBuilder, ShortPushesArePaddedWithZero)
@@ -45,11 +40,11 @@ TEST(VertexArrayBuilder, MisuseIsReportedAndCarriesOn)
     EXPECT_EQ(storage.getData().size(), 4);
     EXPECT_EQ(storage.getSize(), 1);
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              (QStringList{assertion("0 != this->_componentCount", "Component Count must be setup before size is obtained"),
-                           assertion("0 == this->_componentCount", "Component Count already set to 2. Try to reset to 3"),
-                           assertion("4 <= this->_componentCount",
+              (QStringList{VyxTest::assertionText("0 != this->_componentCount", "Component Count must be setup before size is obtained"),
+                           VyxTest::assertionText("0 == this->_componentCount", "Component Count already set to 2. Try to reset to 3"),
+                           VyxTest::assertionText("4 <= this->_componentCount",
                                      "Component Count is not large enough for the data being pushed"),
-                           assertion("0 == (this->_data.size() \\% this->_componentCount)",
+                           VyxTest::assertionText("0 == (this->_data.size() \\% this->_componentCount)",
                                      "Component Count and array Size do not match.")}));
 
     capture.clear();
@@ -61,7 +56,7 @@ TEST(VertexArrayBuilder, MisuseIsReportedAndCarriesOn)
     builder.glNormal3f(0, 0, 1);
     EXPECT_EQ(builder.getVertexCount(), 2);
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              QStringList{assertion("this->_normal.getComponentCount() == 0 || count == this->_normal.getSize()",
+              QStringList{VyxTest::assertionText("this->_normal.getComponentCount() == 0 || count == this->_normal.getSize()",
                                     "Normal count must match vertex count")});
 
     // Absent attribute streams are answered empty and not created.
