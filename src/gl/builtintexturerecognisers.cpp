@@ -1,10 +1,20 @@
 #include "gl/builtintexturerecognisers_p.h"
 
+#include "gl/astcreader.h"
+#include "gl/hdrreader.h"
+#include "gl/ktxreader.h"
+
 namespace Tavren::Vyx {
 
 void registerBuiltinTextureRecognisers()
 {
-    // The file readers register themselves here as they are added to the library.
+    // One object each for the whole process, so a repeated call lists nothing twice.
+    static HDRRecogniser hdr;
+    static KTXRecogniser ktx;
+    static ASTCRecogniser astc;
+    RegisterTextureRecogniser(&hdr, QStringLiteral("hdr"));
+    RegisterTextureRecogniser(&ktx, QStringLiteral("ktx"));
+    RegisterTextureRecogniser(&astc, QStringLiteral("astc"));
 }
 
 } // namespace Tavren::Vyx

@@ -1,0 +1,169 @@
+#include "gl/astcreader.h"
+
+#include "core/logging.h"
+#include "core/memory.h"
+#include "gl/astcfile.h"
+#include "gl/glloader.h"
+#include "gl/glutilities.h"
+#include "gl/texture.h"
+#include "gl/textureutilities.h"
+
+#include <algorithm>
+#include <memory>
+#include <new>
+
+namespace Tavren::Vyx {
+
+namespace {
+
+QByteArray printableName(const QString& name)
+{
+    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
+}
+
+// A bound 2D texture whose single level is complete, so the row-flipping pass can sample it.
+Texture* newTexture()
+{
+    auto* texture = new Texture();
+    texture->setTarget(GL_TEXTURE_2D);
+    if (!texture->bind()) {
+        delete texture;
+        return nullptr;
+    }
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_BASE_LEVEL, 0);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, 0);
+    return texture;
+}
+
+// Unbinds, and keeps the texture only when GL took the upload.
+Texture* uploaded(Texture* texture, const QByteArray& name)
+{
+    const GLenum error = glGetError();
+    texture->unbind();
+    if (error != GL_NO_ERROR) {
+        VYX_WARNING("Compressed texture %s failed to load.", name.constData());
+        delete texture;
+        return nullptr;
+    }
+    return texture;
+}
+
+// Drivers cannot build levels of ASTC blocks, so they are made once the texels are plain RGBA.
+void buildMipmaps(Texture* texture)
+{
+    if (!texture->bind())
+        return;
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR_MIPMAP_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, 1000);
+    glGenerateMipmap(GL_TEXTURE_2D);
+    texture->unbind();
+}
+
+} // namespace
+
+ASTCReader::ASTCReader(Memory* memory, const QString& name)
+    : _memory(memory)
+    , _name(name)
+    , _file(new ASTCFile(memory, name))
+{
+}
+
+ASTCReader::~ASTCReader()
+{
+    // The file gives its block back to the memory first.
+    _file.reset();
+    delete _memory;
+}
+
+bool ASTCReader::valid() const
+{
+    return _file->valid();
+}
+
+unsigned int ASTCReader::width() const
+{
+    return _file->width();
+}
+
+unsigned int ASTCReader::height() const
+{
+    return _file->height();
+}
+
+Texture* ASTCReader::load(const TextureFileInfo& info)
+{
+    if (!VYX_CHECK(valid(), "ASTC file '%s' is not valid", printableName(_name).constData()))
+        return nullptr;
+    // An LDR-only decoder shows HDR blocks as its error colour, so those files go through the CPU.
+    const bool gpu = hasGLExtension("GL_KHR_texture_compression_astc_ldr") &&
+                     (hasGLExtension("GL_KHR_texture_compression_astc_hdr") || !_file->hasHDRBlocks());
+    Texture* texture = gpu ? uploadBlocks(info) : uploadDecoded(info);
+    if (texture)
+        RemapColorRange(texture, info.lowValue, info.highValue);
+    return texture;
+}
+
+Texture* ASTCReader::uploadBlocks(const TextureFileInfo& info)
+{
+    Texture* texture = newTexture();
+    if (!texture)
+        return nullptr;
+    VYX_CHECK_GL_ERROR(); // errors of earlier work are not this file's
+    glCompressedTexImage2D(GL_TEXTURE_2D, 0, _file->glInternalFormat(info.srgb), GLsizei(width()), GLsizei(height()),
+                           0, GLsizei(_file->blocksSize()), _file->blocks());
+    texture = uploaded(texture, printableName(_name));
+    // Blocks cannot be reordered, so the rows are turned over on the GPU as for other files.
+    if (texture) {
+        FlipY(texture);
+        buildMipmaps(texture);
+    }
+    return texture;
+}
+
+Texture* ASTCReader::uploadDecoded(const TextureFileInfo& info)
+{
+    const QByteArray name = printableName(_name);
+    const uint64_t rowBytes = uint64_t(width()) * 4;
+    std::unique_ptr<unsigned char[]> rgba(new (std::nothrow) unsigned char[rowBytes * height()]);
+    if (!rgba) {
+        VYX_WARNING("Not enough memory to decode %s (%u x %u)", name.constData(), width(), height());
+        return nullptr;
+    }
+    if (!_file->decodeRGBA8(rgba.get(), info.srgb))
+        return nullptr;
+    // The file's first row is the picture's top; GL's first row is its bottom.
+    for (uint64_t top = 0, bottom = height() - 1; top < bottom; ++top, --bottom)
+        std::swap_ranges(rgba.get() + top * rowBytes, rgba.get() + (top + 1) * rowBytes, rgba.get() + bottom * rowBytes);
+
+    Texture* texture = newTexture();
+    if (!texture)
+        return nullptr;
+    VYX_CHECK_GL_ERROR(); // errors of earlier work are not this file's
+    GLint alignment = 4;
+    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+    const GLint internalFormat = info.srgb ? GL_SRGB8_ALPHA8 : GL_RGBA8;
+    glTexImage2D(GL_TEXTURE_2D, 0, internalFormat, GLsizei(width()), GLsizei(height()), 0, GL_RGBA, GL_UNSIGNED_BYTE,
+                 rgba.get());
+    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
+    texture = uploaded(texture, name);
+    if (texture)
+        buildMipmaps(texture);
+    return texture;
+}
+
+TextureLoader* ASTCRecogniser::recognise(Memory* memory, const QString& name) const
+{
+    unsigned char* head = memory ? memory->get(0, 4) : nullptr;
+    if (!head)
+        return nullptr;
+    const bool match = ASTCFile::hasMagic(head, 4);
+    memory->release(head);
+    return match ? new ASTCReader(memory, name) : nullptr;
+}
+
+} // namespace Tavren::Vyx

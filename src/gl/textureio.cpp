@@ -1,0 +1,216 @@
+#include "gl/textureio.h"
+
+#include "core/logging.h"
+#include "core/memory.h"
+#include "gl/glloader.h"
+#include "gl/texture.h"
+#include "gl/textureutilities.h"
+
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QHash>
+
+namespace Tavren::Vyx {
+
+namespace {
+
+// Filled during initialisation, read while loading; both on the GL thread.
+struct Registry
+{
+    QList<TextureRecogniser*> recognisers;
+    QHash<QString, TextureRecogniser*> byExtension;
+};
+
+Registry& registry()
+{
+    static Registry instance;
+    return instance;
+}
+
+QByteArray printableName(const QString& name)
+{
+    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
+}
+
+TextureLoader* askRecognisers(Memory* memory, const QString& name)
+{
+    for (TextureRecogniser* recogniser : registry().recognisers) {
+        if (TextureLoader* loader = recogniser->recognise(memory, name))
+            return loader;
+    }
+    return nullptr;
+}
+
+} // namespace
+
+TextureLoader::~TextureLoader() = default;
+
+TextureRecogniser::~TextureRecogniser() = default;
+
+QString TextureLoader2DHelper::key(unsigned int index)
+{
+    const char* raw = rawKey(index);
+    return raw ? QString::fromUtf8(raw) : QString();
+}
+
+QString TextureLoader2DHelper::value(unsigned int index)
+{
+    const char* raw = rawValue(index);
+    return raw ? QString::fromUtf8(raw) : QString();
+}
+
+void RegisterTextureRecogniser(TextureRecogniser* recogniser, const QString& extension)
+{
+    if (!VYX_CHECK(recogniser != nullptr, "Cannot register a NULL texture recogniser"))
+        return;
+    Registry& r = registry();
+    if (!r.recognisers.contains(recogniser))
+        r.recognisers.append(recogniser);
+    if (!extension.isEmpty())
+        r.byExtension.insert(extension.toLower(), recogniser);
+}
+
+QList<TextureRecogniser*> RegisteredTextureRecognisers()
+{
+    return registry().recognisers;
+}
+
+TextureRecogniser* TextureRecogniserForExtension(const QString& extension)
+{
+    return registry().byExtension.value(extension.toLower(), nullptr);
+}
+
+TextureLoader* IdentifyTextureFromFile(const QString& path)
+{
+    auto* memory = new MemoryMappedFile(path);
+    TextureLoader* loader = nullptr;
+    // The extension's recogniser is asked again in its turn; cheap, as it only peeks at the header.
+    if (TextureRecogniser* preferred = TextureRecogniserForExtension(QFileInfo(path).suffix()))
+        loader = preferred->recognise(memory, path);
+    if (!loader)
+        loader = askRecognisers(memory, path);
+    if (!loader)
+        delete memory;
+    return loader;
+}
+
+TextureLoader* IdentifyTextureFromMemory(unsigned char* data, uint64_t size, const QString& name)
+{
+    auto* memory = new RawMemory(data, size);
+    TextureLoader* loader = askRecognisers(memory, name);
+    if (!loader)
+        delete memory;
+    return loader;
+}
+
+Texture* LoadTextureFromFile(const QString& path, const TextureFileInfo& info)
+{
+    const QFileInfo fileInfo(path);
+    if (!fileInfo.exists() || !fileInfo.isFile()) {
+        VYX_WARNING("File %s not found", qPrintable(path));
+        return nullptr;
+    }
+    QElapsedTimer timer;
+    timer.start();
+    TextureLoader* loader = IdentifyTextureFromFile(path);
+    Texture* texture = nullptr;
+    if (loader) {
+        if (!loader->valid())
+            VYX_DEBUG("Data appears invalid for texture file '%s'", qPrintable(path));
+        else
+            texture = loader->load(info);
+    } else {
+        texture = LoadTextureFromQImageFile(path, info);
+    }
+    if (texture)
+        VYX_DEBUG("Texture %s loaded in %lld ms", qPrintable(path), (long long)timer.elapsed());
+    delete loader;
+    return texture;
+}
+
+Texture* LoadTextureFromMemory(unsigned char* data, uint64_t size, const TextureFileInfo& info, const QString& name)
+{
+    const QByteArray printable = printableName(name);
+    QElapsedTimer timer;
+    timer.start();
+    TextureLoader* loader = IdentifyTextureFromMemory(data, size, name);
+    if (!loader) {
+        VYX_DEBUG("Unable to recognise the file format for texture data '%s'", printable.constData());
+        return nullptr;
+    }
+    Texture* texture = nullptr;
+    if (!loader->valid())
+        VYX_DEBUG("Data appears invalid for texture data '%s'", printable.constData());
+    else
+        texture = loader->load(info);
+    if (texture)
+        VYX_DEBUG("Texture %s loaded in %lld ms", printable.constData(), (long long)timer.elapsed());
+    delete loader;
+    return texture;
+}
+
+Texture* LoadTextureFromQImageFile(const QString& path, const TextureFileInfo& info)
+{
+    QImage image;
+    if (!image.load(path)) {
+        VYX_WARNING("Failed to load %s", qPrintable(path));
+        return nullptr;
+    }
+    // GL's first row is the picture's bottom row.
+    image = image.mirrored(false, true);
+    if (image.depth() != 32)
+        image = image.convertToFormat(QImage::Format_ARGB32);
+    return QImageToTexture(image, false, info);
+}
+
+Texture* QImageToTexture(const QImage& source, bool asRG16F, const TextureFileInfo& info)
+{
+    if (!VYX_CHECK(!source.isNull(), "Cannot make a texture of a null image"))
+        return nullptr;
+    // Both uploads read four bytes a texel without row padding, which only 32-bit images have.
+    QImage image = source;
+    if (image.depth() != 32) {
+        if (!VYX_CHECK(!asRG16F, "A GL_RG16F upload needs a 32-bit image, not %d bits", image.depth()))
+            return nullptr;
+        image = image.convertToFormat(QImage::Format_ARGB32);
+    }
+
+    auto* texture = new Texture();
+    texture->setTarget(GL_TEXTURE_2D);
+    if (!texture->bind()) {
+        delete texture;
+        return nullptr;
+    }
+    GLint alignment = 4;
+    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR_MIPMAP_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_BASE_LEVEL, 0);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, 4);
+    if (asRG16F) {
+        VYX_DEBUG("Loading image as GL_RG16F...");
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_RG16F, image.width(), image.height(), 0, GL_RG, GL_HALF_FLOAT,
+                     image.constBits());
+    } else {
+        const GLint internalFormat = info.srgb ? GL_SRGB8_ALPHA8 : GL_RGBA;
+        glTexImage2D(GL_TEXTURE_2D, 0, internalFormat, image.width(), image.height(), 0, GL_BGRA, GL_UNSIGNED_BYTE,
+                     image.constBits());
+    }
+    glGenerateMipmap(GL_TEXTURE_2D);
+    texture->unbind();
+    RemapColorRange(texture, info.lowValue, info.highValue);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
+    return texture;
+}
+
+Texture* MakeColorTexture(const QColor& color)
+{
+    QImage image(1, 1, QImage::Format_ARGB32);
+    image.fill(color);
+    return QImageToTexture(image, false, TextureFileInfo());
+}
+
+} // namespace Tavren::Vyx

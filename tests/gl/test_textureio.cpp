@@ -1,0 +1,422 @@
+#include "core/memory.h"
+#include "gl/astcreader.h"
+#include "gl/glloader.h"
+#include "gl/glutilities.h"
+#include "gl/hdrreader.h"
+#include "gl/ktxparser.h"
+#include "gl/ktxreader.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/texture.h"
+#include "gl/textureio.h"
+#include "support/callrecorder.h"
+#include "support/gltest.h"
+#include "support/messagecapture.h"
+#include "support/testenvironment.h"
+
+#include <QFile>
+#include <QImage>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#define STB_IMAGE_STATIC
+#define STB_IMAGE_IMPLEMENTATION
+#define STBI_ONLY_HDR
+#define STBI_ONLY_PNG
+#include <stb/stb_image.h>
+
+using namespace Tavren::Vyx;
+using VyxTest::MessageCapture;
+
+namespace {
+
+// The final passes draw the device context's quad, which must go while the context is current.
+class TextureIOTest : public VyxTest::GLTest
+{
+protected:
+    void SetUp() override { GLTest::SetUp(), OpenGLDeviceContext::resetContext(); }
+    void TearDown() override { OpenGLDeviceContext::resetContext(), GLTest::TearDown(); }
+};
+
+QString data(const QString& relative)
+{
+    return VyxTest::testDataPath(relative);
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QString writeFile(const QString& path, const QByteArray& bytes)
+{
+    QFile file(path);
+    file.open(QIODevice::WriteOnly);
+    file.write(bytes);
+    return path;
+}
+
+unsigned char* bytes(QByteArray& data)
+{
+    return reinterpret_cast<unsigned char*>(data.data());
+}
+
+GLint levelParameter(Texture* texture, GLenum parameter, GLenum face = 0, int level = 0)
+{
+    GLint value = -1;
+    texture->bind();
+    glGetTexLevelParameteriv(face ? face : texture->target(), level, parameter, &value);
+    texture->unbind();
+    return value;
+}
+
+template <class T>
+std::vector<T> texels(Texture* texture, GLenum format, GLenum type, size_t count, GLenum face = 0)
+{
+    std::vector<T> out(count);
+    texture->bind();
+    glPixelStorei(GL_PACK_ALIGNMENT, 1);
+    glGetTexImage(face ? face : texture->target(), 0, format, type, out.data());
+    texture->unbind();
+    return out;
+}
+
+// Rows of `rowBytes` taken `stride` apart, unpadded; last row first is what FlipY leaves in GL.
+std::vector<unsigned char> rows(const unsigned char* file, int count, int rowBytes, int stride, bool lastFirst = true)
+{
+    std::vector<unsigned char> out;
+    for (int i = 0; i < count; ++i) {
+        const int y = lastFirst ? count - 1 - i : i;
+        out.insert(out.end(), file + size_t(y) * stride, file + size_t(y) * stride + rowBytes);
+    }
+    return out;
+}
+
+// The reference encoder's own decode of an .astc file, bottom row first; empty without the tool.
+std::vector<unsigned char> referenceASTCDecode(const QString& astcPath)
+{
+    const QString tool = QStandardPaths::findExecutable("astcenc");
+    QTemporaryDir dir;
+    if (tool.isEmpty() || QProcess::execute(tool, {"-dl", astcPath, dir.filePath("a.png"), "-silent"}) != 0)
+        return {};
+    const QImage image = QImage(dir.filePath("a.png")).convertToFormat(QImage::Format_RGBA8888).mirrored();
+    return std::vector<unsigned char>(image.constBits(), image.constBits() + image.sizeInBytes());
+}
+
+// Largest per-byte difference; the GPU path rounds its flip pass through floats.
+void expectClose(const std::vector<unsigned char>& actual, const std::vector<unsigned char>& expected)
+{
+    ASSERT_EQ(actual.size(), expected.size());
+    int worst = 0;
+    for (size_t i = 0; i < actual.size(); ++i)
+        worst = std::max(worst, std::abs(int(actual[i]) - int(expected[i])));
+    EXPECT_LE(worst, 1);
+}
+
+struct DecliningRecogniser : TextureRecogniser
+{
+    mutable int asked = 0;
+    TextureLoader* recognise(Memory*, const QString&) const override { return ++asked, nullptr; }
+};
+
+PFNVYXGLTEXIMAGE2DPROC realTexImage2D = nullptr;
+// Passes an invalid target on, so the driver reports a real error.
+void VYX_APIENTRY failingTexImage2D(GLenum, GLint l, GLint f, GLsizei w, GLsizei h, GLint b, GLenum fo, GLenum t,
+                                const void* p)
+{
+    realTexImage2D(0, l, f, w, h, b, fo, t, p);
+}
+
+} // namespace
+
+TEST_F(TextureIOTest, RegistryListsBuiltinsOnceAndMapsExtensions)
+{
+    const QList<TextureRecogniser*> builtins = RegisteredTextureRecognisers();
+    ASSERT_EQ(builtins.size(), 3);
+    EXPECT_NE(dynamic_cast<HDRRecogniser*>(builtins[0]), nullptr);
+    EXPECT_NE(dynamic_cast<KTXRecogniser*>(builtins[1]), nullptr);
+    EXPECT_NE(dynamic_cast<ASTCRecogniser*>(builtins[2]), nullptr);
+    EXPECT_EQ(TextureRecogniserForExtension("HDR"), builtins[0]);
+    EXPECT_EQ(TextureRecogniserForExtension("astc"), builtins[2]);
+
+    static DecliningRecogniser declining;
+    RegisterTextureRecogniser(&declining, "Foo");
+    RegisterTextureRecogniser(&declining, "bar");
+    EXPECT_EQ(RegisteredTextureRecognisers().size(), 4);
+    EXPECT_EQ(TextureRecogniserForExtension("foo"), &declining);
+    EXPECT_EQ(TextureRecogniserForExtension("BAR"), &declining);
+
+    // A KTX named .png is found by content; a PNG named .hdr falls through every recogniser to Qt.
+    QTemporaryDir dir;
+    std::unique_ptr<TextureLoader> ktx(
+        IdentifyTextureFromFile(writeFile(dir.filePath("k.png"), readFile(data("ktx/ktxsw_rgba-reference.ktx")))));
+    EXPECT_NE(dynamic_cast<KTXReader*>(ktx.get()), nullptr);
+    QImage(4, 2, QImage::Format_ARGB32).save(dir.filePath("p.hdr"), "PNG");
+    EXPECT_EQ(IdentifyTextureFromFile(dir.filePath("p.hdr")), nullptr);
+    EXPECT_EQ(declining.asked, 1);
+    Texture* png = LoadTextureFromFile(dir.filePath("p.hdr"), {});
+    ASSERT_NE(png, nullptr);
+    EXPECT_EQ(levelParameter(png, GL_TEXTURE_WIDTH), 4);
+    delete png;
+}
+
+// Qt's reader: bottom row first, 8-bit grey widened to BGRA, sRGB on request, range remapped.
+TEST_F(TextureIOTest, QtPicturesLoadBottomRowFirst)
+{
+    QTemporaryDir dir;
+    QImage picture(3, 2, QImage::Format_RGB32);
+    const QRgb colours[6] = {qRgb(255, 0, 0), qRgb(0, 255, 0), qRgb(0, 0, 255),
+                             qRgb(10, 20, 30), qRgb(200, 100, 50), qRgb(255, 255, 255)};
+    for (int i = 0; i < 6; ++i)
+        picture.setPixel(i % 3, i / 3, colours[i]);
+    ASSERT_TRUE(picture.save(dir.filePath("rgb.png")));
+    QImage grey(2, 1, QImage::Format_Grayscale8);
+    grey.fill(0);
+    grey.scanLine(0)[1] = 200;
+    ASSERT_TRUE(grey.save(dir.filePath("grey.png")));
+
+    int w = 0, h = 0, n = 0;
+    unsigned char* reference = stbi_load(qPrintable(dir.filePath("rgb.png")), &w, &h, &n, 4);
+    ASSERT_NE(reference, nullptr);
+    const std::vector<unsigned char> expected = rows(reference, h, w * 4, w * 4);
+    stbi_image_free(reference);
+
+    Texture* texture = LoadTextureFromFile(dir.filePath("rgb.png"), {});
+    ASSERT_NE(texture, nullptr);
+    EXPECT_EQ(texels<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, 24), expected);
+    EXPECT_EQ(levelParameter(texture, GL_TEXTURE_INTERNAL_FORMAT), GL_RGBA);
+    delete texture;
+
+    texture = LoadTextureFromFile(dir.filePath("grey.png"), {0.5f, 1.0f, false});
+    ASSERT_NE(texture, nullptr);
+    const auto remapped = texels<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, 8);
+    EXPECT_NEAR(remapped[0], 128, 1);
+    EXPECT_NEAR(remapped[4], 228, 1);
+    EXPECT_EQ(remapped[7], 255);
+    delete texture;
+
+    texture = LoadTextureFromQImageFile(dir.filePath("rgb.png"), {0.0f, 1.0f, true});
+    EXPECT_EQ(levelParameter(texture, GL_TEXTURE_INTERNAL_FORMAT), GL_SRGB8_ALPHA8);
+    delete texture;
+    texture = QImageToTexture(picture, true, {0.0f, 1.0f, true});
+    EXPECT_EQ(levelParameter(texture, GL_TEXTURE_INTERNAL_FORMAT), GL_RG16F);
+    delete texture;
+    texture = MakeColorTexture(QColor(255, 128, 0, 64));
+    EXPECT_EQ(texels<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, 4),
+              (std::vector<unsigned char>{255, 128, 0, 64}));
+    delete texture;
+}
+
+TEST_F(TextureIOTest, FrameworkFailuresAreReported)
+{
+    QTemporaryDir dir;
+    const QString junk = writeFile(dir.filePath("junk.xyz"), "not a picture");
+    QByteArray unknown("not a picture at all");
+    // Its one key/value entry ends exactly on the block's end.
+    const QString unalignedPath = data("ktx/invalid/sevmeyer_metadata_unaligned.ktx");
+    QByteArray unaligned = readFile(unalignedPath);
+
+    MessageCapture capture;
+    EXPECT_EQ(LoadTextureFromFile(dir.filePath("missing.png"), {}), nullptr);
+    EXPECT_EQ(LoadTextureFromFile(junk, {}), nullptr);
+    EXPECT_EQ(LoadTextureFromMemory(bytes(unknown), unknown.size(), {}), nullptr);
+    EXPECT_EQ(LoadTextureFromFile(unalignedPath, {}), nullptr);
+    EXPECT_EQ(LoadTextureFromMemory(bytes(unaligned), unaligned.size(), {}, "kv"), nullptr);
+    EXPECT_EQ(capture.bodies(QtWarningMsg),
+              (QStringList{"File " + dir.filePath("missing.png") + " not found", "Failed to load " + junk}));
+    EXPECT_EQ(capture.bodies(QtDebugMsg),
+              (QStringList{"Unable to recognise the file format for texture data '<unnamed>'",
+                           "Data appears invalid for texture file '" + unalignedPath + "'",
+                           "Data appears invalid for texture data 'kv'"}));
+}
+
+QByteArray withMipmapLevels(QByteArray file, uint32_t levels)
+{
+    return file.replace(56, 4, QByteArray(reinterpret_cast<const char*>(&levels), 4));
+}
+
+// Real KTX files: texels match the file's bytes (2D ones turned over by the final pass).
+TEST_F(TextureIOTest, KTXFilesLoadAsStored)
+{
+    struct Case { const char* file; GLenum target, format, type; int bytesPerTexel; bool flipped; };
+    const Case cases[] = {
+        {"ktxsw_rgba-reference.ktx", GL_TEXTURE_2D, GL_RGBA, GL_UNSIGNED_BYTE, 4, true},
+        {"astcenc_ldr-tile_rgba8.ktx", GL_TEXTURE_2D, GL_RGBA, GL_UNSIGNED_BYTE, 4, true},
+        {"sevmeyer_format_raw_r32_sfloat.ktx", GL_TEXTURE_2D, GL_RED, GL_FLOAT, 4, true},
+        {"sascha_particle_gradient_rgba_1d.ktx", GL_TEXTURE_1D, GL_RGBA, GL_UNSIGNED_BYTE, 4, false},
+        {"sevmeyer_size_3d_13x23x7.ktx", GL_TEXTURE_3D, GL_RED, GL_UNSIGNED_BYTE, 1, false},
+        {"sevmeyer_cubemap_6_faces.ktx", GL_TEXTURE_CUBE_MAP, GL_RGB, GL_UNSIGNED_BYTE, 3, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.file);
+        const QString path = data(QStringLiteral("ktx/") + c.file);
+        Texture* texture = LoadTextureFromFile(path, {});
+        ASSERT_NE(texture, nullptr);
+        EXPECT_EQ(texture->target(), c.target);
+        MemoryMappedFile memory(path);
+        KTXParser parser(&memory);
+        ASSERT_TRUE(parser.parseImages());
+        const KTXImage& first = parser.images()[0];
+        const int w = int(first.width), h = int(std::max(first.height, 1u)), d = int(std::max(first.depth, 1u));
+        const int rowBytes = w * c.bytesPerTexel, stride = (rowBytes + 3) / 4 * 4;
+        const unsigned int faces = parser.isCubeMapTexture() ? 6 : 1;
+        for (unsigned int face = 0; face < faces; ++face) {
+            const GLenum faceTarget = faces == 6 ? GL_TEXTURE_CUBE_MAP_POSITIVE_X + face : 0;
+            const std::vector<unsigned char> expected = rows(parser.images()[face].data, h * d, rowBytes, stride, c.flipped);
+            EXPECT_EQ(texels<unsigned char>(texture, c.format, c.type, expected.size(), faceTarget), expected);
+        }
+        // Levels past the first are (re)generated whenever the file has more than one.
+        const GLenum face0 = faces == 6 ? GL_TEXTURE_CUBE_MAP_POSITIVE_X : 0;
+        EXPECT_EQ(levelParameter(texture, GL_TEXTURE_WIDTH, face0, 1), parser.hasMipMaps() ? w / 2 : 0);
+        delete texture;
+    }
+    // No level count: one level read, the rest generated.
+    QByteArray file = withMipmapLevels(readFile(data("ktx/ktxsw_rgba-reference.ktx")), 0);
+    Texture* texture = LoadTextureFromMemory(bytes(file), file.size(), {});
+    ASSERT_NE(texture, nullptr);
+    EXPECT_EQ(levelParameter(texture, GL_TEXTURE_WIDTH, 0, 7), 1);
+    delete texture;
+}
+
+// Compressed KTX: ASTC matches the reference decoder where GL has ASTC, and is refused where not;
+// other block formats end as GL_RGBA pictures of the file's size after the final pass.
+TEST_F(TextureIOTest, CompressedKTXFiles)
+{
+    const bool astc = hasGLExtension("GL_KHR_texture_compression_astc_ldr");
+    const QString path = data("ktx/sevmeyer_format_astc_8x5_unorm.ktx");
+    QByteArray file = withMipmapLevels(readFile(path), 1);
+    MessageCapture capture;
+    // GL cannot build levels of ASTC blocks, so files asking for them are refused.
+    EXPECT_EQ(LoadTextureFromFile(path, {}), nullptr);
+    Texture* texture = LoadTextureFromMemory(bytes(file), file.size(), {}, "one");
+    EXPECT_EQ(capture.bodies(QtWarningMsg).mid(0, 2),
+              (QStringList{"Compressed texture " + path + " failed to load.", "Compressed texture one failed to load."})
+                  .mid(0, astc ? 1 : 2));
+    if (astc) {
+        ASSERT_NE(texture, nullptr);
+        // The level-0 blocks (8x13 of them) as an .astc file for the reference decoder.
+        QTemporaryDir dir;
+        const std::vector<unsigned char> reference = referenceASTCDecode(writeFile(
+            dir.filePath("a.astc"), QByteArray::fromHex("13ABA15C080501400000400000010000") + file.mid(68, 8 * 13 * 16)));
+        if (!reference.empty())
+            expectClose(texels<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, reference.size()), reference);
+        delete texture;
+    }
+    const char* blockFiles[] = {"ktxsw_etc2-rgba8.ktx", "ktxsw_conftestimage_R11_EAC.ktx",
+                                "sevmeyer_format_bc1_rgb_unorm.ktx", "tacent_ETC2RGB_RGB_1281x721.ktx"};
+    for (const char* name : blockFiles) {
+        SCOPED_TRACE(name);
+        std::unique_ptr<TextureLoader> reader(IdentifyTextureFromFile(data(QStringLiteral("ktx/") + name)));
+        ASSERT_TRUE(reader && reader->valid() && reader->isCompressed());
+        Texture* loaded = reader->load({});
+        ASSERT_NE(loaded, nullptr);
+        EXPECT_EQ(levelParameter(loaded, GL_TEXTURE_INTERNAL_FORMAT), GL_RGBA);
+        EXPECT_EQ(levelParameter(loaded, GL_TEXTURE_WIDTH), int(reader->width()));
+        EXPECT_EQ(levelParameter(loaded, GL_TEXTURE_HEIGHT), int(reader->height()));
+        delete loaded;
+    }
+}
+
+TEST_F(TextureIOTest, KTXRefusals)
+{
+    const QString dir = data("ktx/");
+    MessageCapture capture;
+    EXPECT_EQ(LoadTextureFromFile(dir + "sevmeyer_array_2_elements_cubemap_6_faces.ktx", {}), nullptr);
+    EXPECT_EQ(LoadTextureFromFile(dir + "sevmeyer_array_2_elements_2d.ktx", {}), nullptr);
+    EXPECT_EQ(LoadTextureFromFile(dir + "sevmeyer_format_pvrtc1_4bpp_unorm.ktx", {}), nullptr);
+    EXPECT_EQ(LoadTextureFromFile(dir + "ktxsw_luminance-reference-metadata.ktx", {}), nullptr);
+    EXPECT_EQ(LoadTextureFromFile(dir + "invalid/sevmeyer_endianness_invalid.ktx", {}), nullptr);
+    // An opposite-endian file keeps its image sizes unconverted, so they run past the file.
+    EXPECT_EQ(LoadTextureFromFile(dir + "sevmeyer_endian_big_type_ubyte_r8g8.ktx", {}), nullptr);
+    const QStringList warnings = capture.bodies(QtWarningMsg);
+    ASSERT_GE(warnings.size(), 5);
+    EXPECT_EQ(warnings[0], "Cubemap arrays not supported yet, sorry!");
+    EXPECT_EQ(warnings[1], "Array textures not supported yet, sorry!");
+    EXPECT_TRUE(warnings.contains("Compressed texture " + dir + "sevmeyer_format_pvrtc1_4bpp_unorm.ktx failed to load."));
+    EXPECT_TRUE(warnings.contains("Texture " + dir + "ktxsw_luminance-reference-metadata.ktx failed to load."));
+    EXPECT_TRUE(warnings.last().startsWith("KTX file '" + dir + "sevmeyer_endian_big_type_ubyte_r8g8.ktx': level 0"));
+    EXPECT_TRUE(capture.bodies(QtDebugMsg).contains("Data appears invalid for texture file '" + dir +
+                                                    "invalid/sevmeyer_endianness_invalid.ktx'"));
+    EXPECT_FALSE(capture.texts(QtDebugMsg).join("\n").contains("loaded in"));
+}
+
+// Radiance files match stb_image's decoder, bottom row first.
+TEST_F(TextureIOTest, HDRFilesMatchIndependentDecoder)
+{
+    const char* files[] = {"loadersgl_simple-rle.hdr", "imagers_rgbr4x4_flat.hdr", "radiance_mesh_cyl_padded-res.hdr",
+                           "loadersgl_royal_esplanade_256_latlong.hdr"};
+    for (const char* name : files) {
+        SCOPED_TRACE(name);
+        const QByteArray bytes = readFile(data(QStringLiteral("hdr/") + name));
+        int w = 0, h = 0, n = 0;
+        float* reference = stbi_loadf_from_memory(reinterpret_cast<const stbi_uc*>(bytes.constData()), bytes.size(),
+                                                  &w, &h, &n, 3);
+        ASSERT_NE(reference, nullptr);
+        Texture* texture = LoadTextureFromFile(data(QStringLiteral("hdr/") + name), {});
+        ASSERT_NE(texture, nullptr);
+        EXPECT_EQ(levelParameter(texture, GL_TEXTURE_INTERNAL_FORMAT), GL_RGB32F);
+        const auto loaded = texels<float>(texture, GL_RGB, GL_FLOAT, size_t(w) * h * 3);
+        int mismatches = 0;
+        for (int y = 0; y < h; ++y)
+            mismatches += std::memcmp(loaded.data() + size_t(y) * w * 3, reference + size_t(h - 1 - y) * w * 3,
+                                      sizeof(float) * 3 * w) != 0;
+        EXPECT_EQ(mismatches, 0);
+        stbi_image_free(reference);
+        delete texture;
+    }
+}
+
+TEST_F(TextureIOTest, HDRReaderFailures)
+{
+    const QByteArray header("#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 2 +X 2\n");
+    // The first scanline claims 3 pixels; the row is left black and loading goes on.
+    QByteArray badWidth = header + QByteArray::fromHex("02020003" "80808080" "80808080");
+    QByteArray badFormat("#?RADIANCE\nFORMAT=32-bit_rle_xyz\n\n-Y 1 +X 1\n\x80\x80\x80\x80");
+    QByteArray fine = header + QByteArray(16, '\x80');
+
+    MessageCapture capture;
+    Texture* texture = LoadTextureFromMemory(bytes(badWidth), badWidth.size(), {});
+    ASSERT_NE(texture, nullptr);
+    delete texture;
+    EXPECT_EQ(LoadTextureFromMemory(bytes(badFormat), badFormat.size(), {}, "f"), nullptr);
+    {
+        realTexImage2D = _ptrc_glTexImage2D;
+        VyxTest::PointerSwap<PFNVYXGLTEXIMAGE2DPROC> swap(_ptrc_glTexImage2D, failingTexImage2D);
+        EXPECT_EQ(LoadTextureFromMemory(bytes(fine), fine.size(), {}, "g"), nullptr);
+    }
+    EXPECT_EQ(capture.bodies(QtWarningMsg),
+              (QStringList{"HDR format error: bad scanline width", "Texture g failed to load."}));
+    EXPECT_TRUE(capture.bodies(QtDebugMsg).contains("Data appears invalid for texture data 'f'"));
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+// .astc files match the reference decoder on both paths (the reduced profile has no ASTC in GL).
+TEST_F(TextureIOTest, ASTCFilesMatchReferenceDecoder)
+{
+    struct Case { const char* file; int width, height; };
+    const Case cases[] = {{"astcenc_Tiles_ldr.astc", 8, 8},
+                          {"imagesize_test_4x4_690x298.astc", 690, 298},
+                          {"tacent_ASTC12X12_LDR.astc", 1280, 720}};
+    EXPECT_EQ(hasGLExtension("GL_KHR_texture_compression_astc_ldr"), !isReducedProfileRun());
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.file);
+        const QString path = data(QStringLiteral("astc/") + c.file);
+        Texture* texture = LoadTextureFromFile(path, {});
+        ASSERT_NE(texture, nullptr);
+        EXPECT_EQ(levelParameter(texture, GL_TEXTURE_WIDTH), c.width);
+        EXPECT_EQ(levelParameter(texture, GL_TEXTURE_HEIGHT), c.height);
+        const std::vector<unsigned char> reference = referenceASTCDecode(path);
+        if (!reference.empty())
+            expectClose(texels<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, reference.size()), reference);
+        delete texture;
+    }
+    MessageCapture capture;
+    EXPECT_EQ(LoadTextureFromFile(data("astc/invalid/astcenc_negative_huge.astc"), {}), nullptr);
+    EXPECT_TRUE(capture.bodies(QtDebugMsg).contains("Data appears invalid for texture file '" +
+                                                 data("astc/invalid/astcenc_negative_huge.astc") + "'"));
+}
