@@ -4,6 +4,7 @@
 #include "gl/builtintexturerecognisers_p.h"
 #include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
+#include "gl/glutilities_p.h"
 
 #include <QByteArray>
 #include <QSet>
@@ -93,6 +94,33 @@ void VYX_APIENTRY debugOutputCallback(GLenum source, GLenum type, GLuint id, GLe
 }
 
 } // namespace
+
+namespace {
+
+bool isSizedColourFormatOutsideTables(unsigned int internalFormat)
+{
+    switch (internalFormat) {
+    case GL_R8: case GL_RG8: case GL_RGB8: case GL_R16: case GL_RG16: case GL_RGB16: case GL_RGBA16:
+    case GL_R8_SNORM: case GL_RG8_SNORM: case GL_RGB8_SNORM: case GL_RGBA8_SNORM:
+    case GL_RGB10_A2: case GL_RGB5_A1: case GL_RGBA4: case GL_RGB565: case GL_R3_G3_B2:
+    case GL_R11F_G11F_B10F: case GL_RGB9_E5: case GL_SRGB8:
+        return true;
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
+unsigned int allocationFormatFromInternalFormat(unsigned int internalFormat)
+{
+    return isSizedColourFormatOutsideTables(internalFormat) ? GL_RGBA : formatFromInternalFormat(internalFormat);
+}
+
+unsigned int allocationTypeFromInternalFormat(unsigned int internalFormat)
+{
+    return isSizedColourFormatOutsideTables(internalFormat) ? GL_UNSIGNED_BYTE : typeFromInternalFormat(internalFormat);
+}
 
 void checkGLError(const char* file, int line)
 {

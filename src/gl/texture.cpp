@@ -4,6 +4,7 @@
 #include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
+#include "gl/glutilities_p.h"
 
 #include <QHash>
 #include <QMap>
@@ -131,7 +132,7 @@ Texture* Texture::create2D(unsigned int target, unsigned int internalFormat, int
         return this;
     setNearestFiltering(target);
     glTexImage2D(target, 0, static_cast<GLint>(internalFormat), width, height, 0,
-                 formatFromInternalFormat(internalFormat), typeFromInternalFormat(internalFormat), nullptr);
+                 allocationFormatFromInternalFormat(internalFormat), allocationTypeFromInternalFormat(internalFormat), nullptr);
     return this;
 }
 
@@ -145,7 +146,7 @@ Texture* Texture::create3D(unsigned int target, unsigned int internalFormat, int
         return this;
     setNearestFiltering(target);
     glTexImage3D(target, 0, static_cast<GLint>(internalFormat), width, height, depth, 0,
-                 formatFromInternalFormat(internalFormat), typeFromInternalFormat(internalFormat), nullptr);
+                 allocationFormatFromInternalFormat(internalFormat), allocationTypeFromInternalFormat(internalFormat), nullptr);
     return this;
 }
 

@@ -1,10 +1,12 @@
 #include "gl/textureutilities.h"
 
 #include "core/logging.h"
+#include "gl/bindable.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
+#include "gl/glutilities_p.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
@@ -139,8 +141,8 @@ Texture* WritableCopyOfTexture(Texture* source, unsigned int internalFormat, int
 
     if (!VYX_CHECK(width > 0 && height > 0, "Texture has no level %d to copy", level))
         return nullptr;
-    const GLenum format = formatFromInternalFormat(internalFormat);
-    const GLenum type = typeFromInternalFormat(internalFormat);
+    const GLenum format = allocationFormatFromInternalFormat(internalFormat);
+    const GLenum type = allocationTypeFromInternalFormat(internalFormat);
     if (0 == format || 0 == type)
         return nullptr;
 
@@ -225,6 +227,8 @@ void ProcessTexture(ShaderProgram* shader, const QHash<QString, QVariant>& unifo
                 shader->setUniform(it.key(), it.value());
             shader->setUniform(QStringLiteral("u_Src"), QVariant(source->unit()));
 
+            // sRGB destinations are written encoded, so a pass over an sRGB texture round-trips.
+            AutoEnabler srgbWrites(GL_FRAMEBUFFER_SRGB);
             glDisable(GL_BLEND);
             glDisable(GL_DEPTH_TEST);
             glDepthMask(GL_FALSE);

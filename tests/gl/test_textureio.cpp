@@ -247,6 +247,8 @@ TEST_F(TextureIOTest, KTXFilesLoadAsStored)
     const Case cases[] = {
         {"ktxsw_rgba-reference.ktx", GL_TEXTURE_2D, GL_RGBA, GL_UNSIGNED_BYTE, 4, true},
         {"astcenc_ldr-tile_rgba8.ktx", GL_TEXTURE_2D, GL_RGBA, GL_UNSIGNED_BYTE, 4, true},
+        {"ktxsw_rgb-reference.ktx", GL_TEXTURE_2D, GL_RGB, GL_UNSIGNED_BYTE, 3, true},
+        {"ktxsw_not4_rgb888_srgb.ktx", GL_TEXTURE_2D, GL_RGB, GL_UNSIGNED_BYTE, 3, true},
         {"sevmeyer_format_raw_r32_sfloat.ktx", GL_TEXTURE_2D, GL_RED, GL_FLOAT, 4, true},
         {"sascha_particle_gradient_rgba_1d.ktx", GL_TEXTURE_1D, GL_RGBA, GL_UNSIGNED_BYTE, 4, false},
         {"sevmeyer_size_3d_13x23x7.ktx", GL_TEXTURE_3D, GL_RED, GL_UNSIGNED_BYTE, 1, false},

@@ -109,6 +109,29 @@ TEST_F(TextureUtilitiesTest, FlipYReplacesTheTextureByAFlippedCopy)
     EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
 
+TEST_F(TextureUtilitiesTest, FlipYKeepsFormatsFilesBringAndSRGBValues)
+{
+    // Formats the internal-format tables do not list, and sRGB storage, which must not darken.
+    const GLubyte rows[] = {10, 20, 30, 40, 200, 210, 220, 230};
+    for (GLenum internalFormat : {GLenum(GL_RGB8), GLenum(GL_SRGB8_ALPHA8), GLenum(GL_SRGB8)}) {
+        Texture* texture = new Texture();
+        texture->create2D(GL_TEXTURE_2D, internalFormat, 1, 2);
+        texture->bind();
+        glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
+        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, 1, 2, GL_RGBA, GL_UNSIGNED_BYTE, rows);
+        glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+        texture->unbind();
+        ASSERT_TRUE(FlipY(texture)) << std::hex << internalFormat;
+        EXPECT_EQ(levelParameter(texture, GL_TEXTURE_INTERNAL_FORMAT), GLint(internalFormat));
+        const std::vector<int> flipped = texels(texture, 2);
+        const bool hasAlpha = internalFormat == GL_SRGB8_ALPHA8;
+        EXPECT_EQ(flipped, (std::vector<int>{200, 210, 220, hasAlpha ? 230 : 255, 10, 20, 30, hasAlpha ? 40 : 255}))
+            << std::hex << internalFormat;
+        delete texture;
+    }
+    EXPECT_FALSE(glIsEnabled(GL_FRAMEBUFFER_SRGB));
+}
+
 TEST_F(TextureUtilitiesTest, RemapColorRangeScalesColourAndKeepsAlpha)
 {
     Texture* texture = checker();

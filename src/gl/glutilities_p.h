@@ -1,0 +1,11 @@
+#pragma once
+
+namespace Tavren::Vyx {
+
+// Format and type for allocating storage of an internal format without data: the internal-format
+// tables' answer, or GL_RGBA / GL_UNSIGNED_BYTE for the sized colour formats (GL_RGB8, GL_R8,
+// ...) that files bring and the tables leave out, which GL accepts with any colour transfer.
+unsigned int allocationFormatFromInternalFormat(unsigned int internalFormat);
+unsigned int allocationTypeFromInternalFormat(unsigned int internalFormat);
+
+} // namespace Tavren::Vyx
