@@ -4,6 +4,10 @@
 #include "core/memory.h"
 #include "gl/glloader.h"
 
+#include <QHash>
+#include <QMutex>
+#include <QMutexLocker>
+
 // The Debian library exports its API with C linkage, but its header does not say so.
 extern "C" {
 #include <astcenc.h>
@@ -35,29 +39,49 @@ bool isFootprint3D(unsigned int x, unsigned int y, unsigned int z)
     return x >= 3 && x <= 6 && y >= 3 && y <= 6 && z >= 3 && z <= 6 && x >= y && y >= z && x - z <= 1;
 }
 
-// A decode-only context; freed with the object.
-struct Context
+// Setting up a decoder builds large tables (tens of milliseconds), so decode-only contexts are
+// made once per profile and footprint and kept for the process. A context decodes one image at
+// a time: users hold the cache's lock while they work with it.
+class DecoderCache
 {
-    astcenc_context* context = nullptr;
-    ~Context()
+public:
+    ~DecoderCache()
     {
-        if (context)
+        for (astcenc_context* context : std::as_const(_contexts))
             astcenc_context_free(context);
     }
+
+    QMutex mutex;
+
+    // Call with `mutex` held. Null, with a warning, when the decoder cannot be set up.
+    astcenc_context* context(astcenc_profile profile, unsigned int bx, unsigned int by, const QByteArray& name)
+    {
+        const quint64 key = quint64(profile) << 16 | bx << 8 | by;
+        if (astcenc_context* cached = _contexts.value(key))
+            return cached;
+        astcenc_config config;
+        astcenc_error status = astcenc_config_init(profile, bx, by, 1, ASTCENC_PRE_FASTEST,
+                                                   ASTCENC_FLG_DECOMPRESS_ONLY, &config);
+        astcenc_context* context = nullptr;
+        if (status == ASTCENC_SUCCESS)
+            status = astcenc_context_alloc(&config, 1, &context);
+        if (status != ASTCENC_SUCCESS) {
+            VYX_WARNING("ASTC file '%s': decoder set-up failed: %s", name.constData(),
+                        astcenc_get_error_string(status));
+            return nullptr;
+        }
+        _contexts.insert(key, context);
+        return context;
+    }
+
+private:
+    QHash<quint64, astcenc_context*> _contexts;
 };
 
-bool makeContext(Context& c, astcenc_profile profile, unsigned int bx, unsigned int by, const QByteArray& name)
+DecoderCache& decoderCache()
 {
-    astcenc_config config;
-    astcenc_error status = astcenc_config_init(profile, bx, by, 1, ASTCENC_PRE_FASTEST, ASTCENC_FLG_DECOMPRESS_ONLY,
-                                               &config);
-    if (status == ASTCENC_SUCCESS)
-        status = astcenc_context_alloc(&config, 1, &c.context);
-    if (status != ASTCENC_SUCCESS) {
-        VYX_WARNING("ASTC file '%s': decoder set-up failed: %s", name.constData(), astcenc_get_error_string(status));
-        return false;
-    }
-    return true;
+    static DecoderCache cache;
+    return cache;
 }
 
 } // namespace
@@ -165,13 +189,14 @@ bool ASTCFile::hasHDRBlocks() const
 {
     if (!_valid)
         return false;
-    Context c;
-    if (!makeContext(c, ASTCENC_PRF_HDR, _blockWidth, _blockHeight, printableName(_name)))
+    QMutexLocker locker(&decoderCache().mutex);
+    astcenc_context* context = decoderCache().context(ASTCENC_PRF_HDR, _blockWidth, _blockHeight, printableName(_name));
+    if (!context)
         return false;
     const unsigned char* block = blocks();
     for (uint64_t i = 0; i < _blockCount; ++i, block += blockBytes) {
         astcenc_block_info info;
-        if (astcenc_get_block_info(c.context, block, &info) == ASTCENC_SUCCESS && info.is_hdr_block)
+        if (astcenc_get_block_info(context, block, &info) == ASTCENC_SUCCESS && info.is_hdr_block)
             return true;
     }
     return false;
@@ -188,8 +213,9 @@ bool ASTCFile::decodeRGBA8(unsigned char* rgba, bool srgb) const
     if (hdr)
         VYX_DEBUG("ASTC file '%s' holds HDR blocks; they are decoded clamped to [0, 1]", name.constData());
     const astcenc_profile profile = hdr ? ASTCENC_PRF_HDR : srgb ? ASTCENC_PRF_LDR_SRGB : ASTCENC_PRF_LDR;
-    Context c;
-    if (!makeContext(c, profile, _blockWidth, _blockHeight, name))
+    QMutexLocker locker(&decoderCache().mutex);
+    astcenc_context* context = decoderCache().context(profile, _blockWidth, _blockHeight, name);
+    if (!context)
         return false;
 
     void* slices[1] = {rgba};
@@ -200,7 +226,8 @@ bool ASTCFile::decodeRGBA8(unsigned char* rgba, bool srgb) const
     image.data_type = ASTCENC_TYPE_U8;
     image.data = slices;
     const astcenc_swizzle swizzle{ASTCENC_SWZ_R, ASTCENC_SWZ_G, ASTCENC_SWZ_B, ASTCENC_SWZ_A};
-    const astcenc_error status = astcenc_decompress_image(c.context, blocks(), blocksSize(), &image, &swizzle, 0);
+    const astcenc_error status = astcenc_decompress_image(context, blocks(), blocksSize(), &image, &swizzle, 0);
+    astcenc_decompress_reset(context);
     if (status != ASTCENC_SUCCESS) {
         VYX_WARNING("ASTC file '%s' failed to decode: %s", name.constData(), astcenc_get_error_string(status));
         return false;
