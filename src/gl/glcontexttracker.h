@@ -50,19 +50,40 @@ public:
     decltype(auto) with(void* context, Fn&& fn)
     {
         QMutexLocker locker(&_mutex);
-        return fn(_records[reinterpret_cast<quintptr>(context)]);
+        return fn(_entries[reinterpret_cast<quintptr>(context)].record);
+    }
+
+    // As withCurrent, but a context's record is first passed to prepare(Record&) once, under
+    // the same lock: for records that start from the context's limits.
+    template <typename Prepare, typename Fn>
+    decltype(auto) withCurrentPrepared(Prepare&& prepare, Fn&& fn)
+    {
+        const quintptr key = reinterpret_cast<quintptr>(GLContextTracker::currentContext());
+        QMutexLocker locker(&_mutex);
+        Entry& entry = _entries[key];
+        if (!entry.prepared) {
+            prepare(entry.record);
+            entry.prepared = true;
+        }
+        return fn(entry.record);
     }
 
     // Drops a context's record, for a host that destroys a context and may see its address again.
     void forget(void* context)
     {
         QMutexLocker locker(&_mutex);
-        _records.remove(reinterpret_cast<quintptr>(context));
+        _entries.remove(reinterpret_cast<quintptr>(context));
     }
 
 private:
+    struct Entry
+    {
+        Record record;
+        bool prepared = false;
+    };
+
     QMutex _mutex;
-    QHash<quintptr, Record> _records;
+    QHash<quintptr, Entry> _entries;
 };
 
 } // namespace Tavren::Vyx

@@ -21,7 +21,6 @@ struct ContextInfo
     QHash<unsigned int, int> boundTextureCounts;
     // Ordered, so the lowest free unit is the first key.
     QMap<int, int> freeTextureUnits;
-    bool initialised = false;
 };
 
 PerContextRecords<ContextInfo>& contextInfos()
@@ -38,19 +37,15 @@ void initilizeFreeTextureUnits(ContextInfo& contextInfo, void* context)
     glGetIntegerv(GL_MAX_TEXTURE_IMAGE_UNITS, &contextInfo.maxTextureImageUnits);
     for (int unit = 0; unit < contextInfo.maxTextureImageUnits; ++unit)
         contextInfo.freeTextureUnits.insert(unit, unit);
-    contextInfo.initialised = true;
 }
 
 // Runs fn on the current context's record, setting the record up on first use.
 template <typename Fn>
 decltype(auto) withContextInfo(Fn&& fn)
 {
-    void* context = GLContextTracker::currentContext();
-    return contextInfos().with(context, [&](ContextInfo& contextInfo) {
-        if (!contextInfo.initialised)
-            initilizeFreeTextureUnits(contextInfo, context);
-        return fn(contextInfo);
-    });
+    return contextInfos().withCurrentPrepared(
+        [](ContextInfo& contextInfo) { initilizeFreeTextureUnits(contextInfo, GLContextTracker::currentContext()); },
+        static_cast<Fn&&>(fn));
 }
 
 void setNearestFiltering(unsigned int target)

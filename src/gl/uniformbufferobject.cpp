@@ -32,16 +32,17 @@ struct UboContextData
     // What each binding point should hold when a batch is flushed.
     QVector<GLuint> _bindingTable;
     PFNVYXGLBINDBUFFERSBASEPROC _bindBuffersBase = nullptr;
-    bool _initialised = false;
 
-    void initialise(int maximum, PFNVYXGLBINDBUFFERSBASEPROC bindBuffersBase)
+    // A driver without the batched call says so once per context.
+    void initialise()
     {
+        GLint maximum = 0;
+        glGetIntegerv(GL_MAX_UNIFORM_BUFFER_BINDINGS, &maximum);
         _maxUniformBlockBindings = qMax(0, maximum);
         for (int binding = 0; binding < _maxUniformBlockBindings; ++binding)
             _freeUniformBlockBindings.insert(binding);
         _bindingTable.fill(0, _maxUniformBlockBindings);
-        _bindBuffersBase = bindBuffersBase;
-        _initialised = true;
+        _bindBuffersBase = reinterpret_cast<PFNVYXGLBINDBUFFERSBASEPROC>(getGLProcAddress("glBindBuffersBase", false));
     }
 };
 
@@ -51,30 +52,12 @@ PerContextRecords<UboContextData>& uboContextRecords()
     return records;
 }
 
-// Runs fn on the current context's record, reading the context's limits first if it is new.
-// fn returns a value, so the common case takes the lock once.
+// Runs fn on the current context's record, which starts from the context's limits.
 template <typename Fn>
-auto withCurrentRecord(Fn&& fn) -> decltype(fn(std::declval<UboContextData&>()))
+decltype(auto) withCurrentRecord(Fn&& fn)
 {
-    using Result = decltype(fn(std::declval<UboContextData&>()));
-    void* context = GLContextTracker::currentContext();
-    bool known = false;
-    Result result = uboContextRecords().with(context, [&](UboContextData& record) {
-        known = record._initialised;
-        return known ? fn(record) : Result();
-    });
-    if (known)
-        return result;
-    // Queried outside the lock: the entry-point lookup may take other per-context locks.
-    GLint maximum = 0;
-    glGetIntegerv(GL_MAX_UNIFORM_BUFFER_BINDINGS, &maximum);
-    const auto bindBuffersBase =
-        reinterpret_cast<PFNVYXGLBINDBUFFERSBASEPROC>(getGLProcAddress("glBindBuffersBase", false));
-    return uboContextRecords().with(context, [&](UboContextData& record) {
-        if (!record._initialised)
-            record.initialise(maximum, bindBuffersBase);
-        return fn(record);
-    });
+    return uboContextRecords().withCurrentPrepared([](UboContextData& record) { record.initialise(); },
+                                                   static_cast<Fn&&>(fn));
 }
 
 // The binding the program's block uses now: the one last set through the program, else the
