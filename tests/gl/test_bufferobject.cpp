@@ -2,13 +2,14 @@
 #include "gl/glloader.h"
 #include "gl/opengldevicecontext.h"
 #include "support/callrecorder.h"
+#include "support/glhelpers.h"
 #include "support/gltest.h"
 #include "support/messagecapture.h"
 
-#include <vector>
-
 using namespace Tavren::Vyx;
+using VyxTest::assertionText;
 using VyxTest::CallRecorder;
+using VyxTest::glInteger;
 
 namespace {
 
@@ -20,13 +21,6 @@ protected:
         auto buffer = OpenGLDeviceContext::current()->newBuffer();
         buffer->setTarget(GL_ARRAY_BUFFER);
         return buffer;
-    }
-
-    static GLint binding(GLenum query)
-    {
-        GLint value = -1;
-        glGetIntegerv(query, &value);
-        return value;
     }
 
     static std::vector<float> readBack(BufferObject& buffer, int count)
@@ -47,23 +41,22 @@ TEST_F(BufferObjectTest, BindTwiceAndUnbindTwiceAreRefused)
 {
     auto buffer = newArrayBuffer();
     EXPECT_TRUE(buffer->bind());
-    EXPECT_EQ(binding(GL_ARRAY_BUFFER_BINDING), static_cast<GLint>(buffer->getBO()));
+    EXPECT_EQ(glInteger(GL_ARRAY_BUFFER_BINDING), static_cast<GLint>(buffer->getBO()));
     EXPECT_FALSE(buffer->bind());
     EXPECT_TRUE(buffer->unbind());
-    EXPECT_EQ(binding(GL_ARRAY_BUFFER_BINDING), 0);
+    EXPECT_EQ(glInteger(GL_ARRAY_BUFFER_BINDING), 0);
     EXPECT_FALSE(buffer->unbind());
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              (QStringList{VyxTest::assertionText("0u == this->_boBountTarget",
+              (QStringList{assertionText("0u == this->_boBountTarget",
                                      "Buffer Object is already bound on bind to target 34962"),
-                           VyxTest::assertionText("0u != this->_boBountTarget", "Buffer Object is not bound on unbind")}));
+                           assertionText("0u != this->_boBountTarget", "Buffer Object is not bound on unbind")}));
 }
 
 TEST_F(BufferObjectTest, RebindMovesTheBindingAndSkipsTheSameName)
 {
-    auto first = newArrayBuffer();
+    auto first = newArrayBuffer(), other = newArrayBuffer();
     auto sameName = OpenGLDeviceContext::current()->newBuffer(first->getBO());
     sameName->setTarget(GL_ARRAY_BUFFER);
-    auto other = newArrayBuffer();
     ASSERT_TRUE(first->bind());
     {
         CallRecorder<&_ptrc_glBindBuffer> bindBuffer;
@@ -72,7 +65,7 @@ TEST_F(BufferObjectTest, RebindMovesTheBindingAndSkipsTheSameName)
         EXPECT_TRUE(other->rebind(sameName.data(), false));
         EXPECT_EQ(bindBuffer.count(), 1u);
     }
-    EXPECT_EQ(binding(GL_ARRAY_BUFFER_BINDING), static_cast<GLint>(other->getBO()));
+    EXPECT_EQ(glInteger(GL_ARRAY_BUFFER_BINDING), static_cast<GLint>(other->getBO()));
     EXPECT_FALSE(first->unbind());
     EXPECT_FALSE(sameName->unbind());
     EXPECT_TRUE(other->unbind());
@@ -94,7 +87,7 @@ TEST_F(BufferObjectTest, IndexedUnbindReleasesBindingPointZero)
     ASSERT_TRUE(buffer->bind());
     GLint bound = 0;
     glGetIntegeri_v(GL_UNIFORM_BUFFER_BINDING, 3, &bound);
-    EXPECT_EQ(bound, static_cast<GLint>(buffer->getBO()));
+    EXPECT_EQ(GLuint(bound), buffer->getBO());
 
     CallRecorder<&_ptrc_glBindBufferRange> bindRange;
     EXPECT_TRUE(buffer->unbind());
@@ -110,7 +103,7 @@ TEST_F(BufferObjectTest, UploadTakesTheDirectPathOnlyWhereTheDriverHasIt)
     if (isReducedProfileRun()) {
         EXPECT_FALSE(buffer->upload(values.data(), 4, GL_STATIC_DRAW));
         EXPECT_EQ(capture.bodies(QtCriticalMsg),
-                  QStringList{VyxTest::assertionText("0u != this->_boBountTarget", "Buffer Object is not bound on upload")});
+                  QStringList{assertionText("0u != this->_boBountTarget", "Buffer Object is not bound on upload")});
         ASSERT_TRUE(buffer->bind());
         EXPECT_TRUE(buffer->upload(values.data(), 4, GL_STATIC_DRAW));
         EXPECT_EQ(bufferData.count(), 1u);
@@ -129,7 +122,7 @@ TEST_F(BufferObjectTest, UploadTakesTheDirectPathOnlyWhereTheDriverHasIt)
     capture.clear();
     EXPECT_FALSE(buffer->subUpload(values.data(), 3, 2));
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              QStringList{VyxTest::assertionText("offset + valueCount <= _valueCount", "Buffer Object is not large enough to hold data")});
+              QStringList{assertionText("offset + valueCount <= _valueCount", "Buffer Object is not large enough to hold data")});
     EXPECT_TRUE(buffer->unbind());
 }
 
@@ -151,24 +144,20 @@ TEST_F(BufferObjectTest, ManagedNamesAreDeletedAndAdoptedOnesKept)
 {
     GLuint adoptedName = 0;
     glGenBuffers(1, &adoptedName);
-    glBindBuffer(GL_ARRAY_BUFFER, adoptedName);
-    glBindBuffer(GL_ARRAY_BUFFER, 0);
+    glBindBuffer(GL_ARRAY_BUFFER, adoptedName); // bound once, so glIsBuffer answers for it
 
     std::vector<GLuint> managedNames;
     {
         std::vector<QSharedPointer<BufferObject>> buffers;
         for (int i = 0; i < 3; ++i) {
             buffers.push_back(newArrayBuffer());
-            // Bound once, so a leaked name would still answer glIsBuffer.
             ASSERT_TRUE(buffers.back()->bind() && buffers.back()->unbind());
             managedNames.push_back(buffers.back()->getBO());
         }
         buffers.push_back(OpenGLDeviceContext::current()->newBuffer(adoptedName));
-        EXPECT_EQ(BufferObject::NumAlive(), 4);
-        EXPECT_EQ(BufferObject::NumAliveManaged(), 3);
+        EXPECT_EQ(std::make_pair(BufferObject::NumAlive(), BufferObject::NumAliveManaged()), std::make_pair(4, 3));
     }
-    EXPECT_EQ(BufferObject::NumAlive(), 0);
-    EXPECT_EQ(BufferObject::NumAliveManaged(), 0);
+    EXPECT_EQ(BufferObject::NumAlive() + BufferObject::NumAliveManaged(), 0);
     for (GLuint name : managedNames)
         EXPECT_FALSE(glIsBuffer(name)) << name;
     EXPECT_TRUE(glIsBuffer(adoptedName));

@@ -1,19 +1,15 @@
 #include "gl/bufferobject.h"
 #include "gl/drawbuffers.h"
 #include "gl/drawbuffers_p.h"
-#include "gl/framebufferobject.h"
 #include "gl/glslmacroprocessor.h"
-#include "gl/glutilities.h"
-#include "gl/texture.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/uniformbufferobject.h"
 #include "gl/vertexarrayobject.h"
 #include "support/callrecorder.h"
+#include "support/glhelpers.h"
 #include "support/gltest.h"
 #include "support/messagecapture.h"
-
-#include <QFile>
 
 #include <memory>
 #include <vector>
@@ -42,25 +38,14 @@ const DrawElementsIndirectCommand kCommands[] = {
 // u_Placement 0: geometry where the vertices put it; 1: column = draw ID % 4; 2: column = instance.
 const char* const kVertexShader = R"(#version 150
 #include "VyxUtilities.glslh"
-uniform int u_Placement;
-in vec4 va_Vertex;
-flat out uint vo_ID;
+uniform int u_Placement; in vec4 va_Vertex; flat out uint vo_ID;
 void main() {
     vo_ID = getDrawID();
     int column = u_Placement == 1 ? int(vo_ID % 4u) : (u_Placement == 2 ? gl_InstanceID : 0);
     gl_Position = va_Vertex + vec4(0.5 * float(column), 0.0, 0.0, 0.0);
 })";
-const char* const kFragmentShader = R"(#version 150
-flat in uint vo_ID;
-out vec4 out_FragColor;
-void main() { out_FragColor = vec4(float(vo_ID) / 255.0, 0.0, 0.0, 1.0); })";
-
-QString resource(const QString& name)
-{
-    QFile file(":/GLSL/src/" + name);
-    file.open(QIODevice::ReadOnly);
-    return QString::fromLatin1(file.readAll());
-}
+const char* const kFragmentShader = "#version 150\nflat in uint vo_ID; out vec4 out_FragColor;\n"
+                                    "void main() { out_FragColor = vec4(float(vo_ID) / 255.0, 0.0, 0.0, 1.0); }";
 
 class DrawBuffersTest : public VyxTest::GLTest
 {
@@ -69,12 +54,7 @@ protected:
     {
         GLTest::SetUp();
         device = OpenGLDeviceContext::current();
-        target = std::make_unique<FramebufferObject>();
-        target->bind();
-        target->createTexture2D(GL_COLOR_ATTACHMENT0, GL_RGBA8, GL_RGBA, GL_UNSIGNED_BYTE, kColumns, 1);
-        glViewport(0, 0, kColumns, 1);
-        clear();
-
+        target = std::make_unique<VyxTest::ColourTarget>(kColumns, 1, 1.0f);
         vertices = device->newBuffer();
         vertices->setTarget(GL_ARRAY_BUFFER);
         vertices->bind();
@@ -89,26 +69,17 @@ protected:
 
     void TearDown() override
     {
-        delete target->detach(GL_COLOR_ATTACHMENT0);
-        target->unbind();
         target.reset();
         GLTest::TearDown();
     }
 
-    static void clear()
+    void clear() const { target->clear(1.0f); }
+    std::vector<int> columns() const { return target->channel(0); }
+    // Draw calls, batches and indices counted since the last look.
+    static std::vector<quint64> statistics()
     {
-        glClearColor(1, 1, 1, 1);
-        glClear(GL_COLOR_BUFFER_BIT);
-    }
-
-    static std::vector<int> columns()
-    {
-        unsigned char pixels[kColumns * 4] = {};
-        glReadPixels(0, 0, kColumns, 1, GL_RGBA, GL_UNSIGNED_BYTE, pixels);
-        std::vector<int> reds;
-        for (int i = 0; i < kColumns; ++i)
-            reds.push_back(pixels[i * 4]);
-        return reds;
+        return {DrawBuffers::getAndResetTotalDrawCalls(), DrawBuffers::getAndResetTotalDrawBatches(),
+                DrawBuffers::getAndResetTotalDrawIndices()};
     }
 
     // The draw-ID program, reading the ID from the draw call itself when baseInstance is set.
@@ -119,8 +90,8 @@ protected:
         auto result = std::make_unique<ShaderProgram>();
         result->setMacroProcessor(&macros);
         result->addShader(GL_VERTEX_SHADER, kVertexShader);
-        result->addShader(GL_VERTEX_SHADER, resource("VyxUtilities.vert"));
-        result->addShader(GL_VERTEX_SHADER, resource("VyxUtilities.glslc"));
+        result->addShader(GL_VERTEX_SHADER, VyxTest::glslResource("VyxUtilities.vert"));
+        result->addShader(GL_VERTEX_SHADER, VyxTest::glslResource("VyxUtilities.glslc"));
         result->addShader(GL_FRAGMENT_SHADER, kFragmentShader);
         EXPECT_TRUE(result->link());
         result->bind();
@@ -160,7 +131,7 @@ protected:
     QSharedPointer<BufferObject> vertices;
     QSharedPointer<BufferObject> indices;
     GLSLMacroProcessor macros;
-    std::unique_ptr<FramebufferObject> target; // made once the context exists
+    std::unique_ptr<VyxTest::ColourTarget> target; // made once the context exists
 };
 
 } // namespace
@@ -180,19 +151,15 @@ TEST_F(DrawBuffersTest, UniformFallbackDrawsEveryCommandWithItsOwnID)
         EXPECT_EQ(std::get<1>(drawIDs.calls()[3]), GLuint(kIDBase + 3));
     }
     EXPECT_EQ(columns(), kEveryDrawOwnColumn);
-    EXPECT_EQ(DrawBuffers::getAndResetTotalDrawCalls(), 4u);
-    EXPECT_EQ(DrawBuffers::getAndResetTotalDrawCalls(), 0u);
-    EXPECT_EQ(DrawBuffers::getAndResetTotalDrawBatches(), 4u);
-    EXPECT_EQ(DrawBuffers::getAndResetTotalDrawIndices(), 24u);
+    EXPECT_EQ(statistics(), (std::vector<quint64>{4, 4, 24}));
+    EXPECT_EQ(statistics(), (std::vector<quint64>{0, 0, 0}));
 
-    // A subset draws its commands in its order, here with the current GL program; calls and
-    // batches are still counted by the whole list.
+    // A subset draws its commands, here with the current GL program; calls and batches still count the whole list.
     clear();
     const QVector<int> subset = {2, 0};
     ASSERT_TRUE(buffers->draw(nullptr, &subset));
     EXPECT_EQ(columns(), (std::vector<int>{8, 255, 10, 255}));
-    EXPECT_EQ(DrawBuffers::getAndResetTotalDrawCalls(), 4u);
-    EXPECT_EQ(DrawBuffers::getAndResetTotalDrawIndices(), 12u);
+    EXPECT_EQ(statistics(), (std::vector<quint64>{4, 4, 12}));
 
     MessageCapture capture;
     const QVector<int> outOfRange = {1, 4};
@@ -216,9 +183,7 @@ TEST_F(DrawBuffersTest, SingleDrawsGiveEveryInstanceItsOwnIDOnBothPaths)
         EXPECT_EQ(drawCalls.count(), 4u);
     }
     EXPECT_EQ(columns(), kEveryDrawOwnColumn);
-    EXPECT_EQ(DrawBuffers::getAndResetTotalDrawBatches(), 4u);
-    EXPECT_EQ(DrawBuffers::getAndResetTotalDrawCalls(), 4u);
-    EXPECT_EQ(DrawBuffers::getAndResetTotalDrawIndices(), 24u);
+    EXPECT_EQ(statistics(), (std::vector<quint64>{4, 4, 24}));
     buffers->unbind();
 
     if (isReducedProfileRun()) {
@@ -237,8 +202,7 @@ TEST_F(DrawBuffersTest, SingleDrawsGiveEveryInstanceItsOwnIDOnBothPaths)
                                                         static_cast<const void*>(nullptr), 4, 0, GLuint(kIDBase)));
     }
     EXPECT_EQ(columns(), kEveryDrawOwnColumn);
-    EXPECT_EQ(DrawBuffers::getAndResetTotalDrawCalls(), 1u);
-    EXPECT_EQ(DrawBuffers::getAndResetTotalDrawIndices(), 6u);
+    EXPECT_EQ(statistics(), (std::vector<quint64>{1, 1, 6}));
     buffers->unbind();
 
     // Non-indexed: the base vertex is the first vertex.
@@ -286,12 +250,8 @@ TEST_F(DrawBuffersTest, MultiDrawIndirectDrawsTheListInOneCall)
         EXPECT_EQ(singleDraws.count(), 0u);
     }
     EXPECT_EQ(columns(), kEveryDrawOwnColumn);
-    GLint indirectBinding = -1;
-    glGetIntegerv(GL_DRAW_INDIRECT_BUFFER_BINDING, &indirectBinding);
-    EXPECT_EQ(indirectBinding, 0);
-    EXPECT_EQ(DrawBuffers::getAndResetTotalDrawCalls(), 1u);
-    EXPECT_EQ(DrawBuffers::getAndResetTotalDrawBatches(), 4u);
-    EXPECT_EQ(DrawBuffers::getAndResetTotalDrawIndices(), 24u);
+    EXPECT_EQ(VyxTest::glInteger(GL_DRAW_INDIRECT_BUFFER_BINDING), 0);
+    EXPECT_EQ(statistics(), (std::vector<quint64>{1, 4, 24}));
 
     // A new list switches the path off until it is uploaded again.
     buffers->setDrawElementsIndirectCommands(kCommands, 4);

@@ -1,6 +1,7 @@
 #include "gl/framebufferobject.h"
 #include "gl/glloader.h"
 #include "gl/texture.h"
+#include "support/glhelpers.h"
 #include "support/gltest.h"
 #include "support/messagecapture.h"
 
@@ -8,19 +9,15 @@
 #include <vector>
 
 using namespace Tavren::Vyx;
+using VyxTest::assertionText;
+using VyxTest::glInteger;
+using VyxTest::levelParameter;
 
 namespace {
 
 class FramebufferObjectTest : public VyxTest::GLTest
 {
 protected:
-    static GLint integer(GLenum query)
-    {
-        GLint value = -1;
-        glGetIntegerv(query, &value);
-        return value;
-    }
-
     static GLint attachmentParameter(GLenum point, GLenum parameter)
     {
         GLint value = -1;
@@ -50,31 +47,22 @@ TEST_F(FramebufferObjectTest, DrawBuffersFollowColourAttachmentsAndReceiveClears
     ASSERT_TRUE(red && depth && green);
     EXPECT_EQ(fbo.drawBuffers(), (QVector<unsigned int>{GL_COLOR_ATTACHMENT0, GL_COLOR_ATTACHMENT2}));
     ASSERT_TRUE(fbo.setDrawBuffers());
-    EXPECT_EQ(integer(GL_DRAW_BUFFER0), GL_COLOR_ATTACHMENT0);
-    EXPECT_EQ(integer(GL_DRAW_BUFFER1), GL_COLOR_ATTACHMENT2);
+    EXPECT_EQ(glInteger(GL_DRAW_BUFFER0), GL_COLOR_ATTACHMENT0);
+    EXPECT_EQ(glInteger(GL_DRAW_BUFFER1), GL_COLOR_ATTACHMENT2);
     EXPECT_TRUE(fbo.isComplete());
-    EXPECT_EQ(integer(GL_FRAMEBUFFER_BINDING), static_cast<GLint>(fbo.getFBO()));
+    EXPECT_EQ(glInteger(GL_FRAMEBUFFER_BINDING), static_cast<GLint>(fbo.getFBO()));
 
-    const GLfloat redColour[4] = {1, 0, 0, 1};
-    const GLfloat greenColour[4] = {0, 1, 0, 1};
+    const GLfloat redColour[4] = {1, 0, 0, 1}, greenColour[4] = {0, 1, 0, 1};
     glClearBufferfv(GL_COLOR, 0, redColour);
     glClearBufferfv(GL_COLOR, 1, greenColour);
-    unsigned char pixel[4] = {};
-    glReadBuffer(GL_COLOR_ATTACHMENT0);
-    glReadPixels(1, 1, 1, 1, GL_RGBA, GL_UNSIGNED_BYTE, pixel);
-    EXPECT_EQ(std::vector<int>(pixel, pixel + 4), (std::vector<int>{255, 0, 0, 255}));
-    glReadBuffer(GL_COLOR_ATTACHMENT2);
-    glReadPixels(3, 2, 1, 1, GL_RGBA, GL_UNSIGNED_BYTE, pixel);
-    EXPECT_EQ(std::vector<int>(pixel, pixel + 4), (std::vector<int>{0, 255, 0, 255}));
+    for (auto [texture, rgba] : {std::pair{red, std::vector<int>{255, 0, 0, 255}}, std::pair{green, std::vector<int>{0, 255, 0, 255}}}) {
+        const auto texels = VyxTest::texImage<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, 64);
+        EXPECT_EQ(std::vector<int>(texels.end() - 4, texels.end()), rgba);
+    }
 
     // The storage made for the depth attachment, as GL sees it.
-    ASSERT_TRUE(depth->bind());
-    GLint width = 0, format = 0;
-    glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &width);
-    glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_INTERNAL_FORMAT, &format);
-    EXPECT_EQ(width, 4);
-    EXPECT_EQ(format, GL_DEPTH_COMPONENT32F);
-    ASSERT_TRUE(depth->unbind());
+    EXPECT_EQ(levelParameter(depth, GL_TEXTURE_WIDTH), 4);
+    EXPECT_EQ(levelParameter(depth, GL_TEXTURE_INTERNAL_FORMAT), GL_DEPTH_COMPONENT32F);
 
     EXPECT_EQ(fbo.detach(GL_COLOR_ATTACHMENT0), red);
     EXPECT_EQ(fbo.drawBuffers(), QVector<unsigned int>{GL_COLOR_ATTACHMENT2});
@@ -83,7 +71,7 @@ TEST_F(FramebufferObjectTest, DrawBuffersFollowColourAttachmentsAndReceiveClears
     fbo.detachAndReleaseAll();
     EXPECT_TRUE(fbo.attachmentPoints().isEmpty());
     EXPECT_TRUE(fbo.unbind());
-    EXPECT_EQ(integer(GL_FRAMEBUFFER_BINDING), 0);
+    EXPECT_EQ(glInteger(GL_FRAMEBUFFER_BINDING), 0);
     EXPECT_EQ(Texture::NumAlive(), 0);
     EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
     EXPECT_TRUE(capture.messages().empty());
@@ -105,11 +93,11 @@ TEST_F(FramebufferObjectTest, LayersAndUpdatesAttachWhatGLReports)
     EXPECT_EQ(attachmentParameter(GL_COLOR_ATTACHMENT0, GL_FRAMEBUFFER_ATTACHMENT_TEXTURE_LAYER), 2);
     EXPECT_FALSE(fbo.attach(flat.get(), GL_COLOR_ATTACHMENT0, 0));
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              (QStringList{VyxTest::assertionText("false", "Texture Target 0x8C1A is not supported by FramebufferObject::attach() use "
+              (QStringList{assertionText("false", "Texture Target 0x8C1A is not supported by FramebufferObject::attach() use "
                                               "FramebufferObject::attach3D()"),
-                           VyxTest::assertionText("false", "Texture Target 0xDE1 is not supported by "
+                           assertionText("false", "Texture Target 0xDE1 is not supported by "
                                               "FramebufferObject::attachLayer() use FramebufferObject::attach()"),
-                           VyxTest::assertionText("false == this->_attachments.contains(attachmentPoint)",
+                           assertionText("false == this->_attachments.contains(attachmentPoint)",
                                      "Framebuffer Object already has attachment at 36064")}));
 
     ASSERT_TRUE(fbo.attachUpdate(flat.get(), GL_COLOR_ATTACHMENT0, 0));
@@ -121,11 +109,7 @@ TEST_F(FramebufferObjectTest, LayersAndUpdatesAttachWhatGLReports)
     Texture* layered = fbo.createTexture3D(GL_COLOR_ATTACHMENT1, GL_RGBA8, GL_RGBA, GL_UNSIGNED_BYTE, 4, 4, 5);
     ASSERT_NE(layered, nullptr);
     EXPECT_EQ(attachmentParameter(GL_COLOR_ATTACHMENT1, GL_FRAMEBUFFER_ATTACHMENT_LAYERED), GL_TRUE);
-    ASSERT_TRUE(layered->bind());
-    GLint layers = 0;
-    glGetTexLevelParameteriv(GL_TEXTURE_2D_ARRAY, 0, GL_TEXTURE_DEPTH, &layers);
-    EXPECT_EQ(layers, 5);
-    ASSERT_TRUE(layered->unbind());
+    EXPECT_EQ(levelParameter(layered, GL_TEXTURE_DEPTH), 5);
 
     EXPECT_EQ(FramebufferObject::NumFBOTextures(), 3);
     EXPECT_EQ(FramebufferObject::NumActiveFBOTextures(), 2);
@@ -151,7 +135,7 @@ TEST_F(FramebufferObjectTest, MisuseIsRefusedAndNamesAreNotLeaked)
         FramebufferObject adopted(adoptedName);
         EXPECT_EQ(FramebufferObject::NumAlive(), 3);
         EXPECT_FALSE(second.isComplete());
-        EXPECT_EQ(integer(GL_FRAMEBUFFER_BINDING), 0);
+        EXPECT_EQ(glInteger(GL_FRAMEBUFFER_BINDING), 0);
         managedNames = {fbo.getFBO(), second.getFBO()};
         EXPECT_FALSE(fbo.attach(texture.get(), GL_COLOR_ATTACHMENT0, 0));
         ASSERT_TRUE(adopted.bind());
@@ -162,9 +146,9 @@ TEST_F(FramebufferObjectTest, MisuseIsRefusedAndNamesAreNotLeaked)
         for (FramebufferObject* managed : {&fbo, &second})
             ASSERT_TRUE(managed->bind() && managed->unbind());
         EXPECT_EQ(capture.bodies(QtCriticalMsg),
-                  (QStringList{VyxTest::assertionText("true == this->_fboBound", "Framebuffer Object is not bound on attach"),
-                               VyxTest::assertionText("false == this->_fboBound", "Framebuffer Object is already bound on bind"),
-                               VyxTest::assertionText("true == this->_attachments.contains(attachmentPoint)",
+                  (QStringList{assertionText("true == this->_fboBound", "Framebuffer Object is not bound on attach"),
+                               assertionText("false == this->_fboBound", "Framebuffer Object is already bound on bind"),
+                               assertionText("true == this->_attachments.contains(attachmentPoint)",
                                          "Framebuffer Object has nothing attached to attachment at 36064")}));
     }
     EXPECT_EQ(FramebufferObject::NumAlive(), 0);

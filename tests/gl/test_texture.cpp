@@ -1,6 +1,7 @@
 #include "gl/glloader.h"
 #include "gl/texture.h"
 #include "support/callrecorder.h"
+#include "support/glhelpers.h"
 #include "support/gltest.h"
 #include "support/messagecapture.h"
 
@@ -8,26 +9,21 @@
 #include <vector>
 
 using namespace Tavren::Vyx;
+using VyxTest::assertionText;
 using VyxTest::CallRecorder;
+using VyxTest::glInteger;
 
 namespace {
 
 class TextureTest : public VyxTest::GLTest
 {
 protected:
-    static GLint integer(GLenum query)
-    {
-        GLint value = -1;
-        glGetIntegerv(query, &value);
-        return value;
-    }
-
     // The 2D texture bound on a unit, read from GL.
     static GLint boundOnUnit(int unit)
     {
-        GLint active = integer(GL_ACTIVE_TEXTURE);
+        const GLint active = glInteger(GL_ACTIVE_TEXTURE);
         glActiveTexture(GL_TEXTURE0 + unit);
-        const GLint name = integer(GL_TEXTURE_BINDING_2D);
+        const GLint name = glInteger(GL_TEXTURE_BINDING_2D);
         glActiveTexture(active);
         return name;
     }
@@ -37,13 +33,6 @@ protected:
         auto texture = std::make_unique<Texture>();
         texture->setTarget(GL_TEXTURE_2D);
         return texture;
-    }
-
-    static GLint levelParameter(GLenum target, GLenum parameter)
-    {
-        GLint value = -1;
-        glGetTexLevelParameteriv(target, 0, parameter, &value);
-        return value;
     }
 
     VyxTest::MessageCapture capture;
@@ -73,22 +62,22 @@ TEST_F(TextureTest, NestedBindsShareOneUnitAndBindOnce)
     EXPECT_EQ(activeTexture.count(), 0u);
     EXPECT_EQ(bindTexture.count(), 2u);
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              (QStringList{VyxTest::assertionText("contextInfo.textureToUnitMaps.contains(this->_textureID)",
+              (QStringList{assertionText("contextInfo.textureToUnitMaps.contains(this->_textureID)",
                                      "Texture has not been bound on unbind"),
-                           VyxTest::assertionText("contextInfo.textureToUnitMaps.contains(this->_textureID)",
+                           assertionText("contextInfo.textureToUnitMaps.contains(this->_textureID)",
                                      "Texture has not been bound on unit()")}));
 }
 
 TEST_F(TextureTest, UnitsGoLowestFirstAreReusedAndRunOut)
 {
-    const int maxUnits = integer(GL_MAX_TEXTURE_IMAGE_UNITS);
+    const int maxUnits = glInteger(GL_MAX_TEXTURE_IMAGE_UNITS);
     ASSERT_GT(maxUnits, 5);
     std::vector<std::unique_ptr<Texture>> textures;
     for (int i = 0; i <= maxUnits; ++i)
         textures.push_back(newTexture2D());
     for (int i = 0; i < maxUnits; ++i) {
         ASSERT_TRUE(textures[i]->bind());
-        EXPECT_EQ(integer(GL_ACTIVE_TEXTURE), GL_TEXTURE0 + i);
+        EXPECT_EQ(glInteger(GL_ACTIVE_TEXTURE), GL_TEXTURE0 + i);
         EXPECT_EQ(boundOnUnit(i), static_cast<GLint>(textures[i]->textureID()));
     }
     Texture& extra = *textures[maxUnits];
@@ -136,25 +125,17 @@ TEST_F(TextureTest, EachContextHandsOutItsOwnUnits)
 
 TEST_F(TextureTest, CreateOperationsMakeTheStorageAsked)
 {
-    Texture flat;
+    using VyxTest::levelParameter;
+    Texture flat, layers, multisample;
     flat.create2D(GL_TEXTURE_2D, GL_RGBA16F, 8, 4);
-    Texture layers;
     layers.create3D(GL_TEXTURE_2D_ARRAY, GL_R32F, 4, 2, 3);
-    Texture multisample;
     multisample.create2DMultisample(GL_TEXTURE_2D_MULTISAMPLE, GL_RGBA8, 4, 4, 4);
-    EXPECT_EQ(flat.unit(), -1);
-    capture.clear();
-
-    ASSERT_TRUE(flat.bind());
-    EXPECT_EQ(levelParameter(GL_TEXTURE_2D, GL_TEXTURE_WIDTH), 8);
-    EXPECT_EQ(levelParameter(GL_TEXTURE_2D, GL_TEXTURE_HEIGHT), 4);
-    EXPECT_EQ(levelParameter(GL_TEXTURE_2D, GL_TEXTURE_INTERNAL_FORMAT), GL_RGBA16F);
-    ASSERT_TRUE(layers.bind());
-    EXPECT_EQ(levelParameter(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_DEPTH), 3);
-    EXPECT_EQ(levelParameter(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_INTERNAL_FORMAT), GL_R32F);
-    ASSERT_TRUE(multisample.bind());
-    EXPECT_EQ(levelParameter(GL_TEXTURE_2D_MULTISAMPLE, GL_TEXTURE_WIDTH), 4);
-    EXPECT_GE(levelParameter(GL_TEXTURE_2D_MULTISAMPLE, GL_TEXTURE_SAMPLES), 4);
+    EXPECT_EQ(std::make_pair(levelParameter(&flat, GL_TEXTURE_WIDTH), levelParameter(&flat, GL_TEXTURE_HEIGHT)), std::make_pair(8, 4));
+    EXPECT_EQ(levelParameter(&flat, GL_TEXTURE_INTERNAL_FORMAT), GL_RGBA16F);
+    EXPECT_EQ(levelParameter(&layers, GL_TEXTURE_DEPTH), 3);
+    EXPECT_EQ(levelParameter(&layers, GL_TEXTURE_INTERNAL_FORMAT), GL_R32F);
+    EXPECT_EQ(levelParameter(&multisample, GL_TEXTURE_WIDTH), 4);
+    EXPECT_GE(levelParameter(&multisample, GL_TEXTURE_SAMPLES), 4);
     EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
     EXPECT_TRUE(capture.messages().empty());
 }
@@ -164,8 +145,8 @@ TEST_F(TextureTest, MisuseIsReportedAndNamesAreNotLeaked)
     Texture nothing(0u);
     EXPECT_FALSE(nothing.bind());
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              (QStringList{VyxTest::assertionText("textureID != 0", "Texture ID was zero, can't wrap a non-existent texture"),
-                           VyxTest::assertionText("0u != this->_textureID", "Texutre is NULL on bind")}));
+              (QStringList{assertionText("textureID != 0", "Texture ID was zero, can't wrap a non-existent texture"),
+                           assertionText("0u != this->_textureID", "Texutre is NULL on bind")}));
 
     GLuint wrappedName = 0;
     glGenTextures(1, &wrappedName);

@@ -9,14 +9,12 @@
 #include "gl/texture.h"
 #include "gl/textureio.h"
 #include "support/callrecorder.h"
+#include "support/glhelpers.h"
 #include "support/gltest.h"
 #include "support/messagecapture.h"
 #include "support/testenvironment.h"
 
-#include <QFile>
 #include <QImage>
-#include <QProcess>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 
 #include <cstring>
@@ -30,7 +28,12 @@
 #include <stb/stb_image.h>
 
 using namespace Tavren::Vyx;
+using VyxTest::bytes;
+using VyxTest::levelParameter;
 using VyxTest::MessageCapture;
+using VyxTest::testDataPath;
+using VyxTest::texImage;
+using VyxTest::writeFile;
 
 namespace {
 
@@ -42,50 +45,6 @@ protected:
     void TearDown() override { OpenGLDeviceContext::resetContext(), GLTest::TearDown(); }
 };
 
-QString data(const QString& relative)
-{
-    return VyxTest::testDataPath(relative);
-}
-
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-QString writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    file.open(QIODevice::WriteOnly);
-    file.write(bytes);
-    return path;
-}
-
-unsigned char* bytes(QByteArray& data)
-{
-    return reinterpret_cast<unsigned char*>(data.data());
-}
-
-GLint levelParameter(Texture* texture, GLenum parameter, GLenum face = 0, int level = 0)
-{
-    GLint value = -1;
-    texture->bind();
-    glGetTexLevelParameteriv(face ? face : texture->target(), level, parameter, &value);
-    texture->unbind();
-    return value;
-}
-
-template <class T>
-std::vector<T> texels(Texture* texture, GLenum format, GLenum type, size_t count, GLenum face = 0)
-{
-    std::vector<T> out(count);
-    texture->bind();
-    glPixelStorei(GL_PACK_ALIGNMENT, 1);
-    glGetTexImage(face ? face : texture->target(), 0, format, type, out.data());
-    texture->unbind();
-    return out;
-}
-
 // Rows of `rowBytes` taken `stride` apart, unpadded; last row first is what FlipY leaves in GL.
 std::vector<unsigned char> rows(const unsigned char* file, int count, int rowBytes, int stride, bool lastFirst = true)
 {
@@ -95,17 +54,6 @@ std::vector<unsigned char> rows(const unsigned char* file, int count, int rowByt
         out.insert(out.end(), file + size_t(y) * stride, file + size_t(y) * stride + rowBytes);
     }
     return out;
-}
-
-// The reference encoder's own decode of an .astc file, bottom row first; empty without the tool.
-std::vector<unsigned char> referenceASTCDecode(const QString& astcPath)
-{
-    const QString tool = QStandardPaths::findExecutable("astcenc");
-    QTemporaryDir dir;
-    if (tool.isEmpty() || QProcess::execute(tool, {"-dl", astcPath, dir.filePath("a.png"), "-silent"}) != 0)
-        return {};
-    const QImage image = QImage(dir.filePath("a.png")).convertToFormat(QImage::Format_RGBA8888).mirrored();
-    return std::vector<unsigned char>(image.constBits(), image.constBits() + image.sizeInBytes());
 }
 
 // Largest per-byte difference; the GPU path rounds its flip pass through floats.
@@ -125,7 +73,6 @@ struct DecliningRecogniser : TextureRecogniser
 };
 
 PFNVYXGLTEXIMAGE2DPROC realTexImage2D = nullptr;
-// Passes an invalid target on, so the driver reports a real error.
 void VYX_APIENTRY failingTexImage2D(GLenum, GLint l, GLint f, GLsizei w, GLsizei h, GLint b, GLenum fo, GLenum t,
                                 const void* p)
 {
@@ -154,7 +101,7 @@ TEST_F(TextureIOTest, RegistryListsBuiltinsOnceAndMapsExtensions)
     // A KTX named .png is found by content; a PNG named .hdr falls through every recogniser to Qt.
     QTemporaryDir dir;
     std::unique_ptr<TextureLoader> ktx(
-        IdentifyTextureFromFile(writeFile(dir.filePath("k.png"), readFile(data("ktx/ktxsw_rgba-reference.ktx")))));
+        IdentifyTextureFromFile(writeFile(dir.filePath("k.png"), VyxTest::readTestData("ktx/ktxsw_rgba-reference.ktx"))));
     EXPECT_NE(dynamic_cast<KTXReader*>(ktx.get()), nullptr);
     QImage(4, 2, QImage::Format_ARGB32).save(dir.filePath("p.hdr"), "PNG");
     EXPECT_EQ(IdentifyTextureFromFile(dir.filePath("p.hdr")), nullptr);
@@ -188,13 +135,13 @@ TEST_F(TextureIOTest, QtPicturesLoadBottomRowFirst)
 
     Texture* texture = LoadTextureFromFile(dir.filePath("rgb.png"), {});
     ASSERT_NE(texture, nullptr);
-    EXPECT_EQ(texels<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, 24), expected);
+    EXPECT_EQ(texImage<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, 24), expected);
     EXPECT_EQ(levelParameter(texture, GL_TEXTURE_INTERNAL_FORMAT), GL_RGBA);
     delete texture;
 
     texture = LoadTextureFromFile(dir.filePath("grey.png"), {0.5f, 1.0f, false});
     ASSERT_NE(texture, nullptr);
-    const auto remapped = texels<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, 8);
+    const auto remapped = texImage<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, 8);
     EXPECT_NEAR(remapped[0], 128, 1);
     EXPECT_NEAR(remapped[4], 228, 1);
     EXPECT_EQ(remapped[7], 255);
@@ -207,7 +154,7 @@ TEST_F(TextureIOTest, QtPicturesLoadBottomRowFirst)
     EXPECT_EQ(levelParameter(texture, GL_TEXTURE_INTERNAL_FORMAT), GL_RG16F);
     delete texture;
     texture = MakeColorTexture(QColor(255, 128, 0, 64));
-    EXPECT_EQ(texels<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, 4),
+    EXPECT_EQ(texImage<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, 4),
               (std::vector<unsigned char>{255, 128, 0, 64}));
     delete texture;
 }
@@ -218,8 +165,8 @@ TEST_F(TextureIOTest, FrameworkFailuresAreReported)
     const QString junk = writeFile(dir.filePath("junk.xyz"), "not a picture");
     QByteArray unknown("not a picture at all");
     // Its one key/value entry ends exactly on the block's end.
-    const QString unalignedPath = data("ktx/invalid/sevmeyer_metadata_unaligned.ktx");
-    QByteArray unaligned = readFile(unalignedPath);
+    const QString unalignedPath = testDataPath("ktx/invalid/sevmeyer_metadata_unaligned.ktx");
+    QByteArray unaligned = VyxTest::readTestData("ktx/invalid/sevmeyer_metadata_unaligned.ktx");
 
     MessageCapture capture;
     EXPECT_EQ(LoadTextureFromFile(dir.filePath("missing.png"), {}), nullptr);
@@ -256,7 +203,7 @@ TEST_F(TextureIOTest, KTXFilesLoadAsStored)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file);
-        const QString path = data(QStringLiteral("ktx/") + c.file);
+        const QString path = testDataPath(QStringLiteral("ktx/") + c.file);
         Texture* texture = LoadTextureFromFile(path, {});
         ASSERT_NE(texture, nullptr);
         EXPECT_EQ(texture->target(), c.target);
@@ -270,7 +217,7 @@ TEST_F(TextureIOTest, KTXFilesLoadAsStored)
         for (unsigned int face = 0; face < faces; ++face) {
             const GLenum faceTarget = faces == 6 ? GL_TEXTURE_CUBE_MAP_POSITIVE_X + face : 0;
             const std::vector<unsigned char> expected = rows(parser.images()[face].data, h * d, rowBytes, stride, c.flipped);
-            EXPECT_EQ(texels<unsigned char>(texture, c.format, c.type, expected.size(), faceTarget), expected);
+            EXPECT_EQ(texImage<unsigned char>(texture, c.format, c.type, expected.size(), faceTarget), expected);
         }
         // Levels past the first are (re)generated whenever the file has more than one.
         const GLenum face0 = faces == 6 ? GL_TEXTURE_CUBE_MAP_POSITIVE_X : 0;
@@ -278,7 +225,7 @@ TEST_F(TextureIOTest, KTXFilesLoadAsStored)
         delete texture;
     }
     // No level count: one level read, the rest generated.
-    QByteArray file = withMipmapLevels(readFile(data("ktx/ktxsw_rgba-reference.ktx")), 0);
+    QByteArray file = withMipmapLevels(VyxTest::readTestData("ktx/ktxsw_rgba-reference.ktx"), 0);
     Texture* texture = LoadTextureFromMemory(bytes(file), file.size(), {});
     ASSERT_NE(texture, nullptr);
     EXPECT_EQ(levelParameter(texture, GL_TEXTURE_WIDTH, 0, 7), 1);
@@ -290,8 +237,8 @@ TEST_F(TextureIOTest, KTXFilesLoadAsStored)
 TEST_F(TextureIOTest, CompressedKTXFiles)
 {
     const bool astc = hasGLExtension("GL_KHR_texture_compression_astc_ldr");
-    const QString path = data("ktx/sevmeyer_format_astc_8x5_unorm.ktx");
-    QByteArray file = withMipmapLevels(readFile(path), 1);
+    const QString path = testDataPath("ktx/sevmeyer_format_astc_8x5_unorm.ktx");
+    QByteArray file = withMipmapLevels(VyxTest::readTestData("ktx/sevmeyer_format_astc_8x5_unorm.ktx"), 1);
     MessageCapture capture;
     // GL cannot build levels of ASTC blocks, so files asking for them are refused.
     EXPECT_EQ(LoadTextureFromFile(path, {}), nullptr);
@@ -303,17 +250,17 @@ TEST_F(TextureIOTest, CompressedKTXFiles)
         ASSERT_NE(texture, nullptr);
         // The level-0 blocks (8x13 of them) as an .astc file for the reference decoder.
         QTemporaryDir dir;
-        const std::vector<unsigned char> reference = referenceASTCDecode(writeFile(
-            dir.filePath("a.astc"), QByteArray::fromHex("13ABA15C080501400000400000010000") + file.mid(68, 8 * 13 * 16)));
+        const std::vector<unsigned char> reference = VyxTest::referenceASTCDecode(writeFile(
+            dir.filePath("a.astc"), QByteArray::fromHex("13ABA15C080501400000400000010000") + file.mid(68, 8 * 13 * 16)), true);
         if (!reference.empty())
-            expectClose(texels<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, reference.size()), reference);
+            expectClose(texImage<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, reference.size()), reference);
         delete texture;
     }
     const char* blockFiles[] = {"ktxsw_etc2-rgba8.ktx", "ktxsw_conftestimage_R11_EAC.ktx",
                                 "sevmeyer_format_bc1_rgb_unorm.ktx", "tacent_ETC2RGB_RGB_1281x721.ktx"};
     for (const char* name : blockFiles) {
         SCOPED_TRACE(name);
-        std::unique_ptr<TextureLoader> reader(IdentifyTextureFromFile(data(QStringLiteral("ktx/") + name)));
+        std::unique_ptr<TextureLoader> reader(IdentifyTextureFromFile(testDataPath(QStringLiteral("ktx/") + name)));
         ASSERT_TRUE(reader && reader->valid() && reader->isCompressed());
         Texture* loaded = reader->load({});
         ASSERT_NE(loaded, nullptr);
@@ -326,43 +273,38 @@ TEST_F(TextureIOTest, CompressedKTXFiles)
 
 TEST_F(TextureIOTest, KTXRefusals)
 {
-    const QString dir = data("ktx/");
+    const QString dir = testDataPath("ktx/");
     MessageCapture capture;
     EXPECT_EQ(LoadTextureFromFile(dir + "sevmeyer_array_2_elements_cubemap_6_faces.ktx", {}), nullptr);
     EXPECT_EQ(LoadTextureFromFile(dir + "sevmeyer_array_2_elements_2d.ktx", {}), nullptr);
+    // Neither llvmpipe's compressed formats nor core GL's plain formats have these.
     EXPECT_EQ(LoadTextureFromFile(dir + "sevmeyer_format_pvrtc1_4bpp_unorm.ktx", {}), nullptr);
     EXPECT_EQ(LoadTextureFromFile(dir + "ktxsw_luminance-reference-metadata.ktx", {}), nullptr);
-    EXPECT_EQ(LoadTextureFromFile(dir + "invalid/sevmeyer_endianness_invalid.ktx", {}), nullptr);
     // An opposite-endian file keeps its image sizes unconverted, so they run past the file.
     EXPECT_EQ(LoadTextureFromFile(dir + "sevmeyer_endian_big_type_ubyte_r8g8.ktx", {}), nullptr);
     const QStringList warnings = capture.bodies(QtWarningMsg);
-    ASSERT_GE(warnings.size(), 5);
-    EXPECT_EQ(warnings[0], "Cubemap arrays not supported yet, sorry!");
-    EXPECT_EQ(warnings[1], "Array textures not supported yet, sorry!");
-    EXPECT_TRUE(warnings.contains("Compressed texture " + dir + "sevmeyer_format_pvrtc1_4bpp_unorm.ktx failed to load."));
-    EXPECT_TRUE(warnings.contains("Texture " + dir + "ktxsw_luminance-reference-metadata.ktx failed to load."));
-    EXPECT_TRUE(warnings.last().startsWith("KTX file '" + dir + "sevmeyer_endian_big_type_ubyte_r8g8.ktx': level 0"));
-    EXPECT_TRUE(capture.bodies(QtDebugMsg).contains("Data appears invalid for texture file '" + dir +
-                                                    "invalid/sevmeyer_endianness_invalid.ktx'"));
+    ASSERT_EQ(warnings.size(), 5);
+    EXPECT_EQ(warnings.mid(0, 4), (QStringList{"Cubemap arrays not supported yet, sorry!", "Array textures not supported yet, sorry!",
+                                               "Compressed texture " + dir + "sevmeyer_format_pvrtc1_4bpp_unorm.ktx failed to load.",
+                                               "Texture " + dir + "ktxsw_luminance-reference-metadata.ktx failed to load."}));
+    EXPECT_TRUE(warnings[4].startsWith("KTX file '" + dir + "sevmeyer_endian_big_type_ubyte_r8g8.ktx': level 0"));
     EXPECT_FALSE(capture.texts(QtDebugMsg).join("\n").contains("loaded in"));
 }
 
 // Radiance files match stb_image's decoder, bottom row first.
 TEST_F(TextureIOTest, HDRFilesMatchIndependentDecoder)
 {
-    const char* files[] = {"loadersgl_simple-rle.hdr", "imagers_rgbr4x4_flat.hdr", "radiance_mesh_cyl_padded-res.hdr",
-                           "loadersgl_royal_esplanade_256_latlong.hdr"};
+    const char* files[] = {"loadersgl_simple-rle.hdr", "radiance_mesh_cyl_padded-res.hdr"};
     for (const char* name : files) {
         SCOPED_TRACE(name);
-        const QByteArray bytes = readFile(data(QStringLiteral("hdr/") + name));
+        const QByteArray file = VyxTest::readTestData(QStringLiteral("hdr/") + name);
         int w = 0, h = 0, n = 0;
-        float* reference = stbi_loadf_from_memory(reinterpret_cast<const stbi_uc*>(bytes.constData()), bytes.size(),
-                                                  &w, &h, &n, 3);
+        float* reference = stbi_loadf_from_memory(bytes(file), file.size(), &w, &h, &n, 3);
         ASSERT_NE(reference, nullptr);
-        Texture* texture = LoadTextureFromFile(data(QStringLiteral("hdr/") + name), {});
+        Texture* texture = LoadTextureFromFile(testDataPath(QStringLiteral("hdr/") + name), {});
         ASSERT_NE(texture, nullptr);
         EXPECT_EQ(levelParameter(texture, GL_TEXTURE_INTERNAL_FORMAT), GL_RGB32F);
-        const auto loaded = texels<float>(texture, GL_RGB, GL_FLOAT, size_t(w) * h * 3);
+        const auto loaded = texImage<float>(texture, GL_RGB, GL_FLOAT, size_t(w) * h * 3);
         int mismatches = 0;
         for (int y = 0; y < h; ++y)
             mismatches += std::memcmp(loaded.data() + size_t(y) * w * 3, reference + size_t(h - 1 - y) * w * 3,
@@ -375,25 +317,15 @@ TEST_F(TextureIOTest, HDRFilesMatchIndependentDecoder)
 
 TEST_F(TextureIOTest, HDRReaderFailures)
 {
-    const QByteArray header("#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 2 +X 2\n");
-    // The first scanline claims 3 pixels; the row is left black and loading goes on.
-    QByteArray badWidth = header + QByteArray::fromHex("02020003" "80808080" "80808080");
-    QByteArray badFormat("#?RADIANCE\nFORMAT=32-bit_rle_xyz\n\n-Y 1 +X 1\n\x80\x80\x80\x80");
-    QByteArray fine = header + QByteArray(16, '\x80');
-
+    // The upload itself fails: the driver reports a real error.
+    QByteArray fine = QByteArray("#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 2 +X 2\n") + QByteArray(16, '\x80');
     MessageCapture capture;
-    Texture* texture = LoadTextureFromMemory(bytes(badWidth), badWidth.size(), {});
-    ASSERT_NE(texture, nullptr);
-    delete texture;
-    EXPECT_EQ(LoadTextureFromMemory(bytes(badFormat), badFormat.size(), {}, "f"), nullptr);
     {
         realTexImage2D = _ptrc_glTexImage2D;
         VyxTest::PointerSwap<PFNVYXGLTEXIMAGE2DPROC> swap(_ptrc_glTexImage2D, failingTexImage2D);
         EXPECT_EQ(LoadTextureFromMemory(bytes(fine), fine.size(), {}, "g"), nullptr);
     }
-    EXPECT_EQ(capture.bodies(QtWarningMsg),
-              (QStringList{"HDR format error: bad scanline width", "Texture g failed to load."}));
-    EXPECT_TRUE(capture.bodies(QtDebugMsg).contains("Data appears invalid for texture data 'f'"));
+    EXPECT_EQ(capture.bodies(QtWarningMsg), QStringList{"Texture g failed to load."});
     EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
 
@@ -407,18 +339,15 @@ TEST_F(TextureIOTest, ASTCFilesMatchReferenceDecoder)
     EXPECT_EQ(hasGLExtension("GL_KHR_texture_compression_astc_ldr"), !isReducedProfileRun());
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file);
-        const QString path = data(QStringLiteral("astc/") + c.file);
+        const QString path = testDataPath(QStringLiteral("astc/") + c.file);
         Texture* texture = LoadTextureFromFile(path, {});
         ASSERT_NE(texture, nullptr);
         EXPECT_EQ(levelParameter(texture, GL_TEXTURE_WIDTH), c.width);
         EXPECT_EQ(levelParameter(texture, GL_TEXTURE_HEIGHT), c.height);
-        const std::vector<unsigned char> reference = referenceASTCDecode(path);
+        const std::vector<unsigned char> reference = VyxTest::referenceASTCDecode(path, true);
         if (!reference.empty())
-            expectClose(texels<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, reference.size()), reference);
+            expectClose(texImage<unsigned char>(texture, GL_RGBA, GL_UNSIGNED_BYTE, reference.size()), reference);
         delete texture;
     }
-    MessageCapture capture;
-    EXPECT_EQ(LoadTextureFromFile(data("astc/invalid/astcenc_negative_huge.astc"), {}), nullptr);
-    EXPECT_TRUE(capture.bodies(QtDebugMsg).contains("Data appears invalid for texture file '" +
-                                                 data("astc/invalid/astcenc_negative_huge.astc") + "'"));
+    EXPECT_EQ(LoadTextureFromFile(testDataPath("astc/invalid/astcenc_negative_huge.astc"), {}), nullptr);
 }

@@ -3,12 +3,14 @@
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "gl/textureutilities.h"
+#include "support/glhelpers.h"
 #include "support/gltest.h"
 #include "support/messagecapture.h"
 
 #include <vector>
 
 using namespace Tavren::Vyx;
+using VyxTest::levelParameter;
 
 namespace {
 
@@ -29,21 +31,8 @@ protected:
 
     static std::vector<int> texels(Texture* texture, int count)
     {
-        std::vector<GLubyte> bytes(size_t(count) * 4);
-        texture->bind();
-        glPixelStorei(GL_PACK_ALIGNMENT, 1);
-        glGetTexImage(texture->target(), 0, GL_RGBA, GL_UNSIGNED_BYTE, bytes.data());
-        texture->unbind();
+        const auto bytes = VyxTest::texImage<GLubyte>(texture, GL_RGBA, GL_UNSIGNED_BYTE, size_t(count) * 4);
         return std::vector<int>(bytes.begin(), bytes.end());
-    }
-
-    static GLint levelParameter(Texture* texture, GLenum parameter)
-    {
-        GLint value = -1;
-        texture->bind();
-        glGetTexLevelParameteriv(texture->target(), 0, parameter, &value);
-        texture->unbind();
-        return value;
     }
 };
 
@@ -54,9 +43,7 @@ TEST_F(TextureUtilitiesTest, SolidColourTruncatesToBytes)
     Texture* texture = SolidColorTexture(1.0f, 0.5f, 0.0f, 0.999f);
     ASSERT_NE(texture, nullptr);
     EXPECT_EQ(texels(texture, 1), (std::vector<int>{255, 127, 0, 254}));
-    GLint alignment = 0;
-    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
-    EXPECT_EQ(alignment, 4);
+    EXPECT_EQ(VyxTest::glInteger(GL_UNPACK_ALIGNMENT), 4);
     delete texture;
     EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }

@@ -1,11 +1,10 @@
 #include "gl/bufferobject.h"
-#include "gl/framebufferobject.h"
 #include "gl/glcontexttracker.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
-#include "gl/texture.h"
 #include "gl/vertexarrayobject.h"
 #include "support/callrecorder.h"
+#include "support/glhelpers.h"
 #include "support/gltest.h"
 #include "support/messagecapture.h"
 
@@ -15,47 +14,32 @@
 #include "gl/glloader.h"
 
 using namespace Tavren::Vyx;
+using VyxTest::assertionText;
 using VyxTest::CallRecorder;
 
 namespace {
 
-constexpr int kSize = 8;
-
 // Positions as floats, integer ids as unsigned bytes and weights as normalised unsigned bytes.
 const char* const kVertexShader = R"(#version 150
-in vec2 va_Vertex;
-in uvec4 va_Index;
-in vec4 va_Weight;
-flat out uvec4 vo_Index;
-out vec4 vo_Weight;
-void main()
-{
-    vo_Index = va_Index;
-    vo_Weight = va_Weight;
-    gl_Position = vec4(va_Vertex, 0.0, 1.0);
-}
-)";
-
+in vec2 va_Vertex; in uvec4 va_Index; in vec4 va_Weight;
+flat out uvec4 vo_Index; out vec4 vo_Weight;
+void main() { vo_Index = va_Index; vo_Weight = va_Weight; gl_Position = vec4(va_Vertex, 0.0, 1.0); })";
 const char* const kFragmentShader = R"(#version 150
-flat in uvec4 vo_Index;
-in vec4 vo_Weight;
-out vec4 out_FragColor;
-void main()
-{
-    out_FragColor = vec4(vec2(vo_Index.xy) / 255.0, vo_Weight.zw);
-}
-)";
+flat in uvec4 vo_Index; in vec4 vo_Weight; out vec4 out_FragColor;
+void main() { out_FragColor = vec4(vec2(vo_Index.xy) / 255.0, vo_Weight.zw); })";
 
 class VertexArrayObjectTest : public VyxTest::GLTest
 {
 protected:
-    static QSharedPointer<BufferObject> arrayBuffer(const void* data, int bytes)
+    static QSharedPointer<BufferObject> arrayBuffer(const void* data = nullptr, int bytes = 0)
     {
         auto buffer = OpenGLDeviceContext::current()->newBuffer();
         buffer->setTarget(GL_ARRAY_BUFFER);
-        buffer->bind();
-        buffer->uploadArbitraryData(data, bytes, GL_STATIC_DRAW, 1);
-        buffer->unbind();
+        if (data) {
+            buffer->bind();
+            buffer->uploadArbitraryData(data, bytes, GL_STATIC_DRAW, 1);
+            buffer->unbind();
+        }
         return buffer;
     }
 
@@ -70,12 +54,7 @@ protected:
         vao.registerBO("va_Weight", arrayBuffer(weights, sizeof(weights)), 4, GL_UNSIGNED_BYTE, true, 0, 0);
     }
 
-    static void linkProgram(ShaderProgram& program)
-    {
-        program.addShader(GL_VERTEX_SHADER, kVertexShader);
-        program.addShader(GL_FRAGMENT_SHADER, kFragmentShader);
-        ASSERT_TRUE(program.link()) << program.log().toStdString();
-    }
+    static std::unique_ptr<ShaderProgram> program() { return VyxTest::linkedProgram(kVertexShader, kFragmentShader); }
 
     VyxTest::MessageCapture capture;
 };
@@ -86,33 +65,20 @@ TEST_F(VertexArrayObjectTest, MisuseIsReportedAndRefused)
 {
     auto vao = OpenGLDeviceContext::current()->newVAO();
     auto other = OpenGLDeviceContext::current()->newVAO();
-    ShaderProgram program;
-    linkProgram(program);
-
-    EXPECT_EQ(vao->getContextTracker(), nullptr);
+    auto shader = program();
     EXPECT_FALSE(vao->isBound());
     EXPECT_FALSE(vao->unbind());
-    EXPECT_FALSE(vao->enableShaderProgramArrays(&program));
+    EXPECT_FALSE(vao->enableShaderProgramArrays(shader.get()));
     ASSERT_TRUE(vao->bind());
     EXPECT_FALSE(vao->bind());
     ASSERT_TRUE(vao->unbind());
-    EXPECT_FALSE(vao->enableShaderProgramArrays(&program));
+    EXPECT_FALSE(vao->enableShaderProgramArrays(shader.get()));
     bool boundNow = true;
     EXPECT_FALSE(vao->rebind(other.data(), boundNow));
     EXPECT_FALSE(boundNow);
-    EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              (QStringList{VyxTest::assertionText("0u != this->_vao", "Vertex Array Object is NULL on isBound"),
-                           VyxTest::assertionText("0u != this->_vao", "Vertex Array Object is NULL on unbind"),
-                           VyxTest::assertionText("0u != this->_vao", "Vertex Array Object is NULL on enable array"),
-                           VyxTest::assertionText("false == this->_vaoBound", "Vertex Array Object is already bound on bind"),
-                           VyxTest::assertionText("true == this->_vaoBound", "Vertex Array Object is not bound on enable array"),
-                           VyxTest::assertionText("true == vertexArrayObjectBound->_vaoBound",
-                                     "Vertex Array Object is not already bound on rebind")}));
-    capture.clear();
 
     const float values[10] = {};
-    auto buffer = OpenGLDeviceContext::current()->newBuffer();
-    buffer->setTarget(GL_ARRAY_BUFFER);
+    auto buffer = arrayBuffer();
     EXPECT_FALSE(vao->upload("va_Vertex", buffer, values, 10, 3, GL_STATIC_DRAW));
     EXPECT_FALSE(vao->upload("va_Vertex", QSharedPointer<BufferObject>(), values, 9, 3, GL_STATIC_DRAW));
     EXPECT_FALSE(vao->upload("va_Vertex", QSharedPointer<BufferObject>(), 3, GL_FLOAT));
@@ -121,18 +87,24 @@ TEST_F(VertexArrayObjectTest, MisuseIsReportedAndRefused)
     EXPECT_EQ(vao->bo("va_Signed"), buffer) << "an unsupported type is still stored";
     EXPECT_FALSE(vao->subUpload("va_Missing", values, 2, 2, 0));
     EXPECT_FALSE(vao->subUpload("va_Signed", values, 3, 3, 0));
-    auto untargeted = OpenGLDeviceContext::current()->newBuffer();
-    EXPECT_FALSE(vao->upload("va_Vertex", untargeted, values, 9, 3, GL_STATIC_DRAW));
+    EXPECT_FALSE(vao->upload("va_Vertex", OpenGLDeviceContext::current()->newBuffer(), values, 9, 3, GL_STATIC_DRAW));
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              (QStringList{VyxTest::assertionText("0 == (valueCount \\% valuesPerVertex)",
-                                     "Data size (10) must be a multi of the values per vertex (3)"),
-                           VyxTest::assertionText("NULL != bufferObj", "Must Supply a valid BO pointer"),
-                           VyxTest::assertionText("!bufferObj.isNull()", "Must Supply a valid BO pointer"),
-                           VyxTest::assertionText("true == isTypeSupported(type)", "Unsupported type 0x1400"),
-                           VyxTest::assertionText("_attributesData.contains(attrName)", "Must Supply an existing BO attribute name"),
-                           VyxTest::assertionText("_attributesData[attrName]._valuesPerVertex == valuesPerVertex",
-                                     "Values per vertex must match (Current 2 != New 3)"),
-                           VyxTest::assertionText("0u != this->_target", "Buffer Object's target is not set when bind() is called"),
+              (QStringList{assertionText("0u != this->_vao", "Vertex Array Object is NULL on isBound"),
+                           assertionText("0u != this->_vao", "Vertex Array Object is NULL on unbind"),
+                           assertionText("0u != this->_vao", "Vertex Array Object is NULL on enable array"),
+                           assertionText("false == this->_vaoBound", "Vertex Array Object is already bound on bind"),
+                           assertionText("true == this->_vaoBound", "Vertex Array Object is not bound on enable array"),
+                           assertionText("true == vertexArrayObjectBound->_vaoBound",
+                                         "Vertex Array Object is not already bound on rebind"),
+                           assertionText("0 == (valueCount \\% valuesPerVertex)",
+                                         "Data size (10) must be a multi of the values per vertex (3)"),
+                           assertionText("NULL != bufferObj", "Must Supply a valid BO pointer"),
+                           assertionText("!bufferObj.isNull()", "Must Supply a valid BO pointer"),
+                           assertionText("true == isTypeSupported(type)", "Unsupported type 0x1400"),
+                           assertionText("_attributesData.contains(attrName)", "Must Supply an existing BO attribute name"),
+                           assertionText("_attributesData[attrName]._valuesPerVertex == valuesPerVertex",
+                                         "Values per vertex must match (Current 2 != New 3)"),
+                           assertionText("0u != this->_target", "Buffer Object's target is not set when bind() is called"),
                            "[ !! ] Failed to bind BO"}));
     EXPECT_TRUE(VertexArrayObject::isTypeSupported(GL_HALF_FLOAT));
     EXPECT_FALSE(VertexArrayObject::isTypeSupported(GL_INT));
@@ -148,24 +120,20 @@ TEST_F(VertexArrayObjectTest, RebindTakesOverAndTheDestructorReleasesABoundName)
     EXPECT_FALSE(boundNow);
     EXPECT_TRUE(second->rebind(first.data(), boundNow));
     EXPECT_TRUE(boundNow);
-    GLint bound = 0;
-    glGetIntegerv(GL_VERTEX_ARRAY_BINDING, &bound);
-    EXPECT_EQ(bound, GLint(second->getVAO()));
+    EXPECT_EQ(VyxTest::glInteger(GL_VERTEX_ARRAY_BINDING), GLint(second->getVAO()));
     EXPECT_FALSE(first->isBound());
-    EXPECT_TRUE(second->isBound());
     EXPECT_TRUE(capture.messages().empty());
 
     const GLuint name = second->getVAO();
     second.reset();
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              QStringList{VyxTest::assertionText("false == this->_vaoBound", "Vertex Array Object is bound during class destructor")});
+              QStringList{assertionText("false == this->_vaoBound", "Vertex Array Object is bound during class destructor")});
     EXPECT_FALSE(glIsVertexArray(name));
 }
 
 TEST_F(VertexArrayObjectTest, EnablingAProgramAgainCostsNoCallsUntilAnAttributeChanges)
 {
-    ShaderProgram program;
-    linkProgram(program);
+    auto shader = program();
     auto vao = OpenGLDeviceContext::current()->newVAO();
     registerTriangle(*vao);
     ASSERT_TRUE(vao->bind());
@@ -173,30 +141,27 @@ TEST_F(VertexArrayObjectTest, EnablingAProgramAgainCostsNoCallsUntilAnAttributeC
         CallRecorder<&_ptrc_glVertexAttribPointer> pointer;
         CallRecorder<&_ptrc_glVertexAttribIPointer> integerPointer;
         CallRecorder<&_ptrc_glEnableVertexAttribArray> enable;
-        ASSERT_TRUE(vao->enableShaderProgramArrays(&program));
+        ASSERT_TRUE(vao->enableShaderProgramArrays(shader.get()));
         EXPECT_EQ(enable.count(), 3u);
         EXPECT_EQ(pointer.count(), 2u) << "floats and normalised bytes";
         ASSERT_EQ(integerPointer.count(), 1u) << "plain unsigned bytes stay integers";
-        EXPECT_EQ(integerPointer.calls()[0], std::make_tuple(GLuint(program.getVertexAttributeLocation("va_Index")),
-                                                             GLint(4), GLenum(GL_UNSIGNED_BYTE), GLsizei(0),
-                                                             static_cast<const void*>(nullptr)));
-
+        EXPECT_EQ(integerPointer.calls()[0], std::make_tuple(GLuint(shader->getVertexAttributeLocation("va_Index")), GLint(4),
+                                                             GLenum(GL_UNSIGNED_BYTE), GLsizei(0), static_cast<const void*>(nullptr)));
         pointer.calls().clear();
         integerPointer.calls().clear();
         enable.calls().clear();
-        ASSERT_TRUE(vao->enableShaderProgramArrays(&program));
+        ASSERT_TRUE(vao->enableShaderProgramArrays(shader.get()));
         EXPECT_EQ(pointer.count() + integerPointer.count() + enable.count(), 0u);
 
         const float moved[] = {-1, -1, 1, -1, -1, 1};
         vao->registerBO("va_Vertex", arrayBuffer(moved, sizeof(moved)), 2, GL_FLOAT);
-        ASSERT_TRUE(vao->enableShaderProgramArrays(&program));
-        ASSERT_EQ(pointer.count(), 1u);
-        EXPECT_EQ(std::get<0>(pointer.calls()[0]), GLuint(program.getVertexAttributeLocation("va_Vertex")));
+        ASSERT_TRUE(vao->enableShaderProgramArrays(shader.get()));
         EXPECT_EQ(integerPointer.count(), 0u);
+        ASSERT_EQ(pointer.count(), 1u);
+        EXPECT_EQ(std::get<0>(pointer.calls()[0]), GLuint(shader->getVertexAttributeLocation("va_Vertex")));
     }
     GLint buffer = -1;
-    glGetVertexAttribiv(GLuint(program.getVertexAttributeLocation("va_Vertex")), GL_VERTEX_ATTRIB_ARRAY_BUFFER_BINDING,
-                        &buffer);
+    glGetVertexAttribiv(GLuint(shader->getVertexAttributeLocation("va_Vertex")), GL_VERTEX_ATTRIB_ARRAY_BUFFER_BINDING, &buffer);
     EXPECT_EQ(GLuint(buffer), vao->bo("va_Vertex")->getBO());
     ASSERT_TRUE(vao->unbind());
     EXPECT_TRUE(capture.messages().empty());
@@ -204,45 +169,24 @@ TEST_F(VertexArrayObjectTest, EnablingAProgramAgainCostsNoCallsUntilAnAttributeC
 
 TEST_F(VertexArrayObjectTest, DrawsIntegerAndNormalisedAttributes)
 {
-    ShaderProgram program;
-    linkProgram(program);
-    FramebufferObject framebuffer;
-    ASSERT_TRUE(framebuffer.bind());
-    std::unique_ptr<Texture> colour(
-        framebuffer.createTexture2D(GL_COLOR_ATTACHMENT0, GL_RGBA8, GL_RGBA, GL_UNSIGNED_BYTE, kSize, kSize));
-    ASSERT_TRUE(colour);
-    glViewport(0, 0, kSize, kSize);
-    glClearColor(0, 0, 0, 0);
-    glClear(GL_COLOR_BUFFER_BIT);
-
+    auto shader = program();
+    VyxTest::ColourTarget target(8, 8);
     auto vao = OpenGLDeviceContext::current()->newVAO();
     registerTriangle(*vao);
-    ASSERT_TRUE(program.bind());
+    ASSERT_TRUE(shader->bind());
     ASSERT_TRUE(vao->bind());
-    ASSERT_TRUE(vao->enableShaderProgramArrays(&program));
+    ASSERT_TRUE(vao->enableShaderProgramArrays(shader.get()));
     glDrawArrays(GL_TRIANGLES, 0, 3);
     ASSERT_TRUE(vao->unbind());
-    program.unbind();
-
-    std::vector<unsigned char> rgba(kSize * kSize * 4);
-    glReadPixels(0, 0, kSize, kSize, GL_RGBA, GL_UNSIGNED_BYTE, rgba.data());
-    for (int i = 0; i < kSize * kSize; ++i) {
-        ASSERT_EQ(rgba[4 * i + 0], 200) << i;
-        ASSERT_EQ(rgba[4 * i + 1], 100) << i;
-        ASSERT_EQ(rgba[4 * i + 2], 51) << i;
-        ASSERT_EQ(rgba[4 * i + 3], 255) << i;
-    }
-    framebuffer.detachAll();
-    framebuffer.unbind();
+    shader->unbind();
+    EXPECT_EQ(target.count({200, 100, 51, 255}), 64);
     EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
 
 TEST_F(VertexArrayObjectTest, UploadsReachTheRegisteredBuffer)
 {
     auto vao = OpenGLDeviceContext::current()->newVAO();
-    auto buffer = OpenGLDeviceContext::current()->newBuffer();
-    buffer->setTarget(GL_ARRAY_BUFFER);
-    ASSERT_TRUE(vao->upload("va_Vertex", buffer, QVector<float>{1, 2, 3, 4, 5, 6}, 2, GL_STATIC_DRAW));
+    ASSERT_TRUE(vao->upload("va_Vertex", arrayBuffer(), QVector<float>{1, 2, 3, 4, 5, 6}, 2, GL_STATIC_DRAW));
     ASSERT_TRUE(vao->subUpload("va_Vertex", QVector<float>{8, 9}, 2, 2));
     const auto* mapped = static_cast<const float*>(vao->mapBO("va_Vertex"));
     ASSERT_NE(mapped, nullptr);
@@ -257,22 +201,19 @@ TEST_F(VertexArrayObjectTest, NamesDieWithTheirObjectsInTheContextThatMadeThem)
 {
     std::vector<GLuint> names;
     {
-        ShaderProgram program;
-        linkProgram(program);
+        auto shader = program();
         std::vector<QSharedPointer<VertexArrayObject>> vaos;
         for (int i = 0; i < 3; ++i) {
             vaos.push_back(OpenGLDeviceContext::current()->newVAO());
             registerTriangle(*vaos.back());
             ASSERT_TRUE(vaos.back()->bind());
-            ASSERT_TRUE(vaos.back()->enableShaderProgramArrays(&program));
+            ASSERT_TRUE(vaos.back()->enableShaderProgramArrays(shader.get()));
             ASSERT_TRUE(vaos.back()->unbind());
             names.push_back(vaos.back()->getVAO());
         }
-        EXPECT_EQ(VertexArrayObject::NumAlive(), 3);
-        EXPECT_EQ(BufferObject::NumAlive(), 9);
+        EXPECT_EQ(std::make_pair(VertexArrayObject::NumAlive(), BufferObject::NumAlive()), std::make_pair(3, 9));
     }
-    EXPECT_EQ(VertexArrayObject::NumAlive(), 0);
-    EXPECT_EQ(BufferObject::NumAlive(), 0);
+    EXPECT_EQ(VertexArrayObject::NumAlive() + BufferObject::NumAlive(), 0);
     for (GLuint name : names)
         EXPECT_FALSE(glIsVertexArray(name)) << name;
     EXPECT_TRUE(capture.messages().empty());
@@ -282,12 +223,11 @@ TEST_F(VertexArrayObjectTest, NamesDieWithTheirObjectsInTheContextThatMadeThem)
     ASSERT_TRUE(vao->bind() && vao->unbind());
     const GLuint name = vao->getVAO();
     HeadlessGLContext otherContext;
-    ASSERT_TRUE(otherContext.create());
-    ASSERT_TRUE(otherContext.makeCurrent());
+    ASSERT_TRUE(otherContext.create() && otherContext.makeCurrent());
     EXPECT_FALSE(vao->getContextTracker()->check());
     vao.reset();
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              QStringList{VyxTest::assertionText("0u == this->_vao", "Vertex Array Object needs to be destroied before class destructor")});
+              QStringList{assertionText("0u == this->_vao", "Vertex Array Object needs to be destroied before class destructor")});
     ASSERT_TRUE(context.makeCurrent());
     EXPECT_TRUE(glIsVertexArray(name));
     glDeleteVertexArrays(1, &name);

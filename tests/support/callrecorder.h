@@ -24,38 +24,28 @@ public:
 
     explicit CallRecorder(bool forward = true)
     {
-        original() = *Slot;
-        forwarding() = forward;
-        calls().clear();
+        original = *Slot;
+        forwarding = forward;
+        recorded.clear();
         *Slot = &shim;
     }
-    ~CallRecorder() { *Slot = original(); }
+    ~CallRecorder() { *Slot = original; }
     CallRecorder(const CallRecorder&) = delete;
     CallRecorder& operator=(const CallRecorder&) = delete;
 
-    static std::vector<Call>& calls()
-    {
-        static std::vector<Call> recorded;
-        return recorded;
-    }
-    std::size_t count() const { return calls().size(); }
+    static std::vector<Call>& calls() { return recorded; }
+    std::size_t count() const { return recorded.size(); }
 
 private:
-    static R (*&original())(Args...)
-    {
-        static R (*pointer)(Args...) = nullptr;
-        return pointer;
-    }
-    static bool& forwarding()
-    {
-        static bool forward = true;
-        return forward;
-    }
+    static inline R (*original)(Args...) = nullptr;
+    static inline bool forwarding = true;
+    static inline std::vector<Call> recorded;
+
     static R shim(Args... args)
     {
-        calls().emplace_back(args...);
-        if (forwarding() && original())
-            return original()(args...);
+        recorded.emplace_back(args...);
+        if (forwarding && original)
+            return original(args...);
         if constexpr (!std::is_void_v<R>)
             return R{};
     }
@@ -66,12 +56,7 @@ template <typename Pointer>
 class PointerSwap
 {
 public:
-    PointerSwap(Pointer& slot, Pointer replacement)
-        : _slot(slot)
-        , _saved(slot)
-    {
-        _slot = replacement;
-    }
+    PointerSwap(Pointer& slot, Pointer replacement) : _slot(slot), _saved(slot) { _slot = replacement; }
     ~PointerSwap() { _slot = _saved; }
     PointerSwap(const PointerSwap&) = delete;
     PointerSwap& operator=(const PointerSwap&) = delete;

@@ -6,22 +6,18 @@ namespace VyxTest {
 
 namespace {
 
-std::vector<CapturedMessage>& capturedMessages()
-{
-    static std::vector<CapturedMessage> messages;
-    return messages;
-}
+std::vector<CapturedMessage> capturedMessages;
 
 void captureHandler(QtMsgType type, const QMessageLogContext&, const QString& text)
 {
-    capturedMessages().push_back({type, text});
+    capturedMessages.push_back({type, text});
 }
 
 } // namespace
 
 MessageCapture::MessageCapture()
 {
-    capturedMessages().clear();
+    capturedMessages.clear();
     _previous = qInstallMessageHandler(captureHandler);
 }
 
@@ -32,13 +28,13 @@ MessageCapture::~MessageCapture()
 
 const std::vector<CapturedMessage>& MessageCapture::messages() const
 {
-    return capturedMessages();
+    return capturedMessages;
 }
 
 QStringList MessageCapture::texts() const
 {
     QStringList result;
-    for (const CapturedMessage& message : capturedMessages())
+    for (const CapturedMessage& message : capturedMessages)
         result << message.text;
     return result;
 }
@@ -46,10 +42,9 @@ QStringList MessageCapture::texts() const
 QStringList MessageCapture::texts(QtMsgType type) const
 {
     QStringList result;
-    for (const CapturedMessage& message : capturedMessages()) {
+    for (const CapturedMessage& message : capturedMessages)
         if (message.type == type)
             result << message.text;
-    }
     return result;
 }
 
@@ -61,14 +56,9 @@ QStringList MessageCapture::bodies(QtMsgType type) const
     return result;
 }
 
-bool MessageCapture::contains(QtMsgType type, const QString& text) const
-{
-    return texts(type).contains(text);
-}
-
 void MessageCapture::clear()
 {
-    capturedMessages().clear();
+    capturedMessages.clear();
 }
 
 QString assertionText(const char* condition, const QString& message)
@@ -79,9 +69,7 @@ QString assertionText(const char* condition, const QString& message)
 QString withoutLocation(const QString& line)
 {
     static const QRegularExpression location(QStringLiteral("^\\[[^\\]:]+:\\d+\\] "));
-    QString body = line;
-    body.remove(location);
-    return body;
+    return QString(line).remove(location);
 }
 
 } // namespace VyxTest

@@ -30,7 +30,6 @@ public:
     QStringList texts(QtMsgType type) const;
     // Lines of the given level, each with its leading "[file:line] " taken off.
     QStringList bodies(QtMsgType type) const;
-    bool contains(QtMsgType type, const QString& text) const;
     void clear();
 
 private:

@@ -1,6 +1,10 @@
 #include "support/testenvironment.h"
 
 #include <QFile>
+#include <QImage>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
 
 #include <cstdlib>
 
@@ -47,6 +51,24 @@ QByteArray readTestData(const QString& relative)
 {
     QFile file(testDataPath(relative));
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QString writeFile(const QString& path, const QByteArray& bytes)
+{
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly))
+        file.write(bytes);
+    return path;
+}
+
+std::vector<unsigned char> referenceASTCDecode(const QString& astcPath, bool bottomRowFirst)
+{
+    const QString tool = QStandardPaths::findExecutable("astcenc");
+    QTemporaryDir dir;
+    if (tool.isEmpty() || QProcess::execute(tool, {"-dl", astcPath, dir.filePath("a.png"), "-silent"}) != 0)
+        return {};
+    const QImage image = QImage(dir.filePath("a.png")).convertToFormat(QImage::Format_RGBA8888).mirrored(false, bottomRowFirst);
+    return std::vector<unsigned char>(image.constBits(), image.constBits() + image.sizeInBytes());
 }
 
 } // namespace VyxTest

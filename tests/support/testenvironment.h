@@ -3,6 +3,8 @@
 #include <QByteArray>
 #include <QString>
 
+#include <vector>
+
 namespace VyxTest {
 
 // Makes every GL context of this process a 3.2 core one without the extensions that newer
@@ -18,5 +20,14 @@ const char* hiddenExtensions();
 QString testDataPath(const QString& relative);
 // A test data file's bytes; empty when it cannot be read.
 QByteArray readTestData(const QString& relative);
+// Writes `bytes` to `path` and returns the path.
+QString writeFile(const QString& path, const QByteArray& bytes);
+
+// The reference encoder's own RGBA8 decode of an .astc file, top row first unless asked;
+// empty when the tool is not installed.
+std::vector<unsigned char> referenceASTCDecode(const QString& astcPath, bool bottomRowFirst = false);
+
+inline unsigned char* bytes(QByteArray& data) { return reinterpret_cast<unsigned char*>(data.data()); }
+inline const unsigned char* bytes(const QByteArray& data) { return reinterpret_cast<const unsigned char*>(data.constData()); }
 
 } // namespace VyxTest

@@ -3,25 +3,15 @@
 #include "support/messagecapture.h"
 #include "support/testenvironment.h"
 
-#include <QFile>
-#include <QImage>
-#include <QProcess>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-
 #include <gtest/gtest.h>
 
 #include <vector>
 
 using namespace Tavren::Vyx;
+using VyxTest::bytes;
 using VyxTest::MessageCapture;
 
 namespace {
-
-const unsigned char* bytes(const QByteArray& data)
-{
-    return reinterpret_cast<const unsigned char*>(data.constData());
-}
 
 QByteArray astc(unsigned bx, unsigned by, unsigned bz, uint32_t x, uint32_t y, uint32_t z, int blocks)
 {
@@ -42,12 +32,7 @@ QByteArray astc(unsigned bx, unsigned by, unsigned bz, uint32_t x, uint32_t y, u
 // Each valid file decodes to what the reference encoder's own decoder produces.
 TEST(ASTCFile, FilesMatchReferenceDecoder)
 {
-    struct Case
-    {
-        const char* file;
-        unsigned int blockWidth, blockHeight, width, height, glFormat;
-        bool hdr;
-    };
+    struct Case { const char* file; unsigned int blockWidth, blockHeight, width, height, glFormat; bool hdr; };
     const Case cases[] = {
         {"astcenc_LDR-A-1x1.astc", 6, 6, 1, 1, 0x93B4, false},
         {"astcenc_Tiles_ldr.astc", 4, 4, 8, 8, 0x93B0, false},
@@ -57,35 +42,25 @@ TEST(ASTCFile, FilesMatchReferenceDecoder)
         {"tacent_ASTC12X10_HDR.astc", 12, 10, 644, 874, 0x93BC, true},
         {"tacent_ASTC12X12_LDR.astc", 12, 12, 1280, 720, 0x93BD, false},
     };
-    const QString reference = QStandardPaths::findExecutable("astcenc");
-    QTemporaryDir dir;
+    bool compared = false;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file);
         const QByteArray data = VyxTest::readTestData(QStringLiteral("astc/") + c.file);
         ASTCFile file(bytes(data), data.size(), c.file);
         ASSERT_TRUE(file.valid());
-        EXPECT_EQ(file.blockWidth(), c.blockWidth);
-        EXPECT_EQ(file.blockHeight(), c.blockHeight);
-        EXPECT_EQ(file.width(), c.width);
-        EXPECT_EQ(file.height(), c.height);
+        EXPECT_EQ(std::vector<unsigned>({file.blockWidth(), file.blockHeight(), file.width(), file.height()}),
+                  std::vector<unsigned>({c.blockWidth, c.blockHeight, c.width, c.height}));
         EXPECT_EQ(file.glInternalFormat(), c.glFormat);
         EXPECT_EQ(file.glInternalFormat(true), c.glFormat + 0x20);
         EXPECT_EQ(file.hasHDRBlocks(), c.hdr);
         std::vector<unsigned char> rgba(size_t(c.width) * c.height * 4);
         ASSERT_TRUE(file.decodeRGBA8(rgba.data()));
-        if (reference.isEmpty() || c.hdr)
-            continue;
-        const QString png = dir.filePath(QStringLiteral("%1.png").arg(c.file));
-        ASSERT_EQ(QProcess::execute(reference, {"-dl", VyxTest::testDataPath(QStringLiteral("astc/") + c.file), png,
-                                                "-silent"}),
-                  0);
-        const QImage image = QImage(png).convertToFormat(QImage::Format_RGBA8888);
-        ASSERT_EQ(image.width(), int(c.width));
-        for (unsigned int y = 0; y < c.height; ++y)
-            ASSERT_EQ(0, memcmp(image.constScanLine(int(y)), rgba.data() + size_t(y) * c.width * 4, c.width * 4))
-                << "row " << y;
+        const std::vector<unsigned char> reference =
+            c.hdr ? std::vector<unsigned char>() : VyxTest::referenceASTCDecode(VyxTest::testDataPath(QStringLiteral("astc/") + c.file));
+        compared |= !reference.empty();
+        EXPECT_TRUE(reference.empty() || rgba == reference);
     }
-    if (reference.isEmpty())
+    if (!compared)
         GTEST_SKIP() << "astcenc is not installed; decoded texels were not compared";
 }
 

@@ -1,36 +1,21 @@
 #include "gl/glslmacroprocessor.h"
 #include "support/messagecapture.h"
+#include "support/testenvironment.h"
 
-#include <QFile>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
 using Tavren::Vyx::GLSLMacroProcessor;
 using VyxTest::MessageCapture;
-
-namespace {
-
-void writeFile(const QString& path, const QByteArray& content)
-{
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(content);
-}
-
-} // namespace
-
-TEST(GLSLMacroProcessor, SourceWithoutDirectivesIsReturnedUnchanged)
-{
-    const QString source = "#version 150\nvoid main() {}";
-    EXPECT_EQ(GLSLMacroProcessor::process(source, nullptr), source);
-    GLSLMacroProcessor mp;
-    EXPECT_EQ(GLSLMacroProcessor::process(source, &mp), source);
-}
+using VyxTest::writeFile;
 
 TEST(GLSLMacroProcessor, DefinesFollowTheFirstVersionLineInKeyOrder)
 {
     GLSLMacroProcessor mp;
+    const QString plain = "#version 150\nvoid main() {}";
+    EXPECT_EQ(GLSLMacroProcessor::process(plain, nullptr), plain);
+    EXPECT_EQ(GLSLMacroProcessor::process(plain, &mp), plain);
     mp.addDefine("B", "2");
     mp.addDefine("A", "1");
     EXPECT_EQ(GLSLMacroProcessor::process("#version 150\nL", &mp), "#version 150\n#define A 1\n#define B 2\nL\n");

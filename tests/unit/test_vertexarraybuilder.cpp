@@ -5,10 +5,6 @@
 
 using namespace Tavren::Vyx;
 
-namespace {
-
-} // namespace
-
 TEST(VertexArrayBuilder, ShortPushesArePaddedWithZero)
 {
     VertexArrayBuilder builder;

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <QString>
+
+#include <memory>
+#include <vector>
+
+namespace Tavren::Vyx {
+class ShaderProgram;
+class Texture;
+} // namespace Tavren::Vyx
+
+namespace VyxTest {
+
+// An RGBA8 colour target made with raw GL, bound and set as the viewport while alive.
+class ColourTarget
+{
+public:
+    ColourTarget(int width, int height, float clearValue = 0.0f);
+    ~ColourTarget();
+    ColourTarget(const ColourTarget&) = delete;
+    ColourTarget& operator=(const ColourTarget&) = delete;
+
+    void clear(float value) const;
+    // One channel of every pixel, bottom row first.
+    std::vector<int> channel(int index) const;
+    // How many pixels hold exactly this RGBA.
+    int count(const std::vector<int>& rgba) const;
+
+private:
+    std::vector<unsigned char> pixels() const;
+    int _width, _height;
+    unsigned int _framebuffer = 0, _renderbuffer = 0;
+};
+
+int glInteger(unsigned int query);
+// A level parameter of the texture, or of one cube face when `face` is given.
+int levelParameter(Tavren::Vyx::Texture* texture, unsigned int parameter, unsigned int face = 0, int level = 0);
+void readTexImage(Tavren::Vyx::Texture* texture, unsigned int format, unsigned int type, void* out, unsigned int face);
+template <class T>
+std::vector<T> texImage(Tavren::Vyx::Texture* texture, unsigned int format, unsigned int type, size_t count,
+                        unsigned int face = 0)
+{
+    std::vector<T> out(count);
+    readTexImage(texture, format, type, out.data(), face);
+    return out;
+}
+
+// A program linked from two sources; a failed link fails the calling test.
+std::unique_ptr<Tavren::Vyx::ShaderProgram> linkedProgram(const QString& vertex, const QString& fragment);
+// An embedded GLSL source under :/GLSL/src.
+QString glslResource(const QString& name);
+
+} // namespace VyxTest
