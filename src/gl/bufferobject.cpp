@@ -138,7 +138,7 @@ void BufferObject::setIndexedTarget(unsigned int target, unsigned int index, std
     _useBindBufferRange = true;
 }
 
-bool BufferObject::bind()
+bool BufferObject::checkBindable() const
 {
     if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on bind"))
         return false;
@@ -146,6 +146,13 @@ bool BufferObject::bind()
                    _boBountTarget))
         return false;
     if (!VYX_CHECK(0u != this->_target, "Buffer Object's target is not set when bind() is called"))
+        return false;
+    return true;
+}
+
+bool BufferObject::bind()
+{
+    if (!checkBindable())
         return false;
     if (_useBindBufferRange)
         glBindBufferRange(_target, _bindIndex, _bo, _bindOffset, _bindSize);
@@ -177,12 +184,7 @@ bool BufferObject::rebind(BufferObject* bufferObjectBound, bool force)
     if (bufferObjectBound == this && !force)
         return true;
     if (bufferObjectBound != this) {
-        if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on bind"))
-            return false;
-        if (!VYX_CHECK(0u == this->_boBountTarget, "Buffer Object is already bound on bind to target %d",
-                       _boBountTarget))
-            return false;
-        if (!VYX_CHECK(0u != this->_target, "Buffer Object's target is not set when bind() is called"))
+        if (!checkBindable())
             return false;
         if (!VYX_CHECK(0u != bufferObjectBound->_boBountTarget, "Bound Buffer Object is not already bound to target %d",
                        bufferObjectBound->_boBountTarget))

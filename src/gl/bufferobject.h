@@ -75,6 +75,8 @@ private:
     bool uploadBytes(const void* data, int valueCount, size_t valueSize, unsigned int usage);
     // The checks every upload starts with: a GL name and a positive value count.
     bool checkUploadable(int valueCount) const;
+    // The checks bind() and rebind() start with: a GL name, not bound yet, a target set.
+    bool checkBindable() const;
 
     unsigned int _bo = 0;
     unsigned int _boBountTarget = 0;

@@ -84,14 +84,12 @@ const char* KTXReader::rawValue(unsigned int index) const { return _parser->rawV
 
 QString KTXReader::key(unsigned int index)
 {
-    const char* raw = rawKey(index);
-    return raw ? QString::fromUtf8(raw) : QString();
+    return metadataText(rawKey(index));
 }
 
 QString KTXReader::value(unsigned int index)
 {
-    const char* raw = rawValue(index);
-    return raw ? QString::fromUtf8(raw) : QString();
+    return metadataText(rawValue(index));
 }
 
 Texture* KTXReader::load(const TextureFileInfo& info)

@@ -47,16 +47,19 @@ TextureLoader::~TextureLoader() = default;
 
 TextureRecogniser::~TextureRecogniser() = default;
 
+QString TextureLoader::metadataText(const char* raw)
+{
+    return raw ? QString::fromUtf8(raw) : QString();
+}
+
 QString TextureLoader2DHelper::key(unsigned int index)
 {
-    const char* raw = rawKey(index);
-    return raw ? QString::fromUtf8(raw) : QString();
+    return metadataText(rawKey(index));
 }
 
 QString TextureLoader2DHelper::value(unsigned int index)
 {
-    const char* raw = rawValue(index);
-    return raw ? QString::fromUtf8(raw) : QString();
+    return metadataText(rawValue(index));
 }
 
 void RegisterTextureRecogniser(TextureRecogniser* recogniser, const QString& extension)

@@ -51,6 +51,10 @@ public:
     virtual const char* rawValue(unsigned int index) const = 0;
     // A new texture owned by the caller, or null after the loader's own messages.
     virtual Texture* load(const TextureFileInfo& info) = 0;
+
+protected:
+    // key()/value() from rawKey()/rawValue(): UTF-8 text, empty for a missing entry.
+    static QString metadataText(const char* raw);
 };
 
 // The defaults of a plain single-level 2D picture without metadata.
