@@ -45,3 +45,12 @@ VYXGL_EXPORT const char* sourceBaseName(const char* file);
         if (!VYX_CHECK(condition, __VA_ARGS__)) \
             return failureValue; \
     } while (false)
+
+// For the checks whose operation prints and then goes on regardless: a statement of its own, so
+// it cannot be mistaken for a forgotten return.
+#define VYX_CHECK_CONTINUE(condition, ...) static_cast<void>(VYX_CHECK(condition, __VA_ARGS__))
+
+// As VYX_CHECK, but reports `conditionText` instead of the expression evaluated, for checks whose
+// printed condition differs from the code (an object that may be missing altogether).
+#define VYX_CHECK_AS(condition, conditionText, ...) \
+    ::Tavren::Vyx::checkAssertion(static_cast<bool>(condition), conditionText, __FILE__, __LINE__, __VA_ARGS__)

@@ -15,11 +15,6 @@
 #include <algorithm>
 #include <cstdint>
 
-// A check whose reported condition text is not the expression evaluated (the vertex array may
-// be missing altogether).
-#define VYX_CHECK_AS(condition, conditionText, ...) \
-    ::Tavren::Vyx::checkAssertion(static_cast<bool>(condition), conditionText, __FILE__, __LINE__, __VA_ARGS__)
-
 namespace Tavren::Vyx {
 
 namespace DrawBuffersEntryPoints {
