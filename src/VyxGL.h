@@ -26,6 +26,8 @@
 #include "gl/rangedvalue.h"
 #include "gl/shadercachemanager.h"
 #include "gl/shaderprogram.h"
+#include "gl/shadowmapmanager.h"
+#include "gl/shadowmapmanagerculling.h"
 #include "gl/texture.h"
 #include "gl/textureformat.h"
 #include "gl/textureio.h"
@@ -33,3 +35,4 @@
 #include "gl/uniformbufferobject.h"
 #include "gl/vertexarraybuilder.h"
 #include "gl/vertexarrayobject.h"
+#include "render/shadowmaprenderer.h"
