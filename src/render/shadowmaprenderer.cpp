@@ -9,6 +9,7 @@
 #include "gl/texture.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace Tavren::Vyx {
 
@@ -42,26 +43,39 @@ void main() {
 }
 )";
 
+constexpr int kMaxBlurRadius = 16;
+
+// Weights of taps 0..radius, so that the 2 * radius + 1 taps sum to one.
 const char* const kBlurFragment = R"(#version 150
 uniform sampler2DArray u_Source;
 uniform int u_Layer;
 uniform ivec2 u_Step;
 uniform int u_Radius;
+uniform float u_Weights[17];
 out vec4 o_Moments;
 void main() {
     ivec2 last = textureSize(u_Source, 0).xy - 1;
     ivec2 texel = ivec2(gl_FragCoord.xy);
-    float sigma = max(float(u_Radius) * 0.5, 0.5);
     vec2 sum = vec2(0.0);
-    float weights = 0.0;
-    for (int k = -u_Radius; k <= u_Radius; ++k) {
-        float weight = exp(-float(k * k) / (2.0 * sigma * sigma));
-        sum += weight * texelFetch(u_Source, ivec3(clamp(texel + k * u_Step, ivec2(0), last), u_Layer), 0).rg;
-        weights += weight;
-    }
-    o_Moments = vec4(sum / weights, 0.0, 0.0);
+    for (int k = -u_Radius; k <= u_Radius; ++k)
+        sum += u_Weights[abs(k)] * texelFetch(u_Source, ivec3(clamp(texel + k * u_Step, ivec2(0), last), u_Layer), 0).rg;
+    o_Moments = vec4(sum, 0.0, 0.0);
 }
 )";
+
+QVector<float> gaussianWeights(int radius)
+{
+    const float sigma = std::max(radius * 0.5f, 0.5f);
+    QVector<float> weights(kMaxBlurRadius + 1, 0.0f);
+    float total = 0.0f;
+    for (int k = 0; k <= radius; ++k) {
+        weights[k] = std::exp(-float(k * k) / (2.0f * sigma * sigma));
+        total += k ? 2.0f * weights[k] : weights[k];
+    }
+    for (float& weight : weights)
+        weight /= total;
+    return weights;
+}
 
 std::unique_ptr<ShaderProgram> linked(const char* vertex, const char* fragment)
 {
@@ -114,7 +128,7 @@ ShadowMapRenderer::~ShadowMapRenderer()
 
 void ShadowMapRenderer::setBlurRadius(int texels)
 {
-    _blurRadius = std::clamp(texels, 0, 32);
+    _blurRadius = std::clamp(texels, 0, kMaxBlurRadius);
 }
 
 bool ShadowMapRenderer::prepare(int size, int layers)
@@ -191,6 +205,7 @@ void ShadowMapRenderer::blurLayer(int layer)
     AutoDisabler noDepthTest(GL_DEPTH_TEST);
     _blurProgram->bind();
     _blurProgram->setUniform(QStringLiteral("u_Radius"), QVariant(_blurRadius));
+    _blurProgram->setUniform(QStringLiteral("u_Weights"), gaussianWeights(_blurRadius));
     glBindVertexArray(_emptyVertexArray);
     auto pass = [&](Texture* source, int sourceLayer, Texture* target, int targetLayer, int stepX) {
         _framebuffer->detach(GL_COLOR_ATTACHMENT0);

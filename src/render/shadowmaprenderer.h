@@ -32,7 +32,8 @@ public:
     ShadowMapRenderer(const ShadowMapRenderer&) = delete;
     ShadowMapRenderer& operator=(const ShadowMapRenderer&) = delete;
 
-    // Half-width in texels of the separable Gaussian run over each layer after it is drawn; 0 = none.
+    // Half-width in texels (up to 16) of the separable Gaussian run over each layer after it is
+    // drawn; 0 = none.
     void setBlurRadius(int texels);
     int blurRadius() const { return _blurRadius; }
 
