@@ -161,16 +161,22 @@ void main() { o_Colour = vec4(%1); })")
         EXPECT_TRUE(renderer.render(data, [&](ShaderProgram& program, const QMatrix4x4&) { drawScene(program); }));
 
         VyxTest::ColourTarget target(kPixels, kPixels);
+        shade(call, data, light.position.value_or(QVector3D()));
+        return target.channel(0);
+    }
+
+    // Draws the scene from above into the bound target with a program that outputs `call`.
+    void shade(const char* call, ShadowMapRenderData& data, QVector3D lightPosition = {})
+    {
         auto program = visibilityProgram(call);
         program->bind();
         program->setUniform(QStringLiteral("u_ViewProjection"), QVariant(projection * view));
-        program->setUniform(QStringLiteral("u_LightPosition"), QVariant(light.position.value_or(QVector3D())));
+        program->setUniform(QStringLiteral("u_LightPosition"), QVariant(lightPosition));
         const QVariant dataVariant = QVariant::fromValue<QObject*>(&data);
         EXPECT_TRUE(ShadowMapManager::bind(program.get(), dataVariant));
         drawScene(*program);
         EXPECT_TRUE(ShadowMapManager::unbind(program.get(), dataVariant));
         program->unbind();
-        return target.channel(0);
     }
 
     // Ground point under the centre of pixel (x, y).
@@ -258,6 +264,39 @@ TEST_F(ShadowMapsTest, BoxShadowFallsWhereTheCpuProjectsItForEveryLightType)
                                    "shadowMapGetVisibility(0u, vo_Position, vec3(0.0, 1.0, 0.0), "
                                    "normalize(u_LightPosition - vo_Position))");
     expectShadowWhereTheBoxCastsIt(cases[0], "shadowMapGetVisibilitySingle(0u, vo_Position)");
+}
+
+// The bottom strip shows the records, (light / 32, count / 32, first / 32); above it the layers
+// are tiled three by three, and the tiles past the seventh layer are empty.
+TEST_F(ShadowMapsTest, DebugViewShowsRecordsAndLayers)
+{
+    ShadowMapLight point, spot;
+    spot.setType(ShadowMapLight::Spot);
+    spot.setSpotCutoff(0.5f);
+    ShadowMapRenderData data;
+    data.setShadowMapSize(8);
+    ShadowMapManager::processLights(QVariantList{QVariant::fromValue<QObject*>(&point), QVariant::fromValue<QObject*>(&spot)},
+                                    data);
+    ShadowMapRenderer renderer;
+    ASSERT_TRUE(renderer.render(data, [&](ShaderProgram& program, const QMatrix4x4&) { drawScene(program); }));
+    VyxTest::ColourTarget target(32, 64);
+    shade("shadowMapGetDebug(gl_FragCoord.xy / vec2(32.0, 64.0))", data);
+    std::vector<std::vector<int>> channels;
+    for (int channel = 0; channel < 4; ++channel)
+        channels.push_back(target.channel(channel));
+    auto pixel = [&](int x, int y) {
+        std::vector<int> rgba;
+        for (const auto& channel : channels)
+            rgba.push_back(channel[size_t(y * 32 + x)]);
+        return rgba;
+    };
+    EXPECT_EQ(pixel(0, 0), (std::vector<int>{0, 48, 0, 255}));
+    EXPECT_EQ(pixel(1, 0), (std::vector<int>{8, 8, 48, 255}));
+    EXPECT_EQ(pixel(2, 0), (std::vector<int>{16, 0, 56, 255}));
+    EXPECT_EQ(pixel(31, 63), (std::vector<int>{0, 0, 0, 0}));
+    // A layer tile: the moments of whatever the projector saw, blue 0 and alpha 1.
+    EXPECT_EQ(pixel(5, 10)[2], 0);
+    EXPECT_EQ(pixel(5, 10)[3], 255);
 }
 
 TEST_F(ShadowMapsTest, BindRefusesWhatIsNotRenderDataWithATexture)
