@@ -13,6 +13,13 @@
 #include <array>
 #include <cstdio>
 
+// Line and text of the check belong to the site that writes the projector.
+#define VYX_CHECK_PROJECTOR_IN_SYNC(projectorInfo, projectorIndex) \
+    static_cast<void>(VYX_CHECK_AS(int(projectorInfo.index + projectorInfo.count) == projectorIndex, \
+                                   "(projectorInfo.index + projectorInfo.count) == projectorIndex", \
+                                   "projection Info (%d,%d) and projectorIndex %d are out of sync", \
+                                   int(projectorInfo.index), int(projectorInfo.count), projectorIndex))
+
 namespace Tavren::Vyx {
 
 static_assert((2 * sizeof(GLuint)) == sizeof(ShadowMapRenderData::ProjectorInfo),
@@ -26,13 +33,6 @@ std::array<QMatrix4x4, 6> s_sextant;
 
 // Each face reaches this far past 90 degrees (as tan of the half-angle), so faces overlap.
 constexpr float kSextantHalfTangent = 1.02f;
-
-// Line and text of the check belong to the site that writes the projector.
-#define VYX_CHECK_PROJECTOR_IN_SYNC(projectorInfo, projectorIndex) \
-    static_cast<void>(VYX_CHECK_AS(int(projectorInfo.index + projectorInfo.count) == projectorIndex, \
-                                   "(projectorInfo.index + projectorInfo.count) == projectorIndex", \
-                                   "projection Info (%d,%d) and projectorIndex %d are out of sync", \
-                                   int(projectorInfo.index), int(projectorInfo.count), projectorIndex))
 
 QVariantList lightList(const QVariant& lights)
 {
@@ -173,12 +173,6 @@ void ShadowMapManager::setupSextant()
         matrix.lookAt(QVector3D(0, 0, 0), kDirections[face], kUps[face]);
         s_sextant[face] = matrix;
     }
-}
-
-const QMatrix4x4& ShadowMapManager::sextant(int face)
-{
-    setupSextant();
-    return s_sextant[std::clamp(face, 0, 5)];
 }
 
 bool ShadowMapManager::processLights(const QVariant& lights, RenderData& data)

@@ -132,11 +132,9 @@ public:
     static void setVarianceClamping(float clamp);
     static float varianceClamping();
 
+private:
     // The six point-light faces: a slightly wider than 90 degree projection times the face's
     // view, so that neighbouring faces overlap by a few texels and filtering has no seams.
-    static const QMatrix4x4& sextant(int face);
-
-private:
     static void setupSextant();
 };
 
