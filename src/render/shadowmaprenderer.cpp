@@ -194,7 +194,8 @@ bool ShadowMapRenderer::render(ShadowMapRenderData& data, const DrawFunction& dr
         }
         _framebuffer->detach(GL_COLOR_ATTACHMENT0);
     }
-    _framebuffer->detach(GL_DEPTH_ATTACHMENT);
+    if (_framebuffer->hasAttachment(GL_DEPTH_ATTACHMENT))
+        _framebuffer->detach(GL_DEPTH_ATTACHMENT);
     _framebuffer->unbind();
     return complete;
 }

@@ -39,7 +39,8 @@ public:
 
     // Renders data.projectorCount() layers of data.shadowMapSize() squared texels into the
     // renderer's own texture, which it makes the data's projection texture. Restores the bound
-    // framebuffer, viewport, clear colour and depth-test and blend states.
+    // framebuffer, viewport, clear colour and depth-test and blend states; leaves the depth
+    // function LESS, depth writes on and the clear depth 1.
     bool render(ShadowMapRenderData& data, const DrawFunction& draw);
 
     Texture* texture() const { return _moments.get(); }
