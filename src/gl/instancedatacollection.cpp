@@ -248,6 +248,8 @@ bool InstanceDataCollection::makeBuffer()
                                                     buffer);
     if (!textureBuffer)
         return true;
+    // A generated name becomes a buffer object only at its first bind; glTexBuffer wants the object.
+    AutoBinder created(buffer.data());
     auto view = [&buffer](GLenum format) {
         auto texture = std::make_unique<Texture>();
         texture->setTarget(GL_TEXTURE_BUFFER);

@@ -1,0 +1,282 @@
+#include "gl/bufferobject.h"
+#include "gl/drawbuffers.h"
+#include "gl/glloader.h"
+#include "gl/instancedata.h"
+#include "gl/instancedatacollection.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/shaderprogram.h"
+#include "gl/texturemanager.h"
+#include "gl/uniformbufferobject.h"
+#include "gl/vertexarrayobject.h"
+#include "support/callrecorder.h"
+#include "support/glhelpers.h"
+#include "support/gltest.h"
+#include "support/messagecapture.h"
+
+#include <cstring>
+#include <memory>
+#include <vector>
+
+using namespace Tavren::Vyx;
+using VyxTest::CallRecorder;
+using VyxTest::MessageCapture;
+using Type = InstanceDataPlan::DataType;
+
+namespace {
+
+// Every member type, in an order that makes bools share words, tokens and vec3s leave gaps,
+// and a float follow a vec3.
+struct Member
+{
+    Type type;
+    const char* name;
+    char kind; // f float, i int, u unsigned, b bool
+    int components;
+};
+const Member kMembers[] = {
+    {InstanceDataPlan::eBool, "visible", 'b', 1},   {InstanceDataPlan::eBVec2, "flagsA", 'b', 2},
+    {InstanceDataPlan::eFloat, "roughness", 'f', 1}, {InstanceDataPlan::eTexture, "albedo", 'u', 2},
+    {InstanceDataPlan::eBVec3, "flagsB", 'b', 3},   {InstanceDataPlan::eInt, "layer", 'i', 1},
+    {InstanceDataPlan::eVec3, "emission", 'f', 3},  {InstanceDataPlan::eFloat, "opacity", 'f', 1},
+    {InstanceDataPlan::eIVec2, "tile", 'i', 2},     {InstanceDataPlan::eBVec4, "flagsC", 'b', 4},
+    {InstanceDataPlan::eIVec3, "cell", 'i', 3},     {InstanceDataPlan::eUInt, "mask", 'u', 1},
+    {InstanceDataPlan::eUVec2, "pair", 'u', 2},     {InstanceDataPlan::eMat4, "model", 'f', 16},
+    {InstanceDataPlan::eUVec3, "triple", 'u', 3},   {InstanceDataPlan::eVec2, "uv", 'f', 2},
+    {InstanceDataPlan::eIVec4, "ids", 'i', 4},      {InstanceDataPlan::eUVec4, "quad", 'u', 4},
+    {InstanceDataPlan::eVec4, "colour", 'f', 4},
+};
+constexpr int kRecords = 6;
+
+// Output columns of a member: one per four components.
+int columnsOf(const Member& member)
+{
+    return (member.components + 3) / 4;
+}
+
+// Distinct 32-bit words with high bits set; floats made from them are exact and finite.
+quint32 word(int record, int column, int component)
+{
+    return 0x9E3779B9u * quint32(record * 977 + column * 31 + component + 1);
+}
+quint32 floatWord(quint32 bits)
+{
+    const float value = float(qint32(bits) >> 8) / 4096.0f;
+    quint32 result;
+    std::memcpy(&result, &value, 4);
+    return result;
+}
+
+// An RGBA32UI and an RGBA32F colour target side by side, bound while alive.
+class RecordTarget
+{
+public:
+    RecordTarget(int width, int height)
+        : _width(width)
+        , _height(height)
+    {
+        glGenRenderbuffers(2, _renderbuffers);
+        glGenFramebuffers(1, &_framebuffer);
+        glBindFramebuffer(GL_FRAMEBUFFER, _framebuffer);
+        const GLenum formats[] = {GL_RGBA32UI, GL_RGBA32F};
+        for (int i = 0; i < 2; ++i) {
+            glBindRenderbuffer(GL_RENDERBUFFER, _renderbuffers[i]);
+            glRenderbufferStorage(GL_RENDERBUFFER, formats[i], width, height);
+            glFramebufferRenderbuffer(GL_FRAMEBUFFER, GLenum(GL_COLOR_ATTACHMENT0 + i), GL_RENDERBUFFER,
+                                      _renderbuffers[i]);
+        }
+        const GLenum drawBuffers[] = {GL_COLOR_ATTACHMENT0, GL_COLOR_ATTACHMENT1};
+        glDrawBuffers(2, drawBuffers);
+        clear();
+    }
+    ~RecordTarget()
+    {
+        glBindFramebuffer(GL_FRAMEBUFFER, 0);
+        glDeleteFramebuffers(1, &_framebuffer);
+        glDeleteRenderbuffers(2, _renderbuffers);
+    }
+    void clear() const
+    {
+        glViewport(0, 0, _width, _height);
+        const GLuint zeros[4] = {};
+        const GLfloat floatZeros[4] = {};
+        glClearBufferuiv(GL_COLOR, 0, zeros);
+        glClearBufferfv(GL_COLOR, 1, floatZeros);
+    }
+    // Every word of one attachment, bottom row first; floats as their bits.
+    std::vector<quint32> words(int attachment) const
+    {
+        std::vector<quint32> out(size_t(_width) * _height * 4);
+        glReadBuffer(GLenum(GL_COLOR_ATTACHMENT0 + attachment));
+        glReadPixels(0, 0, _width, _height, attachment == 0 ? GL_RGBA_INTEGER : GL_RGBA,
+                     attachment == 0 ? GL_UNSIGNED_INT : GL_FLOAT, out.data());
+        return out;
+    }
+
+private:
+    int _width, _height;
+    GLuint _framebuffer = 0;
+    GLuint _renderbuffers[2] = {};
+};
+
+// Remembers the tokens it was asked to bind and unbind.
+class RecordingTextureManager : public TextureManager
+{
+public:
+    using TextureManager::bind;
+    using TextureManager::unbind;
+    bool bind(ShaderProgram*) override { return true; }
+    bool bind(const QSet<TextureToken>& tokens) override
+    {
+        bound = tokens;
+        return true;
+    }
+    bool unbind(ShaderProgram*) override { return true; }
+    bool unbind(const QSet<TextureToken>& tokens) override
+    {
+        unbound = tokens;
+        return true;
+    }
+    QString getShaderFile() const override { return {}; }
+
+    QSet<TextureToken> bound, unbound;
+};
+
+class InstanceDataTest : public VyxTest::GLTest
+{
+protected:
+    // A program whose fragment shader runs `body` with `row` and `column` set, linked with the
+    // plan's implementation and the draw-ID utilities.
+    std::unique_ptr<ShaderProgram> program(const InstanceDataPlan& plan, const QString& body)
+    {
+        auto result = std::make_unique<ShaderProgram>();
+        result->addShaderFromFile(GL_VERTEX_SHADER, "passthroughVS.glslc");
+        result->addShader(GL_FRAGMENT_SHADER, "#version 150\n#instancedata \"" + plan.name() +
+                                                  "\"\nuniform int u_UseDrawID;\nout uvec4 o_Int;\nout vec4 o_Float;\n"
+                                                  "void main() {\n    uint row = uint(gl_FragCoord.y);\n"
+                                                  "    int column = int(gl_FragCoord.x);\n    o_Int = uvec4(0u);\n"
+                                                  "    o_Float = vec4(0.0);\n" +
+                                                  body + "}\n");
+        result->addShader(GL_FRAGMENT_SHADER, plan.glslc());
+        result->addShaderFromFile(GL_FRAGMENT_SHADER, "VyxUtilities.glslc");
+        result->setFragDataLocations({"o_Int", "o_Float"});
+        EXPECT_TRUE(result->link()) << qPrintable(result->log());
+        result->bind();
+        return result;
+    }
+
+    // Draws the quad over the whole target, or one row per draw with the row as draw ID.
+    void draw(ShaderProgram* shader, int width, int rows, bool byDrawID)
+    {
+        QSharedPointer<DrawBuffers> quad = OpenGLDeviceContext::current()->fullscreenQuad();
+        ASSERT_TRUE(quad->VAO()->bind());
+        quad->VAO()->enableShaderProgramArrays(shader);
+        glUniform1i(shader->getUniformLocation("u_UseDrawID"), byDrawID ? 1 : 0);
+        for (int row = 0; row < (byDrawID ? rows : 1); ++row) {
+            if (byDrawID)
+                glViewport(0, row, width, 1);
+            quad->setDrawIDBase(row);
+            ASSERT_TRUE(quad->draw(shader));
+        }
+        quad->setDrawIDBase(0);
+        quad->VAO()->unbind();
+    }
+
+    // Every member of several records, packed on the CPU, read back through the getters by index and
+    // by draw ID, bit for bit.
+    void readsEveryMemberBack(InstanceDataPlan::MechanismType mechanism, bool vec4Storage)
+    {
+        SCOPED_TRACE(vec4Storage ? "vec4 storage" : "natural packing");
+        InstanceDataPlan plan(QStringLiteral("Every%1%2").arg(int(mechanism)).arg(int(vec4Storage)));
+        plan.setMechanism(mechanism);
+        plan.setUseVec4Storage(vec4Storage);
+        for (const Member& member : kMembers)
+            plan.addMember(member.type, member.name);
+        InstanceDataRegistry::Instance().registerPlan(&plan);
+
+        int width = 0;
+        for (const Member& member : kMembers)
+            width += columnsOf(member);
+        std::vector<quint32> expected[2] = {std::vector<quint32>(size_t(width) * kRecords * 4),
+                                            std::vector<quint32>(size_t(width) * kRecords * 4)};
+        InstanceDataCollection collection(&plan, size_t(kRecords));
+        QSet<TextureToken> tokens;
+        QString body;
+        int column = 0;
+        for (const Member& member : kMembers) {
+            const QString getter = InstanceDataPlan::getterName(member.name);
+            const QString value = QStringLiteral("(u_UseDrawID != 0 ? %1() : %1(row))").arg(getter);
+            const int attachment = member.kind == 'f' ? 1 : 0;
+            QString padding;
+            for (int k = member.components; k < 4; ++k)
+                padding += member.kind == 'f' ? ", 0.0" : (member.kind == 'i' ? ", 0" : ", 0u");
+            const QString vector = member.components == 1 ? "" : QString::number(member.components);
+            for (int c = 0; c < columnsOf(member); ++c) {
+                QString output = value + (member.components == 16 ? QStringLiteral("[%1]").arg(c) : "") + padding;
+                if (member.kind == 'f')
+                    output = "o_Float = vec4(" + output + ")";
+                else if (member.kind == 'i')
+                    output = "o_Int = uvec4(ivec4(" + output + "))";
+                else if (member.kind == 'b')
+                    output = "o_Int = uvec4(" + (vector.isEmpty() ? "uint" : "uvec" + vector) + "(" + value + ")" +
+                             padding + ")";
+                else
+                    output = "o_Int = uvec4(" + output + ")";
+                body += QStringLiteral("    if (column == %1) %2;\n").arg(column + c).arg(output);
+            }
+            for (int record = 0; record < kRecords; ++record) {
+                std::vector<quint32> words;
+                QByteArray bytes(int(plan.dataSize(member.name)), '\0');
+                for (int k = 0; k < member.components; ++k) {
+                    quint32 w = word(record, column, k);
+                    if (member.kind == 'f')
+                        w = floatWord(w);
+                    else if (member.kind == 'b')
+                        bytes[k] = char(w = (w >> 7) & 1u);
+                    words.push_back(w);
+                }
+                if (member.kind != 'b')
+                    std::memcpy(bytes.data(), words.data(), size_t(bytes.size()));
+                ASSERT_TRUE(collection.set(record, member.name, bytes.constData(), size_t(bytes.size())));
+                if (member.type == InstanceDataPlan::eTexture)
+                    tokens.insert(TextureToken(quint64(words[1]) << 32 | words[0]));
+                for (int k = 0; k < member.components; ++k)
+                    expected[attachment][((size_t(record) * width + column + k / 4) * 4) + k % 4] = words[size_t(k)];
+            }
+            column += columnsOf(member);
+        }
+
+        auto shader = program(plan, body);
+        ASSERT_TRUE(shader->isLinked());
+        MessageCapture capture;
+        EXPECT_TRUE(plan.assertShaderProgram(shader.get())) << qPrintable(capture.texts().join('\n'));
+        RecordTarget target(width, kRecords);
+        RecordingTextureManager manager;
+        ASSERT_TRUE(collection.bind(shader.get(), &manager));
+        EXPECT_EQ(manager.bound, tokens);
+        for (bool byDrawID : {false, true}) {
+            SCOPED_TRACE(byDrawID ? "by draw ID" : "by index");
+            target.clear();
+            draw(shader.get(), width, kRecords, byDrawID);
+            EXPECT_EQ(target.words(0), expected[0]);
+            EXPECT_EQ(target.words(1), expected[1]);
+        }
+        EXPECT_TRUE(collection.unbind(shader.get(), &manager));
+        EXPECT_EQ(manager.unbound, tokens);
+        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+        EXPECT_TRUE(capture.texts(QtCriticalMsg).isEmpty()) << qPrintable(capture.texts().join('\n'));
+    }
+};
+
+} // namespace
+
+TEST_F(InstanceDataTest, UniformBlockReadsEveryMemberOfEveryRecordBack)
+{
+    readsEveryMemberBack(InstanceDataPlan::eUniformBlock, false);
+    readsEveryMemberBack(InstanceDataPlan::eUniformBlock, true);
+}
+
+TEST_F(InstanceDataTest, TextureBufferReadsEveryMemberOfEveryRecordBack)
+{
+    readsEveryMemberBack(InstanceDataPlan::eTextureBuffer, false);
+    readsEveryMemberBack(InstanceDataPlan::eTextureBuffer, true);
+}
