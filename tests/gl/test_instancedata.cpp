@@ -280,3 +280,127 @@ TEST_F(InstanceDataTest, TextureBufferReadsEveryMemberOfEveryRecordBack)
     readsEveryMemberBack(InstanceDataPlan::eTextureBuffer, false);
     readsEveryMemberBack(InstanceDataPlan::eTextureBuffer, true);
 }
+
+TEST_F(InstanceDataTest, TablesPastTheUniformBlockLimitTravelAsTextureBuffers)
+{
+    constexpr int kSide = 100;
+    constexpr size_t kTable = kSide * kSide;
+    InstanceDataPlan uniformPlan("BigUniform"), texturePlan("BigTexture");
+    texturePlan.setMechanism(InstanceDataPlan::eTextureBuffer);
+    for (InstanceDataPlan* plan : {&uniformPlan, &texturePlan}) {
+        plan->addMember(InstanceDataPlan::eUInt, "code");
+        plan->addMember(InstanceDataPlan::eFloat, "weight");
+        plan->setArraySize(kTable);
+        InstanceDataRegistry::Instance().registerPlan(plan);
+    }
+    const size_t blockRecords = size_t(VyxTest::glInteger(GL_MAX_UNIFORM_BLOCK_SIZE)) / 16;
+    ASSERT_LT(blockRecords, kTable);
+    EXPECT_EQ(uniformPlan.arraySize(), blockRecords);
+    EXPECT_EQ(uniformPlan.arraySizeMax(), blockRecords);
+    EXPECT_EQ(texturePlan.arraySize(), kTable);
+    EXPECT_EQ(texturePlan.arraySizeMax(), size_t(VyxTest::glInteger(GL_MAX_TEXTURE_BUFFER_SIZE)));
+    {
+        MessageCapture capture;
+        InstanceDataCollection tooBig(&uniformPlan, kTable);
+        EXPECT_EQ(capture.bodies(QtCriticalMsg),
+                  QStringList{VyxTest::assertionText("numItems <= _plan->arraySize()",
+                                                     "List is too big for plan 'BigUniform'")});
+    }
+
+    std::vector<quint32> records(kTable * 4, 0u), expected[2];
+    for (size_t i = 0; i < kTable; ++i) {
+        records[i * 4] = word(int(i), 0, 0);
+        records[i * 4 + 1] = floatWord(word(int(i), 1, 0));
+        for (int attachment = 0; attachment < 2; ++attachment)
+            expected[attachment].insert(expected[attachment].end(), 4, records[i * 4 + size_t(attachment)]);
+    }
+    InstanceDataCollection collection(&texturePlan, reinterpret_cast<const char*>(records.data()),
+                                      records.size() * 4);
+    auto shader = program(texturePlan, QStringLiteral("    uint index = row * %1u + uint(column);\n"
+                                                      "    o_Int = uvec4(getCode(index));\n"
+                                                      "    o_Float = vec4(getWeight(index));\n")
+                                           .arg(kSide));
+    RecordTarget target(kSide, kSide);
+    ASSERT_TRUE(collection.bind());
+    draw(shader.get(), kSide, kSide, false);
+    EXPECT_EQ(target.words(0), expected[0]);
+    EXPECT_EQ(target.words(1), expected[1]);
+    EXPECT_TRUE(collection.unbind());
+}
+
+TEST_F(InstanceDataTest, UploadsRewriteOnlyChangedRecordsAndReallocateOnlyForANewSize)
+{
+    InstanceDataPlan plan("Uploads");
+    plan.setMechanism(InstanceDataPlan::eTextureBuffer);
+    plan.addMember(InstanceDataPlan::eVec4, "colour");
+    plan.addMember(InstanceDataPlan::eUInt, "id");
+    plan.setArraySize(1000);
+    InstanceDataRegistry::Instance().registerPlan(&plan);
+    constexpr quint64 kRecordBytes = 32;
+    InstanceDataCollection collection(&plan, 1000);
+    auto gpuCopy = [&collection] {
+        QByteArray bytes(collection.dataArray().size(), '\0');
+        glBindBuffer(GL_TEXTURE_BUFFER, collection.getUniformBufferObject()->bufferObject()->getBO());
+        glGetBufferSubData(GL_TEXTURE_BUFFER, 0, bytes.size(), bytes.data());
+        glBindBuffer(GL_TEXTURE_BUFFER, 0);
+        return bytes;
+    };
+    // Binds and unbinds; returns the bytes uploaded.
+    auto upload = [&collection] {
+        const quint64 before = collection.uploadedBytes();
+        EXPECT_TRUE(collection.bind());
+        EXPECT_TRUE(collection.unbind());
+        return collection.uploadedBytes() - before;
+    };
+    {
+        CallRecorder<&_ptrc_glBufferData> allocations;
+        EXPECT_EQ(upload(), 1000 * kRecordBytes);
+        EXPECT_EQ(allocations.count(), 1u);
+    }
+
+    // 1% changed, two of them neighbours: two ranges in one mapping of the span.
+    const quint32 id = 42;
+    for (int record : {3, 4, 97, 250, 251, 252, 600, 777, 901, 999})
+        ASSERT_TRUE(collection.set(record, "id", id));
+    EXPECT_TRUE(collection.set(3, "id", id));
+    {
+        CallRecorder<&_ptrc_glBufferData> allocations;
+        CallRecorder<&_ptrc_glMapBufferRange> mappings;
+        CallRecorder<&_ptrc_glFlushMappedBufferRange> flushes;
+        EXPECT_EQ(upload(), 10 * kRecordBytes);
+        EXPECT_EQ(allocations.count(), 0u);
+        EXPECT_EQ(mappings.calls(), (std::vector<std::tuple<GLenum, GLintptr, GLsizeiptr, GLbitfield>>{
+                                        {GL_TEXTURE_BUFFER, GLintptr(3 * kRecordBytes), GLsizeiptr(997 * kRecordBytes),
+                                         GLbitfield(GL_MAP_WRITE_BIT | GL_MAP_FLUSH_EXPLICIT_BIT)}}));
+        EXPECT_EQ(flushes.count(), 7u);
+    }
+    EXPECT_EQ(gpuCopy(), collection.dataArray());
+
+    // Writing what is already there changes nothing; what the host vouches for is not uploaded.
+    EXPECT_TRUE(collection.set(4, "id", id));
+    EXPECT_FALSE(collection.isDirty());
+    EXPECT_TRUE(collection.set(5, "id", id));
+    collection.clearDirtyStatus();
+    EXPECT_EQ(upload(), 0u);
+
+    // Every record changed: one whole rewrite, still without reallocating.
+    std::vector<char> bytes(size_t(1000 * kRecordBytes), '\x7f');
+    ASSERT_TRUE(collection.update(bytes.data(), bytes.size()));
+    {
+        CallRecorder<&_ptrc_glBufferData> allocations;
+        CallRecorder<&_ptrc_glMapBuffer> mappings;
+        EXPECT_EQ(upload(), 1000 * kRecordBytes);
+        EXPECT_EQ(allocations.count(), 0u);
+        EXPECT_EQ(mappings.count(), 1u);
+    }
+    EXPECT_EQ(gpuCopy(), collection.dataArray());
+
+    // A new size reallocates; the views follow the buffer.
+    ASSERT_TRUE(collection.update(bytes.data(), bytes.size() / 2));
+    CallRecorder<&_ptrc_glBufferData> allocations;
+    EXPECT_EQ(upload(), 500 * kRecordBytes);
+    EXPECT_EQ(allocations.count(), 1u);
+    EXPECT_EQ(gpuCopy(), collection.dataArray());
+    EXPECT_EQ(collection.memoryEstimateGPU(), size_t(500 * kRecordBytes));
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
