@@ -16,6 +16,7 @@
 
 namespace Tavren::Vyx {
 
+using InstanceDataLayout::checkedMember;
 using InstanceDataLayout::checkedMemberOffset;
 using InstanceDataLayout::kSlotBytes;
 
@@ -144,17 +145,18 @@ void InstanceDataCollection::collectTokens()
 
 bool InstanceDataCollection::set(int index, const QString& member, const void* data, size_t size)
 {
-    if (!VYX_CHECK(index >= 0 && index < this->size(), "InstanceDataCollection::set( %d, '%s') : %d records",
-                   index, qPrintable(member), this->size()))
+    const bool recordExists = index >= 0 && index < this->size();
+    if (!recordExists)
+        return VYX_CHECK(recordExists, "InstanceDataCollection::set( %d, '%s') : %d records", index,
+                         qPrintable(member), this->size());
+    const InstanceDataPlan::MemberLayout* layout = checkedMember(_plan, member, size, "InstanceDataCollection::set");
+    if (!layout)
         return false;
-    const int offset = checkedMemberOffset(_plan, member, size, "InstanceDataCollection::set");
-    if (offset < 0)
-        return false;
-    char* target = _data.data() + size_t(index) * _plan->totalDataSize() + size_t(offset);
+    char* target = _data.data() + size_t(index) * _plan->totalDataSize() + size_t(layout->offset);
     if (std::memcmp(target, data, size) == 0)
         return true;
     std::memcpy(target, data, size);
-    if (_plan->dataType(member) == InstanceDataPlan::eTexture && size == sizeof(quint64)) {
+    if (layout->type == InstanceDataPlan::eTexture && size == sizeof(quint64)) {
         TextureToken token;
         std::memcpy(&token.token, data, sizeof(token.token));
         if (!token.isNull())
