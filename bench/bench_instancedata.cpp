@@ -12,7 +12,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <QFile>
 #include <QMatrix4x4>
 #include <QVector4D>
 
@@ -24,13 +23,6 @@ using namespace Tavren::Vyx;
 namespace {
 
 void quiet(QtMsgType, const QMessageLogContext&, const QString&) {}
-
-QString resource(const QString& name)
-{
-    QFile file(":/GLSL/src/" + name);
-    file.open(QIODevice::ReadOnly);
-    return QString::fromLatin1(file.readAll());
-}
 
 struct Setup
 {
@@ -66,7 +58,7 @@ struct Setup
             program->addShader(GL_VERTEX_SHADER, "#version 150\n#instancedata \"" + plan->name() +
                                                      "\"\nvoid main() { gl_Position = getColour(0u); }\n");
             program->addShader(GL_VERTEX_SHADER, plan->glslc());
-            program->addShader(GL_VERTEX_SHADER, resource("VyxUtilities.glslc"));
+            program->addShaderFromFile(GL_VERTEX_SHADER, "VyxUtilities.glslc");
             program->addShader(GL_FRAGMENT_SHADER, "#version 150\nout vec4 o;\nvoid main() { o = vec4(1.0); }\n");
             if (!program->link())
                 std::abort();

@@ -404,3 +404,44 @@ TEST_F(InstanceDataTest, UploadsRewriteOnlyChangedRecordsAndReallocateOnlyForANe
     EXPECT_EQ(collection.memoryEstimateGPU(), size_t(500 * kRecordBytes));
     EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
+
+TEST_F(InstanceDataTest, ImmutableStorageIsRewrittenInPlaceAndRemadeForANewSize)
+{
+    InstanceDataPlan plan("Immutable");
+    plan.setMechanism(InstanceDataPlan::eTextureBuffer);
+    plan.addMember(InstanceDataPlan::eUVec4, "words");
+    InstanceDataRegistry::Instance().registerPlan(&plan);
+    std::vector<quint32> words(40);
+    for (size_t i = 0; i < words.size(); ++i)
+        words[i] = word(int(i), 0, 0);
+    InstanceDataCollection collection(&plan, reinterpret_cast<const char*>(words.data()), 160);
+    collection.useStorageBuffer(GL_MAP_READ_BIT);
+    QSharedPointer<UniformBufferObject> first = collection.getUniformBufferObject();
+    ASSERT_FALSE(first.isNull());
+    auto stored = [](const QSharedPointer<UniformBufferObject>& ubo, int bytes) {
+        std::vector<quint32> out(size_t(bytes) / 4);
+        GLint immutable = GL_FALSE;
+        glBindBuffer(GL_UNIFORM_BUFFER, ubo->bufferObject()->getBO());
+        glGetBufferParameteriv(GL_UNIFORM_BUFFER, GL_BUFFER_IMMUTABLE_STORAGE, &immutable);
+        glGetBufferSubData(GL_UNIFORM_BUFFER, 0, bytes, out.data());
+        glBindBuffer(GL_UNIFORM_BUFFER, 0);
+        return std::make_pair(immutable, out);
+    };
+    // Without the driver's storage entry points the buffer stays an ordinary one.
+    const GLint expectImmutable = isReducedProfileRun() ? GL_FALSE : GL_TRUE;
+    {
+        CallRecorder<&_ptrc_glBufferData> allocations;
+        ASSERT_TRUE(collection.bind());
+        EXPECT_TRUE(collection.unbind());
+        EXPECT_EQ(allocations.count(), isReducedProfileRun() ? 1u : 0u);
+    }
+    EXPECT_EQ(stored(first, 160), std::make_pair(expectImmutable, words));
+
+    words.resize(20);
+    ASSERT_TRUE(collection.update(reinterpret_cast<const char*>(words.data()), 80));
+    ASSERT_TRUE(collection.bind());
+    EXPECT_TRUE(collection.unbind());
+    QSharedPointer<UniformBufferObject> second = collection.getUniformBufferObject();
+    EXPECT_EQ(second == first, isReducedProfileRun());
+    EXPECT_EQ(stored(second, 80), std::make_pair(expectImmutable, words));
+}
