@@ -4,6 +4,7 @@
 #include "gl/bufferobject.h"
 #include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
+#include "gl/glutilities.h"
 #include "gl/internal/instancedatalayout.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
@@ -233,7 +234,8 @@ bool InstanceDataCollection::makeBuffer()
     buffer->setTarget(textureBuffer ? GL_TEXTURE_BUFFER : GL_UNIFORM_BUFFER);
     _uploadedSize = -1;
     _immutable = false;
-    if (_storageFlags != 0) {
+    // Drivers without immutable storage know neither the call nor the query.
+    if (_storageFlags != 0 && getGLProcAddress("glBufferStorage", true)) {
         _allocatedBytes = gpuBytes();
         buffer->useStorageBuffer(int(_allocatedBytes), _storageFlags | GL_MAP_WRITE_BIT | GL_DYNAMIC_STORAGE_BIT);
         AutoBinder bound(buffer.data());

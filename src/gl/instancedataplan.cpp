@@ -143,7 +143,8 @@ void InstanceDataPlan::layOut()
 
 void InstanceDataPlan::applyGLLimit()
 {
-    const char* const plan = qPrintable(_name);
+    const QByteArray nameText = _name.toLocal8Bit();
+    const char* const plan = nameText.constData();
     if (!glGetIntegerv)
         VYX_WARNING("OpenGL has not been initialised. No way it obtain correct maximum InstanceData table size for '%s'",
                     plan);
