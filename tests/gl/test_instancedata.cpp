@@ -1,10 +1,12 @@
 #include "gl/bufferobject.h"
 #include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
 #include "gl/glloader.h"
 #include "gl/instancedata.h"
 #include "gl/instancedatacollection.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
+#include "gl/texture.h"
 #include "gl/texturemanager.h"
 #include "gl/uniformbufferobject.h"
 #include "gl/vertexarrayobject.h"
@@ -66,7 +68,7 @@ quint32 floatWord(quint32 bits)
     return result;
 }
 
-// An RGBA32UI and an RGBA32F colour target side by side, bound while alive.
+// An RGBA32UI and an RGBA32F colour texture side by side, bound while alive.
 class RecordTarget
 {
 public:
@@ -74,48 +76,37 @@ public:
         : _width(width)
         , _height(height)
     {
-        glGenRenderbuffers(2, _renderbuffers);
-        glGenFramebuffers(1, &_framebuffer);
-        glBindFramebuffer(GL_FRAMEBUFFER, _framebuffer);
-        const GLenum formats[] = {GL_RGBA32UI, GL_RGBA32F};
-        for (int i = 0; i < 2; ++i) {
-            glBindRenderbuffer(GL_RENDERBUFFER, _renderbuffers[i]);
-            glRenderbufferStorage(GL_RENDERBUFFER, formats[i], width, height);
-            glFramebufferRenderbuffer(GL_FRAMEBUFFER, GLenum(GL_COLOR_ATTACHMENT0 + i), GL_RENDERBUFFER,
-                                      _renderbuffers[i]);
-        }
-        const GLenum drawBuffers[] = {GL_COLOR_ATTACHMENT0, GL_COLOR_ATTACHMENT1};
-        glDrawBuffers(2, drawBuffers);
+        _framebuffer.bind();
+        _textures[0].reset(_framebuffer.createTexture2D(GL_COLOR_ATTACHMENT0, GL_RGBA32UI, GL_RGBA_INTEGER,
+                                                        GL_UNSIGNED_INT, width, height));
+        _textures[1].reset(
+            _framebuffer.createTexture2D(GL_COLOR_ATTACHMENT1, GL_RGBA32F, GL_RGBA, GL_FLOAT, width, height));
+        _framebuffer.setDrawBuffers();
         clear();
     }
     ~RecordTarget()
     {
-        glBindFramebuffer(GL_FRAMEBUFFER, 0);
-        glDeleteFramebuffers(1, &_framebuffer);
-        glDeleteRenderbuffers(2, _renderbuffers);
+        _framebuffer.detachAll();
+        _framebuffer.unbind();
     }
     void clear() const
     {
         glViewport(0, 0, _width, _height);
         const GLuint zeros[4] = {};
-        const GLfloat floatZeros[4] = {};
         glClearBufferuiv(GL_COLOR, 0, zeros);
-        glClearBufferfv(GL_COLOR, 1, floatZeros);
+        glClearBufferfv(GL_COLOR, 1, reinterpret_cast<const GLfloat*>(zeros));
     }
-    // Every word of one attachment, bottom row first; floats as their bits.
-    std::vector<quint32> words(int attachment) const
+    // Every word of one texture, bottom row first; floats as their bits.
+    std::vector<quint32> words(int index) const
     {
-        std::vector<quint32> out(size_t(_width) * _height * 4);
-        glReadBuffer(GLenum(GL_COLOR_ATTACHMENT0 + attachment));
-        glReadPixels(0, 0, _width, _height, attachment == 0 ? GL_RGBA_INTEGER : GL_RGBA,
-                     attachment == 0 ? GL_UNSIGNED_INT : GL_FLOAT, out.data());
-        return out;
+        return VyxTest::texImage<quint32>(_textures[index].get(), index == 0 ? GL_RGBA_INTEGER : GL_RGBA,
+                                          index == 0 ? GL_UNSIGNED_INT : GL_FLOAT, size_t(_width) * _height * 4);
     }
 
 private:
     int _width, _height;
-    GLuint _framebuffer = 0;
-    GLuint _renderbuffers[2] = {};
+    FramebufferObject _framebuffer;
+    std::unique_ptr<Texture> _textures[2];
 };
 
 // Remembers the tokens it was asked to bind and unbind.
