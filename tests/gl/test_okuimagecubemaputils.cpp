@@ -1,0 +1,218 @@
+#include "gl/glloader.h"
+#include "gl/okuimagecubemaputils.h"
+#include "gl/okurendercubemap.h"
+#include "gl/texture.h"
+#include "gl/textureio.h"
+#include "support/glhelpers.h"
+#include "support/gltest.h"
+#include "support/messagecapture.h"
+#include "support/testenvironment.h"
+
+#include <QVector2D>
+
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <vector>
+
+using namespace Tavren::Vyx;
+using namespace Tavren::Vyx::OkuImageCubemapUtils;
+
+namespace {
+
+// GL's cube face table: major axis, and the directions of increasing s and t.
+const QVector3D kFaces[6][3] = {
+    {{1, 0, 0}, {0, 0, -1}, {0, -1, 0}}, {{-1, 0, 0}, {0, 0, 1}, {0, -1, 0}}, {{0, 1, 0}, {1, 0, 0}, {0, 0, 1}},
+    {{0, -1, 0}, {1, 0, 0}, {0, 0, -1}}, {{0, 0, 1}, {1, 0, 0}, {0, -1, 0}},  {{0, 0, -1}, {-1, 0, 0}, {0, -1, 0}},
+};
+
+QVector3D faceDirection(int face, float s, float t)
+{
+    return kFaces[face][0] + kFaces[face][1] * (2 * s - 1) + kFaces[face][2] * (2 * t - 1);
+}
+
+std::vector<float> levelTexels(Texture* texture, unsigned int target, int level, int count)
+{
+    std::vector<float> texels(size_t(count) * 4);
+    texture->bind();
+    glPixelStorei(GL_PACK_ALIGNMENT, 1);
+    glGetTexImage(target, level, GL_RGBA, GL_FLOAT, texels.data());
+    texture->unbind();
+    return texels;
+}
+
+std::vector<float> faceTexels(Texture* cube, int face, int level = 0)
+{
+    const int size = VyxTest::levelParameter(cube, GL_TEXTURE_WIDTH, GL_TEXTURE_CUBE_MAP_POSITIVE_X, level);
+    return levelTexels(cube, GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, level, size * size);
+}
+
+using Radiance = std::function<QVector3D(const QVector3D&)>;
+
+// An RGBA32F cube map holding the radiance at texel centres, mipmapped.
+std::unique_ptr<Texture> makeCube(int size, const Radiance& radiance)
+{
+    auto cube = std::make_unique<Texture>();
+    cube->setTarget(GL_TEXTURE_CUBE_MAP);
+    cube->bind();
+    for (int face = 0; face < 6; ++face) {
+        std::vector<float> texels;
+        for (int y = 0; y < size; ++y)
+            for (int x = 0; x < size; ++x) {
+                const QVector3D c = radiance(faceDirection(face, (x + 0.5f) / size, (y + 0.5f) / size).normalized());
+                texels.insert(texels.end(), {c.x(), c.y(), c.z(), 1.0f});
+            }
+        glTexImage2D(GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, 0, GL_RGBA32F, size, size, 0, GL_RGBA, GL_FLOAT,
+                     texels.data());
+    }
+    glGenerateMipmap(GL_TEXTURE_CUBE_MAP);
+    cube->unbind();
+    return cube;
+}
+
+std::unique_ptr<Texture> make2D(int width, int height, unsigned int internalFormat, const float* rgba = nullptr)
+{
+    auto texture = std::make_unique<Texture>();
+    texture->create2D(GL_TEXTURE_2D, internalFormat, width, height);
+    if (rgba) {
+        texture->bind();
+        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, GL_RGBA, GL_FLOAT, rgba);
+        texture->unbind();
+    }
+    return texture;
+}
+
+std::unique_ptr<Texture> loadEsplanade()
+{
+    return std::unique_ptr<Texture>(LoadTextureFromFile(
+        VyxTest::testDataPath("hdr/loadersgl_royal_esplanade_256_latlong.hdr"), TextureFileInfo()));
+}
+
+// Calls fn on the direction and RGBA of every texel of every face.
+void forEachTexel(Texture* cube, int level, const std::function<void(const QVector3D&, const float*)>& fn)
+{
+    const int size = VyxTest::levelParameter(cube, GL_TEXTURE_WIDTH, GL_TEXTURE_CUBE_MAP_POSITIVE_X, level);
+    for (int face = 0; face < 6; ++face) {
+        const std::vector<float> texels = faceTexels(cube, face, level);
+        for (int i = 0; i < size * size; ++i)
+            fn(faceDirection(face, (i % size + 0.5f) / size, (i / size + 0.5f) / size).normalized(), &texels[i * 4]);
+    }
+}
+
+class CubemapTest : public VyxTest::GLTest
+{
+};
+
+} // namespace
+
+TEST_F(CubemapTest, LatLongMatchesBilinearLookupOfTheSourceDirection)
+{
+    std::unique_ptr<Texture> source = loadEsplanade();
+    ASSERT_TRUE(source);
+    const int w = VyxTest::levelParameter(source.get(), GL_TEXTURE_WIDTH);
+    const int h = VyxTest::levelParameter(source.get(), GL_TEXTURE_HEIGHT);
+    const std::vector<float> src = levelTexels(source.get(), GL_TEXTURE_2D, 0, w * h);
+    std::unique_ptr<Texture> cube(createGLCubemapFromTexture(source.get(), SourceLatLong, 32, ColorSpaceLinear));
+    ASSERT_TRUE(cube);
+    EXPECT_EQ(VyxTest::levelParameter(cube.get(), GL_TEXTURE_INTERNAL_FORMAT, GL_TEXTURE_CUBE_MAP_POSITIVE_X),
+              GL_RGBA32F);
+    int checked = 0;
+    forEachTexel(cube.get(), 0, [&](const QVector3D& d, const float* texel) {
+        const float theta0 = std::acos(QVector2D(d.x(), d.z()).normalized().x());
+        const float u = (d.z() < 0 ? 2 * float(M_PI) - theta0 : theta0) / (2 * float(M_PI));
+        const float x = u * w - 0.5f, y = std::acos(d.y()) / float(M_PI) * h - 0.5f;
+        const int x0 = int(std::floor(x)), y0 = int(std::floor(y));
+        for (int c = 0; c < 3; ++c) {
+            float expected = 0, largest = 0;
+            for (int tap = 0; tap < 4; ++tap) {
+                const int tx = ((x0 + (tap & 1)) % w + w) % w, ty = qBound(0, y0 + tap / 2, h - 1);
+                const float value = src[size_t(ty * w + tx) * 4 + c];
+                expected += value * ((tap & 1) ? x - x0 : 1 - (x - x0)) * ((tap / 2) ? y - y0 : 1 - (y - y0));
+                largest = qMax(largest, value);
+            }
+            EXPECT_NEAR(texel[c], expected, 0.01f * largest + 1e-4f) << d.x() << " " << d.y() << " " << d.z();
+        }
+        ++checked;
+    });
+    EXPECT_EQ(checked, 6 * 32 * 32);
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+TEST_F(CubemapTest, CrossLayoutsRoundTrip)
+{
+    const int size = 8;
+    std::unique_ptr<Texture> cube = makeCube(size, [](const QVector3D& d) { return d * 3.0f + QVector3D(5, 6, 7); });
+    std::vector<float> faces[6];
+    for (int face = 0; face < 6; ++face)
+        faces[face] = faceTexels(cube.get(), face);
+    // Cells (column, row from the top) as the picture is seen; the vertical -Z is upside down.
+    const int horizontal[6][2] = {{2, 1}, {0, 1}, {1, 0}, {1, 2}, {1, 1}, {3, 1}};
+    const int vertical[6][2] = {{2, 1}, {0, 1}, {1, 0}, {1, 2}, {1, 1}, {1, 3}};
+    for (const bool isVertical : {false, true}) {
+        const int columns = isVertical ? 3 : 4, rows = isVertical ? 4 : 3;
+        std::vector<float> picture(size_t(columns * rows * size * size) * 4, -1.0f);
+        for (int face = 0; face < 6; ++face) {
+            const int* cell = isVertical ? vertical[face] : horizontal[face];
+            const bool turned = isVertical && face == 5;
+            for (int y = 0; y < size; ++y)
+                for (int x = 0; x < size; ++x) {
+                    const int px = cell[0] * size + (turned ? size - 1 - x : x);
+                    const int pyFromTop = cell[1] * size + (turned ? size - 1 - y : y);
+                    const size_t at = size_t((rows * size - 1 - pyFromTop) * columns * size + px) * 4;
+                    std::copy_n(&faces[face][size_t(y * size + x) * 4], 4, &picture[at]);
+                }
+        }
+        std::unique_ptr<Texture> cross = make2D(columns * size, rows * size, GL_RGBA32F, picture.data());
+        std::unique_ptr<Texture> back(createGLCubemapFromTexture(cross.get(), SourceCross, 0, ColorSpaceLinear));
+        ASSERT_TRUE(back);
+        for (int face = 0; face < 6; ++face)
+            EXPECT_EQ(faceTexels(back.get(), face), faces[face]) << "vertical " << isVertical << " face " << face;
+    }
+}
+
+TEST_F(CubemapTest, CrossSizesRefusalsAndBadSources)
+{
+    struct Case
+    {
+        int width, height, faceSize; // 0: refused
+    };
+    for (const Case& c : {Case{1024, 768, 256}, Case{2400, 1800, 512}, Case{64, 32, 16}, Case{48, 64, 16},
+                          Case{64, 64, 0}}) {
+        std::unique_ptr<Texture> source = make2D(c.width, c.height, GL_RGBA8);
+        VyxTest::MessageCapture capture;
+        std::unique_ptr<Texture> cube(createGLCubemapFromTexture(source.get(), SourceCross, 0, ColorSpaceSRGB));
+        if (c.faceSize == 0) {
+            EXPECT_FALSE(cube);
+            EXPECT_EQ(capture.bodies(QtCriticalMsg),
+                      QStringList{"[ !! ] Texture(64,64) not a 4:3 or 3:4 image. Cannot load cubemap."});
+        } else {
+            ASSERT_TRUE(cube) << c.width;
+            EXPECT_EQ(VyxTest::levelParameter(cube.get(), GL_TEXTURE_WIDTH, GL_TEXTURE_CUBE_MAP_NEGATIVE_Z),
+                      c.faceSize);
+        }
+    }
+    // Null, 3D and storage-less sources fail every creator with a message and leave no GL error.
+    Texture volume, empty;
+    volume.create3D(GL_TEXTURE_3D, GL_RGBA8, 4, 4, 4);
+    empty.setTarget(GL_TEXTURE_2D);
+    std::unique_ptr<Texture> flat = make2D(8, 8, GL_RGBA8);
+    for (Texture* bad : {static_cast<Texture*>(nullptr), &volume, &empty}) {
+        VyxTest::MessageCapture capture;
+        EXPECT_FALSE(createGLCubemapFromTexture(bad, SourceLatLong, 16, ColorSpaceLinear));
+        EXPECT_FALSE(createGLCubemapBlurFromGLCubemap(bad, 8, 1, 0));
+        EXPECT_FALSE(createGLCubemapNDotLFromGLCubemap(bad, 8, 1, 0, 1.0f));
+        EXPECT_FALSE(createPrefilteredEnvMapFromGLCubemap(bad, 8, 2));
+        EXPECT_FALSE(computeIrradianceSHFromGLCubemap(bad).valid);
+        EXPECT_GE(capture.texts(QtCriticalMsg).size(), 5);
+        EXPECT_TRUE(capture.bodies(QtCriticalMsg).contains("[ !! ] Unable to create cubemap blur from cubemap."));
+        EXPECT_TRUE(capture.bodies(QtCriticalMsg).contains("[ !! ] Unable to create cubemap NDotL from cubemap."));
+        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+    }
+    VyxTest::MessageCapture capture;
+    OkuRenderCubemap_Sphere renderer(flat.get());
+    EXPECT_FALSE(renderer.render(flat.get(), 0));
+    EXPECT_EQ(capture.bodies(QtCriticalMsg), QStringList{"[ !! ] Unhandled Texture Type 0xDE1"});
+    EXPECT_FALSE(createGLCubemapFromTexture(flat.get(), SourceLinear, 16, ColorSpaceLinear));
+    EXPECT_FALSE(createGLCubemapFromTexture(flat.get(), SourceLatLong, 0, ColorSpaceLinear));
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
