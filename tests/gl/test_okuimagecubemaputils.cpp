@@ -216,3 +216,137 @@ TEST_F(CubemapTest, CrossSizesRefusalsAndBadSources)
     EXPECT_FALSE(createGLCubemapFromTexture(flat.get(), SourceLatLong, 0, ColorSpaceLinear));
     EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
+
+TEST_F(CubemapTest, ConvolutionsKeepAConstantEnvironment)
+{
+    std::unique_ptr<Texture> cube = makeCube(16, [](const QVector3D&) { return QVector3D(0.7f, 0.7f, 0.7f); });
+    std::vector<std::unique_ptr<Texture>> results;
+    results.emplace_back(createGLCubemapNDotLFromGLCubemap(cube.get(), 8, 1, 0, 1.0f));
+    results.emplace_back(createGLCubemapBlurFromGLCubemap(cube.get(), 8, 1, 0));
+    results.emplace_back(createPrefilteredEnvMapFromGLCubemap(cube.get(), 16, 5, 32));
+    // Three amounts of the ramp 0, 0.5, 1 from the second on: a two-layer cube map array.
+    results.emplace_back(createGLCubemapNDotLFromGLCubemap(cube.get(), 4, 3, 1, 2.0f));
+    for (size_t r = 0; r < results.size(); ++r) {
+        Texture* result = results[r].get();
+        ASSERT_TRUE(result) << r;
+        const bool array = result->target() == GL_TEXTURE_CUBE_MAP_ARRAY;
+        EXPECT_EQ(array, r == 3);
+        const int levels = r == 2 ? 5 : 1;
+        for (int level = 0; level < levels; ++level) {
+            const int size = VyxTest::levelParameter(result, GL_TEXTURE_WIDTH, array ? 0 : GL_TEXTURE_CUBE_MAP_POSITIVE_X,
+                                                     level);
+            const std::vector<float> texels =
+                array ? levelTexels(result, GL_TEXTURE_CUBE_MAP_ARRAY, level, size * size * 12)
+                      : [&] {
+                            std::vector<float> all;
+                            for (int face = 0; face < 6; ++face) {
+                                const std::vector<float> one = faceTexels(result, face, level);
+                                all.insert(all.end(), one.begin(), one.end());
+                            }
+                            return all;
+                        }();
+            for (size_t i = 0; i < texels.size(); ++i)
+                ASSERT_NEAR(texels[i], i % 4 == 3 ? 1.0f : 0.7f, 1e-3f) << "result " << r << " level " << level;
+        }
+    }
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+TEST_F(CubemapTest, NDotLOfOneBrightDirectionIsItsCosineLobe)
+{
+    const QVector3D bright = QVector3D(-1.0f, -2.0f, 0.5f).normalized();
+    const auto radiance = [&](const QVector3D& d) {
+        return QVector3D(1, 1, 1) * (0.05f + 4.0f * std::pow(qMax(0.0f, QVector3D::dotProduct(d, bright)), 16.0f));
+    };
+    const int sourceSize = 32;
+    std::unique_ptr<Texture> cube = makeCube(sourceSize, radiance);
+    std::unique_ptr<Texture> diffuse(createGLCubemapNDotLFromGLCubemap(cube.get(), 8, 1, 0, 1.0f));
+    ASSERT_TRUE(diffuse);
+    float peak = 0;
+    QVector3D peakDirection;
+    forEachTexel(diffuse.get(), 0, [&](const QVector3D& n, const float* texel) {
+        // The convolution's own sum: the centre sample plus a grid over every face, weighted by N.L.
+        double sum = radiance(n).x(), weight = 1;
+        for (int y = 0; y <= sourceSize; ++y)
+            for (int x = 0; x <= sourceSize; ++x) {
+                const float a = -1.0f + 2.0f * x / sourceSize, b = -1.0f + 2.0f * y / sourceSize;
+                for (const QVector3D& l : {QVector3D(a, b, 1), QVector3D(a, b, -1), QVector3D(b, 1, a),
+                                           QVector3D(b, -1, a), QVector3D(1, a, b), QVector3D(-1, a, b)}) {
+                    const float cosine = QVector3D::dotProduct(n, l.normalized());
+                    if (cosine > 0) {
+                        sum += cosine * radiance(l.normalized()).x();
+                        weight += cosine;
+                    }
+                }
+            }
+        EXPECT_NEAR(texel[0], sum / weight, 0.02 * sum / weight) << n.x() << " " << n.y() << " " << n.z();
+        if (texel[0] > peak) {
+            peak = texel[0];
+            peakDirection = n;
+        }
+    });
+    // The peak is the output texel closest to the bright direction.
+    float closest = 0;
+    forEachTexel(diffuse.get(), 0, [&](const QVector3D& n, const float*) {
+        closest = qMax(closest, QVector3D::dotProduct(n, bright));
+    });
+    EXPECT_EQ(QVector3D::dotProduct(peakDirection, bright), closest);
+}
+
+TEST_F(CubemapTest, PrefilteredRoughnessZeroIsTheSource)
+{
+    std::unique_ptr<Texture> source = loadEsplanade();
+    std::unique_ptr<Texture> cube(createGLCubemapFromTexture(source.get(), SourceLatLong, 16, ColorSpaceLinear));
+    ASSERT_TRUE(cube);
+    std::unique_ptr<Texture> prefiltered(createPrefilteredEnvMapFromGLCubemap(cube.get(), 16, 3));
+    ASSERT_TRUE(prefiltered);
+    for (int face = 0; face < 6; ++face) {
+        const std::vector<float> level0 = faceTexels(prefiltered.get(), face), expected = faceTexels(cube.get(), face);
+        for (size_t i = 0; i < level0.size(); ++i)
+            ASSERT_NEAR(level0[i], expected[i], 1e-4f * expected[i]) << face << " " << i;
+    }
+    // Rougher levels spread the sun: their brightest texel is dimmer.
+    float brightest[3] = {};
+    for (int level = 0; level < 3; ++level)
+        forEachTexel(prefiltered.get(), level, [&](const QVector3D&, const float* t) {
+            brightest[level] = qMax(brightest[level], t[0]);
+        });
+    EXPECT_GT(brightest[0], brightest[1]);
+    EXPECT_GT(brightest[1], brightest[2]);
+}
+
+// The N.L map's grid is not weighted by solid angle, so a sun-lit real environment is compared
+// with a brute-force cosine integral over every texel instead.
+TEST_F(CubemapTest, SHIrradianceMatchesBruteForceNDotLOfARealEnvironment)
+{
+    std::unique_ptr<Texture> source = loadEsplanade();
+    std::unique_ptr<Texture> cube(createGLCubemapFromTexture(source.get(), SourceLatLong, 64, ColorSpaceLinear));
+    ASSERT_TRUE(cube);
+    const IrradianceSH sh = computeIrradianceSHFromGLCubemap(cube.get());
+    ASSERT_TRUE(sh.valid);
+    std::vector<std::pair<QVector3D, QVector3D>> texels; // direction, radiance times solid angle
+    float totalSolidAngle = 0;
+    forEachTexel(cube.get(), 0, [&](const QVector3D& d, const float* t) {
+        const float cosine = qMax(qMax(std::abs(d.x()), std::abs(d.y())), std::abs(d.z()));
+        texels.push_back({d, QVector3D(t[0], t[1], t[2]) * cosine * cosine * cosine});
+        totalSolidAngle += cosine * cosine * cosine;
+    });
+    double brightest = 0, squaredError = 0, squaredSum = 0;
+    std::vector<std::pair<QVector3D, QVector3D>> results; // exact, from SH
+    for (int i = 0; i < 6 * 8 * 8; ++i) {
+        const QVector3D n = faceDirection(i / 64, (i % 8 + 0.5f) / 8, (i / 8 % 8 + 0.5f) / 8).normalized();
+        QVector3D sum;
+        for (const auto& texel : texels)
+            sum += texel.second * qMax(0.0f, QVector3D::dotProduct(n, texel.first));
+        results.push_back({sum * (4.0f / totalSolidAngle), sh.evaluate(n)});
+        brightest = qMax(brightest, double(results.back().first.y()));
+        squaredError += (results.back().second - results.back().first).lengthSquared();
+        squaredSum += results.back().first.lengthSquared();
+    }
+    // Three bands cannot hold a sun's sharp cosine: a single direction may be off by up to 1/16
+    // of the brightest, while the whole stays within 3%.
+    for (const auto& result : results)
+        for (int c = 0; c < 3; ++c)
+            EXPECT_NEAR(result.second[c], result.first[c], brightest / 16);
+    EXPECT_LT(std::sqrt(squaredError / squaredSum), 0.03);
+}
