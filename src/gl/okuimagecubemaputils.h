@@ -87,7 +87,7 @@ VYXGL_EXPORT Texture* createPrefilteredEnvMapFromGLCubemap(Texture* cubemap, uns
                                                            int samples = 64);
 // size x size GL_RG16F table of the split-sum's scale (r) and bias (g) for F0: x is N.V and
 // y the roughness, both at texel centres.
-VYXGL_EXPORT Texture* createPreintegratedBRDFTable(unsigned int size, int samples = 512);
+VYXGL_EXPORT Texture* createPreintegratedBRDFTable(unsigned int size, int samples = 1024);
 
 // Diffuse irradiance as 9 spherical-harmonic coefficients (bands 0-2), already convolved
 // with the cosine lobe and divided by pi, so evaluate() answers what the N.L map holds.

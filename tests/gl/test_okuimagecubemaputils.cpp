@@ -1,4 +1,5 @@
 #include "gl/glloader.h"
+#include "gl/glutilities.h"
 #include "gl/okuimagecubemaputils.h"
 #include "gl/okurendercubemap.h"
 #include "gl/texture.h"
@@ -228,6 +229,10 @@ TEST_F(CubemapTest, ConvolutionsKeepAConstantEnvironment)
     results.emplace_back(createGLCubemapNDotLFromGLCubemap(cube.get(), 4, 3, 1, 2.0f));
     for (size_t r = 0; r < results.size(); ++r) {
         Texture* result = results[r].get();
+        if (r == 3 && !openGlVersionSupported(4, 0) && !hasGLExtension("GL_ARB_texture_cube_map_array")) {
+            EXPECT_FALSE(result);
+            continue;
+        }
         ASSERT_TRUE(result) << r;
         const bool array = result->target() == GL_TEXTURE_CUBE_MAP_ARRAY;
         EXPECT_EQ(array, r == 3);
@@ -349,4 +354,45 @@ TEST_F(CubemapTest, SHIrradianceMatchesBruteForceNDotLOfARealEnvironment)
         for (int c = 0; c < 3; ++c)
             EXPECT_NEAR(result.second[c], result.first[c], brightest / 16);
     EXPECT_LT(std::sqrt(squaredError / squaredSum), 0.03);
+}
+
+TEST_F(CubemapTest, BRDFTableMatchesNumericalIntegration)
+{
+    const int size = 32;
+    std::unique_ptr<Texture> table(createPreintegratedBRDFTable(size));
+    ASSERT_TRUE(table);
+    EXPECT_EQ(VyxTest::levelParameter(table.get(), GL_TEXTURE_INTERNAL_FORMAT), GL_RG16F);
+    const std::vector<float> texels = levelTexels(table.get(), GL_TEXTURE_2D, 0, size * size);
+    for (const int column : {2, 9, 16, 24, 31}) {
+        for (const int row : {8, 16, 24, 31}) {
+            const double nDotV = (column + 0.5) / size, roughness = (row + 0.5) / size;
+            const double alpha = roughness * roughness, a2 = alpha * alpha, k = alpha / 2;
+            const QVector3D v(float(std::sqrt(1 - nDotV * nDotV)), 0, float(nDotV));
+            // Integral over half vectors: D G (V.H) / (N.V) with F's split into scale and bias.
+            double scale = 0, bias = 0;
+            const int thetaSteps = 1024, phiSteps = 256;
+            for (int i = 0; i < thetaSteps; ++i) {
+                const double theta = (i + 0.5) / thetaSteps * M_PI / 2;
+                const double cosTheta = std::cos(theta), d = cosTheta * cosTheta * (a2 - 1) + 1;
+                const double distribution = a2 / (M_PI * d * d);
+                for (int j = 0; j < phiSteps; ++j) {
+                    const double phi = (j + 0.5) / phiSteps * 2 * M_PI;
+                    const QVector3D h(float(std::sin(theta) * std::cos(phi)), float(std::sin(theta) * std::sin(phi)),
+                                      float(cosTheta));
+                    const double vDotH = QVector3D::dotProduct(v, h), nDotL = 2 * vDotH * cosTheta - nDotV;
+                    if (vDotH <= 0 || nDotL <= 0)
+                        continue;
+                    const double g = nDotV / (nDotV * (1 - k) + k) * nDotL / (nDotL * (1 - k) + k);
+                    const double value = distribution * g * vDotH / nDotV * std::sin(theta) *
+                                         (M_PI / 2 / thetaSteps) * (2 * M_PI / phiSteps);
+                    const double fresnel = std::pow(1 - vDotH, 5);
+                    scale += value * (1 - fresnel);
+                    bias += value * fresnel;
+                }
+            }
+            const float* texel = &texels[size_t(row * size + column) * 4];
+            EXPECT_NEAR(texel[0], scale, 0.01 * (scale + bias)) << nDotV << " " << roughness;
+            EXPECT_NEAR(texel[1], bias, 0.01 * (scale + bias)) << nDotV << " " << roughness;
+        }
+    }
 }
