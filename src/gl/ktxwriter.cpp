@@ -4,7 +4,6 @@
 #include "gl/bindable.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
-#include "gl/glutilities_p.h"
 #include "gl/ktxparser.h"
 #include "gl/texture.h"
 
@@ -22,13 +21,33 @@ void appendWord(QByteArray& out, uint32_t value)
     out.append(reinterpret_cast<const char*>(&value), sizeof value);
 }
 
-int typeSize(GLenum type)
+struct PixelLayout
 {
-    switch (type) {
-    case GL_UNSIGNED_BYTE: return 1;
-    case GL_HALF_FLOAT: return 2;
-    case GL_FLOAT: return 4;
-    default: return 0;
+    GLenum format = 0;
+    GLenum type = 0;
+    int typeSize = 0;
+    int components = 0;
+};
+
+// The formats written, read back exactly as they are stored.
+PixelLayout pixelLayout(GLenum internalFormat)
+{
+    switch (internalFormat) {
+    case GL_RGBA8:
+    case GL_SRGB8_ALPHA8: return {GL_RGBA, GL_UNSIGNED_BYTE, 1, 4};
+    case GL_RGB8:
+    case GL_SRGB8: return {GL_RGB, GL_UNSIGNED_BYTE, 1, 3};
+    case GL_RG8: return {GL_RG, GL_UNSIGNED_BYTE, 1, 2};
+    case GL_R8: return {GL_RED, GL_UNSIGNED_BYTE, 1, 1};
+    case GL_RGBA16F: return {GL_RGBA, GL_HALF_FLOAT, 2, 4};
+    case GL_RGB16F: return {GL_RGB, GL_HALF_FLOAT, 2, 3};
+    case GL_RG16F: return {GL_RG, GL_HALF_FLOAT, 2, 2};
+    case GL_R16F: return {GL_RED, GL_HALF_FLOAT, 2, 1};
+    case GL_RGBA32F: return {GL_RGBA, GL_FLOAT, 4, 4};
+    case GL_RGB32F: return {GL_RGB, GL_FLOAT, 4, 3};
+    case GL_RG32F: return {GL_RG, GL_FLOAT, 4, 2};
+    case GL_R32F: return {GL_RED, GL_FLOAT, 4, 1};
+    default: return {};
     }
 }
 
@@ -52,11 +71,11 @@ QByteArray TextureToKTX(Texture* texture)
     glGetTexParameteriv(target, GL_TEXTURE_MAX_LEVEL, &maxLevel);
     VYX_CHECK_RETURN(width > 0 && height > 0, QByteArray(), "Texture has no level 0 image (%d x %d)", width, height);
     VYX_CHECK_RETURN(baseLevel == 0, QByteArray(), "Textures with base level %d are not written", baseLevel);
-    const GLenum format = allocationFormatFromInternalFormat(GLenum(internalFormat));
-    const GLenum type = allocationTypeFromInternalFormat(GLenum(internalFormat));
-    const int bytesPerPixel = bytesFromInternalFormat(GLenum(internalFormat));
-    VYX_CHECK_RETURN(!compressed && format != 0 && typeSize(type) != 0 && bytesPerPixel > 0, QByteArray(),
-                     "Internal format 0x%X is not written to KTX", internalFormat);
+    const PixelLayout layout = pixelLayout(GLenum(internalFormat));
+    VYX_CHECK_RETURN(!compressed && layout.format != 0, QByteArray(), "Internal format 0x%X is not written to KTX",
+                     internalFormat);
+    const GLenum format = layout.format, type = layout.type;
+    const int bytesPerPixel = layout.typeSize * layout.components;
 
     // Levels with storage, from the base up to the texture's maximum.
     std::vector<QPair<int, int>> levelSizes;
@@ -71,7 +90,7 @@ QByteArray TextureToKTX(Texture* texture)
     const int faces = target == GL_TEXTURE_CUBE_MAP ? 6 : 1;
 
     QByteArray out(reinterpret_cast<const char*>(KTXParser::identifier), sizeof KTXParser::identifier);
-    const uint32_t header[] = {0x04030201u, type, uint32_t(typeSize(type)), format, uint32_t(internalFormat), format,
+    const uint32_t header[] = {0x04030201u, type, uint32_t(layout.typeSize), format, uint32_t(internalFormat), format,
                                uint32_t(width), uint32_t(height), 0u, 0u, uint32_t(faces),
                                uint32_t(levelSizes.size()), 0u};
     for (uint32_t word : header)
