@@ -7,6 +7,7 @@
 #include "gl/framebufferobject.h"
 #include "gl/glloader.h"
 #include "gl/glslmacroprocessor.h"
+#include "gl/okuimagecubemaputils.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
@@ -305,16 +306,24 @@ OkuRenderCubemap_Sphere::OkuRenderCubemap_Sphere(Texture* source)
 {
 }
 
-OkuRenderCubemapBatched::OkuRenderCubemapBatched(Texture* cubemap, QVector<float> amounts)
+OkuRenderCubemapBatched::OkuRenderCubemapBatched(Texture* cubemap, QVector<float> amounts,
+                                                 const QString& fragmentFile, const QString& batchSizeDefine)
     : OkuRenderCubemapBaseTexture(cubemap, GL_LINEAR_MIPMAP_LINEAR, GL_LINEAR)
     , _amounts(std::move(amounts))
+    , _fragmentFile(fragmentFile)
+    , _batchSizeDefine(batchSizeDefine)
 {
     setSeamless(true);
 }
 
+void OkuRenderCubemapBatched::addDefines(GLSLMacroProcessor& mp) const
+{
+    mp.addDefine(_batchSizeDefine, QString::number(batchSize()));
+}
+
 int OkuRenderCubemapBatched::batchSize() const
 {
-    return qBound(1, int(_amounts.size()), 4);
+    return qBound(1, int(_amounts.size()), OkuImageCubemapUtils::kBatchSize);
 }
 
 bool OkuRenderCubemapBatched::begin(ShaderProgram& program, int firstLayer, int layerCount)
@@ -329,14 +338,16 @@ bool OkuRenderCubemapBatched::begin(ShaderProgram& program, int firstLayer, int 
     return true;
 }
 
-void OkuRenderCubemap_Blur::addDefines(GLSLMacroProcessor& mp) const
+OkuRenderCubemap_Blur::OkuRenderCubemap_Blur(Texture* cubemap, QVector<float> amounts)
+    : OkuRenderCubemapBatched(cubemap, std::move(amounts), QStringLiteral("CubeRender_Blur.frag"),
+                              QStringLiteral("OKU_CUBERENDER_BLUR_BATCH_SIZE"))
 {
-    mp.addDefine(QStringLiteral("OKU_CUBERENDER_BLUR_BATCH_SIZE"), QString::number(batchSize()));
 }
 
-void OkuRenderCubemap_NDotL::addDefines(GLSLMacroProcessor& mp) const
+OkuRenderCubemap_NDotL::OkuRenderCubemap_NDotL(Texture* cubemap, QVector<float> amounts)
+    : OkuRenderCubemapBatched(cubemap, std::move(amounts), QStringLiteral("CubeRender_NDotL.frag"),
+                              QStringLiteral("OKU_CUBERENDER_NDOT_BATCH_SIZE"))
 {
-    mp.addDefine(QStringLiteral("OKU_CUBERENDER_NDOT_BATCH_SIZE"), QString::number(batchSize()));
 }
 
 OkuRenderCubemap_Prefiltered::OkuRenderCubemap_Prefiltered(Texture* cubemap, int samples)
@@ -355,9 +366,9 @@ bool OkuRenderCubemap_Prefiltered::begin(ShaderProgram& program, int firstLayer,
 {
     if (!OkuRenderCubemapBaseTexture::begin(program, firstLayer, layerCount))
         return false;
-    GLint size = 0, maxLevel = 0;
+    // The source is bound on the active unit; its face size sets the solid angle of a texel.
+    GLint size = 0;
     glGetTexLevelParameteriv(GL_TEXTURE_CUBE_MAP_POSITIVE_X, 0, GL_TEXTURE_WIDTH, &size);
-    glGetTexParameteriv(GL_TEXTURE_CUBE_MAP, GL_TEXTURE_MAX_LEVEL, &maxLevel);
     program.setUniform(QStringLiteral("u_Roughness"), QVariant(_roughness));
     program.setUniform(QStringLiteral("u_SampleCount"), QVariant(_samples));
     program.setUniform(QStringLiteral("u_SourceSize"), QVariant(float(size)));

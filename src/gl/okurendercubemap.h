@@ -131,38 +131,36 @@ protected:
     QString fragmentShaderFile() const override { return QStringLiteral("CubeRender_Sphere.frag"); }
 };
 
-// Cube-map sources: one amount per layer in "s_blur[i].value", seamless filtering on.
+// Cube-map sources: one amount per layer in "s_blur[i].value", seamless filtering on; the
+// batch size reaches the shader through the named define.
 class VYXGL_EXPORT OkuRenderCubemapBatched : public OkuRenderCubemapBaseTexture
 {
 public:
-    OkuRenderCubemapBatched(Texture* cubemap, QVector<float> amounts);
+    OkuRenderCubemapBatched(Texture* cubemap, QVector<float> amounts, const QString& fragmentFile,
+                            const QString& batchSizeDefine);
 
 protected:
+    QString fragmentShaderFile() const override { return _fragmentFile; }
+    void addDefines(GLSLMacroProcessor& mp) const override;
     int batchSize() const override;
     bool begin(ShaderProgram& program, int firstLayer, int layerCount) override;
 
 private:
     QVector<float> _amounts;
+    QString _fragmentFile;
+    QString _batchSizeDefine;
 };
 
 class VYXGL_EXPORT OkuRenderCubemap_Blur : public OkuRenderCubemapBatched
 {
 public:
-    using OkuRenderCubemapBatched::OkuRenderCubemapBatched;
-
-protected:
-    QString fragmentShaderFile() const override { return QStringLiteral("CubeRender_Blur.frag"); }
-    void addDefines(GLSLMacroProcessor& mp) const override;
+    OkuRenderCubemap_Blur(Texture* cubemap, QVector<float> amounts);
 };
 
 class VYXGL_EXPORT OkuRenderCubemap_NDotL : public OkuRenderCubemapBatched
 {
 public:
-    using OkuRenderCubemapBatched::OkuRenderCubemapBatched;
-
-protected:
-    QString fragmentShaderFile() const override { return QStringLiteral("CubeRender_NDotL.frag"); }
-    void addDefines(GLSLMacroProcessor& mp) const override;
+    OkuRenderCubemap_NDotL(Texture* cubemap, QVector<float> amounts);
 };
 
 // One mip level of the prefiltered specular map.
