@@ -99,7 +99,9 @@ struct VYXGL_EXPORT IrradianceSH
     QVector3D evaluate(const QVector3D& direction) const;
 };
 // Projects a cube map read back from the GPU (from the first mip level no larger than
-// maxFaceSize, which is plenty for three bands) on the CPU.
+// maxFaceSize, which is plenty for three bands) on the CPU: 6 x 64^2 texels summed in double
+// take a millisecond or two and need no program, while a GPU reduction would take several
+// passes and a float read-back all the same. Not valid (with a message) for unusable sources.
 VYXGL_EXPORT IrradianceSH computeIrradianceSHFromGLCubemap(Texture* cubemap, int maxFaceSize = 64);
 
 } // namespace OkuImageCubemapUtils

@@ -230,6 +230,7 @@ bool OkuRenderCubemapBaseTexture::begin(ShaderProgram& program, int, int)
     VYX_CHECK_RETURN(nullptr != _source, false, "No source texture to render from");
     if (!_source->bind())
         return false;
+    _begun = true;
     _saved.clear();
     for (const auto& parameter : _parameters) {
         GLint value = 0;
@@ -247,6 +248,9 @@ bool OkuRenderCubemapBaseTexture::begin(ShaderProgram& program, int, int)
 
 void OkuRenderCubemapBaseTexture::end()
 {
+    if (!_begun)
+        return;
+    _begun = false;
     if (_seamless && !_seamlessWasOn)
         glDisable(GL_TEXTURE_CUBE_MAP_SEAMLESS);
     // The source is still bound from begin(); its unit is active again after this bind.

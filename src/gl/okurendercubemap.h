@@ -78,6 +78,7 @@ private:
     Texture* _source;
     bool _seamless = false;
     bool _seamlessWasOn = false;
+    bool _begun = false;
     // GL parameter name and value, set while rendering; saved values after begin().
     QVector<QPair<unsigned int, int>> _parameters;
     QVector<QPair<unsigned int, int>> _saved;
