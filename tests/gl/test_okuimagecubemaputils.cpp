@@ -388,3 +388,34 @@ TEST_F(CubemapTest, BRDFTableMatchesNumericalIntegration)
         }
     }
 }
+
+TEST_F(CubemapTest, SphereMapsDirectionXYAndColourSpacesConvert)
+{
+    // Red and green rise linearly across the picture, so a bilinear read gives back its uv.
+    const int size = 64;
+    std::vector<float> ramp;
+    for (int y = 0; y < size; ++y)
+        for (int x = 0; x < size; ++x)
+            ramp.insert(ramp.end(), {(x + 0.5f) / size, (y + 0.5f) / size, 0.0f, 1.0f});
+    std::unique_ptr<Texture> sphere = make2D(size, size, GL_RGBA32F, ramp.data());
+    std::unique_ptr<Texture> cube(createGLCubemapFromTexture(sphere.get(), SourceSphere, 16, ColorSpaceLinear));
+    ASSERT_TRUE(cube);
+    forEachTexel(cube.get(), 0, [&](const QVector3D& d, const float* t) {
+        for (int c = 0; c < 2; ++c)
+            EXPECT_NEAR(t[c], qBound(0.5f / size, 0.5f * d[c] + 0.5f, 1 - 0.5f / size), 1e-3f);
+    });
+
+    const float grey[4] = {128 / 255.0f, 128 / 255.0f, 128 / 255.0f, 1.0f};
+    std::unique_ptr<Texture> flat = make2D(1, 1, GL_RGBA8, grey);
+    const std::pair<OkuImageCubemapColorSpace, float> spaces[] = {
+        {ColorSpaceLinear, grey[0]},
+        {ColorSpaceSRGB, std::pow((grey[0] + 0.055f) / 1.055f, 2.4f)},
+        {ColorSpaceGamma22, std::pow(grey[0], 2.2f)}};
+    for (const auto& space : spaces) {
+        std::unique_ptr<Texture> converted(createGLCubemapFromTexture(flat.get(), SourceSphere, 2, space.first));
+        ASSERT_TRUE(converted);
+        EXPECT_EQ(VyxTest::levelParameter(converted.get(), GL_TEXTURE_INTERNAL_FORMAT, GL_TEXTURE_CUBE_MAP_POSITIVE_X),
+                  GL_RGBA16F);
+        EXPECT_NEAR(faceTexels(converted.get(), 3)[0], space.second, 1e-3f) << space.first;
+    }
+}
