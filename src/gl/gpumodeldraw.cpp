@@ -133,9 +133,11 @@ int GPUModel::visibilityCull()
                 } else if (_dirty[t] || (p >= 0 && _dirty[p])) {
                     cull = false; // waits for a fresh matrix
                 } else {
-                    const QMatrix4x4& world = _worlds[t];
-                    cull = world.row(0).lengthSquared() < 1e-6f || world.row(1).lengthSquared() < 1e-6f ||
-                           world.row(2).lengthSquared() < 1e-6f;
+                    // A zero row, or a zero basis vector: an object scaled to nothing draws nothing.
+                    const QMatrix4x4& w = _worlds[t];
+                    cull = false;
+                    for (int i = 0; i < 3 && !cull; ++i)
+                        cull = w.row(i).lengthSquared() < 1e-6f || w.column(i).toVector3D().lengthSquared() < 1e-6f;
                 }
             }
             if (cull) {
