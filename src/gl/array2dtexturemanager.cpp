@@ -384,6 +384,7 @@ bool Array2DTextureManager::bind(ShaderProgram* program)
         _tableTexture = nearestTexture(GL_TEXTURE_2D, true);
     if (!_tableTexture->bind())
         return false;
+    const GLint tableUnit = _tableTexture->unit();
     const int tokens = int(_placed.size());
     if (_dirty) {
         // Whole rows of kTableRow tokens; the tail of the last row reads as "not placed".
@@ -399,25 +400,32 @@ bool Array2DTextureManager::bind(ShaderProgram* program)
     if (arrays > _maxArrays)
         VYX_WARNING("Requesting %d texture arrays but only %d available. Rendering will be incorrect!", arrays,
                     _maxArrays);
-    // Declared arrays with no layers of their own point at an empty array texture, never at the
-    // integer table's unit (two sampler types on one unit fail the draw).
-    if (!_fallbackArray)
-        _fallbackArray = nearestTexture(GL_TEXTURE_2D_ARRAY, false);
-    const bool fallbackBound = arrays < _maxArrays && _fallbackArray->bind();
-    if (fallbackBound)
-        _boundArrays.append(_fallbackArray);
-    QVector<GLint> units(std::max(_maxArrays, 1), fallbackBound ? _fallbackArray->unit() : 0);
+    // unit() costs as much as bind(): each unit is asked once.
+    QVector<GLint> units(std::max(_maxArrays, 1), -1);
+    GLint spareUnit = -1;
     for (int index = 0; index < std::min(arrays, _maxArrays); ++index) {
         Texture* array = _arrays[size_t(index)]->texture.get();
         if (array->bind()) {
             _boundArrays.append(array);
             units[index] = array->unit();
+            spareUnit = spareUnit < 0 ? units[index] : spareUnit;
         }
     }
+    // Declared arrays with no layers of their own point at a bound array (an empty one when there
+    // is none), never at the integer table's unit: two sampler types on one unit fail the draw.
+    if (_boundArrays.isEmpty()) {
+        if (!_fallbackArray)
+            _fallbackArray = nearestTexture(GL_TEXTURE_2D_ARRAY, false);
+        if (_fallbackArray->bind()) {
+            _boundArrays.append(_fallbackArray);
+            spareUnit = _fallbackArray->unit();
+        }
+    }
+    std::replace(units.begin(), units.end(), -1, std::max(spareUnit, 0));
     static const QString tableName = QStringLiteral("u_Array2DTokenTable");
     static const QString countName = QStringLiteral("u_Array2DTokenCount");
     static const QString arraysName = QStringLiteral("u_Array2DTextures[0]");
-    glUniform1i(managedUniformLocation(program, tableName), _tableTexture->unit());
+    glUniform1i(managedUniformLocation(program, tableName), tableUnit);
     glUniform1ui(managedUniformLocation(program, countName), GLuint(tokens));
     glUniform1iv(managedUniformLocation(program, arraysName), GLsizei(_maxArrays), units.constData());
     return true;
