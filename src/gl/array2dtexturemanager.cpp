@@ -113,6 +113,7 @@ struct Array2DTextureManager::LayerArray
     // Storage for `capacity` layers at every level, sampling as the key says; null on failure.
     static std::unique_ptr<Texture> allocate(const ArrayKey& key, int capacity)
     {
+        VYX_CHECK_GL_ERROR(); // earlier errors are not this allocation's
         auto texture = std::make_unique<Texture>();
         texture->setTarget(GL_TEXTURE_2D_ARRAY);
         AutoBinder binder(texture.get());
@@ -143,6 +144,7 @@ struct Array2DTextureManager::LayerArray
     // into this array from layer `first` on.
     static bool copyLevels(const ArrayKey& key, Texture* source, Texture* destination, int first, int layers)
     {
+        VYX_CHECK_GL_ERROR(); // earlier errors are not this copy's
         const GLenum sourceTarget = source->target();
         if (const auto copyImage = copyImageSubData()) {
             for (int level = 0; level < key.levels; ++level)
@@ -231,6 +233,11 @@ void Array2DTextureManager::setup(GLSLMacroProcessor* mp)
 QString Array2DTextureManager::getShaderFile() const
 {
     return QStringLiteral("Array2DTextureManager.glslc");
+}
+
+Texture* Array2DTextureManager::arrayTexture(int index) const
+{
+    return index >= 0 && index < int(_arrays.size()) ? _arrays[size_t(index)]->texture.get() : nullptr;
 }
 
 QPair<int, int> Array2DTextureManager::placement(const TextureToken& token) const
@@ -425,9 +432,13 @@ bool Array2DTextureManager::bind(ShaderProgram* program)
     static const QString tableName = QStringLiteral("u_Array2DTokenTable");
     static const QString countName = QStringLiteral("u_Array2DTokenCount");
     static const QString arraysName = QStringLiteral("u_Array2DTextures[0]");
-    glUniform1i(managedUniformLocation(program, tableName), tableUnit);
-    glUniform1ui(managedUniformLocation(program, countName), GLuint(tokens));
-    glUniform1iv(managedUniformLocation(program, arraysName), GLsizei(_maxArrays), units.constData());
+    // Absent uniforms (-1) are skipped: with no program current, even those calls are errors.
+    if (const int location = managedUniformLocation(program, tableName); location >= 0)
+        glUniform1i(location, tableUnit);
+    if (const int location = managedUniformLocation(program, countName); location >= 0)
+        glUniform1ui(location, GLuint(tokens));
+    if (const int location = managedUniformLocation(program, arraysName); location >= 0)
+        glUniform1iv(location, GLsizei(_maxArrays), units.constData());
     return true;
 }
 

@@ -57,8 +57,9 @@ public:
     // through the next setup(). 8 by default.
     int getMaxArrays() const { return _maxArrays; }
     void setMaxArrays(int count) { _maxArrays = count; }
-    // Arrays made so far.
+    // Arrays made so far, and one of them (GL_TEXTURE_2D_ARRAY; null out of range).
     int arrayCount() const { return int(_arrays.size()); }
+    Texture* arrayTexture(int index) const;
     // The (array, layer) a token reads; (-1, -1) for a token not placed.
     QPair<int, int> placement(const TextureToken& token) const;
 
