@@ -6,6 +6,7 @@
 #include "core/memory.h"
 #include "core/resourcespath.h"
 #include "core/vyxexport.h"
+#include "gl/array2dtexturemanager.h"
 #include "gl/astcfile.h"
 #include "gl/astcreader.h"
 #include "gl/bindable.h"

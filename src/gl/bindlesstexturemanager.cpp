@@ -177,7 +177,8 @@ bool BindlessTextureManager::bind(ShaderProgram* program)
         _dirty = false;
     }
     static const QString tableName = QStringLiteral("u_BindlessTextureHandles");
-    glUniform1i(managedUniformLocation(program, tableName), _tableTexture->unit());
+    if (const int location = managedUniformLocation(program, tableName); location >= 0)
+        glUniform1i(location, _tableTexture->unit());
     return true;
 }
 

@@ -10,6 +10,7 @@
 
 namespace Tavren::Vyx {
 
+using InstanceDataLayout::checkedMember;
 using InstanceDataLayout::checkedMemberOffset;
 
 InstanceDataRegistry& InstanceDataRegistry::Instance()
@@ -70,19 +71,28 @@ QString InstanceData::name() const
 
 namespace InstanceDataLayout {
 
-int checkedMemberOffset(const InstanceDataPlan* plan, const QString& name, size_t size, const char* caller)
+const InstanceDataPlan::MemberLayout* checkedMember(const InstanceDataPlan* plan, const QString& name, size_t size,
+                                                   const char* caller)
 {
     if (!plan) {
         VYX_CRITICAL("%s : There is no associated instanceData plan. It should not be called on such data", caller);
-        return -1;
+        return nullptr;
     }
-    if (!VYX_CHECK(plan->contains(name), "%s( '%s') : plan '%s' has no such member", caller, qPrintable(name),
-                   qPrintable(plan->name())))
-        return -1;
-    if (!VYX_CHECK(size > 0 && size <= plan->dataSize(name), "%s( '%s') : %d bytes do not fit a member of %d bytes",
-                   caller, qPrintable(name), int(size), int(plan->dataSize(name))))
-        return -1;
-    return plan->offset(name);
+    const InstanceDataPlan::MemberLayout* member = plan->memberLayout(name);
+    // Checked before any report is formatted: this runs for every value a host packs.
+    if (member && size > 0 && size <= member->size)
+        return member;
+    if (VYX_CHECK(member, "%s( '%s') : plan '%s' has no such member", caller, qPrintable(name),
+                  qPrintable(plan->name())))
+        VYX_CHECK(size > 0 && size <= member->size, "%s( '%s') : %d bytes do not fit a member of %d bytes", caller,
+                  qPrintable(name), int(size), int(member->size));
+    return nullptr;
+}
+
+int checkedMemberOffset(const InstanceDataPlan* plan, const QString& name, size_t size, const char* caller)
+{
+    const InstanceDataPlan::MemberLayout* member = checkedMember(plan, name, size, caller);
+    return member ? member->offset : -1;
 }
 
 } // namespace InstanceDataLayout
@@ -94,14 +104,13 @@ bool InstanceData::set(const QString& name, const void* data, size_t size)
                      "such InstanceData");
         return false;
     }
-    const int offset = checkedMemberOffset(_plan, name, size, "InstanceData::set");
-    if (offset < 0)
+    const InstanceDataPlan::MemberLayout* member = checkedMember(_plan, name, size, "InstanceData::set");
+    if (!member)
         return false;
     // Reported, but the bytes still go in: the caller may be restoring a token it read back.
-    VYX_CHECK_AS(InstanceDataPlan::eTexture != _plan->dataType(name),
-                 "InstanceDataPlan::eTexture != _plan->dataType(dataName)", "InstanceData::set( '%s') call on data type %d",
-                 qPrintable(name), int(_plan->dataType(name)));
-    std::memcpy(_data.data() + offset, data, size);
+    VYX_CHECK_AS(InstanceDataPlan::eTexture != member->type, "InstanceDataPlan::eTexture != _plan->dataType(dataName)",
+                 "InstanceData::set( '%s') call on data type %d", qPrintable(name), int(member->type));
+    std::memcpy(_data.data() + member->offset, data, size);
     return true;
 }
 
@@ -134,14 +143,14 @@ bool InstanceData::storeToken(int offset, const TextureToken& token)
 
 bool InstanceData::setToken(const QString& name, const TextureToken& token)
 {
-    const int offset = checkedMemberOffset(_plan, name, sizeof(token.token), "InstanceData::setTexture");
-    if (offset < 0)
+    const InstanceDataPlan::MemberLayout* member =
+        checkedMember(_plan, name, sizeof(token.token), "InstanceData::setTexture");
+    if (!member)
         return false;
     // Reported; the token still goes in, as raw bytes do through set().
-    VYX_CHECK_AS(InstanceDataPlan::eTexture == _plan->dataType(name),
-                 "InstanceDataPlan::eTexture == _plan->dataType(dataName)",
-                 "InstanceData::setTexture( '%s') call on data type %d", qPrintable(name), int(_plan->dataType(name)));
-    return storeToken(offset, token);
+    VYX_CHECK_AS(InstanceDataPlan::eTexture == member->type, "InstanceDataPlan::eTexture == _plan->dataType(dataName)",
+                 "InstanceData::setTexture( '%s') call on data type %d", qPrintable(name), int(member->type));
+    return storeToken(member->offset, token);
 }
 
 bool InstanceData::setTexture(const QString& name, Texture* texture, TextureManager* manager)

@@ -4,6 +4,7 @@
 #include "gl/bufferobject.h"
 #include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
+#include "gl/glutilities.h"
 #include "gl/internal/instancedatalayout.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
@@ -16,6 +17,7 @@
 
 namespace Tavren::Vyx {
 
+using InstanceDataLayout::checkedMember;
 using InstanceDataLayout::checkedMemberOffset;
 using InstanceDataLayout::kSlotBytes;
 
@@ -144,17 +146,18 @@ void InstanceDataCollection::collectTokens()
 
 bool InstanceDataCollection::set(int index, const QString& member, const void* data, size_t size)
 {
-    if (!VYX_CHECK(index >= 0 && index < this->size(), "InstanceDataCollection::set( %d, '%s') : %d records",
-                   index, qPrintable(member), this->size()))
+    const bool recordExists = index >= 0 && index < this->size();
+    if (!recordExists)
+        return VYX_CHECK(recordExists, "InstanceDataCollection::set( %d, '%s') : %d records", index,
+                         qPrintable(member), this->size());
+    const InstanceDataPlan::MemberLayout* layout = checkedMember(_plan, member, size, "InstanceDataCollection::set");
+    if (!layout)
         return false;
-    const int offset = checkedMemberOffset(_plan, member, size, "InstanceDataCollection::set");
-    if (offset < 0)
-        return false;
-    char* target = _data.data() + size_t(index) * _plan->totalDataSize() + size_t(offset);
+    char* target = _data.data() + size_t(index) * _plan->totalDataSize() + size_t(layout->offset);
     if (std::memcmp(target, data, size) == 0)
         return true;
     std::memcpy(target, data, size);
-    if (_plan->dataType(member) == InstanceDataPlan::eTexture && size == sizeof(quint64)) {
+    if (layout->type == InstanceDataPlan::eTexture && size == sizeof(quint64)) {
         TextureToken token;
         std::memcpy(&token.token, data, sizeof(token.token));
         if (!token.isNull())
@@ -231,7 +234,8 @@ bool InstanceDataCollection::makeBuffer()
     buffer->setTarget(textureBuffer ? GL_TEXTURE_BUFFER : GL_UNIFORM_BUFFER);
     _uploadedSize = -1;
     _immutable = false;
-    if (_storageFlags != 0) {
+    // Drivers without immutable storage know neither the call nor the query.
+    if (_storageFlags != 0 && getGLProcAddress("glBufferStorage", true)) {
         _allocatedBytes = gpuBytes();
         buffer->useStorageBuffer(int(_allocatedBytes), _storageFlags | GL_MAP_WRITE_BIT | GL_DYNAMIC_STORAGE_BIT);
         AutoBinder bound(buffer.data());

@@ -68,6 +68,12 @@ void InstanceDataPlan::addMember(DataType type, const QString& name)
     _memberTypes[name] = type;
 }
 
+const InstanceDataPlan::MemberLayout* InstanceDataPlan::memberLayout(const QString& name) const
+{
+    const auto it = _layout.constFind(name);
+    return it == _layout.constEnd() ? nullptr : &it.value();
+}
+
 void InstanceDataPlan::setArraySize(size_t size)
 {
     if (VYX_CHECK_AS(!_finalised, "false == _finalised",
@@ -112,6 +118,7 @@ void InstanceDataPlan::finalise()
 void InstanceDataPlan::layOut()
 {
     _memberOffsets.clear();
+    _layout.clear();
     _textureTokenOffsets.clear();
     int end = 0;
     Kind lastKind = Kind::Float;
@@ -124,6 +131,7 @@ void InstanceDataPlan::layOut()
         if (_useVec4Storage && sharesSlot && info.kind != lastKind)
             offset = alignUp(end, kSlotBytes);
         _memberOffsets[name] = offset;
+        _layout.insert(name, {offset, size_t(info.size), type});
         if (type == eTexture)
             _textureTokenOffsets.append(offset);
         end = offset + info.size;
@@ -135,7 +143,8 @@ void InstanceDataPlan::layOut()
 
 void InstanceDataPlan::applyGLLimit()
 {
-    const char* const plan = qPrintable(_name);
+    const QByteArray nameText = _name.toLocal8Bit();
+    const char* const plan = nameText.constData();
     if (!glGetIntegerv)
         VYX_WARNING("OpenGL has not been initialised. No way it obtain correct maximum InstanceData table size for '%s'",
                     plan);

@@ -2,6 +2,7 @@
 
 #include "core/vyxexport.h"
 
+#include <QHash>
 #include <QList>
 #include <QMap>
 #include <QString>
@@ -76,6 +77,16 @@ public:
     int offset(const QString& name) const { return _memberOffsets.value(name, -1); }
     QList<QString> memberNames() const { return _memberNames; }
 
+    struct MemberLayout
+    {
+        int offset;
+        size_t size;
+        DataType type;
+    };
+    // A member's offset, size and type in one lookup, for code that packs many records; null
+    // before finalisation or for a name the plan lacks.
+    const MemberLayout* memberLayout(const QString& name) const;
+
     const QList<int>& textureTokenOffsets() const { return _textureTokenOffsets; }
     // Bytes of one record, a multiple of 16 once finalised.
     size_t totalDataSize() const { return _totalDataSize; }
@@ -117,6 +128,7 @@ private:
     QString _glslc;
     QList<int> _textureTokenOffsets;
     size_t _totalDataSize = 0;
+    QHash<QString, MemberLayout> _layout;
 };
 
 } // namespace Tavren::Vyx

@@ -133,7 +133,9 @@ bool SamplerTextureManager::bind(ShaderProgram* program)
     static const QString slotsName = QStringLiteral("u_ManagedTextureSlots[0]");
     const int slotMapLocation = managedUniformLocation(program, slotMapName);
     const int slotsLocation = managedUniformLocation(program, slotsName);
-    glUniform1i(slotMapLocation, _slotMapTexture->unit());
+    // Absent uniforms (-1) are skipped: with no program current, even those calls are errors.
+    if (slotMapLocation >= 0)
+        glUniform1i(slotMapLocation, _slotMapTexture->unit());
 
     const int count = int(_slotUnits.size());
     if (count > _maxSlots)
@@ -151,7 +153,8 @@ bool SamplerTextureManager::bind(ShaderProgram* program)
     const int used = anyInUse ? std::min(count, _maxSlots) : 0;
     for (int slot = 0; slot < used; ++slot)
         units[slot] = _slotCounts[slot] > 0 ? _slotUnits[slot] : fallbackUnit;
-    glUniform1iv(slotsLocation, GLsizei(_maxSlots), units.constData());
+    if (slotsLocation >= 0)
+        glUniform1iv(slotsLocation, GLsizei(_maxSlots), units.constData());
     return true;
 }
 

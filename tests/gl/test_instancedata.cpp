@@ -1,10 +1,12 @@
 #include "gl/bufferobject.h"
 #include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
 #include "gl/glloader.h"
 #include "gl/instancedata.h"
 #include "gl/instancedatacollection.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
+#include "gl/texture.h"
 #include "gl/texturemanager.h"
 #include "gl/uniformbufferobject.h"
 #include "gl/vertexarrayobject.h"
@@ -66,7 +68,7 @@ quint32 floatWord(quint32 bits)
     return result;
 }
 
-// An RGBA32UI and an RGBA32F colour target side by side, bound while alive.
+// An RGBA32UI and an RGBA32F colour texture side by side, bound while alive.
 class RecordTarget
 {
 public:
@@ -74,48 +76,37 @@ public:
         : _width(width)
         , _height(height)
     {
-        glGenRenderbuffers(2, _renderbuffers);
-        glGenFramebuffers(1, &_framebuffer);
-        glBindFramebuffer(GL_FRAMEBUFFER, _framebuffer);
-        const GLenum formats[] = {GL_RGBA32UI, GL_RGBA32F};
-        for (int i = 0; i < 2; ++i) {
-            glBindRenderbuffer(GL_RENDERBUFFER, _renderbuffers[i]);
-            glRenderbufferStorage(GL_RENDERBUFFER, formats[i], width, height);
-            glFramebufferRenderbuffer(GL_FRAMEBUFFER, GLenum(GL_COLOR_ATTACHMENT0 + i), GL_RENDERBUFFER,
-                                      _renderbuffers[i]);
-        }
-        const GLenum drawBuffers[] = {GL_COLOR_ATTACHMENT0, GL_COLOR_ATTACHMENT1};
-        glDrawBuffers(2, drawBuffers);
+        _framebuffer.bind();
+        _textures[0].reset(_framebuffer.createTexture2D(GL_COLOR_ATTACHMENT0, GL_RGBA32UI, GL_RGBA_INTEGER,
+                                                        GL_UNSIGNED_INT, width, height));
+        _textures[1].reset(
+            _framebuffer.createTexture2D(GL_COLOR_ATTACHMENT1, GL_RGBA32F, GL_RGBA, GL_FLOAT, width, height));
+        _framebuffer.setDrawBuffers();
         clear();
     }
     ~RecordTarget()
     {
-        glBindFramebuffer(GL_FRAMEBUFFER, 0);
-        glDeleteFramebuffers(1, &_framebuffer);
-        glDeleteRenderbuffers(2, _renderbuffers);
+        _framebuffer.detachAll();
+        _framebuffer.unbind();
     }
     void clear() const
     {
         glViewport(0, 0, _width, _height);
         const GLuint zeros[4] = {};
-        const GLfloat floatZeros[4] = {};
         glClearBufferuiv(GL_COLOR, 0, zeros);
-        glClearBufferfv(GL_COLOR, 1, floatZeros);
+        glClearBufferfv(GL_COLOR, 1, reinterpret_cast<const GLfloat*>(zeros));
     }
-    // Every word of one attachment, bottom row first; floats as their bits.
-    std::vector<quint32> words(int attachment) const
+    // Every word of one texture, bottom row first; floats as their bits.
+    std::vector<quint32> words(int index) const
     {
-        std::vector<quint32> out(size_t(_width) * _height * 4);
-        glReadBuffer(GLenum(GL_COLOR_ATTACHMENT0 + attachment));
-        glReadPixels(0, 0, _width, _height, attachment == 0 ? GL_RGBA_INTEGER : GL_RGBA,
-                     attachment == 0 ? GL_UNSIGNED_INT : GL_FLOAT, out.data());
-        return out;
+        return VyxTest::texImage<quint32>(_textures[index].get(), index == 0 ? GL_RGBA_INTEGER : GL_RGBA,
+                                          index == 0 ? GL_UNSIGNED_INT : GL_FLOAT, size_t(_width) * _height * 4);
     }
 
 private:
     int _width, _height;
-    GLuint _framebuffer = 0;
-    GLuint _renderbuffers[2] = {};
+    FramebufferObject _framebuffer;
+    std::unique_ptr<Texture> _textures[2];
 };
 
 // Remembers the tokens it was asked to bind and unbind.
@@ -280,3 +271,145 @@ TEST_F(InstanceDataTest, TextureBufferReadsEveryMemberOfEveryRecordBack)
     readsEveryMemberBack(InstanceDataPlan::eTextureBuffer, false);
     readsEveryMemberBack(InstanceDataPlan::eTextureBuffer, true);
 }
+
+TEST_F(InstanceDataTest, TablesPastTheUniformBlockLimitTravelAsTextureBuffers)
+{
+    constexpr int kSide = 100;
+    constexpr size_t kTable = kSide * kSide;
+    InstanceDataPlan uniformPlan("BigUniform"), texturePlan("BigTexture");
+    texturePlan.setMechanism(InstanceDataPlan::eTextureBuffer);
+    for (InstanceDataPlan* plan : {&uniformPlan, &texturePlan}) {
+        plan->addMember(InstanceDataPlan::eUInt, "code");
+        plan->addMember(InstanceDataPlan::eFloat, "weight");
+        plan->setArraySize(kTable);
+        InstanceDataRegistry::Instance().registerPlan(plan);
+    }
+    const size_t blockRecords = size_t(VyxTest::glInteger(GL_MAX_UNIFORM_BLOCK_SIZE)) / 16;
+    ASSERT_LT(blockRecords, kTable);
+    EXPECT_EQ(uniformPlan.arraySize(), blockRecords);
+    EXPECT_EQ(uniformPlan.arraySizeMax(), blockRecords);
+    EXPECT_EQ(texturePlan.arraySize(), kTable);
+    EXPECT_EQ(texturePlan.arraySizeMax(), size_t(VyxTest::glInteger(GL_MAX_TEXTURE_BUFFER_SIZE)));
+    {
+        MessageCapture capture;
+        InstanceDataCollection tooBig(&uniformPlan, kTable);
+        EXPECT_EQ(capture.bodies(QtCriticalMsg),
+                  QStringList{VyxTest::assertionText("numItems <= _plan->arraySize()",
+                                                     "List is too big for plan 'BigUniform'")});
+    }
+
+    std::vector<quint32> records(kTable * 4, 0u), expected[2];
+    for (size_t i = 0; i < kTable; ++i) {
+        records[i * 4] = word(int(i), 0, 0);
+        records[i * 4 + 1] = floatWord(word(int(i), 1, 0));
+        for (int attachment = 0; attachment < 2; ++attachment)
+            expected[attachment].insert(expected[attachment].end(), 4, records[i * 4 + size_t(attachment)]);
+    }
+    InstanceDataCollection collection(&texturePlan, reinterpret_cast<const char*>(records.data()),
+                                      records.size() * 4);
+    auto shader = program(texturePlan, QStringLiteral("    uint index = row * %1u + uint(column);\n"
+                                                      "    o_Int = uvec4(getCode(index));\n"
+                                                      "    o_Float = vec4(getWeight(index));\n")
+                                           .arg(kSide));
+    RecordTarget target(kSide, kSide);
+    ASSERT_TRUE(collection.bind());
+    draw(shader.get(), kSide, kSide, false);
+    EXPECT_EQ(target.words(0), expected[0]);
+    EXPECT_EQ(target.words(1), expected[1]);
+    EXPECT_TRUE(collection.unbind());
+}
+
+TEST_F(InstanceDataTest, UploadsRewriteOnlyChangedRecordsAndReallocateOnlyForANewSize)
+{
+    InstanceDataPlan plan("Uploads");
+    plan.setMechanism(InstanceDataPlan::eTextureBuffer);
+    plan.addMember(InstanceDataPlan::eVec4, "colour");
+    plan.addMember(InstanceDataPlan::eUInt, "id");
+    plan.setArraySize(1000);
+    InstanceDataRegistry::Instance().registerPlan(&plan);
+    constexpr quint64 kRecordBytes = 32;
+    InstanceDataCollection collection(&plan, 1000);
+    // What the GPU buffer holds, and whether it is immutable storage.
+    auto gpuCopy = [](InstanceDataCollection& c) {
+        QByteArray bytes(c.dataArray().size(), '\0');
+        GLint immutable = GL_FALSE;
+        glBindBuffer(GL_TEXTURE_BUFFER, c.getUniformBufferObject()->bufferObject()->getBO());
+        glGetBufferSubData(GL_TEXTURE_BUFFER, 0, bytes.size(), bytes.data());
+        if (!isReducedProfileRun())
+            glGetBufferParameteriv(GL_TEXTURE_BUFFER, GL_BUFFER_IMMUTABLE_STORAGE, &immutable);
+        glBindBuffer(GL_TEXTURE_BUFFER, 0);
+        EXPECT_EQ(bytes, c.dataArray());
+        return immutable;
+    };
+    // Binds and unbinds; returns the bytes uploaded.
+    auto upload = [](InstanceDataCollection& c) {
+        const quint64 before = c.uploadedBytes();
+        EXPECT_TRUE(c.bind());
+        EXPECT_TRUE(c.unbind());
+        return c.uploadedBytes() - before;
+    };
+    {
+        CallRecorder<&_ptrc_glBufferData> allocations;
+        EXPECT_EQ(upload(collection), 1000 * kRecordBytes);
+        EXPECT_EQ(allocations.count(), 1u);
+    }
+
+    // 1% changed, two of them neighbours: two ranges in one mapping of the span.
+    const quint32 id = 42;
+    for (int record : {3, 4, 97, 250, 251, 252, 600, 777, 901, 999})
+        ASSERT_TRUE(collection.set(record, "id", id));
+    EXPECT_TRUE(collection.set(3, "id", id));
+    {
+        CallRecorder<&_ptrc_glBufferData> allocations;
+        CallRecorder<&_ptrc_glMapBufferRange> mappings;
+        CallRecorder<&_ptrc_glFlushMappedBufferRange> flushes;
+        EXPECT_EQ(upload(collection), 10 * kRecordBytes);
+        EXPECT_EQ(allocations.count(), 0u);
+        EXPECT_EQ(mappings.calls(), (std::vector<std::tuple<GLenum, GLintptr, GLsizeiptr, GLbitfield>>{
+                                        {GL_TEXTURE_BUFFER, GLintptr(3 * kRecordBytes), GLsizeiptr(997 * kRecordBytes),
+                                         GLbitfield(GL_MAP_WRITE_BIT | GL_MAP_FLUSH_EXPLICIT_BIT)}}));
+        EXPECT_EQ(flushes.count(), 7u);
+    }
+    gpuCopy(collection);
+
+    // Writing what is already there changes nothing; what the host vouches for is not uploaded.
+    EXPECT_TRUE(collection.set(4, "id", id));
+    EXPECT_FALSE(collection.isDirty());
+    EXPECT_TRUE(collection.set(5, "id", id));
+    collection.clearDirtyStatus();
+    EXPECT_EQ(upload(collection), 0u);
+
+    // Every record changed: one whole rewrite, still without reallocating.
+    std::vector<char> bytes(size_t(1000 * kRecordBytes), '\x7f');
+    ASSERT_TRUE(collection.update(bytes.data(), bytes.size()));
+    {
+        CallRecorder<&_ptrc_glBufferData> allocations;
+        CallRecorder<&_ptrc_glMapBuffer> mappings;
+        EXPECT_EQ(upload(collection), 1000 * kRecordBytes);
+        EXPECT_EQ(allocations.count(), 0u);
+        EXPECT_EQ(mappings.count(), 1u);
+    }
+    gpuCopy(collection);
+
+    // A new size reallocates; the views follow the buffer.
+    ASSERT_TRUE(collection.update(bytes.data(), bytes.size() / 2));
+    CallRecorder<&_ptrc_glBufferData> allocations;
+    EXPECT_EQ(upload(collection), 500 * kRecordBytes);
+    EXPECT_EQ(allocations.count(), 1u);
+    gpuCopy(collection);
+    EXPECT_EQ(collection.memoryEstimateGPU(), size_t(500 * kRecordBytes));
+
+    // Immutable storage (where the driver has it) is rewritten in place, and remade for a new size.
+    const GLint immutable = isReducedProfileRun() ? GL_FALSE : GL_TRUE;
+    InstanceDataCollection stored(&plan, bytes.data(), bytes.size());
+    stored.useStorageBuffer(GL_MAP_READ_BIT);
+    EXPECT_EQ(upload(stored), 1000 * kRecordBytes);
+    EXPECT_EQ(gpuCopy(stored), immutable);
+    QSharedPointer<UniformBufferObject> first = stored.getUniformBufferObject();
+    ASSERT_TRUE(stored.update(bytes.data(), bytes.size() / 2));
+    EXPECT_EQ(upload(stored), 500 * kRecordBytes);
+    EXPECT_EQ(gpuCopy(stored), immutable);
+    EXPECT_EQ(stored.getUniformBufferObject() == first, immutable == GL_FALSE);
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+

@@ -1,8 +1,12 @@
+#include "gl/array2dtexturemanager.h"
+#include "gl/bindlesstexturemanager.h"
 #include "gl/framebufferobject.h"
 #include "gl/glloader.h"
 #include "gl/samplertexturemanager.h"
 #include "gl/texture.h"
 #include "gl/texturepool.h"
+#include "support/callrecorder.h"
+#include "support/glhelpers.h"
 #include "support/gltest.h"
 #include "support/messagecapture.h"
 
@@ -10,6 +14,10 @@
 #include <QFile>
 #include <QImage>
 #include <QTemporaryDir>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
 
 using namespace Tavren::Vyx;
 using VyxTest::MessageCapture;
@@ -237,4 +245,123 @@ TEST_F(TextureManagerTest, TheDefaultInstanceIsTheSamplerManagerWithoutBindlessT
     EXPECT_EQ(TextureManager::Instance(), &manager);
     TextureManager::setInstance(nullptr);
     delete instance;
+}
+
+namespace {
+
+// Stands in for the driver's bindless calls: handles are 0x1000'0000'0000 + the GL name.
+struct FakeBindless
+{
+    static inline std::vector<std::pair<const char*, uint64_t>> calls;
+    static uint64_t getHandle(unsigned int name)
+    {
+        calls.emplace_back("handle", name);
+        return 0x100000000000ull + name;
+    }
+    static void resident(uint64_t handle) { calls.emplace_back("resident", handle); }
+    static void nonResident(uint64_t handle) { calls.emplace_back("nonresident", handle); }
+};
+
+} // namespace
+
+TEST_F(TextureManagerTest, BindlessHandlesAreMadeOnceKeptResidentAndUploadedAsATable)
+{
+    EXPECT_FALSE(BindlessTextureManager::isSupported()) << "llvmpipe has no bindless textures";
+    BindlessTextureManager::EntryPoints& calls = BindlessTextureManager::entryPoints();
+    const BindlessTextureManager::EntryPoints saved = calls;
+    calls = {&FakeBindless::getHandle, &FakeBindless::resident, &FakeBindless::nonResident};
+    FakeBindless::calls.clear();
+    {
+        BindlessTextureManager bindless;
+        const TextureToken red = bindless.tokenForColor(Qt::red), blue = bindless.tokenForColor(Qt::blue);
+        const QSet<TextureToken> tokens{red, blue};
+        ASSERT_TRUE(bindless.bind(tokens));
+        const uint64_t redHandle = 0x100000000000ull + bindless.textureForToken(red)->textureID();
+        EXPECT_EQ(bindless.handle(red), redHandle);
+        EXPECT_EQ(bindless.handle(TextureToken(0)), 0u) << "white was never bound";
+        ASSERT_EQ(FakeBindless::calls.size(), 4u);
+        EXPECT_EQ(std::count_if(FakeBindless::calls.begin(), FakeBindless::calls.end(),
+                                [&](const auto& call) { return call == std::make_pair("resident", redHandle); }),
+                  1);
+
+        // The table goes up as two words a token, once, and is read through a texture buffer.
+        VyxTest::CallRecorder<&_ptrc_glBufferData> bufferData;
+        VyxTest::CallRecorder<&_ptrc_glTexBuffer> texBuffer;
+        ASSERT_TRUE(bindless.bind(tokens));
+        ASSERT_TRUE(bindless.bind(static_cast<ShaderProgram*>(nullptr)));
+        bindless.unbind(static_cast<ShaderProgram*>(nullptr));
+        bindless.unbind(tokens);
+        ASSERT_TRUE(bindless.bind(static_cast<ShaderProgram*>(nullptr)));
+        bindless.unbind(static_cast<ShaderProgram*>(nullptr));
+        EXPECT_EQ(FakeBindless::calls.size(), 4u) << "a second frame makes no handle and no residency call";
+        ASSERT_EQ(bufferData.count(), 1u);
+        EXPECT_EQ(std::get<1>(bufferData.calls()[0]), GLsizeiptr(3 * 2 * sizeof(quint32)));
+        ASSERT_EQ(texBuffer.count(), 1u);
+        EXPECT_EQ(std::get<1>(texBuffer.calls()[0]), GLenum(GL_RG32UI));
+
+        // Revoking the token takes the residency away and clears its entry.
+        bindless.deleteTexture(red);
+        EXPECT_EQ(FakeBindless::calls.back(), std::make_pair("nonresident", redHandle));
+        EXPECT_EQ(bindless.handle(red), 0u);
+        FakeBindless::calls.clear();
+    }
+    EXPECT_TRUE(FakeBindless::calls.empty()) << "only resident handles are released";
+    calls = saved;
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+TEST_F(TextureManagerTest, ArrayLayersAreSharedByClassFreedWithTheirTokenAndRecopiedWhenDirty)
+{
+    Array2DTextureManager arrays;
+    arrays.setMaxArrays(2);
+    std::vector<Texture*> textures;
+    QSet<TextureToken> tokens;
+    for (int size : {4, 4, 4, 8, 2}) {
+        textures.push_back((new Texture())->create2D(GL_TEXTURE_2D, GL_RGBA8, size, size));
+        tokens.insert(arrays.tokenForTexture(textures.back()));
+    }
+    auto cube = std::make_unique<Texture>();
+    cube->setTarget(GL_TEXTURE_CUBE_MAP);
+    const TextureToken cubeToken = arrays.tokenForTexture(cube.get());
+    tokens.insert(cubeToken);
+
+    MessageCapture capture;
+    ASSERT_TRUE(arrays.bind(tokens));
+    ASSERT_TRUE(arrays.bind(tokens));
+    EXPECT_EQ(arrays.arrayCount(), 3) << "three sizes, three classes";
+    const auto first = arrays.placement(arrays.tokenForTexture(textures[0]));
+    EXPECT_EQ(arrays.placement(arrays.tokenForTexture(textures[1])).first, first.first);
+    EXPECT_EQ(arrays.placement(cubeToken), qMakePair(-1, -1));
+    EXPECT_EQ(capture.bodies(QtWarningMsg).filter("cannot be placed in a 2D array texture").size(), 1)
+        << "reported once, not every frame";
+    ASSERT_TRUE(arrays.bind(static_cast<ShaderProgram*>(nullptr)));
+    arrays.unbind(static_cast<ShaderProgram*>(nullptr));
+    EXPECT_TRUE(capture.bodies(QtWarningMsg).contains(
+        "Requesting 3 texture arrays but only 2 available. Rendering will be incorrect!"));
+
+    // A deleted token's layer goes to the next texture of its class.
+    arrays.deleteTexture(textures[0]);
+    Texture* next = (new Texture())->create2D(GL_TEXTURE_2D, GL_RGBA8, 4, 4);
+    const TextureToken nextToken = arrays.tokenForTexture(next);
+    ASSERT_TRUE(arrays.bind(QSet<TextureToken>{nextToken}));
+    EXPECT_EQ(arrays.placement(nextToken), first);
+
+    // A dirty texture is copied again at its next bind: new contents reach its layer.
+    const GLubyte red[4 * 4 * 4] = {255, 0, 0, 255};
+    next->bind();
+    glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, 1, 1, GL_RGBA, GL_UNSIGNED_BYTE, red);
+    next->unbind();
+    arrays.dirty(next);
+    EXPECT_EQ(arrays.placement(nextToken), qMakePair(-1, -1));
+    ASSERT_TRUE(arrays.bind(QSet<TextureToken>{nextToken}));
+    ASSERT_EQ(arrays.placement(nextToken), first);
+    Texture* array = arrays.arrayTexture(first.first);
+    std::vector<GLubyte> layers(size_t(4 * 4 * 4 * VyxTest::levelParameter(array, GL_TEXTURE_DEPTH)));
+    array->bind();
+    glGetTexImage(GL_TEXTURE_2D_ARRAY, 0, GL_RGBA, GL_UNSIGNED_BYTE, layers.data());
+    array->unbind();
+    const size_t texel = size_t(first.second) * 4 * 4 * 4;
+    EXPECT_EQ(std::vector<GLubyte>(layers.begin() + long(texel), layers.begin() + long(texel) + 4),
+              (std::vector<GLubyte>{255, 0, 0, 255}));
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }

@@ -49,5 +49,8 @@ unsigned int activeUniformType(unsigned int program, const QString& name);
 // The member's offset when the plan has it and `size` bytes fit in it; else -1 after a report
 // naming `caller`.
 int checkedMemberOffset(const InstanceDataPlan* plan, const QString& name, size_t size, const char* caller);
+// The same with the member's size and type; null after the report.
+const InstanceDataPlan::MemberLayout* checkedMember(const InstanceDataPlan* plan, const QString& name, size_t size,
+                                                   const char* caller);
 
 } // namespace Tavren::Vyx::InstanceDataLayout
