@@ -290,8 +290,9 @@ private:
     bool _reflectedTransparency = false;
     bool _cullingApplied = false;
 
-    // Scratch list of the commands one drawable draws.
+    // Scratch lists: the commands one drawable draws; a dirty chain of transforms.
     QVector<int> _selected;
+    QVector<int> _chain;
     // Indirect buffers for partial command lists, shared by copies.
     QSharedPointer<GPUModelDetail::IndirectCache> _indirect;
 };

@@ -134,10 +134,12 @@ int GPUModel::visibilityCull()
                     cull = false; // waits for a fresh matrix
                 } else {
                     // A zero row, or a zero basis vector: an object scaled to nothing draws nothing.
-                    const QMatrix4x4& w = _worlds[t];
+                    const float* w = _worlds[t].constData(); // column-major
+                    const auto squared = [](float a, float b, float c, float d) { return a * a + b * b + c * c + d * d; };
                     cull = false;
                     for (int i = 0; i < 3 && !cull; ++i)
-                        cull = w.row(i).lengthSquared() < 1e-6f || w.column(i).toVector3D().lengthSquared() < 1e-6f;
+                        cull = squared(w[i], w[4 + i], w[8 + i], w[12 + i]) < 1e-6f ||
+                               squared(w[4 * i], w[4 * i + 1], w[4 * i + 2], 0.0f) < 1e-6f;
                 }
             }
             if (cull) {
@@ -161,11 +163,8 @@ int GPUModel::frustumCull(const QMatrix4x4& viewProjection)
             if (d.culled[c] || !isValidBoundingBox(box))
                 continue;
             const int t = d.transformRefs[c];
-            // The planes taken in the object's own space test its box without widening it.
-            const bool inside = isValidTransform(t)
-                                    ? Frustum(viewProjection * _worlds[t]).intersects(_boxes[size_t(box)])
-                                    : worldFrustum.intersects(_boxes[size_t(box)]);
-            if (!inside) {
+            const BoundingBox& local = _boxes[size_t(box)];
+            if (!worldFrustum.intersects(isValidTransform(t) ? local.transformed(_worlds[t]) : local)) {
                 d.culled[c] = true;
                 ++d.culledCount;
                 ++newlyCulled;
@@ -305,7 +304,7 @@ void GPUModel::selectCommands(const Drawable& d, const WindingType& winding, boo
         if (mirrorPass) {
             if (isValidTransform(t) && _mirrored[t] == (winding == eWindingCW))
                 _selected.append(c);
-        } else if (!isValidTransform(t) || (isVisible(t) && !isParentHidden(t))) {
+        } else if (!isValidTransform(t) || (_visibility[t] != 2 && _visibility[t] != 3 && !isParentHidden(t))) {
             _selected.append(c);
         }
     }
