@@ -3,6 +3,7 @@
 // a hand-written loop that sets a model-matrix uniform and a material uniform block per object
 // and calls glDrawElements. The target is 1x1, so rasterising costs next to nothing. Prints the
 // ratios and the cost per changed transform at the end.
+#include "benchtarget.h"
 #include "gl/bufferobject.h"
 #include "gl/drawbuffers.h"
 #include "gl/drawbuffers_p.h"
@@ -37,15 +38,7 @@ constexpr int kPerMaterial = 100;
 constexpr int kObjects = kMaterials * kPerMaterial;
 constexpr int kEditedPerFrame = kObjects / 100;
 
-const float kTriangle[] = {-1, -1, 1, -1, -1, 1};
-const GLuint kIndices[] = {0, 1, 2};
-
-QString resource(const QString& name)
-{
-    QFile file(":/GLSL/src/" + name);
-    file.open(QIODevice::ReadOnly);
-    return QString::fromLatin1(file.readAll());
-}
+using VyxBench::resource;
 
 QMatrix4x4 objectMatrix(int object, float shift)
 {
@@ -55,12 +48,8 @@ QMatrix4x4 objectMatrix(int object, float shift)
     return m;
 }
 
-struct Scene
+struct Scene : VyxBench::TriangleTarget
 {
-    HeadlessGLContext context;
-    GLuint framebuffer = 0, renderbuffer = 0;
-    QSharedPointer<BufferObject> vertices, indices;
-    QSharedPointer<VertexArrayObject> vao;
     InstanceDataPlan objectPlan{"BenchObject"};
     InstanceDataPlan materialPlan{"BenchMaterial"};
     GPUModel model;
@@ -72,32 +61,6 @@ struct Scene
 
     Scene()
     {
-        setenv("EGL_PLATFORM", "surfaceless", 0);
-        if (!context.create() || !context.makeCurrent() || !initializeGLFunctions())
-            std::abort();
-        OpenGLDeviceContext::resetContext();
-        auto device = OpenGLDeviceContext::current();
-        glGenRenderbuffers(1, &renderbuffer);
-        glBindRenderbuffer(GL_RENDERBUFFER, renderbuffer);
-        glRenderbufferStorage(GL_RENDERBUFFER, GL_RGBA8, 1, 1);
-        glGenFramebuffers(1, &framebuffer);
-        glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
-        glFramebufferRenderbuffer(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_RENDERBUFFER, renderbuffer);
-        glViewport(0, 0, 1, 1);
-
-        vertices = device->newBuffer();
-        vertices->setTarget(GL_ARRAY_BUFFER);
-        vertices->bind();
-        vertices->upload(kTriangle, 6, GL_STATIC_DRAW);
-        vertices->unbind();
-        indices = device->newBuffer();
-        indices->setTarget(GL_ELEMENT_ARRAY_BUFFER);
-        indices->bind();
-        indices->uploadGLuintData(kIndices, 3, GL_STATIC_DRAW);
-        indices->unbind();
-        vao = device->newVAO();
-        vao->registerBO("va_Vertex", vertices, 2, GL_FLOAT);
-
         objectPlan.addMember(InstanceDataPlan::eMat4, "ModelMatrix");
         objectPlan.setArraySize(kPerMaterial);
         InstanceDataRegistry::Instance().registerPlan(&objectPlan);
@@ -369,18 +332,9 @@ BENCHMARK(ModelBaseInstance)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
 BENCHMARK(ModelMultiDrawIndirect)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
 BENCHMARK(TransformUpdate)->Arg(100)->Arg(1000)->Unit(benchmark::kMicrosecond);
 
-class RatioReporter : public benchmark::ConsoleReporter
+class RatioReporter : public VyxBench::CpuTimeReporter
 {
 public:
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (!run.error_occurred && run.iterations > 0)
-                cpuTimes[QString::fromStdString(run.benchmark_name())] = run.GetAdjustedCPUTime();
-        }
-    }
-
     void printSummary() const
     {
         std::printf("\nCPU time per frame relative to the hand-written loop (lower is faster):\n");
@@ -399,9 +353,6 @@ public:
                 std::printf("  per changed transform (%s): %.3f us\n", n, cpuTimes[name] / QString(n).toDouble());
         }
     }
-
-private:
-    QMap<QString, double> cpuTimes;
 };
 
 } // namespace
