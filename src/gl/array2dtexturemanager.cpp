@@ -149,8 +149,8 @@ struct Array2DTextureManager::LayerArray
         if (const auto copyImage = copyImageSubData()) {
             for (int level = 0; level < key.levels; ++level)
                 copyImage(source->textureID(), sourceTarget, level, 0, 0, 0, destination->textureID(),
-                                   GL_TEXTURE_2D_ARRAY, level, 0, 0, first, levelSize(key.width, level),
-                                   levelSize(key.height, level), layers);
+                          GL_TEXTURE_2D_ARRAY, level, 0, 0, first, levelSize(key.width, level),
+                          levelSize(key.height, level), layers);
             return !hasGLError(__FILE__, __LINE__);
         }
         // Through the CPU: read every level of the source, then write it into the layers.
