@@ -33,8 +33,6 @@ public:
 
     BindlessTextureManager();
     ~BindlessTextureManager() override;
-    BindlessTextureManager(const BindlessTextureManager&) = delete;
-    BindlessTextureManager& operator=(const BindlessTextureManager&) = delete;
 
     // The context lists GL_ARB_bindless_texture or GL_NV_bindless_texture and supplies its calls.
     static bool isSupported();

@@ -22,26 +22,6 @@ SamplerTextureManager::SamplerTextureManager()
     TextureManager::tokenForColor(QColor(Qt::white));
 }
 
-// The GL objects are not shared: the copy makes its own on its first bind.
-SamplerTextureManager::SamplerTextureManager(const SamplerTextureManager& other)
-    : TextureManager(other), _maxSlots(other._maxSlots), _tokenSlotMap(other._tokenSlotMap),
-      _slotUnits(other._slotUnits), _slotCounts(other._slotCounts)
-{
-}
-
-SamplerTextureManager& SamplerTextureManager::operator=(const SamplerTextureManager& other)
-{
-    if (this == &other)
-        return *this;
-    TextureManager::operator=(other);
-    _dirty = true;
-    _maxSlots = other._maxSlots;
-    _tokenSlotMap = other._tokenSlotMap;
-    _slotUnits = other._slotUnits;
-    _slotCounts = other._slotCounts;
-    return *this;
-}
-
 SamplerTextureManager::~SamplerTextureManager()
 {
     delete _slotMapTexture;

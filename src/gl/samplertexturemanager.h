@@ -13,8 +13,6 @@ class VYXGL_EXPORT SamplerTextureManager : public TextureManager
 {
 public:
     SamplerTextureManager();
-    SamplerTextureManager(const SamplerTextureManager& other);
-    SamplerTextureManager& operator=(const SamplerTextureManager& other);
     ~SamplerTextureManager() override;
 
     using TextureManager::bind;

@@ -29,6 +29,7 @@ class TexturePool;
 class VYXGL_EXPORT TextureManager
 {
 public:
+    // Deletes the textures it made from images and colours (a GL context should be current).
     virtual ~TextureManager();
 
     // Null for an unknown token. An image that fails to load gives the white texture and is
@@ -85,8 +86,9 @@ public:
 
 protected:
     TextureManager();
-    TextureManager(const TextureManager& other);
-    TextureManager& operator=(const TextureManager& other);
+    // Not copyable: a copy would share, and delete twice, the textures it made.
+    TextureManager(const TextureManager&) = delete;
+    TextureManager& operator=(const TextureManager&) = delete;
 
     // Called after every new token.
     virtual void textureTokenIssued(const TextureToken& token);
