@@ -454,6 +454,29 @@ TEST_F(GPUModelTest, PropertiesReachEveryInstanceUnderTheirName)
     EXPECT_EQ(capture.texts(QtCriticalMsg).size(), 1);
 }
 
+TEST_F(GPUModelTest, SimpleFeatureDrawsWholeDrawablesWithTheirOwnBindings)
+{
+    ASSERT_TRUE(usePath(eUniformFallback));
+    GPUModel simple;
+    simple.setDeleteOnClear(false);
+    DrawBuffers whole;
+    whole.setVAO(vao);
+    whole.setPrimitiveType(GL_TRIANGLES);
+    whole.setIndexedDraw(indexBuffer, 6, GL_UNSIGNED_INT);
+    InstanceDataCollection matrix(&objectPlan, size_t(1));
+    const QMatrix4x4 identity;
+    matrix.set(0, "ModelMatrix", identity.constData(), 64);
+    simple.addSimple(&whole, 3, materials[1], &matrix, 2);
+    simple.addSimple(&whole, 3, materials[3], &matrix, 1);
+    simple.setFeatureFlags(simple.getFeatureFlags() | GPUModel::kSimpleDrawFeature);
+    program->bind();
+    // The mask picks the second drawable only; it covers the middle of the target.
+    ASSERT_TRUE(simple.draw(program.get(), &manager, 1, 3));
+    program->unbind();
+    EXPECT_EQ(target->pixel(kSize / 2, kSize / 2), materialColour(3));
+    EXPECT_EQ(target->pixel(2, 2), QColor(0, 0, 0, 0));
+}
+
 TEST_F(GPUModelTest, EmptyModelDrawsNothingAndSucceeds)
 {
     ASSERT_TRUE(usePath(eUniformFallback));
