@@ -18,7 +18,6 @@
 #include "gl/vertexarrayobject.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace Tavren::Vyx {
 
@@ -310,13 +309,12 @@ void GPUModel::selectCommands(const Drawable& d, const WindingType& winding, boo
     }
 }
 
-bool GPUModel::commandCentre(const Drawable& d, int command, QVector3D& centre)
+QVector3D GPUModel::commandCentre(const Drawable& d, int command) const
 {
     const int t = d.transformRefs[command];
     const int box = d.boundingBoxRefs[command];
     const QVector3D local = isValidBoundingBox(box) ? _boxes[size_t(box)].center() : QVector3D();
-    centre = isValidTransform(t) ? _worlds[t].map(local) : local;
-    return true;
+    return isValidTransform(t) ? _worlds[t].map(local) : local;
 }
 
 bool GPUModel::drawMesh(Drawable& d, ShaderProgram* program, TextureManager* textureManager,
@@ -330,11 +328,8 @@ bool GPUModel::drawMesh(Drawable& d, ShaderProgram* program, TextureManager* tex
         const QVector3D camera = view->inverted().column(3).toVector3D();
         QVector<QPair<float, int>> byDistance;
         byDistance.reserve(_selected.size());
-        for (int c : qAsConst(_selected)) {
-            QVector3D centre;
-            commandCentre(d, c, centre);
-            byDistance.append({(centre - camera).lengthSquared(), c});
-        }
+        for (int c : qAsConst(_selected))
+            byDistance.append({(commandCentre(d, c) - camera).lengthSquared(), c});
         // Farthest first, so nearer transparent pieces blend over farther ones.
         std::stable_sort(byDistance.begin(), byDistance.end(),
                          [](const QPair<float, int>& a, const QPair<float, int>& b) { return a.first > b.first; });
