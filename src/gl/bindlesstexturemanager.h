@@ -61,6 +61,7 @@ protected:
 
 private:
     void releaseHandle(qsizetype index);
+    void releaseResidency();
 
     // Two words (low, high) per token, as the shader reads them.
     QVector<quint32> _handleTable;

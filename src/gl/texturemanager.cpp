@@ -187,9 +187,10 @@ void TextureManager::deleteTexture(Texture* texture)
 {
     if (!texture)
         return;
+    // A copy: the map entry the token lives in is removed on the way.
     const auto found = _textureTokenMap.constFind(texture);
     if (found != _textureTokenMap.cend())
-        deleteTexture(*found);
+        deleteTexture(TextureToken(*found));
 }
 
 void TextureManager::deleteTexture(const TextureToken& token)

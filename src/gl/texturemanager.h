@@ -37,7 +37,8 @@ public:
     virtual Texture* textureForToken(const TextureToken& token);
     virtual Texture* textureForImage(const QString& path, const TextureFileInfo& info);
     virtual Texture* textureForColor(const QColor& color);
-    // The texture is not owned unless the manager made it; null gives the null token.
+    // One token per texture; null gives the null token. A managed texture given here is deleted
+    // with its token (deleteTexture, clear).
     virtual TextureToken tokenForTexture(Texture* texture);
     // A missing file gives the token of opaque white. The first info given for a path wins.
     virtual TextureToken tokenForImage(const QString& path, const TextureFileInfo& info);
