@@ -48,6 +48,7 @@ BindlessTextureManager::BindlessTextureManager()
 
 BindlessTextureManager::~BindlessTextureManager()
 {
+    releaseResidency();
     delete _tableTexture;
     if (_tableBuffer)
         glDeleteBuffers(1, &_tableBuffer);
@@ -177,7 +178,8 @@ bool BindlessTextureManager::bind(ShaderProgram* program)
         _dirty = false;
     }
     static const QString tableName = QStringLiteral("u_BindlessTextureHandles");
-    glUniform1i(managedUniformLocation(program, tableName), _tableTexture->unit());
+    if (const int location = managedUniformLocation(program, tableName); location >= 0)
+        glUniform1i(location, _tableTexture->unit());
     return true;
 }
 
@@ -186,14 +188,18 @@ bool BindlessTextureManager::unbind(ShaderProgram*)
     return _tableTexture && _tableTexture->unbind();
 }
 
+void BindlessTextureManager::releaseResidency()
+{
+    const EntryPoints& calls = entryPoints();
+    for (uint64_t handle : qAsConst(_residentHandles))
+        if (calls.makeTextureHandleNonResident)
+            calls.makeTextureHandleNonResident(handle);
+    _residentHandles.clear();
+}
+
 void BindlessTextureManager::clear()
 {
-    if (!_residentHandles.isEmpty()) {
-        EntryPoints& calls = entryPoints();
-        for (uint64_t handle : qAsConst(_residentHandles))
-            calls.makeTextureHandleNonResident(handle);
-    }
-    _residentHandles.clear();
+    releaseResidency();
     _handleTable.clear();
     TextureManager::clear();
     tokenForColor(QColor(Qt::white));
