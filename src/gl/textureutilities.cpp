@@ -12,6 +12,8 @@
 #include "gl/texture.h"
 #include "gl/vertexarrayobject.h"
 
+#include <memory>
+
 namespace Tavren::Vyx {
 
 namespace {
@@ -66,23 +68,91 @@ ShaderProgram* makeTextureShader(ShaderProgram* program, bool withLog)
     return program;
 }
 
-// Runs a one-texture pass into a fresh copy and puts the copy in the caller's pointer.
+// The device context whose quad the passes draw; a host that never installed one gets one here.
+QSharedPointer<OpenGLDeviceContext> deviceContext()
+{
+    if (OpenGLDeviceContext::current().isNull())
+        OpenGLDeviceContext::resetContext();
+    return OpenGLDeviceContext::current();
+}
+
+// ProcessTexture, telling whether the destination really received the pass.
+bool runTexturePass(ShaderProgram* shader, const QHash<QString, QVariant>& uniforms, Texture* source,
+                    Texture* destination)
+{
+    if (!VYX_CHECK(shader && source && destination, "ProcessTexture needs a shader, a source and a destination"))
+        return false;
+    const QSharedPointer<DrawBuffers> quad = deviceContext()->fullscreenQuad();
+    if (!VYX_CHECK(quad && quad->VAO(), "No full-screen quad to draw"))
+        return false;
+    const QSharedPointer<VertexArrayObject> vertexArray = quad->VAO();
+    VYX_CHECK_GL_ERROR(); // errors of earlier work are not this pass's
+
+    if (!shader->bind())
+        return false;
+    if (!source->bind()) {
+        shader->unbind();
+        return false;
+    }
+    GLint width = 0, height = 0;
+    glGetTexLevelParameteriv(source->target(), 0, GL_TEXTURE_WIDTH, &width);
+    glGetTexLevelParameteriv(source->target(), 0, GL_TEXTURE_HEIGHT, &height);
+
+    bool drawn = false;
+    {
+        FramebufferObject fbo;
+        const bool bound = fbo.bind();
+        if (bound && fbo.attach(destination, GL_COLOR_ATTACHMENT0, 0)) {
+            fbo.setDrawBuffers();
+            if (VYX_CHECK(fbo.isComplete(), "Framebuffer for the texture pass is incomplete") && vertexArray->bind()) {
+                drawn = vertexArray->enableShaderProgramArrays(shader);
+                for (auto it = uniforms.constBegin(); it != uniforms.constEnd(); ++it)
+                    shader->setUniform(it.key(), it.value());
+                shader->setUniform(QStringLiteral("u_Src"), QVariant(source->unit()));
+
+                // sRGB destinations are written encoded, so a pass over an sRGB texture round-trips.
+                AutoEnabler srgbWrites(GL_FRAMEBUFFER_SRGB);
+                glDisable(GL_BLEND);
+                glDisable(GL_DEPTH_TEST);
+                glDepthMask(GL_FALSE);
+                glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
+                glClear(GL_COLOR_BUFFER_BIT);
+                glViewport(0, 0, width, height);
+                drawn = drawn && quad->draw(shader);
+                glDepthMask(GL_TRUE);
+                glEnable(GL_DEPTH_TEST);
+                vertexArray->unbind();
+            }
+            fbo.detach(GL_COLOR_ATTACHMENT0);
+        }
+        if (bound)
+            fbo.unbind();
+    }
+
+    if (destination->bind()) {
+        glGenerateMipmap(destination->target());
+        destination->unbind();
+    }
+    source->unbind();
+    shader->unbind();
+    return !hasGLError(__FILE__, __LINE__) && drawn;
+}
+
+// Runs a one-texture pass into a fresh copy and, when it worked, puts the copy in the caller's
+// pointer; on any failure the caller keeps the texture it had.
 bool reworkTexture(Texture*& texture, const char* fragmentSource, const QHash<QString, QVariant>& uniforms)
 {
     if (!VYX_CHECK(GL_TEXTURE_2D == texture->target(), "Only 2D textures can be reworked (target 0x%X)",
                    texture->target()))
         return false;
-    ShaderProgram* shader = MakeTextureShaderFromString(QString::fromLatin1(fragmentSource));
+    const std::unique_ptr<ShaderProgram> shader(MakeTextureShaderFromString(QString::fromLatin1(fragmentSource)));
     if (!shader)
         return false;
-    Texture* copy = WritableCopyOfTexture(texture, 0, 0);
-    if (copy)
-        ProcessTexture(shader, uniforms, texture, copy);
-    delete shader;
-    if (!copy)
+    std::unique_ptr<Texture> copy(WritableCopyOfTexture(texture, 0, 0));
+    if (!copy || !runTexturePass(shader.get(), uniforms, texture, copy.get()))
         return false;
     delete texture;
-    texture = copy;
+    texture = copy.release();
     return true;
 }
 
@@ -195,62 +265,7 @@ ShaderProgram* MakeTextureShaderFromFile(const QString& fragmentFile)
 void ProcessTexture(ShaderProgram* shader, const QHash<QString, QVariant>& uniforms, Texture* source,
                     Texture* destination)
 {
-    if (!VYX_CHECK(shader && source && destination, "ProcessTexture needs a shader, a source and a destination"))
-        return;
-    const QSharedPointer<OpenGLDeviceContext> device = OpenGLDeviceContext::current();
-    if (!VYX_CHECK(!device.isNull(), "No OpenGLDeviceContext to draw the full-screen quad"))
-        return;
-    const QSharedPointer<DrawBuffers> quad = device->fullscreenQuad();
-    if (!VYX_CHECK(quad && quad->VAO(), "No full-screen quad to draw"))
-        return;
-    const QSharedPointer<VertexArrayObject> vertexArray = quad->VAO();
-
-    if (!shader->bind())
-        return;
-    if (!source->bind()) {
-        shader->unbind();
-        return;
-    }
-    GLint width = 0, height = 0;
-    glGetTexLevelParameteriv(source->target(), 0, GL_TEXTURE_WIDTH, &width);
-    glGetTexLevelParameteriv(source->target(), 0, GL_TEXTURE_HEIGHT, &height);
-
-    {
-        FramebufferObject fbo;
-        fbo.bind();
-        const bool attached = fbo.attach(destination, GL_COLOR_ATTACHMENT0, 0);
-        if (attached) {
-            fbo.setDrawBuffers();
-            vertexArray->bind();
-            vertexArray->enableShaderProgramArrays(shader);
-            for (auto it = uniforms.constBegin(); it != uniforms.constEnd(); ++it)
-                shader->setUniform(it.key(), it.value());
-            shader->setUniform(QStringLiteral("u_Src"), QVariant(source->unit()));
-
-            // sRGB destinations are written encoded, so a pass over an sRGB texture round-trips.
-            AutoEnabler srgbWrites(GL_FRAMEBUFFER_SRGB);
-            glDisable(GL_BLEND);
-            glDisable(GL_DEPTH_TEST);
-            glDepthMask(GL_FALSE);
-            glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
-            glClear(GL_COLOR_BUFFER_BIT);
-            glViewport(0, 0, width, height);
-            quad->draw(shader);
-            glDepthMask(GL_TRUE);
-            glEnable(GL_DEPTH_TEST);
-
-            vertexArray->unbind();
-            fbo.detach(GL_COLOR_ATTACHMENT0);
-        }
-        fbo.unbind();
-    }
-
-    if (destination->bind()) {
-        glGenerateMipmap(destination->target());
-        destination->unbind();
-    }
-    source->unbind();
-    shader->unbind();
+    runTexturePass(shader, uniforms, source, destination);
 }
 
 bool FlipY(Texture*& texture)

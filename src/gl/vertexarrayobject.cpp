@@ -37,15 +37,8 @@ VertexArrayObject::VertexArrayObject(QObject* parent)
 
 VertexArrayObject::~VertexArrayObject()
 {
-    VYX_CHECK(false == this->_vaoBound, "Vertex Array Object is bound during class destructor");
-    // Vertex arrays are not shared: in another context the name means another object (or none),
-    // so it is left to its own context rather than deleted here.
-    if (0u != _vao && _contextTracker && !_contextTracker->check()) {
-        VYX_CHECK(0u == this->_vao, "Vertex Array Object needs to be destroied before class destructor");
-        _vao = 0;
-    }
-    // Deleting a bound vertex array unbinds it, so the name is released either way.
-    _vaoBound = false;
+    VYX_CHECK_CONTINUE(false == this->_vaoBound, "Vertex Array Object is bound during class destructor");
+    VYX_CHECK_CONTINUE(0u == this->_vao, "Vertex Array Object needs to be destroied before class destructor");
     destroy();
     --aliveVertexArrays;
 }
@@ -86,7 +79,9 @@ bool VertexArrayObject::destroy()
 {
     if (!VYX_CHECK(false == this->_vaoBound, "Vertex Array Object is already bound on destroy"))
         return false;
-    if (_vao != 0)
+    // Vertex arrays are not shared: in another context the name means another object (or none),
+    // so it is left to its own context rather than deleted there.
+    if (_vao != 0 && (!_contextTracker || _contextTracker->check()))
         glDeleteVertexArrays(1, &_vao);
     _vao = 0;
     return true;
