@@ -2,6 +2,9 @@
 
 #include "core/vyxexport.h"
 
+#include <QByteArray>
+#include <QString>
+
 // Printf-style logging in the library's one line form "[file:line] text",
 // and the assertion helper that reports a failed condition without aborting.
 
@@ -27,6 +30,9 @@ VYXGL_EXPORT bool checkAssertion(bool condition, const char* conditionText, cons
 
 // The file name after its last '/'.
 VYXGL_EXPORT const char* sourceBaseName(const char* file);
+
+// A file or data name as log lines print it: "<unnamed>" for an empty one.
+VYXGL_EXPORT QByteArray printableName(const QString& name);
 
 } // namespace Tavren::Vyx
 

@@ -19,11 +19,6 @@ namespace Tavren::Vyx {
 
 namespace {
 
-QByteArray printableName(const QString& name)
-{
-    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
-}
-
 uint32_t read24(const unsigned char* p)
 {
     return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16;

@@ -2,8 +2,11 @@
 
 #include "core/logging.h"
 #include "gl/glloader.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/texture.h"
 #include "gl/texturerelease_p.h"
+
+#include <memory>
 
 namespace Tavren::Vyx {
 
@@ -41,12 +44,6 @@ bool hasLayers(unsigned int target)
     case GL_TEXTURE_2D_MULTISAMPLE_ARRAY: return true;
     default: return false;
     }
-}
-
-void setNearestFiltering(unsigned int target)
-{
-    glTexParameteri(target, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
-    glTexParameteri(target, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
 }
 
 } // namespace
@@ -278,22 +275,13 @@ Texture* FramebufferObject::createTexture2D(unsigned int attachmentPoint, unsign
 {
     if (!checkAttachable() || !checkPointFree(attachmentPoint))
         return nullptr;
-    auto* texture = new Texture();
-    texture->setTarget(GL_TEXTURE_2D);
-    {
-        AutoBinder binder(texture);
-        if (!binder.isBound()) {
-            delete texture;
-            return nullptr;
-        }
-        setNearestFiltering(GL_TEXTURE_2D);
+    std::unique_ptr<Texture> texture = newTextureWithStorage(GL_TEXTURE_2D, SamplerSettings::nearest(), [&] {
         glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(internalFormat), width, height, 0, format, type, nullptr);
-    }
-    if (!attach(texture, attachmentPoint, 0)) {
-        delete texture;
+        return true;
+    });
+    if (!texture || !attach(texture.get(), attachmentPoint, 0))
         return nullptr;
-    }
-    return texture;
+    return texture.release();
 }
 
 Texture* FramebufferObject::createTexture3D(unsigned int attachmentPoint, unsigned int internalFormat,
@@ -302,23 +290,14 @@ Texture* FramebufferObject::createTexture3D(unsigned int attachmentPoint, unsign
 {
     if (!checkAttachable() || !checkPointFree(attachmentPoint))
         return nullptr;
-    auto* texture = new Texture();
-    texture->setTarget(GL_TEXTURE_2D_ARRAY);
-    {
-        AutoBinder binder(texture);
-        if (!binder.isBound()) {
-            delete texture;
-            return nullptr;
-        }
-        setNearestFiltering(GL_TEXTURE_2D_ARRAY);
+    std::unique_ptr<Texture> texture = newTextureWithStorage(GL_TEXTURE_2D_ARRAY, SamplerSettings::nearest(), [&] {
         glTexImage3D(GL_TEXTURE_2D_ARRAY, 0, static_cast<GLint>(internalFormat), width, height, depth, 0, format,
                      type, nullptr);
-    }
-    if (!attachLayers(texture, attachmentPoint, 0)) {
-        delete texture;
+        return true;
+    });
+    if (!texture || !attachLayers(texture.get(), attachmentPoint, 0))
         return nullptr;
-    }
-    return texture;
+    return texture.release();
 }
 
 bool FramebufferObject::setDrawBuffers()

@@ -17,11 +17,6 @@ const uint64_t magicLength = 11;
 
 HDRDecoder::OverrunHandler overrunHandler = &std::abort;
 
-QByteArray printableName(const QString& name)
-{
-    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
-}
-
 bool startsWith(const unsigned char* p, const unsigned char* end, const char* text, size_t length)
 {
     return size_t(end - p) >= length && std::memcmp(p, text, length) == 0;

@@ -5,6 +5,7 @@
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
 #include "gl/hdrdecoder.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/texture.h"
 #include "gl/textureutilities.h"
 
@@ -16,11 +17,6 @@ namespace Tavren::Vyx {
 namespace {
 
 const uint64_t magicLength = 11;
-
-QByteArray printableName(const QString& name)
-{
-    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
-}
 
 } // namespace
 
@@ -67,36 +63,22 @@ Texture* HDRReader::load(const TextureFileInfo& info)
     if (!_decoder->decodeFloat(picture.get()))
         return nullptr;
 
-    auto* texture = new Texture();
-    texture->setTarget(GL_TEXTURE_2D);
-    if (!texture->bind()) {
-        delete texture;
-        return nullptr;
-    }
-    VYX_CHECK_GL_ERROR(); // errors of earlier work are not this file's
-    GLint alignment = 4;
-    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_BASE_LEVEL, 0);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, 100);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGB32F, GLsizei(width()), GLsizei(height()), 0, GL_RGB, GL_FLOAT,
-                 picture.get());
-    const bool failed = glGetError() != GL_NO_ERROR;
-    picture.reset();
-    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
-    texture->unbind();
-
-    if (failed) {
+    const SamplerSettings sampler = {GL_LINEAR, GL_LINEAR, GL_CLAMP_TO_EDGE, GL_CLAMP_TO_EDGE, 0, 100};
+    std::unique_ptr<Texture> texture = newTextureWithStorage(GL_TEXTURE_2D, sampler, [&] {
+        VYX_CHECK_GL_ERROR(); // errors of earlier work are not this file's
+        PixelStoreGuard alignment(GL_UNPACK_ALIGNMENT, 4);
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_RGB32F, GLsizei(width()), GLsizei(height()), 0, GL_RGB, GL_FLOAT,
+                     picture.get());
+        if (glGetError() == GL_NO_ERROR)
+            return true;
         VYX_WARNING("Texture %s failed to load.", name.constData());
-        delete texture;
+        return false;
+    });
+    if (!texture)
         return nullptr;
-    }
-    RemapColorRange(texture, info.lowValue, info.highValue);
-    return texture;
+    Texture* loaded = texture.release();
+    RemapColorRange(loaded, info.lowValue, info.highValue);
+    return loaded;
 }
 
 TextureLoader* HDRRecogniser::recognise(Memory* memory, const QString& name) const

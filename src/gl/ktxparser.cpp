@@ -32,11 +32,6 @@ uint32_t padding(uint64_t size)
     return uint32_t((4 - size % 4) % 4);
 }
 
-QByteArray printableName(const QString& name)
-{
-    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
-}
-
 unsigned int componentCount(unsigned int format)
 {
     switch (format) {

@@ -5,6 +5,7 @@
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
 #include "gl/glutilities_p.h"
+#include "gl/internal/texturesetup.h"
 
 #include <QHash>
 #include <QMap>
@@ -46,12 +47,6 @@ decltype(auto) withContextInfo(Fn&& fn)
     return contextInfos().withCurrentPrepared(
         [](ContextInfo& contextInfo) { initilizeFreeTextureUnits(contextInfo, GLContextTracker::currentContext()); },
         static_cast<Fn&&>(fn));
-}
-
-void setNearestFiltering(unsigned int target)
-{
-    glTexParameteri(target, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
-    glTexParameteri(target, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
 }
 
 int aliveTextures = 0;
@@ -118,61 +113,52 @@ void Texture::setReadOnly()
 
 Texture* Texture::create2D(unsigned int target, unsigned int internalFormat, int width, int height)
 {
-    VYX_CHECK(target == GL_TEXTURE_2D, "Target 0x%X is not allowed.", target);
-    VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture");
-    setTarget(target);
-    AutoBinder binder(this);
-    // Without a unit of its own the calls would change whatever texture is bound.
-    if (!binder.isBound())
-        return this;
-    setNearestFiltering(target);
-    glTexImage2D(target, 0, static_cast<GLint>(internalFormat), width, height, 0,
-                 allocationFormatFromInternalFormat(internalFormat), allocationTypeFromInternalFormat(internalFormat), nullptr);
+    VYX_CHECK_CONTINUE(target == GL_TEXTURE_2D, "Target 0x%X is not allowed.", target);
+    VYX_CHECK_CONTINUE(false == _readonly, "Not allowed to change a readonly texture");
+    makeTextureStorage(*this, target, SamplerSettings::nearest(), [&] {
+        glTexImage2D(target, 0, static_cast<GLint>(internalFormat), width, height, 0,
+                     allocationFormatFromInternalFormat(internalFormat), allocationTypeFromInternalFormat(internalFormat),
+                     nullptr);
+        return true;
+    });
     return this;
 }
 
 Texture* Texture::create3D(unsigned int target, unsigned int internalFormat, int width, int height, int depth)
 {
-    VYX_CHECK(target == GL_TEXTURE_2D_ARRAY || target == GL_TEXTURE_3D, "Target 0x%X is not allowed.", target);
-    VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture");
-    setTarget(target);
-    AutoBinder binder(this);
-    if (!binder.isBound())
-        return this;
-    setNearestFiltering(target);
-    glTexImage3D(target, 0, static_cast<GLint>(internalFormat), width, height, depth, 0,
-                 allocationFormatFromInternalFormat(internalFormat), allocationTypeFromInternalFormat(internalFormat), nullptr);
+    VYX_CHECK_CONTINUE(target == GL_TEXTURE_2D_ARRAY || target == GL_TEXTURE_3D, "Target 0x%X is not allowed.", target);
+    VYX_CHECK_CONTINUE(false == _readonly, "Not allowed to change a readonly texture");
+    makeTextureStorage(*this, target, SamplerSettings::nearest(), [&] {
+        glTexImage3D(target, 0, static_cast<GLint>(internalFormat), width, height, depth, 0,
+                     allocationFormatFromInternalFormat(internalFormat), allocationTypeFromInternalFormat(internalFormat),
+                     nullptr);
+        return true;
+    });
     return this;
 }
 
+// Multisample targets have no sampler state.
 Texture* Texture::create2DMultisample(unsigned int target, unsigned int internalFormat, int width, int height,
                                       int samples)
 {
-    VYX_CHECK(target == GL_TEXTURE_2D_MULTISAMPLE, "Target 0x%X is not allowed.", target);
-    VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture");
-    setTarget(target);
-    AutoBinder binder(this);
-    if (!binder.isBound())
-        return this;
-    // Multisample targets have no sampler state.
-    if (target != GL_TEXTURE_2D_MULTISAMPLE)
-        setNearestFiltering(target);
-    glTexImage2DMultisample(target, samples, internalFormat, width, height, GL_TRUE);
+    VYX_CHECK_CONTINUE(target == GL_TEXTURE_2D_MULTISAMPLE, "Target 0x%X is not allowed.", target);
+    VYX_CHECK_CONTINUE(false == _readonly, "Not allowed to change a readonly texture");
+    makeTextureStorage(*this, target, SamplerSettings(), [&] {
+        glTexImage2DMultisample(target, samples, internalFormat, width, height, GL_TRUE);
+        return true;
+    });
     return this;
 }
 
 Texture* Texture::create3DMultisample(unsigned int target, unsigned int internalFormat, int width, int height,
                                       int depth, int samples)
 {
-    VYX_CHECK(target == GL_TEXTURE_2D_MULTISAMPLE_ARRAY, "Target 0x%X is not allowed.", target);
-    VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture");
-    setTarget(target);
-    AutoBinder binder(this);
-    if (!binder.isBound())
-        return this;
-    if (target != GL_TEXTURE_2D_MULTISAMPLE_ARRAY)
-        setNearestFiltering(target);
-    glTexImage3DMultisample(target, samples, internalFormat, width, height, depth, GL_TRUE);
+    VYX_CHECK_CONTINUE(target == GL_TEXTURE_2D_MULTISAMPLE_ARRAY, "Target 0x%X is not allowed.", target);
+    VYX_CHECK_CONTINUE(false == _readonly, "Not allowed to change a readonly texture");
+    makeTextureStorage(*this, target, SamplerSettings(), [&] {
+        glTexImage3DMultisample(target, samples, internalFormat, width, height, depth, GL_TRUE);
+        return true;
+    });
     return this;
 }
 

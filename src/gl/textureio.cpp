@@ -3,12 +3,15 @@
 #include "core/logging.h"
 #include "core/memory.h"
 #include "gl/glloader.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/texture.h"
 #include "gl/textureutilities.h"
 
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QHash>
+
+#include <memory>
 
 namespace Tavren::Vyx {
 
@@ -25,11 +28,6 @@ Registry& registry()
 {
     static Registry instance;
     return instance;
-}
-
-QByteArray printableName(const QString& name)
-{
-    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
 }
 
 TextureLoader* askRecognisers(Memory* memory, const QString& name)
@@ -178,35 +176,25 @@ Texture* QImageToTexture(const QImage& source, bool asRG16F, const TextureFileIn
         image = image.convertToFormat(QImage::Format_ARGB32);
     }
 
-    auto* texture = new Texture();
-    texture->setTarget(GL_TEXTURE_2D);
-    if (!texture->bind()) {
-        delete texture;
-        return nullptr;
-    }
-    GLint alignment = 4;
-    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR_MIPMAP_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_BASE_LEVEL, 0);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, 4);
-    if (asRG16F) {
-        VYX_DEBUG("Loading image as GL_RG16F...");
-        glTexImage2D(GL_TEXTURE_2D, 0, GL_RG16F, image.width(), image.height(), 0, GL_RG, GL_HALF_FLOAT,
-                     image.constBits());
-    } else {
-        const GLint internalFormat = info.srgb ? GL_SRGB8_ALPHA8 : GL_RGBA;
-        glTexImage2D(GL_TEXTURE_2D, 0, internalFormat, image.width(), image.height(), 0, GL_BGRA, GL_UNSIGNED_BYTE,
-                     image.constBits());
-    }
-    glGenerateMipmap(GL_TEXTURE_2D);
-    texture->unbind();
-    RemapColorRange(texture, info.lowValue, info.highValue);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
-    return texture;
+    // At most five levels are ever sampled.
+    const SamplerSettings sampler = {GL_LINEAR_MIPMAP_LINEAR, GL_LINEAR, GL_CLAMP_TO_EDGE, GL_CLAMP_TO_EDGE, 0, 4};
+    std::unique_ptr<Texture> texture = newTextureWithStorage(GL_TEXTURE_2D, sampler, [&] {
+        PixelStoreGuard alignment(GL_UNPACK_ALIGNMENT, 1);
+        if (asRG16F) {
+            VYX_DEBUG("Loading image as GL_RG16F...");
+            glTexImage2D(GL_TEXTURE_2D, 0, GL_RG16F, image.width(), image.height(), 0, GL_RG, GL_HALF_FLOAT,
+                         image.constBits());
+        } else {
+            const GLint internalFormat = info.srgb ? GL_SRGB8_ALPHA8 : GL_RGBA;
+            glTexImage2D(GL_TEXTURE_2D, 0, internalFormat, image.width(), image.height(), 0, GL_BGRA,
+                         GL_UNSIGNED_BYTE, image.constBits());
+        }
+        glGenerateMipmap(GL_TEXTURE_2D);
+        return true;
+    });
+    Texture* loaded = texture.release();
+    RemapColorRange(loaded, info.lowValue, info.highValue);
+    return loaded;
 }
 
 Texture* MakeColorTexture(const QColor& color)

@@ -7,6 +7,7 @@
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
 #include "gl/glutilities_p.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
@@ -41,10 +42,6 @@ void main()
     out_FragColor = color;
 }
 )";
-
-// Parameters a writable copy takes over from its source.
-const GLenum kCopiedParameters[] = {GL_TEXTURE_MIN_FILTER, GL_TEXTURE_MAG_FILTER, GL_TEXTURE_WRAP_S,
-                                    GL_TEXTURE_WRAP_T,     GL_TEXTURE_BASE_LEVEL, GL_TEXTURE_MAX_LEVEL};
 
 ShaderProgram* makeTextureShader(ShaderProgram* program, bool withLog)
 {
@@ -161,25 +158,13 @@ bool reworkTexture(Texture*& texture, const char* fragmentSource, const QHash<QS
 Texture* SolidColorTexture(float r, float g, float b, float a)
 {
     const GLubyte texel[4] = {GLubyte(r * 255.0f), GLubyte(g * 255.0f), GLubyte(b * 255.0f), GLubyte(a * 255.0f)};
-    auto* texture = new Texture();
-    texture->setTarget(GL_TEXTURE_2D);
-    if (!texture->bind()) {
-        delete texture;
-        return nullptr;
-    }
-    GLint alignment = 4;
-    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_REPEAT);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_REPEAT);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_BASE_LEVEL, 0);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, 0);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, 1, 1, 0, GL_RGBA, GL_UNSIGNED_BYTE, texel);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
-    texture->unbind();
-    return texture;
+    const SamplerSettings sampler = {GL_NEAREST, GL_NEAREST, GL_REPEAT, GL_REPEAT, 0, 0};
+    const auto upload = [&] {
+        PixelStoreGuard alignment(GL_UNPACK_ALIGNMENT, 1);
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, 1, 1, 0, GL_RGBA, GL_UNSIGNED_BYTE, texel);
+        return true;
+    };
+    return newTextureWithStorage(GL_TEXTURE_2D, sampler, upload).release();
 }
 
 Texture* WritableCopyOfTexture(Texture* source, unsigned int internalFormat, int level)
@@ -204,9 +189,7 @@ Texture* WritableCopyOfTexture(Texture* source, unsigned int internalFormat, int
         glGetTexLevelParameteriv(levelTarget, level, GL_TEXTURE_COMPRESSED, &compressed);
         internalFormat = compressed ? GL_RGBA : static_cast<unsigned int>(sourceFormat);
     }
-    GLint parameters[6] = {};
-    for (int i = 0; i < 6; ++i)
-        glGetTexParameteriv(target, kCopiedParameters[i], &parameters[i]);
+    const SamplerSettings sampler = SamplerSettings::of(target);
     source->unbind();
 
     if (!VYX_CHECK(width > 0 && height > 0, "Texture has no level %d to copy", level))
@@ -216,34 +199,28 @@ Texture* WritableCopyOfTexture(Texture* source, unsigned int internalFormat, int
     if (0 == format || 0 == type)
         return nullptr;
 
-    auto* copy = new Texture();
-    copy->setTarget(target);
-    if (!copy->bind()) {
-        delete copy;
-        return nullptr;
-    }
-    for (int i = 0; i < 6; ++i)
-        glTexParameteri(target, kCopiedParameters[i], parameters[i]);
     const auto glFormat = static_cast<GLint>(internalFormat);
-    switch (target) {
-    case GL_TEXTURE_1D:
-        glTexImage1D(target, level, glFormat, width, 0, format, type, nullptr);
-        break;
-    case GL_TEXTURE_CUBE_MAP:
-        for (GLenum face = 0; face < 6; ++face)
-            glTexImage2D(GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, level, glFormat, width, height, 0, format, type, nullptr);
-        break;
-    case GL_TEXTURE_3D:
-    case GL_TEXTURE_2D_ARRAY:
-    case GL_TEXTURE_CUBE_MAP_ARRAY:
-        glTexImage3D(target, level, glFormat, width, height, depth, 0, format, type, nullptr);
-        break;
-    default:
-        glTexImage2D(target, level, glFormat, width, height, 0, format, type, nullptr);
-        break;
-    }
-    copy->unbind();
-    return copy;
+    const auto allocate = [&] {
+        switch (target) {
+        case GL_TEXTURE_1D:
+            glTexImage1D(target, level, glFormat, width, 0, format, type, nullptr);
+            break;
+        case GL_TEXTURE_CUBE_MAP:
+            for (GLenum face = 0; face < 6; ++face)
+                glTexImage2D(GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, level, glFormat, width, height, 0, format, type, nullptr);
+            break;
+        case GL_TEXTURE_3D:
+        case GL_TEXTURE_2D_ARRAY:
+        case GL_TEXTURE_CUBE_MAP_ARRAY:
+            glTexImage3D(target, level, glFormat, width, height, depth, 0, format, type, nullptr);
+            break;
+        default:
+            glTexImage2D(target, level, glFormat, width, height, 0, format, type, nullptr);
+            break;
+        }
+        return true;
+    };
+    return newTextureWithStorage(target, sampler, allocate).release();
 }
 
 ShaderProgram* MakeTextureShaderFromString(const QString& fragmentSource)
