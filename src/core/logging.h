@@ -46,15 +46,20 @@ VYXGL_EXPORT QByteArray printableName(const QString& name);
     ::Tavren::Vyx::checkAssertion(static_cast<bool>(condition), #condition, __FILE__, __LINE__, __VA_ARGS__)
 
 // Reports and returns `failureValue` from the enclosing function when the condition is false.
+// (Both forms stringify the condition themselves: passed on to VYX_CHECK, macros in it such as
+// NULL or GL_TEXTURE_2D would be printed expanded.)
 #define VYX_CHECK_RETURN(condition, failureValue, ...) \
     do { \
-        if (!VYX_CHECK(condition, __VA_ARGS__)) \
+        if (!::Tavren::Vyx::checkAssertion(static_cast<bool>(condition), #condition, __FILE__, __LINE__, \
+                                           __VA_ARGS__)) \
             return failureValue; \
     } while (false)
 
 // For the checks whose operation prints and then goes on regardless: a statement of its own, so
 // it cannot be mistaken for a forgotten return.
-#define VYX_CHECK_CONTINUE(condition, ...) static_cast<void>(VYX_CHECK(condition, __VA_ARGS__))
+#define VYX_CHECK_CONTINUE(condition, ...) \
+    static_cast<void>(::Tavren::Vyx::checkAssertion(static_cast<bool>(condition), #condition, __FILE__, __LINE__, \
+                                                    __VA_ARGS__))
 
 // As VYX_CHECK, but reports `conditionText` instead of the expression evaluated, for checks whose
 // printed condition differs from the code (an object that may be missing altogether).

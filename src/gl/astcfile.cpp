@@ -200,10 +200,8 @@ bool ASTCFile::hasHDRBlocks() const
 bool ASTCFile::decodeRGBA8(unsigned char* rgba, bool srgb) const
 {
     const QByteArray name = printableName(_name);
-    if (!VYX_CHECK(_valid, "ASTC file '%s' is not valid", name.constData()))
-        return false;
-    if (!VYX_CHECK(rgba != nullptr, "No output buffer"))
-        return false;
+    VYX_CHECK_RETURN(_valid, false, "ASTC file '%s' is not valid", name.constData());
+    VYX_CHECK_RETURN(rgba != nullptr, false, "No output buffer");
     const bool hdr = hasHDRBlocks();
     if (hdr)
         VYX_DEBUG("ASTC file '%s' holds HDR blocks; they are decoded clamped to [0, 1]", name.constData());

@@ -77,8 +77,7 @@ unsigned int ASTCReader::height() const
 
 Texture* ASTCReader::load(const TextureFileInfo& info)
 {
-    if (!VYX_CHECK(valid(), "ASTC file '%s' is not valid", printableName(_name).constData()))
-        return nullptr;
+    VYX_CHECK_RETURN(valid(), nullptr, "ASTC file '%s' is not valid", printableName(_name).constData());
     // An LDR-only decoder shows HDR blocks as its error colour, so those files go through the CPU.
     const bool gpu = hasGLExtension("GL_KHR_texture_compression_astc_ldr") &&
                      (hasGLExtension("GL_KHR_texture_compression_astc_hdr") || !_file->hasHDRBlocks());

@@ -69,10 +69,8 @@ FramebufferObject::~FramebufferObject()
 
 bool FramebufferObject::create()
 {
-    if (!VYX_CHECK(0u == this->_fbo, "Framebuffer Object is not NULL on create"))
-        return false;
-    if (!VYX_CHECK(false == this->_fboBound, "Framebuffer Object is already bound on create"))
-        return false;
+    VYX_CHECK_RETURN(0u == this->_fbo, false, "Framebuffer Object is not NULL on create");
+    VYX_CHECK_RETURN(false == this->_fboBound, false, "Framebuffer Object is already bound on create");
     glGenFramebuffers(1, &_fbo);
     _managed = true;
     ++aliveFramebuffers;
@@ -82,8 +80,7 @@ bool FramebufferObject::create()
 bool FramebufferObject::destroy()
 {
     // A bound framebuffer keeps its name rather than vanish under its binding.
-    if (!VYX_CHECK(false == this->_fboBound, "Framebuffer Object is already bound on destroy"))
-        return false;
+    VYX_CHECK_RETURN(false == this->_fboBound, false, "Framebuffer Object is already bound on destroy");
     if (_fbo != 0 && _managed)
         glDeleteFramebuffers(1, &_fbo);
     _fbo = 0;
@@ -101,10 +98,8 @@ void FramebufferObject::setFBO(unsigned int fbo)
 
 bool FramebufferObject::bind()
 {
-    if (!VYX_CHECK(0u != this->_fbo, "Framebuffer Object is NULL on bind"))
-        return false;
-    if (!VYX_CHECK(false == this->_fboBound, "Framebuffer Object is already bound on bind"))
-        return false;
+    VYX_CHECK_RETURN(0u != this->_fbo, false, "Framebuffer Object is NULL on bind");
+    VYX_CHECK_RETURN(false == this->_fboBound, false, "Framebuffer Object is already bound on bind");
     glBindFramebuffer(GL_FRAMEBUFFER, _fbo);
     _fboBound = true;
     return true;
@@ -112,10 +107,8 @@ bool FramebufferObject::bind()
 
 bool FramebufferObject::unbind()
 {
-    if (!VYX_CHECK(0u != this->_fbo, "Framebuffer Object is NULL on unbind"))
-        return false;
-    if (!VYX_CHECK(true == this->_fboBound, "Framebuffer Object is not bound on unbind"))
-        return false;
+    VYX_CHECK_RETURN(0u != this->_fbo, false, "Framebuffer Object is NULL on unbind");
+    VYX_CHECK_RETURN(true == this->_fboBound, false, "Framebuffer Object is not bound on unbind");
     glBindFramebuffer(GL_FRAMEBUFFER, 0);
     _fboBound = false;
     return true;
@@ -134,10 +127,8 @@ bool FramebufferObject::isComplete()
 
 bool FramebufferObject::checkAttachable()
 {
-    if (!VYX_CHECK(0u != this->_fbo, "Framebuffer Object is NULL on attach"))
-        return false;
-    if (!VYX_CHECK(true == this->_fboBound, "Framebuffer Object is not bound on attach"))
-        return false;
+    VYX_CHECK_RETURN(0u != this->_fbo, false, "Framebuffer Object is NULL on attach");
+    VYX_CHECK_RETURN(true == this->_fboBound, false, "Framebuffer Object is not bound on attach");
     return true;
 }
 
@@ -163,8 +154,7 @@ bool FramebufferObject::attach(Texture* texture, unsigned int attachmentPoint, i
 {
     if (!checkAttachable() || !checkPointFree(attachmentPoint))
         return false;
-    if (!VYX_CHECK(nullptr != texture, "Texture is NULL on attach at %d", attachmentPoint))
-        return false;
+    VYX_CHECK_RETURN(nullptr != texture, false, "Texture is NULL on attach at %d", attachmentPoint);
     const unsigned int target = texture->target();
     if (needsLayerAttach(target)) {
         VYX_CHECK(false,
@@ -181,8 +171,7 @@ bool FramebufferObject::attach3D(Texture* texture, unsigned int attachmentPoint,
 {
     if (!checkAttachable() || !checkPointFree(attachmentPoint))
         return false;
-    if (!VYX_CHECK(nullptr != texture, "Texture is NULL on attach at %d", attachmentPoint))
-        return false;
+    VYX_CHECK_RETURN(nullptr != texture, false, "Texture is NULL on attach at %d", attachmentPoint);
     if (texture->target() == GL_TEXTURE_3D)
         glFramebufferTexture3D(GL_FRAMEBUFFER, attachmentPoint, GL_TEXTURE_3D, texture->textureID(), level, layer);
     else
@@ -195,8 +184,7 @@ bool FramebufferObject::attachLayers(Texture* texture, unsigned int attachmentPo
 {
     if (!checkAttachable() || !checkPointFree(attachmentPoint))
         return false;
-    if (!VYX_CHECK(nullptr != texture, "Texture is NULL on attach at %d", attachmentPoint))
-        return false;
+    VYX_CHECK_RETURN(nullptr != texture, false, "Texture is NULL on attach at %d", attachmentPoint);
     if (!hasLayers(texture->target())) {
         VYX_CHECK(false,
                   "Texture Target 0x%X is not supported by FramebufferObject::attachLayer() use FramebufferObject::attach()",
@@ -212,8 +200,7 @@ bool FramebufferObject::attachUpdate(Texture* texture, unsigned int attachmentPo
 {
     if (!checkAttachable())
         return false;
-    if (!VYX_CHECK(nullptr != texture, "Texture is NULL on attach at %d", attachmentPoint))
-        return false;
+    VYX_CHECK_RETURN(nullptr != texture, false, "Texture is NULL on attach at %d", attachmentPoint);
     const unsigned int target = texture->target();
     if (isProxyTarget(target)) {
         VYX_CHECK(false,
@@ -232,16 +219,12 @@ bool FramebufferObject::attachUpdate(Texture* texture, unsigned int attachmentPo
 
 Texture* FramebufferObject::detach(unsigned int attachmentPoint)
 {
-    if (!VYX_CHECK(0u != this->_fbo, "Framebuffer Object is NULL on detach"))
-        return nullptr;
-    if (!VYX_CHECK(true == this->_fboBound, "Framebuffer Object is not bound on detach"))
-        return nullptr;
-    if (!VYX_CHECK(true == this->_attachments.contains(attachmentPoint),
-                   "Framebuffer Object has nothing attached to attachment at %d", attachmentPoint))
-        return nullptr;
-    if (!VYX_CHECK(true == this->_attachmentLevels.contains(attachmentPoint),
-                   "Framebuffer Object has no level info for attachment at %d", attachmentPoint))
-        return nullptr;
+    VYX_CHECK_RETURN(0u != this->_fbo, nullptr, "Framebuffer Object is NULL on detach");
+    VYX_CHECK_RETURN(true == this->_fboBound, nullptr, "Framebuffer Object is not bound on detach");
+    VYX_CHECK_RETURN(true == this->_attachments.contains(attachmentPoint), nullptr,
+                     "Framebuffer Object has nothing attached to attachment at %d", attachmentPoint);
+    VYX_CHECK_RETURN(true == this->_attachmentLevels.contains(attachmentPoint), nullptr,
+                     "Framebuffer Object has no level info for attachment at %d", attachmentPoint);
     glFramebufferTexture(GL_FRAMEBUFFER, attachmentPoint, 0, _attachmentLevels.value(attachmentPoint));
     Texture* texture = _attachments.take(attachmentPoint);
     _attachmentLevels.remove(attachmentPoint);
@@ -315,9 +298,8 @@ bool FramebufferObject::hasAttachment(unsigned int attachmentPoint) const
 
 Texture* FramebufferObject::attachment(unsigned int attachmentPoint) const
 {
-    if (!VYX_CHECK(this->_attachments.contains(attachmentPoint), "Framebuffer Object does not have an attachment at %d",
-                   attachmentPoint))
-        return nullptr;
+    VYX_CHECK_RETURN(this->_attachments.contains(attachmentPoint), nullptr,
+                     "Framebuffer Object does not have an attachment at %d", attachmentPoint);
     return _attachments.value(attachmentPoint);
 }
 

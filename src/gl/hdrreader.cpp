@@ -52,8 +52,7 @@ unsigned int HDRReader::height() const
 Texture* HDRReader::load(const TextureFileInfo& info)
 {
     const QByteArray name = printableName(_name);
-    if (!VYX_CHECK(valid(), "HDR picture '%s' is not valid", name.constData()))
-        return nullptr;
+    VYX_CHECK_RETURN(valid(), nullptr, "HDR picture '%s' is not valid", name.constData());
     const uint64_t floats = uint64_t(width()) * height() * 3;
     std::unique_ptr<float[]> picture(new (std::nothrow) float[floats]);
     if (!picture) {

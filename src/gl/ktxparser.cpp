@@ -256,8 +256,7 @@ bool KTXParser::parseImages()
 {
     _images.clear();
     const QByteArray name = printableName(_name);
-    if (!VYX_CHECK(_headerReadable, "KTX file '%s' has no readable header", name.constData()))
-        return false;
+    VYX_CHECK_RETURN(_headerReadable, false, "KTX file '%s' has no readable header", name.constData());
     const KTXHeader& h = _header;
     const unsigned int faces = h.numberOfFaces;
     if (faces != 1 && faces != 6) {

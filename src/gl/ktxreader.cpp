@@ -90,8 +90,8 @@ QString KTXReader::value(unsigned int index)
 
 Texture* KTXReader::load(const TextureFileInfo& info)
 {
-    if (!VYX_CHECK(_parser->headerReadable(), "KTX file '%s' has no readable header", printableName(_name).constData()))
-        return nullptr;
+    VYX_CHECK_RETURN(_parser->headerReadable(), nullptr,
+                     "KTX file '%s' has no readable header", printableName(_name).constData());
     if (isArrayTexture()) {
         if (isCubeMapTexture())
             VYX_WARNING("Cubemap arrays not supported yet, sorry!");

@@ -65,7 +65,7 @@ Texture::Texture(unsigned int textureID, QObject* parent)
     : QObject(parent)
     , _textureID(textureID)
 {
-    VYX_CHECK(textureID != 0, "Texture ID was zero, can't wrap a non-existent texture");
+    VYX_CHECK_CONTINUE(textureID != 0, "Texture ID was zero, can't wrap a non-existent texture");
     ++aliveTextures;
 }
 
@@ -82,18 +82,15 @@ int Texture::NumAlive()
 
 bool Texture::create()
 {
-    if (!VYX_CHECK(0u == this->_textureID, "Texture is not NULL on create"))
-        return false;
-    if (!VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture"))
-        return false;
+    VYX_CHECK_RETURN(0u == this->_textureID, false, "Texture is not NULL on create");
+    VYX_CHECK_RETURN(false == _readonly, false, "Not allowed to change a readonly texture");
     glGenTextures(1, &_textureID);
     return true;
 }
 
 bool Texture::destroy()
 {
-    if (!VYX_CHECK(0u != this->_textureID, "Texture is NULL on destroy"))
-        return false;
+    VYX_CHECK_RETURN(0u != this->_textureID, false, "Texture is NULL on destroy");
     // A texture destroyed while bound keeps its unit allocated in that context.
     if (_managed)
         glDeleteTextures(1, &_textureID);
@@ -102,7 +99,7 @@ bool Texture::destroy()
 
 void Texture::setTarget(unsigned int target)
 {
-    VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture");
+    VYX_CHECK_CONTINUE(false == _readonly, "Not allowed to change a readonly texture");
     _target = target;
 }
 
@@ -115,10 +112,10 @@ Texture* Texture::create2D(unsigned int target, unsigned int internalFormat, int
 {
     VYX_CHECK_CONTINUE(target == GL_TEXTURE_2D, "Target 0x%X is not allowed.", target);
     VYX_CHECK_CONTINUE(false == _readonly, "Not allowed to change a readonly texture");
+    const GLenum format = allocationFormatFromInternalFormat(internalFormat);
+    const GLenum type = allocationTypeFromInternalFormat(internalFormat);
     makeTextureStorage(*this, target, SamplerSettings::nearest(), [&] {
-        glTexImage2D(target, 0, static_cast<GLint>(internalFormat), width, height, 0,
-                     allocationFormatFromInternalFormat(internalFormat), allocationTypeFromInternalFormat(internalFormat),
-                     nullptr);
+        glTexImage2D(target, 0, static_cast<GLint>(internalFormat), width, height, 0, format, type, nullptr);
         return true;
     });
     return this;
@@ -128,10 +125,10 @@ Texture* Texture::create3D(unsigned int target, unsigned int internalFormat, int
 {
     VYX_CHECK_CONTINUE(target == GL_TEXTURE_2D_ARRAY || target == GL_TEXTURE_3D, "Target 0x%X is not allowed.", target);
     VYX_CHECK_CONTINUE(false == _readonly, "Not allowed to change a readonly texture");
+    const GLenum format = allocationFormatFromInternalFormat(internalFormat);
+    const GLenum type = allocationTypeFromInternalFormat(internalFormat);
     makeTextureStorage(*this, target, SamplerSettings::nearest(), [&] {
-        glTexImage3D(target, 0, static_cast<GLint>(internalFormat), width, height, depth, 0,
-                     allocationFormatFromInternalFormat(internalFormat), allocationTypeFromInternalFormat(internalFormat),
-                     nullptr);
+        glTexImage3D(target, 0, static_cast<GLint>(internalFormat), width, height, depth, 0, format, type, nullptr);
         return true;
     });
     return this;

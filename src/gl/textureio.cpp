@@ -166,13 +166,11 @@ Texture* LoadTextureFromQImageFile(const QString& path, const TextureFileInfo& i
 
 Texture* QImageToTexture(const QImage& source, bool asRG16F, const TextureFileInfo& info)
 {
-    if (!VYX_CHECK(!source.isNull(), "Cannot make a texture of a null image"))
-        return nullptr;
+    VYX_CHECK_RETURN(!source.isNull(), nullptr, "Cannot make a texture of a null image");
     // Both uploads read four bytes a texel without row padding, which only 32-bit images have.
     QImage image = source;
     if (image.depth() != 32) {
-        if (!VYX_CHECK(!asRG16F, "A GL_RG16F upload needs a 32-bit image, not %d bits", image.depth()))
-            return nullptr;
+        VYX_CHECK_RETURN(!asRG16F, nullptr, "A GL_RG16F upload needs a 32-bit image, not %d bits", image.depth());
         image = image.convertToFormat(QImage::Format_ARGB32);
     }
 

@@ -77,11 +77,10 @@ QSharedPointer<OpenGLDeviceContext> deviceContext()
 bool runTexturePass(ShaderProgram* shader, const QHash<QString, QVariant>& uniforms, Texture* source,
                     Texture* destination)
 {
-    if (!VYX_CHECK(shader && source && destination, "ProcessTexture needs a shader, a source and a destination"))
-        return false;
+    VYX_CHECK_RETURN(shader && source && destination, false,
+                     "ProcessTexture needs a shader, a source and a destination");
     const QSharedPointer<DrawBuffers> quad = deviceContext()->fullscreenQuad();
-    if (!VYX_CHECK(quad && quad->VAO(), "No full-screen quad to draw"))
-        return false;
+    VYX_CHECK_RETURN(quad && quad->VAO(), false, "No full-screen quad to draw");
     const QSharedPointer<VertexArrayObject> vertexArray = quad->VAO();
     VYX_CHECK_GL_ERROR(); // errors of earlier work are not this pass's
 
@@ -139,9 +138,8 @@ bool runTexturePass(ShaderProgram* shader, const QHash<QString, QVariant>& unifo
 // pointer; on any failure the caller keeps the texture it had.
 bool reworkTexture(Texture*& texture, const char* fragmentSource, const QHash<QString, QVariant>& uniforms)
 {
-    if (!VYX_CHECK(GL_TEXTURE_2D == texture->target(), "Only 2D textures can be reworked (target 0x%X)",
-                   texture->target()))
-        return false;
+    VYX_CHECK_RETURN(GL_TEXTURE_2D == texture->target(), false,
+                     "Only 2D textures can be reworked (target 0x%X)", texture->target());
     const std::unique_ptr<ShaderProgram> shader(MakeTextureShaderFromString(QString::fromLatin1(fragmentSource)));
     if (!shader)
         return false;
@@ -169,12 +167,10 @@ Texture* SolidColorTexture(float r, float g, float b, float a)
 
 Texture* WritableCopyOfTexture(Texture* source, unsigned int internalFormat, int level)
 {
-    if (!VYX_CHECK(nullptr != source, "Source texture is NULL"))
-        return nullptr;
+    VYX_CHECK_RETURN(nullptr != source, nullptr, "Source texture is NULL");
     const GLenum target = source->target();
-    if (!VYX_CHECK(GL_TEXTURE_2D_MULTISAMPLE != target && GL_TEXTURE_2D_MULTISAMPLE_ARRAY != target,
-                   "Multisample textures (target 0x%X) cannot be copied", target))
-        return nullptr;
+    VYX_CHECK_RETURN(GL_TEXTURE_2D_MULTISAMPLE != target && GL_TEXTURE_2D_MULTISAMPLE_ARRAY != target, nullptr,
+                     "Multisample textures (target 0x%X) cannot be copied", target);
     if (!source->bind())
         return nullptr;
     // Level queries take one face of a cube map.
@@ -192,8 +188,7 @@ Texture* WritableCopyOfTexture(Texture* source, unsigned int internalFormat, int
     const SamplerSettings sampler = SamplerSettings::of(target);
     source->unbind();
 
-    if (!VYX_CHECK(width > 0 && height > 0, "Texture has no level %d to copy", level))
-        return nullptr;
+    VYX_CHECK_RETURN(width > 0 && height > 0, nullptr, "Texture has no level %d to copy", level);
     const GLenum format = allocationFormatFromInternalFormat(internalFormat);
     const GLenum type = allocationTypeFromInternalFormat(internalFormat);
     if (0 == format || 0 == type)
@@ -207,7 +202,8 @@ Texture* WritableCopyOfTexture(Texture* source, unsigned int internalFormat, int
             break;
         case GL_TEXTURE_CUBE_MAP:
             for (GLenum face = 0; face < 6; ++face)
-                glTexImage2D(GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, level, glFormat, width, height, 0, format, type, nullptr);
+                glTexImage2D(GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, level, glFormat, width, height, 0, format, type,
+                             nullptr);
             break;
         case GL_TEXTURE_3D:
         case GL_TEXTURE_2D_ARRAY:
