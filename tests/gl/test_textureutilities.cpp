@@ -9,7 +9,6 @@
 #include "support/callrecorder.h"
 #include "support/messagecapture.h"
 
-#include <QGuiApplication>
 #include <QProcess>
 
 #include <optional>
@@ -217,10 +216,6 @@ TEST(TextureUtilitiesExit, HelperProcess)
 {
     if (!qEnvironmentVariableIsSet("VYX_EXIT_HELPER"))
         GTEST_SKIP() << "only run as a helper process";
-    int argc = 1;
-    char name[] = "vyx_gl_tests";
-    char* argv[] = {name, nullptr};
-    QGuiApplication application(argc, argv);
     EXPECT_TRUE(OpenGLDeviceContext::current().isNull()) << "asked before the driver is loaded";
     HeadlessGLContext context;
     ASSERT_TRUE(context.create() && context.makeCurrent());

@@ -1,6 +1,5 @@
 #include <VyxGL.h>
 
-#include <QGLContext>
 #include <QGuiApplication>
 #include <QOffscreenSurface>
 #include <QOpenGLContext>
@@ -12,29 +11,38 @@
 bool drawQtFirst(QOpenGLFunctions* qt);
 bool drawVyxFirst(QOpenGLFunctions* qt);
 
-// Links against the installed package; draws on a headless context, and through Qt's own
-// wrappers too where the Qt platform can make a context (it needs a display server).
+namespace {
+
+// A context of Qt's own, when there is a display server to make one on.
+struct QtContext
+{
+    QtContext(int& argc, char** argv) : application(argc, argv) { surface.create(); }
+    QGuiApplication application;
+    QOffscreenSurface surface;
+    QOpenGLContext context;
+};
+
+} // namespace
+
+// Links against the installed package and draws: on a headless context, and through Qt's own
+// wrappers as well where Qt can make a context.
 int main(int argc, char** argv)
 {
     Tavren::Vyx::GLContextTracker tracker;
     if (!tracker.check() || vyxGetMemory() != 0)
         return 1;
 
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    QGuiApplication application(argc, argv);
-    QOffscreenSurface surface;
-    surface.create();
-    QOpenGLContext qtContext;
+    std::unique_ptr<QtContext> qtContext;
     QOpenGLFunctions* qt = nullptr;
-    std::unique_ptr<Tavren::Vyx::HeadlessGLContext> headless;
-    if (qtContext.create() && qtContext.makeCurrent(&surface)) {
-        qt = qtContext.functions();
-    } else {
-        headless = std::make_unique<Tavren::Vyx::HeadlessGLContext>();
-        if (!headless->create() || !headless->makeCurrent()) {
-            std::printf("no GL context: %s\n", qPrintable(headless->errorString()));
-            return 1;
-        }
+    if (qEnvironmentVariableIsSet("DISPLAY")) {
+        qtContext = std::make_unique<QtContext>(argc, argv);
+        if (qtContext->context.create() && qtContext->context.makeCurrent(&qtContext->surface))
+            qt = qtContext->context.functions();
+    }
+    Tavren::Vyx::HeadlessGLContext headless;
+    if (!qt && !(headless.create() && headless.makeCurrent())) {
+        std::printf("no GL context: %s\n", qPrintable(headless.errorString()));
+        return 1;
     }
     if (!initializeGLFunctions())
         return 1;
