@@ -53,12 +53,7 @@ ASTCReader::ASTCReader(Memory* memory, const QString& name)
 {
 }
 
-ASTCReader::~ASTCReader()
-{
-    // The file gives its block back to the memory first.
-    _file.reset();
-    delete _memory;
-}
+ASTCReader::~ASTCReader() = default;
 
 bool ASTCReader::valid() const
 {

@@ -27,12 +27,7 @@ HDRReader::HDRReader(Memory* memory, const QString& name)
 {
 }
 
-HDRReader::~HDRReader()
-{
-    // The decoder gives its block back to the memory first.
-    _decoder.reset();
-    delete _memory;
-}
+HDRReader::~HDRReader() = default;
 
 bool HDRReader::valid() const
 {

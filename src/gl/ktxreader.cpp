@@ -53,12 +53,7 @@ KTXReader::KTXReader(Memory* memory, const QString& name)
 {
 }
 
-KTXReader::~KTXReader()
-{
-    // The parser gives its pointers back to the memory first.
-    _parser.reset();
-    delete _memory;
-}
+KTXReader::~KTXReader() = default;
 
 bool KTXReader::valid() const { return _parser->valid(); }
 bool KTXReader::isCompressed() const { return _parser->isCompressed(); }

@@ -83,24 +83,25 @@ TextureRecogniser* TextureRecogniserForExtension(const QString& extension)
 
 TextureLoader* IdentifyTextureFromFile(const QString& path)
 {
-    auto* memory = new MemoryMappedFile(path);
+    auto memory = std::make_unique<MemoryMappedFile>(path);
     TextureLoader* loader = nullptr;
     // The extension's recogniser is asked again in its turn; cheap, as it only peeks at the header.
     if (TextureRecogniser* preferred = TextureRecogniserForExtension(QFileInfo(path).suffix()))
-        loader = preferred->recognise(memory, path);
+        loader = preferred->recognise(memory.get(), path);
     if (!loader)
-        loader = askRecognisers(memory, path);
-    if (!loader)
-        delete memory;
+        loader = askRecognisers(memory.get(), path);
+    // A loader owns the memory it was given.
+    if (loader)
+        memory.release();
     return loader;
 }
 
 TextureLoader* IdentifyTextureFromMemory(unsigned char* data, uint64_t size, const QString& name)
 {
-    auto* memory = new RawMemory(data, size);
-    TextureLoader* loader = askRecognisers(memory, name);
-    if (!loader)
-        delete memory;
+    auto memory = std::make_unique<RawMemory>(data, size);
+    TextureLoader* loader = askRecognisers(memory.get(), name);
+    if (loader)
+        memory.release();
     return loader;
 }
 
@@ -113,7 +114,7 @@ Texture* LoadTextureFromFile(const QString& path, const TextureFileInfo& info)
     }
     QElapsedTimer timer;
     timer.start();
-    TextureLoader* loader = IdentifyTextureFromFile(path);
+    const std::unique_ptr<TextureLoader> loader(IdentifyTextureFromFile(path));
     Texture* texture = nullptr;
     if (loader) {
         if (!loader->valid())
@@ -125,7 +126,6 @@ Texture* LoadTextureFromFile(const QString& path, const TextureFileInfo& info)
     }
     if (texture)
         VYX_DEBUG("Texture %s loaded in %lld ms", qPrintable(path), (long long)timer.elapsed());
-    delete loader;
     return texture;
 }
 
@@ -134,7 +134,7 @@ Texture* LoadTextureFromMemory(unsigned char* data, uint64_t size, const Texture
     const QByteArray printable = printableName(name);
     QElapsedTimer timer;
     timer.start();
-    TextureLoader* loader = IdentifyTextureFromMemory(data, size, name);
+    const std::unique_ptr<TextureLoader> loader(IdentifyTextureFromMemory(data, size, name));
     if (!loader) {
         VYX_DEBUG("Unable to recognise the file format for texture data '%s'", printable.constData());
         return nullptr;
@@ -146,7 +146,6 @@ Texture* LoadTextureFromMemory(unsigned char* data, uint64_t size, const Texture
         texture = loader->load(info);
     if (texture)
         VYX_DEBUG("Texture %s loaded in %lld ms", printable.constData(), (long long)timer.elapsed());
-    delete loader;
     return texture;
 }
 

@@ -43,7 +43,7 @@ void main()
 }
 )";
 
-ShaderProgram* makeTextureShader(ShaderProgram* program, bool withLog)
+ShaderProgram* makeTextureShader(std::unique_ptr<ShaderProgram> program, bool withLog)
 {
     program->setFragDataLocations({QStringLiteral("out_FragColor")});
     if (!program->compile()) {
@@ -51,7 +51,6 @@ ShaderProgram* makeTextureShader(ShaderProgram* program, bool withLog)
             VYX_WARNING("shader program failed to compile:\n%s", qPrintable(program->log()));
         else
             VYX_WARNING("shader program failed to compile");
-        delete program;
         return nullptr;
     }
     if (!program->link()) {
@@ -59,10 +58,9 @@ ShaderProgram* makeTextureShader(ShaderProgram* program, bool withLog)
             VYX_WARNING("shader program failed to link:\n%s", qPrintable(program->log()));
         else
             VYX_WARNING("shader program failed to link");
-        delete program;
         return nullptr;
     }
-    return program;
+    return program.release();
 }
 
 // The device context whose quad the passes draw; a host that never installed one gets one here.
@@ -221,18 +219,18 @@ Texture* WritableCopyOfTexture(Texture* source, unsigned int internalFormat, int
 
 ShaderProgram* MakeTextureShaderFromString(const QString& fragmentSource)
 {
-    auto* program = new ShaderProgram();
+    auto program = std::make_unique<ShaderProgram>();
     program->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("passthroughVS.glslc"));
     program->addShader(GL_FRAGMENT_SHADER, fragmentSource);
-    return makeTextureShader(program, true);
+    return makeTextureShader(std::move(program), true);
 }
 
 ShaderProgram* MakeTextureShaderFromFile(const QString& fragmentFile)
 {
-    auto* program = new ShaderProgram();
+    auto program = std::make_unique<ShaderProgram>();
     program->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("passthroughVS.glslc"));
     program->addShaderFromFile(GL_FRAGMENT_SHADER, fragmentFile);
-    return makeTextureShader(program, false);
+    return makeTextureShader(std::move(program), false);
 }
 
 void ProcessTexture(ShaderProgram* shader, const QHash<QString, QVariant>& uniforms, Texture* source,
