@@ -2,7 +2,7 @@
 
 #include "core/logging.h"
 #include "core/memory.h"
-#include "gl/glloader.h"
+#include "gl/generated/glenums.h"
 
 #include <QHash>
 #include <QMutex>

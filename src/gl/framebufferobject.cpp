@@ -2,9 +2,9 @@
 
 #include "core/logging.h"
 #include "gl/glloader.h"
+#include "gl/internal/texturerelease.h"
 #include "gl/internal/texturesetup.h"
 #include "gl/texture.h"
-#include "gl/texturerelease_p.h"
 
 #include <memory>
 

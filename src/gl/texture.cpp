@@ -4,7 +4,7 @@
 #include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
-#include "gl/glutilities_p.h"
+#include "gl/internal/glutilities.h"
 #include "gl/internal/texturesetup.h"
 
 #include <QHash>

@@ -6,7 +6,7 @@
 #include "gl/framebufferobject.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
-#include "gl/glutilities_p.h"
+#include "gl/internal/glutilities.h"
 #include "gl/internal/texturesetup.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
