@@ -46,6 +46,15 @@ bool hasLayers(unsigned int target)
     }
 }
 
+// attach() takes whole 2D-style textures; layered ones go through attach3D().
+bool refuseLayeredTarget(unsigned int target)
+{
+    VYX_CHECK(false,
+              "Texture Target 0x%X is not supported by FramebufferObject::attach() use FramebufferObject::attach3D()",
+              target);
+    return false;
+}
+
 } // namespace
 
 FramebufferObject::FramebufferObject(unsigned int fbo, QObject* parent)
@@ -132,6 +141,14 @@ bool FramebufferObject::checkAttachable()
     return true;
 }
 
+bool FramebufferObject::checkNewAttachment(Texture* texture, unsigned int attachmentPoint)
+{
+    if (!checkAttachable() || !checkPointFree(attachmentPoint))
+        return false;
+    VYX_CHECK_RETURN(nullptr != texture, false, "Texture is NULL on attach at %d", attachmentPoint);
+    return true;
+}
+
 bool FramebufferObject::checkPointFree(unsigned int attachmentPoint)
 {
     return VYX_CHECK(false == this->_attachments.contains(attachmentPoint),
@@ -152,16 +169,11 @@ void FramebufferObject::recordAttachment(Texture* texture, unsigned int attachme
 
 bool FramebufferObject::attach(Texture* texture, unsigned int attachmentPoint, int level)
 {
-    if (!checkAttachable() || !checkPointFree(attachmentPoint))
+    if (!checkNewAttachment(texture, attachmentPoint))
         return false;
-    VYX_CHECK_RETURN(nullptr != texture, false, "Texture is NULL on attach at %d", attachmentPoint);
     const unsigned int target = texture->target();
-    if (needsLayerAttach(target)) {
-        VYX_CHECK(false,
-                  "Texture Target 0x%X is not supported by FramebufferObject::attach() use FramebufferObject::attach3D()",
-                  target);
-        return false;
-    }
+    if (needsLayerAttach(target))
+        return refuseLayeredTarget(target);
     glFramebufferTexture2D(GL_FRAMEBUFFER, attachmentPoint, target, texture->textureID(), level);
     recordAttachment(texture, attachmentPoint, level);
     return true;
@@ -169,9 +181,8 @@ bool FramebufferObject::attach(Texture* texture, unsigned int attachmentPoint, i
 
 bool FramebufferObject::attach3D(Texture* texture, unsigned int attachmentPoint, int level, int layer)
 {
-    if (!checkAttachable() || !checkPointFree(attachmentPoint))
+    if (!checkNewAttachment(texture, attachmentPoint))
         return false;
-    VYX_CHECK_RETURN(nullptr != texture, false, "Texture is NULL on attach at %d", attachmentPoint);
     if (texture->target() == GL_TEXTURE_3D)
         glFramebufferTexture3D(GL_FRAMEBUFFER, attachmentPoint, GL_TEXTURE_3D, texture->textureID(), level, layer);
     else
@@ -182,9 +193,8 @@ bool FramebufferObject::attach3D(Texture* texture, unsigned int attachmentPoint,
 
 bool FramebufferObject::attachLayers(Texture* texture, unsigned int attachmentPoint, int level)
 {
-    if (!checkAttachable() || !checkPointFree(attachmentPoint))
+    if (!checkNewAttachment(texture, attachmentPoint))
         return false;
-    VYX_CHECK_RETURN(nullptr != texture, false, "Texture is NULL on attach at %d", attachmentPoint);
     if (!hasLayers(texture->target())) {
         VYX_CHECK(false,
                   "Texture Target 0x%X is not supported by FramebufferObject::attachLayer() use FramebufferObject::attach()",
@@ -202,12 +212,8 @@ bool FramebufferObject::attachUpdate(Texture* texture, unsigned int attachmentPo
         return false;
     VYX_CHECK_RETURN(nullptr != texture, false, "Texture is NULL on attach at %d", attachmentPoint);
     const unsigned int target = texture->target();
-    if (isProxyTarget(target)) {
-        VYX_CHECK(false,
-                  "Texture Target 0x%X is not supported by FramebufferObject::attach() use FramebufferObject::attach3D()",
-                  target);
-        return false;
-    }
+    if (isProxyTarget(target))
+        return refuseLayeredTarget(target);
     // Attaching over a point replaces what was there; no detach is needed in between.
     if (hasLayers(target))
         glFramebufferTexture(GL_FRAMEBUFFER, attachmentPoint, texture->textureID(), level);

@@ -46,21 +46,14 @@ void main()
 ShaderProgram* makeTextureShader(std::unique_ptr<ShaderProgram> program, bool withLog)
 {
     program->setFragDataLocations({QStringLiteral("out_FragColor")});
-    if (!program->compile()) {
-        if (withLog)
-            VYX_WARNING("shader program failed to compile:\n%s", qPrintable(program->log()));
-        else
-            VYX_WARNING("shader program failed to compile");
-        return nullptr;
-    }
-    if (!program->link()) {
-        if (withLog)
-            VYX_WARNING("shader program failed to link:\n%s", qPrintable(program->log()));
-        else
-            VYX_WARNING("shader program failed to link");
-        return nullptr;
-    }
-    return program.release();
+    const char* failedStep = !program->compile() ? "compile" : !program->link() ? "link" : nullptr;
+    if (!failedStep)
+        return program.release();
+    if (withLog)
+        VYX_WARNING("shader program failed to %s:\n%s", failedStep, qPrintable(program->log()));
+    else
+        VYX_WARNING("shader program failed to %s", failedStep);
+    return nullptr;
 }
 
 // The device context whose quad the passes draw; a host that never installed one gets one here.
