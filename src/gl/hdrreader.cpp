@@ -68,8 +68,6 @@ Texture* HDRReader::load(const TextureFileInfo& info)
         VYX_WARNING("Texture %s failed to load.", name.constData());
         return false;
     });
-    if (!texture)
-        return nullptr;
     Texture* loaded = texture.release();
     RemapColorRange(loaded, info.lowValue, info.highValue);
     return loaded;
