@@ -18,7 +18,7 @@
 #include "gl/framebufferobject.h"
 #include "gl/glcontexttracker.h"
 #include "gl/glentrypoints.h"
-#include "gl/glloader.h"
+#include "gl/generated/glloader.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/glutilities.h"
 #include "gl/hdrdecoder.h"

@@ -12,7 +12,7 @@ import subprocess
 import sys
 import tempfile
 
-GENERATED = ["glloader.h", "glloader.cpp", "glentrypoints.cpp"]
+GENERATED = ["glenums.h", "glloader.h", "glnames.h", "glloader.cpp", "glentrypoints.cpp"]
 failures = []
 
 
@@ -30,11 +30,15 @@ def check_up_to_date(root, out_dir):
               "src/gl/generated/%s is not what tools/gen_gl_loader.py generates; rerun it" % name)
 
 
-def check_loader_header(text):
-    pointers = re.findall(r"^VYXGL_EXPORT extern PFNVYX\w+PROC _ptrc_(\w+);$", text, re.M)
-    forwards = re.findall(r"^#define (gl\w+) _ptrc_\1$", text, re.M)
+def check_loader_headers(enums, loader, names):
+    pointers = re.findall(r"^VYXGL_EXPORT extern PFNVYX\w+PROC _ptrc_(\w+);$", loader, re.M)
+    forwards = re.findall(r"^#define (gl\w+) _ptrc_\1$", names, re.M)
     check(len(pointers) == 325 and len(set(pointers)) == 325, "expected 325 distinct loader pointers")
     check(sorted(pointers) == sorted(forwards), "every loader pointer needs its plain-name macro")
+    # Hosts include glloader.h beside Qt's or the system's GL headers, which declare the plain names.
+    check(not re.search(r"^#define (gl\w+|__gl\w*_h_|__GL_H__)\b", loader, re.M),
+          "glloader.h must leave plain GL names and system header guards alone")
+    check(not re.search(r"^(typedef|VYXGL_EXPORT|extern)\b", enums, re.M), "glenums.h holds enums only")
     check("glBegin" not in pointers and "glMatrixMode" not in pointers, "fixed-function entry points loaded")
     for name in ["glGetStringi", "glFenceSync", "glTexImage3DMultisample", "glMemoryBarrier",
                  "glGetActiveAtomicCounterBufferiv", "glUniformBlockBinding"]:
@@ -43,8 +47,8 @@ def check_loader_header(text):
     for name in ["GL_LUMINANCE8_ALPHA8", "GL_INTENSITY", "GL_ALPHA8", "GL_COMPRESSED_RGBA_ASTC_4x4_KHR",
                  "GL_COMPRESSED_RGBA_S3TC_DXT5_EXT", "GL_TEXTURE_MAX_ANISOTROPY_EXT", "GL_ETC1_RGB8_OES",
                  "GL_COMPRESSED_RGBA_BPTC_UNORM_ARB", "GL_TEXTURE_CUBE_MAP_SEAMLESS"]:
-        check(re.search(r"^#define %s 0x" % name, text, re.M), "%s not defined" % name)
-    check(re.search(r"^#define GL_TIMEOUT_IGNORED 0xFFFFFFFFFFFFFFFFull$", text, re.M),
+        check(re.search(r"^#define %s 0x" % name, enums, re.M), "%s not defined" % name)
+    check(re.search(r"^#define GL_TIMEOUT_IGNORED 0xFFFFFFFFFFFFFFFFull$", enums, re.M),
           "64-bit enum lost its suffix")
 
 
@@ -80,8 +84,10 @@ def main(argv):
     root = os.path.abspath(argv[1])
     with tempfile.TemporaryDirectory() as out_dir:
         check_up_to_date(root, out_dir)
-        with open(os.path.join(out_dir, "glloader.h"), encoding="utf-8") as f:
-            check_loader_header(f.read())
+        def read(name):
+            with open(os.path.join(out_dir, name), encoding="utf-8") as f:
+                return f.read()
+        check_loader_headers(read("glenums.h"), read("glloader.h"), read("glnames.h"))
         with open(os.path.join(out_dir, "glentrypoints.cpp"), encoding="utf-8") as f:
             check_entry_point_table(f.read())
     for failure in failures:

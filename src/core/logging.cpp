@@ -62,4 +62,9 @@ bool checkAssertion(bool condition, const char* conditionText, const char* file,
     return false;
 }
 
+QByteArray printableName(const QString& name)
+{
+    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
+}
+
 } // namespace Tavren::Vyx

@@ -2,6 +2,9 @@
 
 #include "core/vyxexport.h"
 
+#include <QByteArray>
+#include <QString>
+
 // Printf-style logging in the library's one line form "[file:line] text",
 // and the assertion helper that reports a failed condition without aborting.
 
@@ -28,6 +31,9 @@ VYXGL_EXPORT bool checkAssertion(bool condition, const char* conditionText, cons
 // The file name after its last '/'.
 VYXGL_EXPORT const char* sourceBaseName(const char* file);
 
+// A file or data name as log lines print it: "<unnamed>" for an empty one.
+VYXGL_EXPORT QByteArray printableName(const QString& name);
+
 } // namespace Tavren::Vyx
 
 #define VYX_DEBUG(...) ::Tavren::Vyx::logMessage(::Tavren::Vyx::LogLevel::Debug, __FILE__, __LINE__, __VA_ARGS__)
@@ -40,15 +46,20 @@ VYXGL_EXPORT const char* sourceBaseName(const char* file);
     ::Tavren::Vyx::checkAssertion(static_cast<bool>(condition), #condition, __FILE__, __LINE__, __VA_ARGS__)
 
 // Reports and returns `failureValue` from the enclosing function when the condition is false.
+// (Both forms stringify the condition themselves: passed on to VYX_CHECK, macros in it such as
+// NULL or GL_TEXTURE_2D would be printed expanded.)
 #define VYX_CHECK_RETURN(condition, failureValue, ...) \
     do { \
-        if (!VYX_CHECK(condition, __VA_ARGS__)) \
+        if (!::Tavren::Vyx::checkAssertion(static_cast<bool>(condition), #condition, __FILE__, __LINE__, \
+                                           __VA_ARGS__)) \
             return failureValue; \
     } while (false)
 
 // For the checks whose operation prints and then goes on regardless: a statement of its own, so
 // it cannot be mistaken for a forgotten return.
-#define VYX_CHECK_CONTINUE(condition, ...) static_cast<void>(VYX_CHECK(condition, __VA_ARGS__))
+#define VYX_CHECK_CONTINUE(condition, ...) \
+    static_cast<void>(::Tavren::Vyx::checkAssertion(static_cast<bool>(condition), #condition, __FILE__, __LINE__, \
+                                                    __VA_ARGS__))
 
 // As VYX_CHECK, but reports `conditionText` instead of the expression evaluated, for checks whose
 // printed condition differs from the code (an object that may be missing altogether).

@@ -2,7 +2,7 @@
 
 #include "core/logging.h"
 #include "core/memory.h"
-#include "gl/glloader.h"
+#include "gl/generated/glenums.h"
 
 #include <QHash>
 #include <QMutex>
@@ -18,11 +18,6 @@ extern "C" {
 namespace Tavren::Vyx {
 
 namespace {
-
-QByteArray printableName(const QString& name)
-{
-    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
-}
 
 uint32_t read24(const unsigned char* p)
 {
@@ -205,10 +200,8 @@ bool ASTCFile::hasHDRBlocks() const
 bool ASTCFile::decodeRGBA8(unsigned char* rgba, bool srgb) const
 {
     const QByteArray name = printableName(_name);
-    if (!VYX_CHECK(_valid, "ASTC file '%s' is not valid", name.constData()))
-        return false;
-    if (!VYX_CHECK(rgba != nullptr, "No output buffer"))
-        return false;
+    VYX_CHECK_RETURN(_valid, false, "ASTC file '%s' is not valid", name.constData());
+    VYX_CHECK_RETURN(rgba != nullptr, false, "No output buffer");
     const bool hdr = hasHDRBlocks();
     if (hdr)
         VYX_DEBUG("ASTC file '%s' holds HDR blocks; they are decoded clamped to [0, 1]", name.constData());

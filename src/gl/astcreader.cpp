@@ -5,10 +5,12 @@
 #include "gl/astcfile.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/texture.h"
 #include "gl/textureutilities.h"
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <new>
 
@@ -16,40 +18,19 @@ namespace Tavren::Vyx {
 
 namespace {
 
-QByteArray printableName(const QString& name)
+// A 2D texture whose single level is complete, so the row-flipping pass can sample it, made by
+// `upload`; null, after a warning, when GL refuses the upload.
+std::unique_ptr<Texture> newTexture(const QByteArray& name, const std::function<void()>& upload)
 {
-    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
-}
-
-// A bound 2D texture whose single level is complete, so the row-flipping pass can sample it.
-Texture* newTexture()
-{
-    auto* texture = new Texture();
-    texture->setTarget(GL_TEXTURE_2D);
-    if (!texture->bind()) {
-        delete texture;
-        return nullptr;
-    }
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_BASE_LEVEL, 0);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, 0);
-    return texture;
-}
-
-// Unbinds, and keeps the texture only when GL took the upload.
-Texture* uploaded(Texture* texture, const QByteArray& name)
-{
-    const GLenum error = glGetError();
-    texture->unbind();
-    if (error != GL_NO_ERROR) {
+    const SamplerSettings sampler = {GL_LINEAR, GL_LINEAR, GL_CLAMP_TO_EDGE, GL_CLAMP_TO_EDGE, 0, 0};
+    return newTextureWithStorage(GL_TEXTURE_2D, sampler, [&] {
+        VYX_CHECK_GL_ERROR(); // errors of earlier work are not this file's
+        upload();
+        if (glGetError() == GL_NO_ERROR)
+            return true;
         VYX_WARNING("Compressed texture %s failed to load.", name.constData());
-        delete texture;
-        return nullptr;
-    }
-    return texture;
+        return false;
+    });
 }
 
 // Drivers cannot build levels of ASTC blocks, so they are made once the texels are plain RGBA.
@@ -72,12 +53,7 @@ ASTCReader::ASTCReader(Memory* memory, const QString& name)
 {
 }
 
-ASTCReader::~ASTCReader()
-{
-    // The file gives its block back to the memory first.
-    _file.reset();
-    delete _memory;
-}
+ASTCReader::~ASTCReader() = default;
 
 bool ASTCReader::valid() const
 {
@@ -96,8 +72,7 @@ unsigned int ASTCReader::height() const
 
 Texture* ASTCReader::load(const TextureFileInfo& info)
 {
-    if (!VYX_CHECK(valid(), "ASTC file '%s' is not valid", printableName(_name).constData()))
-        return nullptr;
+    VYX_CHECK_RETURN(valid(), nullptr, "ASTC file '%s' is not valid", printableName(_name).constData());
     // An LDR-only decoder shows HDR blocks as its error colour, so those files go through the CPU.
     const bool gpu = hasGLExtension("GL_KHR_texture_compression_astc_ldr") &&
                      (hasGLExtension("GL_KHR_texture_compression_astc_hdr") || !_file->hasHDRBlocks());
@@ -109,13 +84,10 @@ Texture* ASTCReader::load(const TextureFileInfo& info)
 
 Texture* ASTCReader::uploadBlocks(const TextureFileInfo& info)
 {
-    Texture* texture = newTexture();
-    if (!texture)
-        return nullptr;
-    VYX_CHECK_GL_ERROR(); // errors of earlier work are not this file's
-    glCompressedTexImage2D(GL_TEXTURE_2D, 0, _file->glInternalFormat(info.srgb), GLsizei(width()), GLsizei(height()),
-                           0, GLsizei(_file->blocksSize()), _file->blocks());
-    texture = uploaded(texture, printableName(_name));
+    Texture* texture = newTexture(printableName(_name), [&] {
+        glCompressedTexImage2D(GL_TEXTURE_2D, 0, _file->glInternalFormat(info.srgb), GLsizei(width()),
+                               GLsizei(height()), 0, GLsizei(_file->blocksSize()), _file->blocks());
+    }).release();
     // Blocks cannot be reordered, so the rows are turned over on the GPU as for other files.
     if (texture) {
         FlipY(texture);
@@ -139,18 +111,12 @@ Texture* ASTCReader::uploadDecoded(const TextureFileInfo& info)
     for (uint64_t top = 0, bottom = height() - 1; top < bottom; ++top, --bottom)
         std::swap_ranges(rgba.get() + top * rowBytes, rgba.get() + (top + 1) * rowBytes, rgba.get() + bottom * rowBytes);
 
-    Texture* texture = newTexture();
-    if (!texture)
-        return nullptr;
-    VYX_CHECK_GL_ERROR(); // errors of earlier work are not this file's
-    GLint alignment = 4;
-    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-    const GLint internalFormat = info.srgb ? GL_SRGB8_ALPHA8 : GL_RGBA8;
-    glTexImage2D(GL_TEXTURE_2D, 0, internalFormat, GLsizei(width()), GLsizei(height()), 0, GL_RGBA, GL_UNSIGNED_BYTE,
-                 rgba.get());
-    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
-    texture = uploaded(texture, name);
+    Texture* texture = newTexture(name, [&] {
+        PixelStoreGuard alignment(GL_UNPACK_ALIGNMENT, 4);
+        const GLint internalFormat = info.srgb ? GL_SRGB8_ALPHA8 : GL_RGBA8;
+        glTexImage2D(GL_TEXTURE_2D, 0, internalFormat, GLsizei(width()), GLsizei(height()), 0, GL_RGBA,
+                     GL_UNSIGNED_BYTE, rgba.get());
+    }).release();
     if (texture)
         buildMipmaps(texture);
     return texture;

@@ -32,7 +32,8 @@ private:
     Texture* uploadBlocks(const TextureFileInfo& info);
     Texture* uploadDecoded(const TextureFileInfo& info);
 
-    Memory* _memory;
+    // Declared first so it outlives _file, which gives its blocks back to it.
+    std::unique_ptr<Memory> _memory;
     QString _name;
     std::unique_ptr<ASTCFile> _file;
 };

@@ -98,9 +98,8 @@ bool BufferObject::create()
 bool BufferObject::destroy()
 {
     // A bound buffer keeps its name (and leaks it) rather than vanish under its binding.
-    if (!VYX_CHECK(0u == this->_boBountTarget, "Buffer Object is already bound on destroy to target %d",
-                   _boBountTarget))
-        return false;
+    VYX_CHECK_RETURN(0u == this->_boBountTarget, false,
+                     "Buffer Object is already bound on destroy to target %d", _boBountTarget);
     if (_bo != 0)
         glDeleteBuffers(1, &_bo);
     _bo = 0;
@@ -230,12 +229,9 @@ bool BufferObject::uploadBytes(const void* data, int valueCount, size_t valueSiz
 
 bool BufferObject::checkUploadable(int valueCount) const
 {
-    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on upload"))
-        return false;
-    if (!VYX_CHECK(0 != valueCount, "Buffer Object needs more and 0 values during upload"))
-        return false;
-    if (!VYX_CHECK(0 < valueCount, "Buffer Object got a negative value count %d during upload", valueCount))
-        return false;
+    VYX_CHECK_RETURN(0u != this->_bo, false, "Buffer Object is NULL on upload");
+    VYX_CHECK_RETURN(0 != valueCount, false, "Buffer Object needs more and 0 values during upload");
+    VYX_CHECK_RETURN(0 < valueCount, false, "Buffer Object got a negative value count %d during upload", valueCount);
     return true;
 }
 
@@ -269,8 +265,7 @@ bool BufferObject::uploadArbitraryData(const void* values, int valueCount, unsig
 {
     if (!checkUploadable(valueCount))
         return false;
-    if (!VYX_CHECK(0 != valueSize, "Buffer Object needs more and 0 value size during upload"))
-        return false;
+    VYX_CHECK_RETURN(0 != valueSize, false, "Buffer Object needs more and 0 value size during upload");
     if (!_storageBuffer)
         return uploadBytes(values, valueCount, valueSize, usage);
     // Immutable storage: replace the contents, no bind needed.
@@ -282,17 +277,12 @@ bool BufferObject::uploadArbitraryData(const void* values, int valueCount, unsig
 
 bool BufferObject::subUpload(const float* values, int valueCount, int offset)
 {
-    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on upload"))
-        return false;
-    if (!VYX_CHECK(0 != valueCount, "Buffer Object needs more and 0 values during upload"))
-        return false;
-    if (!VYX_CHECK(0u != this->_boBountTarget, "Buffer Object is not bound on upload"))
-        return false;
-    if (!VYX_CHECK(0 <= offset && 0 < valueCount, "Buffer Object got offset %d and value count %d during upload",
-                   offset, valueCount))
-        return false;
-    if (!VYX_CHECK(offset + valueCount <= _valueCount, "Buffer Object is not large enough to hold data"))
-        return false;
+    VYX_CHECK_RETURN(0u != this->_bo, false, "Buffer Object is NULL on upload");
+    VYX_CHECK_RETURN(0 != valueCount, false, "Buffer Object needs more and 0 values during upload");
+    VYX_CHECK_RETURN(0u != this->_boBountTarget, false, "Buffer Object is not bound on upload");
+    VYX_CHECK_RETURN(0 <= offset && 0 < valueCount, false,
+                     "Buffer Object got offset %d and value count %d during upload", offset, valueCount);
+    VYX_CHECK_RETURN(offset + valueCount <= _valueCount, false, "Buffer Object is not large enough to hold data");
     glBufferSubData(_boBountTarget, static_cast<GLintptr>(offset) * 4, static_cast<GLsizeiptr>(valueCount) * 4,
                     values);
     return true;
@@ -305,20 +295,17 @@ bool BufferObject::subUpload(const QVector<float>& values, int offset)
 
 void* BufferObject::map(unsigned int access)
 {
-    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on map"))
-        return nullptr;
-    if (!VYX_CHECK(0u != this->_boBountTarget, "Buffer Object is not bound on map"))
-        return nullptr;
-    if (!VYX_CHECK(0u != this->_target, "Buffer Object's Target is not set when map() is called"))
-        return nullptr;
+    VYX_CHECK_RETURN(0u != this->_bo, nullptr, "Buffer Object is NULL on map");
+    VYX_CHECK_RETURN(0u != this->_boBountTarget, nullptr, "Buffer Object is not bound on map");
+    VYX_CHECK_RETURN(0u != this->_target, nullptr, "Buffer Object's Target is not set when map() is called");
     return glMapBuffer(_target, access);
 }
 
 void BufferObject::unmap()
 {
-    VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on map");
-    VYX_CHECK(0u != this->_boBountTarget, "Buffer Object is not bound on unmap");
-    VYX_CHECK(0u != this->_target, "Buffer Object's target is not set when unmap() is called");
+    VYX_CHECK_CONTINUE(0u != this->_bo, "Buffer Object is NULL on map");
+    VYX_CHECK_CONTINUE(0u != this->_boBountTarget, "Buffer Object is not bound on unmap");
+    VYX_CHECK_CONTINUE(0u != this->_target, "Buffer Object's target is not set when unmap() is called");
     glUnmapBuffer(_target);
 }
 

@@ -1,4 +1,4 @@
-#include "gl/builtintexturerecognisers_p.h"
+#include "gl/internal/builtintexturerecognisers.h"
 
 #include "gl/astcreader.h"
 #include "gl/hdrreader.h"

@@ -126,13 +126,13 @@ int DrawBuffers::NumAlive()
 
 void DrawBuffers::setPrimitiveType(unsigned int primitiveType)
 {
-    VYX_CHECK(GL_QUADS != primitiveType, "GL_QUADS is not allowed");
+    VYX_CHECK_CONTINUE(GL_QUADS != primitiveType, "GL_QUADS is not allowed");
     _primitiveType = primitiveType;
 }
 
 void DrawBuffers::setVAO(QSharedPointer<VertexArrayObject> vao)
 {
-    VYX_CHECK(true == this->_vao.isNull(), "Vertex Array Object is already set");
+    VYX_CHECK_CONTINUE(true == this->_vao.isNull(), "Vertex Array Object is already set");
     _vao = vao;
 }
 
@@ -324,8 +324,7 @@ bool DrawBuffers::draw(ShaderProgram* program, const QVector<int>* commandSubset
     if (!VYX_CHECK_AS(!_vao.isNull() && _vao->isBound(), "true == this->_vao->isBound()",
                       "Vertex Array Object is not bound on draw"))
         return false;
-    if (!VYX_CHECK(GLenum(-1) != this->_primitiveType, "Primitive type is not setup on draw"))
-        return false;
+    VYX_CHECK_RETURN(GLenum(-1) != this->_primitiveType, false, "Primitive type is not setup on draw");
     if (_useMultiDrawIndirect)
         return drawMultiIndirect();
     if (!baseInstanceDrawing)
@@ -333,14 +332,18 @@ bool DrawBuffers::draw(ShaderProgram* program, const QVector<int>* commandSubset
     return drawBaseInstance();
 }
 
+bool DrawBuffers::checkIndexed() const
+{
+    VYX_CHECK_RETURN(0 != this->_indexType, false, "Index type is not setup on draw");
+    VYX_CHECK_RETURN(0 != this->_indexCount, false, "Index count is not setup on draw");
+    return true;
+}
+
 bool DrawBuffers::drawMultiIndirect()
 {
-    if (!VYX_CHECK(0 != this->_commandsCount, "DrawElementsIndirectCommandsCount is not set on draw"))
-        return false;
-    if (!VYX_CHECK(0 != this->_indexType, "Index type is not setup on draw"))
-        return false;
-    if (!VYX_CHECK(false == this->_boIndex.isNull(), "Index buffer object is not set on draw"))
-        return false;
+    VYX_CHECK_RETURN(0 != this->_commandsCount, false, "DrawElementsIndirectCommandsCount is not set on draw");
+    VYX_CHECK_RETURN(0 != this->_indexType, false, "Index type is not setup on draw");
+    VYX_CHECK_RETURN(false == this->_boIndex.isNull(), false, "Index buffer object is not set on draw");
     {
         AutoBinder indirect(_boIndirect.data());
         glMultiDrawElementsIndirect(_primitiveType, _indexType, nullptr, _commandsCount,
@@ -364,9 +367,7 @@ bool DrawBuffers::drawBaseInstance()
     }
     resolveBaseInstanceEntryPoints();
     if (_boIndex) {
-        if (!VYX_CHECK(0 != this->_indexType, "Index type is not setup on draw"))
-            return false;
-        if (!VYX_CHECK(0 != this->_indexCount, "Index count is not setup on draw"))
+        if (!checkIndexed())
             return false;
         if (!VYX_CHECK(DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance,
                        "glDrawElementsInstancedBaseVertexBaseInstance is not available"))
@@ -379,8 +380,7 @@ bool DrawBuffers::drawBaseInstance()
         totalDrawIndices += static_cast<quint64>(_indexCount);
         return true;
     }
-    if (!VYX_CHECK(0 != this->_vertexCount, "Index count is not setup on draw"))
-        return false;
+    VYX_CHECK_RETURN(0 != this->_vertexCount, false, "Index count is not setup on draw");
     if (!VYX_CHECK(DrawBuffersEntryPoints::drawArraysInstancedBaseInstance,
                    "glDrawArraysInstancedBaseInstance is not available"))
         return false;
@@ -413,8 +413,7 @@ bool DrawBuffers::drawUniformFallback(ShaderProgram* program, const QVector<int>
 
     if (_commandsCount == 0) {
         if (!_boIndex) {
-            if (!VYX_CHECK(0 != this->_vertexCount, "Index count is not setup on draw"))
-                return false;
+            VYX_CHECK_RETURN(0 != this->_vertexCount, false, "Index count is not setup on draw");
             for (int i = 0; i < _instanceCount; ++i) {
                 setDrawID(_drawIDBase + i);
                 glDrawArrays(_primitiveType, 0, static_cast<GLsizei>(_vertexCount));
@@ -423,9 +422,7 @@ bool DrawBuffers::drawUniformFallback(ShaderProgram* program, const QVector<int>
             }
             return true;
         }
-        if (!VYX_CHECK(0 != this->_indexType, "Index type is not setup on draw"))
-            return false;
-        if (!VYX_CHECK(0 != this->_indexCount, "Index count is not setup on draw"))
+        if (!checkIndexed())
             return false;
         const void* offset = byteOffset(_indexBufferOffset);
         for (int i = 0; i < _instanceCount; ++i) {
@@ -444,9 +441,8 @@ bool DrawBuffers::drawUniformFallback(ShaderProgram* program, const QVector<int>
     const int n = commandSubset ? commandSubset->size() : _commandsCount;
     if (commandSubset) {
         for (int c : *commandSubset) {
-            if (!VYX_CHECK(c >= 0 && c < _commandsCount, "Draw command %d is not in the list of %d", c,
-                           _commandsCount))
-                return false;
+            VYX_CHECK_RETURN(c >= 0 && c < _commandsCount, false,
+                             "Draw command %d is not in the list of %d", c, _commandsCount);
         }
     }
     for (int k = 0; k < n; ++k) {
@@ -467,18 +463,14 @@ bool DrawBuffers::drawInstanced(int instances)
     if (!VYX_CHECK_AS(!_vao.isNull() && _vao->isBound(), "true == this->_vao->isBound()",
                       "Vertex Array Object is not bound on draw"))
         return false;
-    if (!VYX_CHECK(GLenum(-1) != this->_primitiveType, "Primitive type is not setup on draw"))
-        return false;
+    VYX_CHECK_RETURN(GLenum(-1) != this->_primitiveType, false, "Primitive type is not setup on draw");
     if (_boIndex) {
-        if (!VYX_CHECK(0 != this->_indexType, "Index type is not setup on draw"))
-            return false;
-        if (!VYX_CHECK(0 != this->_indexCount, "Index count is not setup on draw"))
+        if (!checkIndexed())
             return false;
         glDrawElementsInstanced(_primitiveType, _indexCount, _indexType, nullptr, instances);
         return true;
     }
-    if (!VYX_CHECK(0 != this->_vertexCount, "Index count is not setup on draw"))
-        return false;
+    VYX_CHECK_RETURN(0 != this->_vertexCount, false, "Index count is not setup on draw");
     glDrawArraysInstanced(_primitiveType, 0, static_cast<GLsizei>(_vertexCount), instances);
     return true;
 }

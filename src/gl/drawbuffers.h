@@ -117,6 +117,8 @@ public:
     bool drawInstanced(int instances);
 
 private:
+    // The index type and count an indexed draw needs, each reported when missing.
+    bool checkIndexed() const;
     bool drawMultiIndirect();
     bool drawBaseInstance();
     bool drawUniformFallback(ShaderProgram* program, const QVector<int>* commandSubset);

@@ -2,8 +2,11 @@
 
 #include "core/logging.h"
 #include "gl/glloader.h"
+#include "gl/internal/texturerelease.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/texture.h"
-#include "gl/texturerelease_p.h"
+
+#include <memory>
 
 namespace Tavren::Vyx {
 
@@ -43,10 +46,13 @@ bool hasLayers(unsigned int target)
     }
 }
 
-void setNearestFiltering(unsigned int target)
+// attach() takes whole 2D-style textures; layered ones go through attach3D().
+bool refuseLayeredTarget(unsigned int target)
 {
-    glTexParameteri(target, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
-    glTexParameteri(target, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+    VYX_CHECK(false,
+              "Texture Target 0x%X is not supported by FramebufferObject::attach() use FramebufferObject::attach3D()",
+              target);
+    return false;
 }
 
 } // namespace
@@ -72,10 +78,8 @@ FramebufferObject::~FramebufferObject()
 
 bool FramebufferObject::create()
 {
-    if (!VYX_CHECK(0u == this->_fbo, "Framebuffer Object is not NULL on create"))
-        return false;
-    if (!VYX_CHECK(false == this->_fboBound, "Framebuffer Object is already bound on create"))
-        return false;
+    VYX_CHECK_RETURN(0u == this->_fbo, false, "Framebuffer Object is not NULL on create");
+    VYX_CHECK_RETURN(false == this->_fboBound, false, "Framebuffer Object is already bound on create");
     glGenFramebuffers(1, &_fbo);
     _managed = true;
     ++aliveFramebuffers;
@@ -85,8 +89,7 @@ bool FramebufferObject::create()
 bool FramebufferObject::destroy()
 {
     // A bound framebuffer keeps its name rather than vanish under its binding.
-    if (!VYX_CHECK(false == this->_fboBound, "Framebuffer Object is already bound on destroy"))
-        return false;
+    VYX_CHECK_RETURN(false == this->_fboBound, false, "Framebuffer Object is already bound on destroy");
     if (_fbo != 0 && _managed)
         glDeleteFramebuffers(1, &_fbo);
     _fbo = 0;
@@ -104,10 +107,8 @@ void FramebufferObject::setFBO(unsigned int fbo)
 
 bool FramebufferObject::bind()
 {
-    if (!VYX_CHECK(0u != this->_fbo, "Framebuffer Object is NULL on bind"))
-        return false;
-    if (!VYX_CHECK(false == this->_fboBound, "Framebuffer Object is already bound on bind"))
-        return false;
+    VYX_CHECK_RETURN(0u != this->_fbo, false, "Framebuffer Object is NULL on bind");
+    VYX_CHECK_RETURN(false == this->_fboBound, false, "Framebuffer Object is already bound on bind");
     glBindFramebuffer(GL_FRAMEBUFFER, _fbo);
     _fboBound = true;
     return true;
@@ -115,10 +116,8 @@ bool FramebufferObject::bind()
 
 bool FramebufferObject::unbind()
 {
-    if (!VYX_CHECK(0u != this->_fbo, "Framebuffer Object is NULL on unbind"))
-        return false;
-    if (!VYX_CHECK(true == this->_fboBound, "Framebuffer Object is not bound on unbind"))
-        return false;
+    VYX_CHECK_RETURN(0u != this->_fbo, false, "Framebuffer Object is NULL on unbind");
+    VYX_CHECK_RETURN(true == this->_fboBound, false, "Framebuffer Object is not bound on unbind");
     glBindFramebuffer(GL_FRAMEBUFFER, 0);
     _fboBound = false;
     return true;
@@ -137,10 +136,16 @@ bool FramebufferObject::isComplete()
 
 bool FramebufferObject::checkAttachable()
 {
-    if (!VYX_CHECK(0u != this->_fbo, "Framebuffer Object is NULL on attach"))
+    VYX_CHECK_RETURN(0u != this->_fbo, false, "Framebuffer Object is NULL on attach");
+    VYX_CHECK_RETURN(true == this->_fboBound, false, "Framebuffer Object is not bound on attach");
+    return true;
+}
+
+bool FramebufferObject::checkNewAttachment(Texture* texture, unsigned int attachmentPoint)
+{
+    if (!checkAttachable() || !checkPointFree(attachmentPoint))
         return false;
-    if (!VYX_CHECK(true == this->_fboBound, "Framebuffer Object is not bound on attach"))
-        return false;
+    VYX_CHECK_RETURN(nullptr != texture, false, "Texture is NULL on attach at %d", attachmentPoint);
     return true;
 }
 
@@ -164,17 +169,11 @@ void FramebufferObject::recordAttachment(Texture* texture, unsigned int attachme
 
 bool FramebufferObject::attach(Texture* texture, unsigned int attachmentPoint, int level)
 {
-    if (!checkAttachable() || !checkPointFree(attachmentPoint))
-        return false;
-    if (!VYX_CHECK(nullptr != texture, "Texture is NULL on attach at %d", attachmentPoint))
+    if (!checkNewAttachment(texture, attachmentPoint))
         return false;
     const unsigned int target = texture->target();
-    if (needsLayerAttach(target)) {
-        VYX_CHECK(false,
-                  "Texture Target 0x%X is not supported by FramebufferObject::attach() use FramebufferObject::attach3D()",
-                  target);
-        return false;
-    }
+    if (needsLayerAttach(target))
+        return refuseLayeredTarget(target);
     glFramebufferTexture2D(GL_FRAMEBUFFER, attachmentPoint, target, texture->textureID(), level);
     recordAttachment(texture, attachmentPoint, level);
     return true;
@@ -182,9 +181,7 @@ bool FramebufferObject::attach(Texture* texture, unsigned int attachmentPoint, i
 
 bool FramebufferObject::attach3D(Texture* texture, unsigned int attachmentPoint, int level, int layer)
 {
-    if (!checkAttachable() || !checkPointFree(attachmentPoint))
-        return false;
-    if (!VYX_CHECK(nullptr != texture, "Texture is NULL on attach at %d", attachmentPoint))
+    if (!checkNewAttachment(texture, attachmentPoint))
         return false;
     if (texture->target() == GL_TEXTURE_3D)
         glFramebufferTexture3D(GL_FRAMEBUFFER, attachmentPoint, GL_TEXTURE_3D, texture->textureID(), level, layer);
@@ -196,9 +193,7 @@ bool FramebufferObject::attach3D(Texture* texture, unsigned int attachmentPoint,
 
 bool FramebufferObject::attachLayers(Texture* texture, unsigned int attachmentPoint, int level)
 {
-    if (!checkAttachable() || !checkPointFree(attachmentPoint))
-        return false;
-    if (!VYX_CHECK(nullptr != texture, "Texture is NULL on attach at %d", attachmentPoint))
+    if (!checkNewAttachment(texture, attachmentPoint))
         return false;
     if (!hasLayers(texture->target())) {
         VYX_CHECK(false,
@@ -215,15 +210,10 @@ bool FramebufferObject::attachUpdate(Texture* texture, unsigned int attachmentPo
 {
     if (!checkAttachable())
         return false;
-    if (!VYX_CHECK(nullptr != texture, "Texture is NULL on attach at %d", attachmentPoint))
-        return false;
+    VYX_CHECK_RETURN(nullptr != texture, false, "Texture is NULL on attach at %d", attachmentPoint);
     const unsigned int target = texture->target();
-    if (isProxyTarget(target)) {
-        VYX_CHECK(false,
-                  "Texture Target 0x%X is not supported by FramebufferObject::attach() use FramebufferObject::attach3D()",
-                  target);
-        return false;
-    }
+    if (isProxyTarget(target))
+        return refuseLayeredTarget(target);
     // Attaching over a point replaces what was there; no detach is needed in between.
     if (hasLayers(target))
         glFramebufferTexture(GL_FRAMEBUFFER, attachmentPoint, texture->textureID(), level);
@@ -235,16 +225,12 @@ bool FramebufferObject::attachUpdate(Texture* texture, unsigned int attachmentPo
 
 Texture* FramebufferObject::detach(unsigned int attachmentPoint)
 {
-    if (!VYX_CHECK(0u != this->_fbo, "Framebuffer Object is NULL on detach"))
-        return nullptr;
-    if (!VYX_CHECK(true == this->_fboBound, "Framebuffer Object is not bound on detach"))
-        return nullptr;
-    if (!VYX_CHECK(true == this->_attachments.contains(attachmentPoint),
-                   "Framebuffer Object has nothing attached to attachment at %d", attachmentPoint))
-        return nullptr;
-    if (!VYX_CHECK(true == this->_attachmentLevels.contains(attachmentPoint),
-                   "Framebuffer Object has no level info for attachment at %d", attachmentPoint))
-        return nullptr;
+    VYX_CHECK_RETURN(0u != this->_fbo, nullptr, "Framebuffer Object is NULL on detach");
+    VYX_CHECK_RETURN(true == this->_fboBound, nullptr, "Framebuffer Object is not bound on detach");
+    VYX_CHECK_RETURN(true == this->_attachments.contains(attachmentPoint), nullptr,
+                     "Framebuffer Object has nothing attached to attachment at %d", attachmentPoint);
+    VYX_CHECK_RETURN(true == this->_attachmentLevels.contains(attachmentPoint), nullptr,
+                     "Framebuffer Object has no level info for attachment at %d", attachmentPoint);
     glFramebufferTexture(GL_FRAMEBUFFER, attachmentPoint, 0, _attachmentLevels.value(attachmentPoint));
     Texture* texture = _attachments.take(attachmentPoint);
     _attachmentLevels.remove(attachmentPoint);
@@ -278,22 +264,13 @@ Texture* FramebufferObject::createTexture2D(unsigned int attachmentPoint, unsign
 {
     if (!checkAttachable() || !checkPointFree(attachmentPoint))
         return nullptr;
-    auto* texture = new Texture();
-    texture->setTarget(GL_TEXTURE_2D);
-    {
-        AutoBinder binder(texture);
-        if (!binder.isBound()) {
-            delete texture;
-            return nullptr;
-        }
-        setNearestFiltering(GL_TEXTURE_2D);
+    std::unique_ptr<Texture> texture = newTextureWithStorage(GL_TEXTURE_2D, SamplerSettings::nearest(), [&] {
         glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(internalFormat), width, height, 0, format, type, nullptr);
-    }
-    if (!attach(texture, attachmentPoint, 0)) {
-        delete texture;
+        return true;
+    });
+    if (!texture || !attach(texture.get(), attachmentPoint, 0))
         return nullptr;
-    }
-    return texture;
+    return texture.release();
 }
 
 Texture* FramebufferObject::createTexture3D(unsigned int attachmentPoint, unsigned int internalFormat,
@@ -302,23 +279,14 @@ Texture* FramebufferObject::createTexture3D(unsigned int attachmentPoint, unsign
 {
     if (!checkAttachable() || !checkPointFree(attachmentPoint))
         return nullptr;
-    auto* texture = new Texture();
-    texture->setTarget(GL_TEXTURE_2D_ARRAY);
-    {
-        AutoBinder binder(texture);
-        if (!binder.isBound()) {
-            delete texture;
-            return nullptr;
-        }
-        setNearestFiltering(GL_TEXTURE_2D_ARRAY);
+    std::unique_ptr<Texture> texture = newTextureWithStorage(GL_TEXTURE_2D_ARRAY, SamplerSettings::nearest(), [&] {
         glTexImage3D(GL_TEXTURE_2D_ARRAY, 0, static_cast<GLint>(internalFormat), width, height, depth, 0, format,
                      type, nullptr);
-    }
-    if (!attachLayers(texture, attachmentPoint, 0)) {
-        delete texture;
+        return true;
+    });
+    if (!texture || !attachLayers(texture.get(), attachmentPoint, 0))
         return nullptr;
-    }
-    return texture;
+    return texture.release();
 }
 
 bool FramebufferObject::setDrawBuffers()
@@ -336,9 +304,8 @@ bool FramebufferObject::hasAttachment(unsigned int attachmentPoint) const
 
 Texture* FramebufferObject::attachment(unsigned int attachmentPoint) const
 {
-    if (!VYX_CHECK(this->_attachments.contains(attachmentPoint), "Framebuffer Object does not have an attachment at %d",
-                   attachmentPoint))
-        return nullptr;
+    VYX_CHECK_RETURN(this->_attachments.contains(attachmentPoint), nullptr,
+                     "Framebuffer Object does not have an attachment at %d", attachmentPoint);
     return _attachments.value(attachmentPoint);
 }
 

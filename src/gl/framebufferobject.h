@@ -82,6 +82,8 @@ protected:
 private:
     bool checkAttachable();
     bool checkPointFree(unsigned int attachmentPoint);
+    // Bound, the point free and a texture given.
+    bool checkNewAttachment(Texture* texture, unsigned int attachmentPoint);
     void recordAttachment(Texture* texture, unsigned int attachmentPoint, int level);
 
     unsigned int _fbo = 0;

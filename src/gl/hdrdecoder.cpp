@@ -17,11 +17,6 @@ const uint64_t magicLength = 11;
 
 HDRDecoder::OverrunHandler overrunHandler = &std::abort;
 
-QByteArray printableName(const QString& name)
-{
-    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
-}
-
 bool startsWith(const unsigned char* p, const unsigned char* end, const char* text, size_t length)
 {
     return size_t(end - p) >= length && std::memcmp(p, text, length) == 0;
@@ -268,8 +263,7 @@ void HDRDecoder::parseHeader()
 template <class Sink>
 bool HDRDecoder::decode(Sink& sink, RowOrder order) const
 {
-    if (!VYX_CHECK(_valid, "HDR picture '%s' is not valid", printableName(_name).constData()))
-        return false;
+    VYX_CHECK_RETURN(_valid, false, "HDR picture '%s' is not valid", printableName(_name).constData());
     const unsigned char* p = _begin + _dataOffset;
     const unsigned char* const end = _begin + _size;
     const uint32_t width = _width;
@@ -374,16 +368,14 @@ bool HDRDecoder::decode(Sink& sink, RowOrder order) const
 
 bool HDRDecoder::decodeFloat(float* rgb, RowOrder order) const
 {
-    if (!VYX_CHECK(rgb != nullptr, "No output buffer"))
-        return false;
+    VYX_CHECK_RETURN(rgb != nullptr, false, "No output buffer");
     FloatSink sink{rgb, _width};
     return decode(sink, order);
 }
 
 bool HDRDecoder::decodeRGBE(unsigned char* rgbe, RowOrder order) const
 {
-    if (!VYX_CHECK(rgbe != nullptr, "No output buffer"))
-        return false;
+    VYX_CHECK_RETURN(rgbe != nullptr, false, "No output buffer");
     RGBESink sink{rgbe, _width};
     return decode(sink, order);
 }

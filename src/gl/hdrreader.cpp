@@ -5,6 +5,7 @@
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
 #include "gl/hdrdecoder.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/texture.h"
 #include "gl/textureutilities.h"
 
@@ -17,11 +18,6 @@ namespace {
 
 const uint64_t magicLength = 11;
 
-QByteArray printableName(const QString& name)
-{
-    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
-}
-
 } // namespace
 
 HDRReader::HDRReader(Memory* memory, const QString& name)
@@ -31,12 +27,7 @@ HDRReader::HDRReader(Memory* memory, const QString& name)
 {
 }
 
-HDRReader::~HDRReader()
-{
-    // The decoder gives its block back to the memory first.
-    _decoder.reset();
-    delete _memory;
-}
+HDRReader::~HDRReader() = default;
 
 bool HDRReader::valid() const
 {
@@ -56,8 +47,7 @@ unsigned int HDRReader::height() const
 Texture* HDRReader::load(const TextureFileInfo& info)
 {
     const QByteArray name = printableName(_name);
-    if (!VYX_CHECK(valid(), "HDR picture '%s' is not valid", name.constData()))
-        return nullptr;
+    VYX_CHECK_RETURN(valid(), nullptr, "HDR picture '%s' is not valid", name.constData());
     const uint64_t floats = uint64_t(width()) * height() * 3;
     std::unique_ptr<float[]> picture(new (std::nothrow) float[floats]);
     if (!picture) {
@@ -67,36 +57,20 @@ Texture* HDRReader::load(const TextureFileInfo& info)
     if (!_decoder->decodeFloat(picture.get()))
         return nullptr;
 
-    auto* texture = new Texture();
-    texture->setTarget(GL_TEXTURE_2D);
-    if (!texture->bind()) {
-        delete texture;
-        return nullptr;
-    }
-    VYX_CHECK_GL_ERROR(); // errors of earlier work are not this file's
-    GLint alignment = 4;
-    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_BASE_LEVEL, 0);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, 100);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGB32F, GLsizei(width()), GLsizei(height()), 0, GL_RGB, GL_FLOAT,
-                 picture.get());
-    const bool failed = glGetError() != GL_NO_ERROR;
-    picture.reset();
-    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
-    texture->unbind();
-
-    if (failed) {
+    const SamplerSettings sampler = {GL_LINEAR, GL_LINEAR, GL_CLAMP_TO_EDGE, GL_CLAMP_TO_EDGE, 0, 100};
+    std::unique_ptr<Texture> texture = newTextureWithStorage(GL_TEXTURE_2D, sampler, [&] {
+        VYX_CHECK_GL_ERROR(); // errors of earlier work are not this file's
+        PixelStoreGuard alignment(GL_UNPACK_ALIGNMENT, 4);
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_RGB32F, GLsizei(width()), GLsizei(height()), 0, GL_RGB, GL_FLOAT,
+                     picture.get());
+        if (glGetError() == GL_NO_ERROR)
+            return true;
         VYX_WARNING("Texture %s failed to load.", name.constData());
-        delete texture;
-        return nullptr;
-    }
-    RemapColorRange(texture, info.lowValue, info.highValue);
-    return texture;
+        return false;
+    });
+    Texture* loaded = texture.release();
+    RemapColorRange(loaded, info.lowValue, info.highValue);
+    return loaded;
 }
 
 TextureLoader* HDRRecogniser::recognise(Memory* memory, const QString& name) const

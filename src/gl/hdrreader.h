@@ -28,7 +28,8 @@ public:
     const HDRDecoder& decoder() const { return *_decoder; }
 
 private:
-    Memory* _memory;
+    // Declared first so it outlives _decoder, which gives its blocks back to it.
+    std::unique_ptr<Memory> _memory;
     QString _name;
     std::unique_ptr<HDRDecoder> _decoder;
 };

@@ -2,7 +2,7 @@
 
 #include "core/logging.h"
 #include "core/memory.h"
-#include "gl/glloader.h"
+#include "gl/generated/glenums.h"
 
 #include <QList>
 
@@ -30,11 +30,6 @@ uint32_t readWord(const unsigned char* p)
 uint32_t padding(uint64_t size)
 {
     return uint32_t((4 - size % 4) % 4);
-}
-
-QByteArray printableName(const QString& name)
-{
-    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
 }
 
 unsigned int componentCount(unsigned int format)
@@ -261,8 +256,7 @@ bool KTXParser::parseImages()
 {
     _images.clear();
     const QByteArray name = printableName(_name);
-    if (!VYX_CHECK(_headerReadable, "KTX file '%s' has no readable header", name.constData()))
-        return false;
+    VYX_CHECK_RETURN(_headerReadable, false, "KTX file '%s' has no readable header", name.constData());
     const KTXHeader& h = _header;
     const unsigned int faces = h.numberOfFaces;
     if (faces != 1 && faces != 6) {

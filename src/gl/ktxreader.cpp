@@ -4,6 +4,7 @@
 #include "core/memory.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/ktxparser.h"
 #include "gl/texture.h"
 #include "gl/textureutilities.h"
@@ -11,11 +12,6 @@
 namespace Tavren::Vyx {
 
 namespace {
-
-QByteArray printableName(const QString& name)
-{
-    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
-}
 
 void upload(const KTXParser& parser, GLenum target, const KTXImage& image)
 {
@@ -57,12 +53,7 @@ KTXReader::KTXReader(Memory* memory, const QString& name)
 {
 }
 
-KTXReader::~KTXReader()
-{
-    // The parser gives its pointers back to the memory first.
-    _parser.reset();
-    delete _memory;
-}
+KTXReader::~KTXReader() = default;
 
 bool KTXReader::valid() const { return _parser->valid(); }
 bool KTXReader::isCompressed() const { return _parser->isCompressed(); }
@@ -94,8 +85,8 @@ QString KTXReader::value(unsigned int index)
 
 Texture* KTXReader::load(const TextureFileInfo& info)
 {
-    if (!VYX_CHECK(_parser->headerReadable(), "KTX file '%s' has no readable header", printableName(_name).constData()))
-        return nullptr;
+    VYX_CHECK_RETURN(_parser->headerReadable(), nullptr,
+                     "KTX file '%s' has no readable header", printableName(_name).constData());
     if (isArrayTexture()) {
         if (isCubeMapTexture())
             VYX_WARNING("Cubemap arrays not supported yet, sorry!");
@@ -108,38 +99,31 @@ Texture* KTXReader::load(const TextureFileInfo& info)
         return nullptr;
 
     const GLenum target = _parser->target();
-    auto* texture = new Texture();
-    texture->setTarget(target);
-    if (!texture->bind()) {
-        delete texture;
-        return nullptr;
+    SamplerSettings levels;
+    if (mipmapLevels() != 0) {
+        levels.baseLevel = 0;
+        levels.maxLevel = GLint(mipmapLevels() - 1);
     }
-    VYX_CHECK_GL_ERROR(); // errors of earlier work are not this file's
-    const unsigned int levels = mipmapLevels();
-    if (levels != 0) {
-        glTexParameteri(target, GL_TEXTURE_BASE_LEVEL, 0);
-        glTexParameteri(target, GL_TEXTURE_MAX_LEVEL, GLint(levels - 1));
-    }
-    GLint alignment = 4;
-    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-    for (const KTXImage& image : _parser->images())
-        upload(*_parser, target, image);
-    GLenum error = glGetError();
-    if (error == GL_NO_ERROR && hasMipMaps()) {
-        // Files that carry every level still have them regenerated.
-        glGenerateMipmap(target);
-        error = glGetError();
-    }
-    texture->unbind();
-    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
-
-    if (error != GL_NO_ERROR) {
+    std::unique_ptr<Texture> owned = newTextureWithStorage(target, levels, [&] {
+        VYX_CHECK_GL_ERROR(); // errors of earlier work are not this file's
+        PixelStoreGuard alignment(GL_UNPACK_ALIGNMENT, 4);
+        for (const KTXImage& image : _parser->images())
+            upload(*_parser, target, image);
+        GLenum error = glGetError();
+        if (error == GL_NO_ERROR && hasMipMaps()) {
+            // Files that carry every level still have them regenerated.
+            glGenerateMipmap(target);
+            error = glGetError();
+        }
+        if (error == GL_NO_ERROR)
+            return true;
         VYX_WARNING("%s %s failed to load.", isCompressed() ? "Compressed texture" : "Texture",
                     printableName(_name).constData());
-        delete texture;
+        return false;
+    });
+    if (!owned)
         return nullptr;
-    }
+    Texture* texture = owned.release();
     // The passes render 2D pictures only; other targets keep the file's layout and colours.
     if (target == GL_TEXTURE_2D) {
         RemapColorRange(texture, info.lowValue, info.highValue);

@@ -42,7 +42,8 @@ public:
     Texture* load(const TextureFileInfo& info) override;
 
 private:
-    Memory* _memory;
+    // Declared first so it outlives _parser, which gives its blocks back to it.
+    std::unique_ptr<Memory> _memory;
     QString _name;
     std::unique_ptr<KTXParser> _parser;
 };

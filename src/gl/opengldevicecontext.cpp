@@ -10,8 +10,11 @@ namespace {
 
 QSharedPointer<OpenGLDeviceContext>& installedDeviceContext()
 {
-    static QSharedPointer<OpenGLDeviceContext> instance;
-    return instance;
+    // Deliberately never destroyed: static destruction runs after Qt and the host's GL context
+    // are gone, and the cached quad's destructors would call into both. The GL names go with
+    // the context; a host that wants them released calls resetContext() while it is current.
+    static auto* instance = new QSharedPointer<OpenGLDeviceContext>();
+    return *instance;
 }
 
 } // namespace

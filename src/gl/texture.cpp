@@ -4,7 +4,8 @@
 #include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
-#include "gl/glutilities_p.h"
+#include "gl/internal/glutilities.h"
+#include "gl/internal/texturesetup.h"
 
 #include <QHash>
 #include <QMap>
@@ -48,12 +49,6 @@ decltype(auto) withContextInfo(Fn&& fn)
         static_cast<Fn&&>(fn));
 }
 
-void setNearestFiltering(unsigned int target)
-{
-    glTexParameteri(target, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
-    glTexParameteri(target, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-}
-
 int aliveTextures = 0;
 
 } // namespace
@@ -70,7 +65,7 @@ Texture::Texture(unsigned int textureID, QObject* parent)
     : QObject(parent)
     , _textureID(textureID)
 {
-    VYX_CHECK(textureID != 0, "Texture ID was zero, can't wrap a non-existent texture");
+    VYX_CHECK_CONTINUE(textureID != 0, "Texture ID was zero, can't wrap a non-existent texture");
     ++aliveTextures;
 }
 
@@ -87,18 +82,15 @@ int Texture::NumAlive()
 
 bool Texture::create()
 {
-    if (!VYX_CHECK(0u == this->_textureID, "Texture is not NULL on create"))
-        return false;
-    if (!VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture"))
-        return false;
+    VYX_CHECK_RETURN(0u == this->_textureID, false, "Texture is not NULL on create");
+    VYX_CHECK_RETURN(false == _readonly, false, "Not allowed to change a readonly texture");
     glGenTextures(1, &_textureID);
     return true;
 }
 
 bool Texture::destroy()
 {
-    if (!VYX_CHECK(0u != this->_textureID, "Texture is NULL on destroy"))
-        return false;
+    VYX_CHECK_RETURN(0u != this->_textureID, false, "Texture is NULL on destroy");
     // A texture destroyed while bound keeps its unit allocated in that context.
     if (_managed)
         glDeleteTextures(1, &_textureID);
@@ -107,7 +99,7 @@ bool Texture::destroy()
 
 void Texture::setTarget(unsigned int target)
 {
-    VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture");
+    VYX_CHECK_CONTINUE(false == _readonly, "Not allowed to change a readonly texture");
     _target = target;
 }
 
@@ -118,61 +110,52 @@ void Texture::setReadOnly()
 
 Texture* Texture::create2D(unsigned int target, unsigned int internalFormat, int width, int height)
 {
-    VYX_CHECK(target == GL_TEXTURE_2D, "Target 0x%X is not allowed.", target);
-    VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture");
-    setTarget(target);
-    AutoBinder binder(this);
-    // Without a unit of its own the calls would change whatever texture is bound.
-    if (!binder.isBound())
-        return this;
-    setNearestFiltering(target);
-    glTexImage2D(target, 0, static_cast<GLint>(internalFormat), width, height, 0,
-                 allocationFormatFromInternalFormat(internalFormat), allocationTypeFromInternalFormat(internalFormat), nullptr);
+    VYX_CHECK_CONTINUE(target == GL_TEXTURE_2D, "Target 0x%X is not allowed.", target);
+    VYX_CHECK_CONTINUE(false == _readonly, "Not allowed to change a readonly texture");
+    const GLenum format = allocationFormatFromInternalFormat(internalFormat);
+    const GLenum type = allocationTypeFromInternalFormat(internalFormat);
+    makeTextureStorage(*this, target, SamplerSettings::nearest(), [&] {
+        glTexImage2D(target, 0, static_cast<GLint>(internalFormat), width, height, 0, format, type, nullptr);
+        return true;
+    });
     return this;
 }
 
 Texture* Texture::create3D(unsigned int target, unsigned int internalFormat, int width, int height, int depth)
 {
-    VYX_CHECK(target == GL_TEXTURE_2D_ARRAY || target == GL_TEXTURE_3D, "Target 0x%X is not allowed.", target);
-    VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture");
-    setTarget(target);
-    AutoBinder binder(this);
-    if (!binder.isBound())
-        return this;
-    setNearestFiltering(target);
-    glTexImage3D(target, 0, static_cast<GLint>(internalFormat), width, height, depth, 0,
-                 allocationFormatFromInternalFormat(internalFormat), allocationTypeFromInternalFormat(internalFormat), nullptr);
+    VYX_CHECK_CONTINUE(target == GL_TEXTURE_2D_ARRAY || target == GL_TEXTURE_3D, "Target 0x%X is not allowed.", target);
+    VYX_CHECK_CONTINUE(false == _readonly, "Not allowed to change a readonly texture");
+    const GLenum format = allocationFormatFromInternalFormat(internalFormat);
+    const GLenum type = allocationTypeFromInternalFormat(internalFormat);
+    makeTextureStorage(*this, target, SamplerSettings::nearest(), [&] {
+        glTexImage3D(target, 0, static_cast<GLint>(internalFormat), width, height, depth, 0, format, type, nullptr);
+        return true;
+    });
     return this;
 }
 
+// Multisample targets have no sampler state.
 Texture* Texture::create2DMultisample(unsigned int target, unsigned int internalFormat, int width, int height,
                                       int samples)
 {
-    VYX_CHECK(target == GL_TEXTURE_2D_MULTISAMPLE, "Target 0x%X is not allowed.", target);
-    VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture");
-    setTarget(target);
-    AutoBinder binder(this);
-    if (!binder.isBound())
-        return this;
-    // Multisample targets have no sampler state.
-    if (target != GL_TEXTURE_2D_MULTISAMPLE)
-        setNearestFiltering(target);
-    glTexImage2DMultisample(target, samples, internalFormat, width, height, GL_TRUE);
+    VYX_CHECK_CONTINUE(target == GL_TEXTURE_2D_MULTISAMPLE, "Target 0x%X is not allowed.", target);
+    VYX_CHECK_CONTINUE(false == _readonly, "Not allowed to change a readonly texture");
+    makeTextureStorage(*this, target, SamplerSettings(), [&] {
+        glTexImage2DMultisample(target, samples, internalFormat, width, height, GL_TRUE);
+        return true;
+    });
     return this;
 }
 
 Texture* Texture::create3DMultisample(unsigned int target, unsigned int internalFormat, int width, int height,
                                       int depth, int samples)
 {
-    VYX_CHECK(target == GL_TEXTURE_2D_MULTISAMPLE_ARRAY, "Target 0x%X is not allowed.", target);
-    VYX_CHECK(false == _readonly, "Not allowed to change a readonly texture");
-    setTarget(target);
-    AutoBinder binder(this);
-    if (!binder.isBound())
-        return this;
-    if (target != GL_TEXTURE_2D_MULTISAMPLE_ARRAY)
-        setNearestFiltering(target);
-    glTexImage3DMultisample(target, samples, internalFormat, width, height, depth, GL_TRUE);
+    VYX_CHECK_CONTINUE(target == GL_TEXTURE_2D_MULTISAMPLE_ARRAY, "Target 0x%X is not allowed.", target);
+    VYX_CHECK_CONTINUE(false == _readonly, "Not allowed to change a readonly texture");
+    makeTextureStorage(*this, target, SamplerSettings(), [&] {
+        glTexImage3DMultisample(target, samples, internalFormat, width, height, depth, GL_TRUE);
+        return true;
+    });
     return this;
 }
 

@@ -1,6 +1,6 @@
 #include "gl/textureformat.h"
 
-#include "gl/glloader.h"
+#include "gl/generated/glenums.h"
 
 namespace Tavren::Vyx {
 

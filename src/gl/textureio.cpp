@@ -3,12 +3,15 @@
 #include "core/logging.h"
 #include "core/memory.h"
 #include "gl/glloader.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/texture.h"
 #include "gl/textureutilities.h"
 
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QHash>
+
+#include <memory>
 
 namespace Tavren::Vyx {
 
@@ -25,11 +28,6 @@ Registry& registry()
 {
     static Registry instance;
     return instance;
-}
-
-QByteArray printableName(const QString& name)
-{
-    return name.isEmpty() ? QByteArray("<unnamed>") : name.toLocal8Bit();
 }
 
 TextureLoader* askRecognisers(Memory* memory, const QString& name)
@@ -85,24 +83,25 @@ TextureRecogniser* TextureRecogniserForExtension(const QString& extension)
 
 TextureLoader* IdentifyTextureFromFile(const QString& path)
 {
-    auto* memory = new MemoryMappedFile(path);
+    auto memory = std::make_unique<MemoryMappedFile>(path);
     TextureLoader* loader = nullptr;
     // The extension's recogniser is asked again in its turn; cheap, as it only peeks at the header.
     if (TextureRecogniser* preferred = TextureRecogniserForExtension(QFileInfo(path).suffix()))
-        loader = preferred->recognise(memory, path);
+        loader = preferred->recognise(memory.get(), path);
     if (!loader)
-        loader = askRecognisers(memory, path);
-    if (!loader)
-        delete memory;
+        loader = askRecognisers(memory.get(), path);
+    // A loader owns the memory it was given.
+    if (loader)
+        memory.release();
     return loader;
 }
 
 TextureLoader* IdentifyTextureFromMemory(unsigned char* data, uint64_t size, const QString& name)
 {
-    auto* memory = new RawMemory(data, size);
-    TextureLoader* loader = askRecognisers(memory, name);
-    if (!loader)
-        delete memory;
+    auto memory = std::make_unique<RawMemory>(data, size);
+    TextureLoader* loader = askRecognisers(memory.get(), name);
+    if (loader)
+        memory.release();
     return loader;
 }
 
@@ -115,7 +114,7 @@ Texture* LoadTextureFromFile(const QString& path, const TextureFileInfo& info)
     }
     QElapsedTimer timer;
     timer.start();
-    TextureLoader* loader = IdentifyTextureFromFile(path);
+    const std::unique_ptr<TextureLoader> loader(IdentifyTextureFromFile(path));
     Texture* texture = nullptr;
     if (loader) {
         if (!loader->valid())
@@ -127,7 +126,6 @@ Texture* LoadTextureFromFile(const QString& path, const TextureFileInfo& info)
     }
     if (texture)
         VYX_DEBUG("Texture %s loaded in %lld ms", qPrintable(path), (long long)timer.elapsed());
-    delete loader;
     return texture;
 }
 
@@ -136,7 +134,7 @@ Texture* LoadTextureFromMemory(unsigned char* data, uint64_t size, const Texture
     const QByteArray printable = printableName(name);
     QElapsedTimer timer;
     timer.start();
-    TextureLoader* loader = IdentifyTextureFromMemory(data, size, name);
+    const std::unique_ptr<TextureLoader> loader(IdentifyTextureFromMemory(data, size, name));
     if (!loader) {
         VYX_DEBUG("Unable to recognise the file format for texture data '%s'", printable.constData());
         return nullptr;
@@ -148,7 +146,6 @@ Texture* LoadTextureFromMemory(unsigned char* data, uint64_t size, const Texture
         texture = loader->load(info);
     if (texture)
         VYX_DEBUG("Texture %s loaded in %lld ms", printable.constData(), (long long)timer.elapsed());
-    delete loader;
     return texture;
 }
 
@@ -168,45 +165,33 @@ Texture* LoadTextureFromQImageFile(const QString& path, const TextureFileInfo& i
 
 Texture* QImageToTexture(const QImage& source, bool asRG16F, const TextureFileInfo& info)
 {
-    if (!VYX_CHECK(!source.isNull(), "Cannot make a texture of a null image"))
-        return nullptr;
+    VYX_CHECK_RETURN(!source.isNull(), nullptr, "Cannot make a texture of a null image");
     // Both uploads read four bytes a texel without row padding, which only 32-bit images have.
     QImage image = source;
     if (image.depth() != 32) {
-        if (!VYX_CHECK(!asRG16F, "A GL_RG16F upload needs a 32-bit image, not %d bits", image.depth()))
-            return nullptr;
+        VYX_CHECK_RETURN(!asRG16F, nullptr, "A GL_RG16F upload needs a 32-bit image, not %d bits", image.depth());
         image = image.convertToFormat(QImage::Format_ARGB32);
     }
 
-    auto* texture = new Texture();
-    texture->setTarget(GL_TEXTURE_2D);
-    if (!texture->bind()) {
-        delete texture;
-        return nullptr;
-    }
-    GLint alignment = 4;
-    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR_MIPMAP_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_BASE_LEVEL, 0);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, 4);
-    if (asRG16F) {
-        VYX_DEBUG("Loading image as GL_RG16F...");
-        glTexImage2D(GL_TEXTURE_2D, 0, GL_RG16F, image.width(), image.height(), 0, GL_RG, GL_HALF_FLOAT,
-                     image.constBits());
-    } else {
-        const GLint internalFormat = info.srgb ? GL_SRGB8_ALPHA8 : GL_RGBA;
-        glTexImage2D(GL_TEXTURE_2D, 0, internalFormat, image.width(), image.height(), 0, GL_BGRA, GL_UNSIGNED_BYTE,
-                     image.constBits());
-    }
-    glGenerateMipmap(GL_TEXTURE_2D);
-    texture->unbind();
-    RemapColorRange(texture, info.lowValue, info.highValue);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
-    return texture;
+    // At most five levels are ever sampled.
+    const SamplerSettings sampler = {GL_LINEAR_MIPMAP_LINEAR, GL_LINEAR, GL_CLAMP_TO_EDGE, GL_CLAMP_TO_EDGE, 0, 4};
+    std::unique_ptr<Texture> texture = newTextureWithStorage(GL_TEXTURE_2D, sampler, [&] {
+        PixelStoreGuard alignment(GL_UNPACK_ALIGNMENT, 1);
+        if (asRG16F) {
+            VYX_DEBUG("Loading image as GL_RG16F...");
+            glTexImage2D(GL_TEXTURE_2D, 0, GL_RG16F, image.width(), image.height(), 0, GL_RG, GL_HALF_FLOAT,
+                         image.constBits());
+        } else {
+            const GLint internalFormat = info.srgb ? GL_SRGB8_ALPHA8 : GL_RGBA;
+            glTexImage2D(GL_TEXTURE_2D, 0, internalFormat, image.width(), image.height(), 0, GL_BGRA,
+                         GL_UNSIGNED_BYTE, image.constBits());
+        }
+        glGenerateMipmap(GL_TEXTURE_2D);
+        return true;
+    });
+    Texture* loaded = texture.release();
+    RemapColorRange(loaded, info.lowValue, info.highValue);
+    return loaded;
 }
 
 Texture* MakeColorTexture(const QColor& color)

@@ -75,8 +75,8 @@ public:
     unsigned int numMetadataEntries() const override { return 0; }
     QString key(unsigned int index) override;
     QString value(unsigned int index) override;
-    const char* rawKey(unsigned int index) const override { return nullptr; }
-    const char* rawValue(unsigned int index) const override { return nullptr; }
+    const char* rawKey(unsigned int /*index*/) const override { return nullptr; }
+    const char* rawValue(unsigned int /*index*/) const override { return nullptr; }
 };
 
 // Knows one file format by its first bytes.

@@ -1,4 +1,4 @@
-#include "gl/texturerelease_p.h"
+#include "gl/internal/texturerelease.h"
 
 #include "gl/texture.h"
 #include "gl/texturemanager.h"

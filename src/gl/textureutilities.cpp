@@ -6,11 +6,14 @@
 #include "gl/framebufferobject.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
-#include "gl/glutilities_p.h"
+#include "gl/internal/glutilities.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "gl/vertexarrayobject.h"
+
+#include <memory>
 
 namespace Tavren::Vyx {
 
@@ -40,49 +43,102 @@ void main()
 }
 )";
 
-// Parameters a writable copy takes over from its source.
-const GLenum kCopiedParameters[] = {GL_TEXTURE_MIN_FILTER, GL_TEXTURE_MAG_FILTER, GL_TEXTURE_WRAP_S,
-                                    GL_TEXTURE_WRAP_T,     GL_TEXTURE_BASE_LEVEL, GL_TEXTURE_MAX_LEVEL};
-
-ShaderProgram* makeTextureShader(ShaderProgram* program, bool withLog)
+ShaderProgram* makeTextureShader(std::unique_ptr<ShaderProgram> program, bool withLog)
 {
     program->setFragDataLocations({QStringLiteral("out_FragColor")});
-    if (!program->compile()) {
-        if (withLog)
-            VYX_WARNING("shader program failed to compile:\n%s", qPrintable(program->log()));
-        else
-            VYX_WARNING("shader program failed to compile");
-        delete program;
-        return nullptr;
-    }
-    if (!program->link()) {
-        if (withLog)
-            VYX_WARNING("shader program failed to link:\n%s", qPrintable(program->log()));
-        else
-            VYX_WARNING("shader program failed to link");
-        delete program;
-        return nullptr;
-    }
-    return program;
+    const char* failedStep = !program->compile() ? "compile" : !program->link() ? "link" : nullptr;
+    if (!failedStep)
+        return program.release();
+    if (withLog)
+        VYX_WARNING("shader program failed to %s:\n%s", failedStep, qPrintable(program->log()));
+    else
+        VYX_WARNING("shader program failed to %s", failedStep);
+    return nullptr;
 }
 
-// Runs a one-texture pass into a fresh copy and puts the copy in the caller's pointer.
+// The device context whose quad the passes draw; a host that never installed one gets one here.
+QSharedPointer<OpenGLDeviceContext> deviceContext()
+{
+    if (OpenGLDeviceContext::current().isNull())
+        OpenGLDeviceContext::resetContext();
+    return OpenGLDeviceContext::current();
+}
+
+// ProcessTexture, telling whether the destination really received the pass.
+bool runTexturePass(ShaderProgram* shader, const QHash<QString, QVariant>& uniforms, Texture* source,
+                    Texture* destination)
+{
+    VYX_CHECK_RETURN(shader && source && destination, false,
+                     "ProcessTexture needs a shader, a source and a destination");
+    const QSharedPointer<DrawBuffers> quad = deviceContext()->fullscreenQuad();
+    VYX_CHECK_RETURN(quad && quad->VAO(), false, "No full-screen quad to draw");
+    const QSharedPointer<VertexArrayObject> vertexArray = quad->VAO();
+    VYX_CHECK_GL_ERROR(); // errors of earlier work are not this pass's
+
+    if (!shader->bind())
+        return false;
+    if (!source->bind()) {
+        shader->unbind();
+        return false;
+    }
+    GLint width = 0, height = 0;
+    glGetTexLevelParameteriv(source->target(), 0, GL_TEXTURE_WIDTH, &width);
+    glGetTexLevelParameteriv(source->target(), 0, GL_TEXTURE_HEIGHT, &height);
+
+    bool drawn = false;
+    {
+        FramebufferObject fbo;
+        const bool bound = fbo.bind();
+        if (bound && fbo.attach(destination, GL_COLOR_ATTACHMENT0, 0)) {
+            fbo.setDrawBuffers();
+            if (VYX_CHECK(fbo.isComplete(), "Framebuffer for the texture pass is incomplete") && vertexArray->bind()) {
+                drawn = vertexArray->enableShaderProgramArrays(shader);
+                for (auto it = uniforms.constBegin(); it != uniforms.constEnd(); ++it)
+                    shader->setUniform(it.key(), it.value());
+                shader->setUniform(QStringLiteral("u_Src"), QVariant(source->unit()));
+
+                // sRGB destinations are written encoded, so a pass over an sRGB texture round-trips.
+                AutoEnabler srgbWrites(GL_FRAMEBUFFER_SRGB);
+                glDisable(GL_BLEND);
+                glDisable(GL_DEPTH_TEST);
+                glDepthMask(GL_FALSE);
+                glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
+                glClear(GL_COLOR_BUFFER_BIT);
+                glViewport(0, 0, width, height);
+                drawn = drawn && quad->draw(shader);
+                glDepthMask(GL_TRUE);
+                glEnable(GL_DEPTH_TEST);
+                vertexArray->unbind();
+            }
+            fbo.detach(GL_COLOR_ATTACHMENT0);
+        }
+        if (bound)
+            fbo.unbind();
+    }
+
+    if (destination->bind()) {
+        glGenerateMipmap(destination->target());
+        destination->unbind();
+    }
+    source->unbind();
+    shader->unbind();
+    return !hasGLError(__FILE__, __LINE__) && drawn;
+}
+
+// Runs a one-texture pass into a fresh copy and, when it worked, puts the copy in the caller's
+// pointer; on any failure the caller keeps the texture it had.
 bool reworkTexture(Texture*& texture, const char* fragmentSource, const QHash<QString, QVariant>& uniforms)
 {
-    if (!VYX_CHECK(GL_TEXTURE_2D == texture->target(), "Only 2D textures can be reworked (target 0x%X)",
-                   texture->target()))
-        return false;
-    ShaderProgram* shader = MakeTextureShaderFromString(QString::fromLatin1(fragmentSource));
+    VYX_CHECK_RETURN(GL_TEXTURE_2D == texture->target(), false,
+                     "Only 2D textures can be reworked (target 0x%X)", texture->target());
+    const std::unique_ptr<ShaderProgram> shader(MakeTextureShaderFromString(QString::fromLatin1(fragmentSource)));
     if (!shader)
         return false;
-    Texture* copy = WritableCopyOfTexture(texture, 0, 0);
-    if (copy)
-        ProcessTexture(shader, uniforms, texture, copy);
-    delete shader;
-    if (!copy)
+    std::unique_ptr<Texture> copy(WritableCopyOfTexture(texture, 0, 0));
+    if (!copy || !runTexturePass(shader.get(), uniforms, texture, copy.get()))
         return false;
     delete texture;
-    texture = copy;
+    texture = copy.release();
     return true;
 }
 
@@ -91,35 +147,21 @@ bool reworkTexture(Texture*& texture, const char* fragmentSource, const QHash<QS
 Texture* SolidColorTexture(float r, float g, float b, float a)
 {
     const GLubyte texel[4] = {GLubyte(r * 255.0f), GLubyte(g * 255.0f), GLubyte(b * 255.0f), GLubyte(a * 255.0f)};
-    auto* texture = new Texture();
-    texture->setTarget(GL_TEXTURE_2D);
-    if (!texture->bind()) {
-        delete texture;
-        return nullptr;
-    }
-    GLint alignment = 4;
-    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_REPEAT);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_REPEAT);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_BASE_LEVEL, 0);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, 0);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, 1, 1, 0, GL_RGBA, GL_UNSIGNED_BYTE, texel);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
-    texture->unbind();
-    return texture;
+    const SamplerSettings sampler = {GL_NEAREST, GL_NEAREST, GL_REPEAT, GL_REPEAT, 0, 0};
+    const auto upload = [&] {
+        PixelStoreGuard alignment(GL_UNPACK_ALIGNMENT, 1);
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, 1, 1, 0, GL_RGBA, GL_UNSIGNED_BYTE, texel);
+        return true;
+    };
+    return newTextureWithStorage(GL_TEXTURE_2D, sampler, upload).release();
 }
 
 Texture* WritableCopyOfTexture(Texture* source, unsigned int internalFormat, int level)
 {
-    if (!VYX_CHECK(nullptr != source, "Source texture is NULL"))
-        return nullptr;
+    VYX_CHECK_RETURN(nullptr != source, nullptr, "Source texture is NULL");
     const GLenum target = source->target();
-    if (!VYX_CHECK(GL_TEXTURE_2D_MULTISAMPLE != target && GL_TEXTURE_2D_MULTISAMPLE_ARRAY != target,
-                   "Multisample textures (target 0x%X) cannot be copied", target))
-        return nullptr;
+    VYX_CHECK_RETURN(GL_TEXTURE_2D_MULTISAMPLE != target && GL_TEXTURE_2D_MULTISAMPLE_ARRAY != target, nullptr,
+                     "Multisample textures (target 0x%X) cannot be copied", target);
     if (!source->bind())
         return nullptr;
     // Level queries take one face of a cube map.
@@ -134,123 +176,60 @@ Texture* WritableCopyOfTexture(Texture* source, unsigned int internalFormat, int
         glGetTexLevelParameteriv(levelTarget, level, GL_TEXTURE_COMPRESSED, &compressed);
         internalFormat = compressed ? GL_RGBA : static_cast<unsigned int>(sourceFormat);
     }
-    GLint parameters[6] = {};
-    for (int i = 0; i < 6; ++i)
-        glGetTexParameteriv(target, kCopiedParameters[i], &parameters[i]);
+    const SamplerSettings sampler = SamplerSettings::of(target);
     source->unbind();
 
-    if (!VYX_CHECK(width > 0 && height > 0, "Texture has no level %d to copy", level))
-        return nullptr;
+    VYX_CHECK_RETURN(width > 0 && height > 0, nullptr, "Texture has no level %d to copy", level);
     const GLenum format = allocationFormatFromInternalFormat(internalFormat);
     const GLenum type = allocationTypeFromInternalFormat(internalFormat);
     if (0 == format || 0 == type)
         return nullptr;
 
-    auto* copy = new Texture();
-    copy->setTarget(target);
-    if (!copy->bind()) {
-        delete copy;
-        return nullptr;
-    }
-    for (int i = 0; i < 6; ++i)
-        glTexParameteri(target, kCopiedParameters[i], parameters[i]);
     const auto glFormat = static_cast<GLint>(internalFormat);
-    switch (target) {
-    case GL_TEXTURE_1D:
-        glTexImage1D(target, level, glFormat, width, 0, format, type, nullptr);
-        break;
-    case GL_TEXTURE_CUBE_MAP:
-        for (GLenum face = 0; face < 6; ++face)
-            glTexImage2D(GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, level, glFormat, width, height, 0, format, type, nullptr);
-        break;
-    case GL_TEXTURE_3D:
-    case GL_TEXTURE_2D_ARRAY:
-    case GL_TEXTURE_CUBE_MAP_ARRAY:
-        glTexImage3D(target, level, glFormat, width, height, depth, 0, format, type, nullptr);
-        break;
-    default:
-        glTexImage2D(target, level, glFormat, width, height, 0, format, type, nullptr);
-        break;
-    }
-    copy->unbind();
-    return copy;
+    const auto allocate = [&] {
+        switch (target) {
+        case GL_TEXTURE_1D:
+            glTexImage1D(target, level, glFormat, width, 0, format, type, nullptr);
+            break;
+        case GL_TEXTURE_CUBE_MAP:
+            for (GLenum face = 0; face < 6; ++face)
+                glTexImage2D(GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, level, glFormat, width, height, 0, format, type,
+                             nullptr);
+            break;
+        case GL_TEXTURE_3D:
+        case GL_TEXTURE_2D_ARRAY:
+        case GL_TEXTURE_CUBE_MAP_ARRAY:
+            glTexImage3D(target, level, glFormat, width, height, depth, 0, format, type, nullptr);
+            break;
+        default:
+            glTexImage2D(target, level, glFormat, width, height, 0, format, type, nullptr);
+            break;
+        }
+        return true;
+    };
+    return newTextureWithStorage(target, sampler, allocate).release();
 }
 
 ShaderProgram* MakeTextureShaderFromString(const QString& fragmentSource)
 {
-    auto* program = new ShaderProgram();
+    auto program = std::make_unique<ShaderProgram>();
     program->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("passthroughVS.glslc"));
     program->addShader(GL_FRAGMENT_SHADER, fragmentSource);
-    return makeTextureShader(program, true);
+    return makeTextureShader(std::move(program), true);
 }
 
 ShaderProgram* MakeTextureShaderFromFile(const QString& fragmentFile)
 {
-    auto* program = new ShaderProgram();
+    auto program = std::make_unique<ShaderProgram>();
     program->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("passthroughVS.glslc"));
     program->addShaderFromFile(GL_FRAGMENT_SHADER, fragmentFile);
-    return makeTextureShader(program, false);
+    return makeTextureShader(std::move(program), false);
 }
 
 void ProcessTexture(ShaderProgram* shader, const QHash<QString, QVariant>& uniforms, Texture* source,
                     Texture* destination)
 {
-    if (!VYX_CHECK(shader && source && destination, "ProcessTexture needs a shader, a source and a destination"))
-        return;
-    const QSharedPointer<OpenGLDeviceContext> device = OpenGLDeviceContext::current();
-    if (!VYX_CHECK(!device.isNull(), "No OpenGLDeviceContext to draw the full-screen quad"))
-        return;
-    const QSharedPointer<DrawBuffers> quad = device->fullscreenQuad();
-    if (!VYX_CHECK(quad && quad->VAO(), "No full-screen quad to draw"))
-        return;
-    const QSharedPointer<VertexArrayObject> vertexArray = quad->VAO();
-
-    if (!shader->bind())
-        return;
-    if (!source->bind()) {
-        shader->unbind();
-        return;
-    }
-    GLint width = 0, height = 0;
-    glGetTexLevelParameteriv(source->target(), 0, GL_TEXTURE_WIDTH, &width);
-    glGetTexLevelParameteriv(source->target(), 0, GL_TEXTURE_HEIGHT, &height);
-
-    {
-        FramebufferObject fbo;
-        fbo.bind();
-        const bool attached = fbo.attach(destination, GL_COLOR_ATTACHMENT0, 0);
-        if (attached) {
-            fbo.setDrawBuffers();
-            vertexArray->bind();
-            vertexArray->enableShaderProgramArrays(shader);
-            for (auto it = uniforms.constBegin(); it != uniforms.constEnd(); ++it)
-                shader->setUniform(it.key(), it.value());
-            shader->setUniform(QStringLiteral("u_Src"), QVariant(source->unit()));
-
-            // sRGB destinations are written encoded, so a pass over an sRGB texture round-trips.
-            AutoEnabler srgbWrites(GL_FRAMEBUFFER_SRGB);
-            glDisable(GL_BLEND);
-            glDisable(GL_DEPTH_TEST);
-            glDepthMask(GL_FALSE);
-            glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
-            glClear(GL_COLOR_BUFFER_BIT);
-            glViewport(0, 0, width, height);
-            quad->draw(shader);
-            glDepthMask(GL_TRUE);
-            glEnable(GL_DEPTH_TEST);
-
-            vertexArray->unbind();
-            fbo.detach(GL_COLOR_ATTACHMENT0);
-        }
-        fbo.unbind();
-    }
-
-    if (destination->bind()) {
-        glGenerateMipmap(destination->target());
-        destination->unbind();
-    }
-    source->unbind();
-    shader->unbind();
+    runTexturePass(shader, uniforms, source, destination);
 }
 
 bool FlipY(Texture*& texture)

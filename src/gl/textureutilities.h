@@ -11,8 +11,8 @@ namespace Tavren::Vyx {
 class ShaderProgram;
 class Texture;
 
-// Small GPU passes that make or rework textures. They need a current context; the passes also
-// need an installed OpenGLDeviceContext (they draw its full-screen quad).
+// Small GPU passes that make or rework textures. They need a current context; the passes draw
+// the OpenGLDeviceContext's full-screen quad and install a device context when there is none.
 
 // A 1x1 GL_RGBA texture; components are scaled by 255 and truncated.
 VYXGL_EXPORT Texture* SolidColorTexture(float r, float g, float b, float a);
@@ -32,8 +32,8 @@ VYXGL_EXPORT ShaderProgram* MakeTextureShaderFromFile(const QString& fragmentFil
 VYXGL_EXPORT void ProcessTexture(ShaderProgram* shader, const QHash<QString, QVariant>& uniforms, Texture* source,
                                  Texture* destination);
 
-// Both replace the caller's 2D texture by a reworked copy (the old one is deleted); false and
-// unchanged when the pass could not run.
+// Both replace the caller's 2D texture by a reworked copy (the old one is deleted); false, with
+// the texture untouched, when any step of the pass fails.
 VYXGL_EXPORT bool FlipY(Texture*& texture);
 // colour.rgb * (high - low) + low, clamped below at 0; (0, 1) changes nothing and answers false.
 VYXGL_EXPORT bool RemapColorRange(Texture*& texture, float low, float high);

@@ -6,9 +6,9 @@ namespace Tavren::Vyx {
 
 void VertexArrayBuilderStorage::setSpec(unsigned int componentCount, unsigned int vertexCountHint)
 {
-    VYX_CHECK(0 == this->_componentCount, "Component Count already set to %d. Try to reset to %d", _componentCount,
-              componentCount);
-    VYX_CHECK(0 != componentCount, "Component Count may not be 0.");
+    VYX_CHECK_CONTINUE(0 == this->_componentCount, "Component Count already set to %d. Try to reset to %d",
+                       _componentCount, componentCount);
+    VYX_CHECK_CONTINUE(0 != componentCount, "Component Count may not be 0.");
     _componentCount = componentCount;
     const qint64 reserve = static_cast<qint64>(componentCount) * vertexCountHint;
     // A hint is only a hint: do not let a silly one allocate gigabytes.
@@ -24,16 +24,16 @@ void VertexArrayBuilderStorage::padVertex(int pushed)
 
 void VertexArrayBuilderStorage::pushData(float x)
 {
-    VYX_CHECK(0 != this->_componentCount, "Component Count must be setup before data is pushed");
-    VYX_CHECK(1 <= this->_componentCount, "Component Count is not large enough for the sdata being pushed");
+    VYX_CHECK_CONTINUE(0 != this->_componentCount, "Component Count must be setup before data is pushed");
+    VYX_CHECK_CONTINUE(1 <= this->_componentCount, "Component Count is not large enough for the sdata being pushed");
     _data.append(x);
     padVertex(1);
 }
 
 void VertexArrayBuilderStorage::pushData(float x, float y)
 {
-    VYX_CHECK(0 != this->_componentCount, "Component Count must be setup before data is pushed");
-    VYX_CHECK(2 <= this->_componentCount, "Component Count is not large enough for the data being pushed");
+    VYX_CHECK_CONTINUE(0 != this->_componentCount, "Component Count must be setup before data is pushed");
+    VYX_CHECK_CONTINUE(2 <= this->_componentCount, "Component Count is not large enough for the data being pushed");
     _data.append(x);
     _data.append(y);
     padVertex(2);
@@ -41,8 +41,8 @@ void VertexArrayBuilderStorage::pushData(float x, float y)
 
 void VertexArrayBuilderStorage::pushData(float x, float y, float z)
 {
-    VYX_CHECK(0 != this->_componentCount, "Component Count must be setup before data is pushed");
-    VYX_CHECK(3 <= this->_componentCount, "Component Count is not large enough for the data being pushed");
+    VYX_CHECK_CONTINUE(0 != this->_componentCount, "Component Count must be setup before data is pushed");
+    VYX_CHECK_CONTINUE(3 <= this->_componentCount, "Component Count is not large enough for the data being pushed");
     _data.append(x);
     _data.append(y);
     _data.append(z);
@@ -51,8 +51,8 @@ void VertexArrayBuilderStorage::pushData(float x, float y, float z)
 
 void VertexArrayBuilderStorage::pushData(float x, float y, float z, float w)
 {
-    VYX_CHECK(0 != this->_componentCount, "Component Count must be setup before data is pushed");
-    VYX_CHECK(4 <= this->_componentCount, "Component Count is not large enough for the data being pushed");
+    VYX_CHECK_CONTINUE(0 != this->_componentCount, "Component Count must be setup before data is pushed");
+    VYX_CHECK_CONTINUE(4 <= this->_componentCount, "Component Count is not large enough for the data being pushed");
     _data.append(x);
     _data.append(y);
     _data.append(z);
@@ -62,9 +62,9 @@ void VertexArrayBuilderStorage::pushData(float x, float y, float z, float w)
 
 int VertexArrayBuilderStorage::getSize() const
 {
-    if (!VYX_CHECK(0 != this->_componentCount, "Component Count must be setup before size is obtained"))
-        return 0;
-    VYX_CHECK(0 == (this->_data.size() % this->_componentCount), "Component Count and array Size do not match.");
+    VYX_CHECK_RETURN(0 != this->_componentCount, 0, "Component Count must be setup before size is obtained");
+    VYX_CHECK_CONTINUE(0 == (this->_data.size() % this->_componentCount),
+                       "Component Count and array Size do not match.");
     return static_cast<int>(static_cast<unsigned int>(_data.size()) / _componentCount);
 }
 
@@ -154,12 +154,12 @@ VertexArrayBuilderStorage VertexArrayBuilder::getVertexAttribStorage(unsigned in
 int VertexArrayBuilder::getVertexCount() const
 {
     const int count = _vertex.getSize();
-    VYX_CHECK(this->_color.getComponentCount() == 0 || count == this->_color.getSize(),
-              "Color count must match vertex count");
-    VYX_CHECK(this->_texCoord.getComponentCount() == 0 || count == this->_texCoord.getSize(),
-              "TexCoord count must match vertex count");
-    VYX_CHECK(this->_normal.getComponentCount() == 0 || count == this->_normal.getSize(),
-              "Normal count must match vertex count");
+    VYX_CHECK_CONTINUE(this->_color.getComponentCount() == 0 || count == this->_color.getSize(),
+                       "Color count must match vertex count");
+    VYX_CHECK_CONTINUE(this->_texCoord.getComponentCount() == 0 || count == this->_texCoord.getSize(),
+                       "TexCoord count must match vertex count");
+    VYX_CHECK_CONTINUE(this->_normal.getComponentCount() == 0 || count == this->_normal.getSize(),
+                       "Normal count must match vertex count");
     return count;
 }
 

@@ -24,6 +24,15 @@ const void* offsetPointer(unsigned int offset)
     return reinterpret_cast<const void*>(static_cast<std::uintptr_t>(offset));
 }
 
+// Data must come in whole vertices.
+bool checkWholeVertices(int valueCount, int valuesPerVertex)
+{
+    VYX_CHECK_RETURN(0 < valuesPerVertex, false, "Values per vertex must be positive (%d)", valuesPerVertex);
+    VYX_CHECK_RETURN(0 == (valueCount % valuesPerVertex), false,
+                     "Data size (%d) must be a multi of the values per vertex (%d)", valueCount, valuesPerVertex);
+    return true;
+}
+
 } // namespace
 
 VertexArrayObject::VertexArrayObject(QObject* parent)
@@ -37,15 +46,8 @@ VertexArrayObject::VertexArrayObject(QObject* parent)
 
 VertexArrayObject::~VertexArrayObject()
 {
-    VYX_CHECK(false == this->_vaoBound, "Vertex Array Object is bound during class destructor");
-    // Vertex arrays are not shared: in another context the name means another object (or none),
-    // so it is left to its own context rather than deleted here.
-    if (0u != _vao && _contextTracker && !_contextTracker->check()) {
-        VYX_CHECK(0u == this->_vao, "Vertex Array Object needs to be destroied before class destructor");
-        _vao = 0;
-    }
-    // Deleting a bound vertex array unbinds it, so the name is released either way.
-    _vaoBound = false;
+    VYX_CHECK_CONTINUE(false == this->_vaoBound, "Vertex Array Object is bound during class destructor");
+    VYX_CHECK_CONTINUE(0u == this->_vao, "Vertex Array Object needs to be destroied before class destructor");
     destroy();
     --aliveVertexArrays;
 }
@@ -71,10 +73,8 @@ bool VertexArrayObject::isTypeSupported(unsigned int type)
 
 bool VertexArrayObject::create()
 {
-    if (!VYX_CHECK(0u == this->_vao, "Vertex Array Object is not NULL on create"))
-        return false;
-    if (!VYX_CHECK(false == this->_vaoBound, "Vertex Array Object is already bound on create"))
-        return false;
+    VYX_CHECK_RETURN(0u == this->_vao, false, "Vertex Array Object is not NULL on create");
+    VYX_CHECK_RETURN(false == this->_vaoBound, false, "Vertex Array Object is already bound on create");
     glGenVertexArrays(1, &_vao);
     if (!_contextTracker)
         _contextTracker = new GLContextTracker(this);
@@ -84,9 +84,10 @@ bool VertexArrayObject::create()
 
 bool VertexArrayObject::destroy()
 {
-    if (!VYX_CHECK(false == this->_vaoBound, "Vertex Array Object is already bound on destroy"))
-        return false;
-    if (_vao != 0)
+    VYX_CHECK_RETURN(false == this->_vaoBound, false, "Vertex Array Object is already bound on destroy");
+    // Vertex arrays are not shared: in another context the name means another object (or none),
+    // so it is left to its own context rather than deleted there.
+    if (_vao != 0 && (!_contextTracker || _contextTracker->check()))
         glDeleteVertexArrays(1, &_vao);
     _vao = 0;
     return true;
@@ -96,10 +97,8 @@ bool VertexArrayObject::bind()
 {
     if (0u == _vao && !create())
         return false;
-    if (!VYX_CHECK(0u != this->_vao, "Vertex Array Object is NULL on bind"))
-        return false;
-    if (!VYX_CHECK(false == this->_vaoBound, "Vertex Array Object is already bound on bind"))
-        return false;
+    VYX_CHECK_RETURN(0u != this->_vao, false, "Vertex Array Object is NULL on bind");
+    VYX_CHECK_RETURN(false == this->_vaoBound, false, "Vertex Array Object is already bound on bind");
     glBindVertexArray(_vao);
     _vaoBound = true;
     return true;
@@ -107,10 +106,8 @@ bool VertexArrayObject::bind()
 
 bool VertexArrayObject::unbind()
 {
-    if (!VYX_CHECK(0u != this->_vao, "Vertex Array Object is NULL on unbind"))
-        return false;
-    if (!VYX_CHECK(true == this->_vaoBound, "Vertex Array Object is not bound on unbind"))
-        return false;
+    VYX_CHECK_RETURN(0u != this->_vao, false, "Vertex Array Object is NULL on unbind");
+    VYX_CHECK_RETURN(true == this->_vaoBound, false, "Vertex Array Object is not bound on unbind");
     glBindVertexArray(0);
     _vaoBound = false;
     return true;
@@ -127,14 +124,11 @@ bool VertexArrayObject::rebind(VertexArrayObject* vertexArrayObjectBound, bool& 
     }
     if (0u == _vao && !create())
         return false;
-    if (!VYX_CHECK(0u != this->_vao, "Vertex Array Object is NULL on rebind"))
-        return false;
-    if (!VYX_CHECK(false == this->_vaoBound, "Vertex Array Object is already bound on rebind"))
-        return false;
-    if (!VYX_CHECK(true == vertexArrayObjectBound->_vaoBound, "Vertex Array Object is not already bound on rebind"))
-        return false;
-    if (!VYX_CHECK(0u != vertexArrayObjectBound->_vao, "Vertex Array Object bound is NULL on rebind"))
-        return false;
+    VYX_CHECK_RETURN(0u != this->_vao, false, "Vertex Array Object is NULL on rebind");
+    VYX_CHECK_RETURN(false == this->_vaoBound, false, "Vertex Array Object is already bound on rebind");
+    VYX_CHECK_RETURN(true == vertexArrayObjectBound->_vaoBound, false,
+                     "Vertex Array Object is not already bound on rebind");
+    VYX_CHECK_RETURN(0u != vertexArrayObjectBound->_vao, false, "Vertex Array Object bound is NULL on rebind");
     // Binding the new name replaces the old one; no unbind in between.
     glBindVertexArray(_vao);
     vertexArrayObjectBound->_vaoBound = false;
@@ -145,8 +139,7 @@ bool VertexArrayObject::rebind(VertexArrayObject* vertexArrayObjectBound, bool& 
 
 bool VertexArrayObject::isBound() const
 {
-    if (!VYX_CHECK(0u != this->_vao, "Vertex Array Object is NULL on isBound"))
-        return false;
+    VYX_CHECK_RETURN(0u != this->_vao, false, "Vertex Array Object is NULL on isBound");
     return _vaoBound;
 }
 
@@ -159,7 +152,7 @@ void VertexArrayObject::registerBO(const QString& name, QSharedPointer<BufferObj
 void VertexArrayObject::registerBO(const QString& name, QSharedPointer<BufferObject> bo, int valuesPerVertex,
                                    unsigned int type, bool normalised, unsigned int stride, unsigned int offset)
 {
-    VYX_CHECK(true == isTypeSupported(type), "Unsupported type 0x%X", type);
+    VYX_CHECK_CONTINUE(true == isTypeSupported(type), "Unsupported type 0x%X", type);
     AttributeData& record = _attributesData[name];
     record._valuesPerVertex = valuesPerVertex;
     record._type = type;
@@ -173,8 +166,7 @@ void VertexArrayObject::registerBO(const QString& name, QSharedPointer<BufferObj
 bool VertexArrayObject::upload(const QString& name, QSharedPointer<BufferObject> bufferObj, int valuesPerVertex,
                                unsigned int type)
 {
-    if (!VYX_CHECK(!bufferObj.isNull(), "Must Supply a valid BO pointer"))
-        return false;
+    VYX_CHECK_RETURN(!bufferObj.isNull(), false, "Must Supply a valid BO pointer");
     registerBO(name, std::move(bufferObj), valuesPerVertex, type);
     return true;
 }
@@ -182,12 +174,8 @@ bool VertexArrayObject::upload(const QString& name, QSharedPointer<BufferObject>
 bool VertexArrayObject::upload(const QString& name, QSharedPointer<BufferObject> bufferObj, const float* data,
                                int valueCount, int valuesPerVertex, unsigned int usage)
 {
-    if (!VYX_CHECK(NULL != bufferObj, "Must Supply a valid BO pointer"))
-        return false;
-    if (!VYX_CHECK(0 < valuesPerVertex, "Values per vertex must be positive (%d)", valuesPerVertex))
-        return false;
-    if (!VYX_CHECK(0 == (valueCount % valuesPerVertex), "Data size (%d) must be a multi of the values per vertex (%d)",
-                   valueCount, valuesPerVertex))
+    VYX_CHECK_RETURN(NULL != bufferObj, false, "Must Supply a valid BO pointer");
+    if (!checkWholeVertices(valueCount, valuesPerVertex))
         return false;
     if (!bufferObj->bind()) {
         VYX_CRITICAL("[ !! ] Failed to bind BO");
@@ -210,17 +198,12 @@ bool VertexArrayObject::upload(const QString& name, QSharedPointer<BufferObject>
 bool VertexArrayObject::subUpload(const QString& attrName, const float* data, int valueCount, int valuesPerVertex,
                                   int offset)
 {
-    if (!VYX_CHECK(0 < valuesPerVertex, "Values per vertex must be positive (%d)", valuesPerVertex))
+    if (!checkWholeVertices(valueCount, valuesPerVertex))
         return false;
-    if (!VYX_CHECK(0 == (valueCount % valuesPerVertex), "Data size (%d) must be a multi of the values per vertex (%d)",
-                   valueCount, valuesPerVertex))
-        return false;
-    if (!VYX_CHECK(_attributesData.contains(attrName), "Must Supply an existing BO attribute name"))
-        return false;
-    if (!VYX_CHECK(_attributesData[attrName]._valuesPerVertex == valuesPerVertex,
-                   "Values per vertex must match (Current %d != New %d)", _attributesData[attrName]._valuesPerVertex,
-                   valuesPerVertex))
-        return false;
+    VYX_CHECK_RETURN(_attributesData.contains(attrName), false, "Must Supply an existing BO attribute name");
+    VYX_CHECK_RETURN(_attributesData[attrName]._valuesPerVertex == valuesPerVertex, false,
+                     "Values per vertex must match (Current %d != New %d)",
+                     _attributesData[attrName]._valuesPerVertex, valuesPerVertex);
     const QSharedPointer<BufferObject> buffer = _attributesData[attrName]._buffer;
     if (buffer.isNull() || !buffer->bind()) {
         VYX_CRITICAL("[ !! ] Failed to bind BO");
@@ -277,16 +260,12 @@ bool VertexArrayObject::enableShaderProgramArrays(const ShaderProgram* program)
 
 bool VertexArrayObject::enableArray(const QString& name, int attributeIndex)
 {
-    if (!VYX_CHECK(0 <= attributeIndex, "Attribute Index is NULL on enable array"))
-        return false;
-    if (!VYX_CHECK(attributeIndex < _attributeLocationNames.size(),
-                   "Attribute Index %d is beyond GL_MAX_VERTEX_ATTRIBS (%d)", attributeIndex,
-                   int(_attributeLocationNames.size())))
-        return false;
-    if (!VYX_CHECK(0u != this->_vao, "Vertex Array Object is NULL on enable array"))
-        return false;
-    if (!VYX_CHECK(true == this->_vaoBound, "Vertex Array Object is not bound on enable array"))
-        return false;
+    VYX_CHECK_RETURN(0 <= attributeIndex, false, "Attribute Index is NULL on enable array");
+    VYX_CHECK_RETURN(attributeIndex < _attributeLocationNames.size(), false,
+                     "Attribute Index %d is beyond GL_MAX_VERTEX_ATTRIBS (%d)",
+                     attributeIndex, int(_attributeLocationNames.size()));
+    VYX_CHECK_RETURN(0u != this->_vao, false, "Vertex Array Object is NULL on enable array");
+    VYX_CHECK_RETURN(true == this->_vaoBound, false, "Vertex Array Object is not bound on enable array");
 
     QString& cached = _attributeLocationNames[attributeIndex];
     if (!cached.isEmpty() && cached == name)

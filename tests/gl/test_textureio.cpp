@@ -17,6 +17,7 @@
 #include <QImage>
 #include <QTemporaryDir>
 
+#include <cmath>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -350,4 +351,63 @@ TEST_F(TextureIOTest, ASTCFilesMatchReferenceDecoder)
         delete texture;
     }
     EXPECT_EQ(LoadTextureFromFile(testDataPath("astc/invalid/astcenc_negative_huge.astc"), {}), nullptr);
+}
+
+// A host that only made a context current and initialised the library: no device context until
+// a load's final pass needs one, and the loads come out as they would with one installed.
+TEST(TextureIOAfterInitialisationAlone, LoadsAndRemapsWithoutADeviceContext)
+{
+    HeadlessGLContext context;
+    ASSERT_TRUE(context.create() && context.makeCurrent());
+    ASSERT_TRUE(initializeGLFunctions());
+    EXPECT_TRUE(OpenGLDeviceContext::current().isNull());
+    QTemporaryDir dir;
+    QImage picture(2, 2, QImage::Format_ARGB32);
+    const QRgb colours[4] = {qRgba(255, 0, 0, 255), qRgba(0, 102, 0, 51), qRgba(10, 20, 30, 255), qRgba(255, 255, 255, 0)};
+    for (int i = 0; i < 4; ++i)
+        picture.setPixel(i % 2, i / 2, colours[i]);
+    ASSERT_TRUE(picture.save(dir.filePath("p.png")));
+    std::unique_ptr<Texture> plain(LoadTextureFromFile(dir.filePath("p.png"), {}));
+    ASSERT_NE(plain, nullptr);
+    EXPECT_TRUE(OpenGLDeviceContext::current().isNull()) << "nothing needed a pass yet";
+
+    // KTX: the file's rows, last row first.
+    const QString ktxPath = testDataPath("ktx/ktxsw_rgba-reference.ktx");
+    std::unique_ptr<Texture> ktx(LoadTextureFromFile(ktxPath, {}));
+    ASSERT_NE(ktx, nullptr);
+    MemoryMappedFile memory(ktxPath);
+    KTXParser parser(&memory);
+    ASSERT_TRUE(parser.parseImages());
+    const KTXImage& image = parser.images()[0];
+    const std::vector<unsigned char> ktxRows = rows(image.data, int(image.height), int(image.width) * 4, int(image.width) * 4);
+    EXPECT_EQ(texImage<unsigned char>(ktx.get(), GL_RGBA, GL_UNSIGNED_BYTE, ktxRows.size()), ktxRows);
+    EXPECT_FALSE(OpenGLDeviceContext::current().isNull());
+
+    // PNG remapped to [0.25, 0.75]: bottom row first, colour remapped, alpha kept.
+    std::unique_ptr<Texture> png(LoadTextureFromFile(dir.filePath("p.png"), {0.25f, 0.75f, false}));
+    ASSERT_NE(png, nullptr);
+    std::vector<unsigned char> expected;
+    for (int i : {2, 3, 0, 1}) {
+        const QRgb c = colours[i];
+        for (int channel : {qRed(c), qGreen(c), qBlue(c)})
+            expected.push_back(static_cast<unsigned char>(std::lround((channel / 255.0 * 0.5 + 0.25) * 255.0)));
+        expected.push_back(static_cast<unsigned char>(qAlpha(c)));
+    }
+    expectClose(texImage<unsigned char>(png.get(), GL_RGBA, GL_UNSIGNED_BYTE, 16), expected);
+
+    // HDR doubled: the decoded floats, bottom row first, times two.
+    const char* hdrName = "hdr/imagers_rgbr4x4_flat.hdr";
+    const QByteArray file = VyxTest::readTestData(hdrName);
+    int w = 0, h = 0, n = 0;
+    float* reference = stbi_loadf_from_memory(bytes(file), file.size(), &w, &h, &n, 3);
+    ASSERT_NE(reference, nullptr);
+    std::unique_ptr<Texture> hdr(LoadTextureFromFile(testDataPath(hdrName), {0.0f, 2.0f, false}));
+    ASSERT_NE(hdr, nullptr);
+    const auto loaded = texImage<float>(hdr.get(), GL_RGB, GL_FLOAT, size_t(w) * h * 3);
+    int mismatches = 0;
+    for (int y = 0; y < h; ++y)
+        for (int i = 0; i < w * 3; ++i)
+            mismatches += loaded[size_t(y) * w * 3 + i] != 2.0f * reference[size_t(h - 1 - y) * w * 3 + i];
+    EXPECT_EQ(mismatches, 0);
+    stbi_image_free(reference);
 }

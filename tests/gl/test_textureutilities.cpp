@@ -1,15 +1,21 @@
 #include "gl/glloader.h"
+#include "gl/glutilities.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "gl/textureutilities.h"
 #include "support/glhelpers.h"
 #include "support/gltest.h"
+#include "support/callrecorder.h"
 #include "support/messagecapture.h"
 
+#include <QProcess>
+
+#include <optional>
 #include <vector>
 
 using namespace Tavren::Vyx;
+using VyxTest::CallRecorder;
 using VyxTest::levelParameter;
 
 namespace {
@@ -35,6 +41,14 @@ protected:
         return std::vector<int>(bytes.begin(), bytes.end());
     }
 };
+
+PFNVYXGLDRAWARRAYSPROC realDrawArrays = nullptr;
+// Draws, then makes the driver record an error of its own.
+void VYX_APIENTRY drawArraysWithError(GLenum mode, GLint first, GLsizei count)
+{
+    realDrawArrays(mode, first, count);
+    _ptrc_glEnable(0xFFFF);
+}
 
 } // namespace
 
@@ -152,4 +166,76 @@ TEST_F(TextureUtilitiesTest, BrokenShadersAreReportedAndGiveNoProgram)
     const QStringList warnings = capture.bodies(QtWarningMsg);
     ASSERT_FALSE(warnings.isEmpty());
     EXPECT_TRUE(warnings.last().startsWith("shader program failed to compile:\n")) << warnings.last().toStdString();
+}
+
+TEST_F(TextureUtilitiesTest, FailedPassesLeaveTheSourceAsItWas)
+{
+    enum Failure { NoQuad, IncompleteFramebuffer, ShaderDoesNotBuild, GLErrorInPass };
+    const char* const reports[] = {"Vertex Array Object is NULL on bind", "Framebuffer for the texture pass is incomplete",
+                                   "shader program failed to compile", "glError: 0x500"};
+    for (Failure failure : {NoQuad, IncompleteFramebuffer, ShaderDoesNotBuild, GLErrorInPass}) {
+        for (bool flip : {true, false}) {
+            SCOPED_TRACE(testing::Message() << "failure " << failure << (flip ? " in FlipY" : " in RemapColorRange"));
+            OpenGLDeviceContext::resetContext(); // the quad is made while the failure is forced
+            Texture* texture = checker();
+            Texture* const original = texture;
+            const GLuint name = texture->textureID();
+            const std::vector<int> before = texels(texture, 4);
+            const int alive = Texture::NumAlive();
+            VyxTest::MessageCapture capture;
+            bool reworked = true;
+            {
+                std::optional<CallRecorder<&_ptrc_glGenVertexArrays>> noVertexArrayName;
+                std::optional<CallRecorder<&_ptrc_glCheckFramebufferStatus>> noStatus;
+                std::optional<CallRecorder<&_ptrc_glCompileShader>> noCompile;
+                realDrawArrays = _ptrc_glDrawArrays;
+                std::optional<VyxTest::PointerSwap<PFNVYXGLDRAWARRAYSPROC>> erroringDraw;
+                switch (failure) {
+                case NoQuad: noVertexArrayName.emplace(false); break;
+                case IncompleteFramebuffer: noStatus.emplace(false); break;
+                case ShaderDoesNotBuild: noCompile.emplace(false); break;
+                case GLErrorInPass: erroringDraw.emplace(_ptrc_glDrawArrays, drawArraysWithError); break;
+                }
+                reworked = flip ? FlipY(texture) : RemapColorRange(texture, 0.5f, 1.0f);
+            }
+            EXPECT_FALSE(reworked);
+            EXPECT_TRUE(capture.texts().join("\n").contains(reports[failure])) << capture.texts().join("\n").toStdString();
+            ASSERT_EQ(texture, original);
+            EXPECT_EQ(texture->textureID(), name);
+            EXPECT_EQ(texels(texture, 4), before);
+            EXPECT_EQ(Texture::NumAlive(), alive) << "the unused copy is gone";
+            delete texture;
+        }
+    }
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+// Run as a child process by the test below: a host that draws with the cached quad and simply
+// returns from main.
+TEST(TextureUtilitiesExit, HelperProcess)
+{
+    if (!qEnvironmentVariableIsSet("VYX_EXIT_HELPER"))
+        GTEST_SKIP() << "only run as a helper process";
+    EXPECT_TRUE(OpenGLDeviceContext::current().isNull()) << "asked before the driver is loaded";
+    HeadlessGLContext context;
+    ASSERT_TRUE(context.create() && context.makeCurrent());
+    ASSERT_TRUE(initializeGLFunctions());
+    Texture* texture = SolidColorTexture(1.0f, 0.0f, 0.0f, 1.0f);
+    ASSERT_TRUE(FlipY(texture));
+    delete texture;
+}
+
+TEST(TextureUtilitiesExit, ProcessThatDrewWithTheQuadExitsCleanly)
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("VYX_EXIT_HELPER", "1");
+    QProcess helper;
+    helper.setProcessEnvironment(environment);
+    helper.setProcessChannelMode(QProcess::MergedChannels);
+    helper.start(VYX_TEST_HELPER_PROCESS, {"--gtest_filter=TextureUtilitiesExit.HelperProcess"});
+    ASSERT_TRUE(helper.waitForFinished(120000));
+    const std::string output = helper.readAll().toStdString();
+    EXPECT_EQ(helper.exitStatus(), QProcess::NormalExit) << output;
+    EXPECT_EQ(helper.exitCode(), 0) << output;
+    EXPECT_NE(output.find("[  PASSED  ] 1 test"), std::string::npos) << output;
 }

@@ -13,6 +13,13 @@ bool failingCheck(int value)
     return true;
 }
 
+bool refusesNull(const void* p)
+{
+    VYX_CHECK_CONTINUE(NULL != p, "goes on");
+    VYX_CHECK_RETURN(NULL != p, false, "gives up");
+    return true;
+}
+
 } // namespace
 
 TEST(Logging, AssertionLineEscapesPercentInConditionAndFillsMessageFirst)
@@ -27,6 +34,15 @@ TEST(Logging, AssertionLineEscapesPercentInConditionAndFillsMessageFirst)
     // The message's own "%" stays as filled in; only the condition's are escaped.
     EXPECT_EQ(VyxTest::withoutLocation(line),
               "[ !! ] Assertion 'value \\% 2 == 0' failed: value 3 is odd (50% off)");
+}
+
+// A macro in a condition (NULL, GL enums) prints as written, not expanded, in every form.
+TEST(Logging, ConditionsPrintAsWritten)
+{
+    MessageCapture capture;
+    EXPECT_FALSE(refusesNull(nullptr));
+    EXPECT_EQ(capture.bodies(QtCriticalMsg), (QStringList{"[ !! ] Assertion 'NULL != p' failed: goes on",
+                                                          "[ !! ] Assertion 'NULL != p' failed: gives up"}));
 }
 
 TEST(Logging, LevelsUseBaseNameAndLine)
