@@ -2,9 +2,9 @@
 
 #include "core/logging.h"
 #include "gl/builtintexturerecognisers_p.h"
-#include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
 #include "gl/glutilities_p.h"
+#include "gl/internal/percontextrecords.h"
 
 #include <QByteArray>
 #include <QSet>

@@ -2,9 +2,9 @@
 
 #include "core/logging.h"
 #include "core/resourcespath.h"
-#include "gl/glcontexttracker.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/glutilities.h"
+#include "gl/internal/percontextrecords.h"
 #include "gl/rangedvalue.h"
 #include "gl/shadercachemanager.h"
 
