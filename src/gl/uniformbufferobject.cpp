@@ -4,6 +4,7 @@
 #include "gl/bufferobject.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
+#include "gl/internal/glcapabilities.h"
 #include "gl/internal/percontextrecords.h"
 #include "gl/shaderprogram.h"
 
@@ -42,7 +43,7 @@ struct UboContextData
         for (int binding = 0; binding < _maxUniformBlockBindings; ++binding)
             _freeUniformBlockBindings.insert(binding);
         _bindingTable.fill(0, _maxUniformBlockBindings);
-        _bindBuffersBase = reinterpret_cast<PFNVYXGLBINDBUFFERSBASEPROC>(getGLProcAddress("glBindBuffersBase", false));
+        _bindBuffersBase = glCapabilityFunction<PFNVYXGLBINDBUFFERSBASEPROC>(GLCapability::BindBuffersBase);
     }
 };
 
