@@ -1,6 +1,7 @@
 // What the binding bookkeeping costs per call once the GL has nothing left to do: identifying the
-// current context, a nested bind+unbind of a texture that is already bound, and a bind+unbind of a
-// uniform buffer that already holds its binding point. Each runs with the library's headless EGL
+// current context, a nested bind+unbind of a texture that is already bound (against a first bind
+// that takes a unit and calls glBindTexture), and a bind+unbind of a uniform buffer that already
+// holds its binding point. Each runs with the library's headless EGL
 // context current and again with a Qt context current; the Qt runs need an X display (Xvfb will
 // do) and are skipped without one.
 #include "gl/bufferobject.h"
@@ -54,6 +55,16 @@ void NestedBindOfBoundTexture(benchmark::State& state)
     texture.unbind();
 }
 
+void FirstBindTakesAUnit(benchmark::State& state)
+{
+    Texture texture;
+    texture.create2D(GL_TEXTURE_2D, GL_RGBA8, 4, 4);
+    for (auto _ : state) {
+        texture.bind();
+        texture.unbind();
+    }
+}
+
 void BindHeldUniformBuffer(benchmark::State& state)
 {
     ShaderProgram program;
@@ -82,6 +93,7 @@ void registerWith(const CurrentContext& context)
     const std::pair<const char*, void (*)(benchmark::State&)> cases[] = {
         {"IdentifyCurrentContext", IdentifyCurrentContext},
         {"NestedBindOfBoundTexture", NestedBindOfBoundTexture},
+        {"FirstBindTakesAUnit", FirstBindTakesAUnit},
         {"BindHeldUniformBuffer", BindHeldUniformBuffer},
     };
     for (const auto& [name, run] : cases) {
