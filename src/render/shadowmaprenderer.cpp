@@ -1,0 +1,226 @@
+#include "render/shadowmaprenderer.h"
+
+#include "core/logging.h"
+#include "gl/bindable.h"
+#include "gl/framebufferobject.h"
+#include "gl/glloader.h"
+#include "gl/shaderprogram.h"
+#include "gl/shadowmapmanager.h"
+#include "gl/texture.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace Tavren::Vyx {
+
+namespace {
+
+const char* const kMomentsVertex = R"(#version 150
+uniform mat4 u_ShadowMapProjector;
+uniform mat4 u_ModelMatrix;
+in vec4 va_Vertex;
+void main() { gl_Position = u_ShadowMapProjector * (u_ModelMatrix * va_Vertex); }
+)";
+
+// Depth in the projector's normalised range, as the lookup computes it. The derivative term keeps
+// surfaces that slope away from the light from shadowing themselves; the constant keeps the
+// variance the lookup derives (second moment minus the squared first, in single precision)
+// above its rounding noise, which would otherwise speckle lit surfaces with shadow.
+const char* const kMomentsFragment = R"(#version 150
+out vec4 o_Moments;
+void main() {
+    float depth = gl_FragCoord.z * 2.0 - 1.0;
+    float dx = dFdx(depth);
+    float dy = dFdy(depth);
+    o_Moments = vec4(depth, depth * depth + 0.25 * (dx * dx + dy * dy) + 1e-6, 0.0, 0.0);
+}
+)";
+
+// One triangle that covers the target, without vertex data.
+const char* const kFullscreenVertex = R"(#version 150
+void main() {
+    gl_Position = vec4(gl_VertexID == 1 ? 3.0 : -1.0, gl_VertexID == 2 ? 3.0 : -1.0, 0.0, 1.0);
+}
+)";
+
+constexpr int kMaxBlurRadius = 16;
+
+// Weights of taps 0..radius, so that the 2 * radius + 1 taps sum to one.
+const char* const kBlurFragment = R"(#version 150
+uniform sampler2DArray u_Source;
+uniform int u_Layer;
+uniform ivec2 u_Step;
+uniform int u_Radius;
+uniform float u_Weights[17];
+out vec4 o_Moments;
+void main() {
+    ivec2 last = textureSize(u_Source, 0).xy - 1;
+    ivec2 texel = ivec2(gl_FragCoord.xy);
+    vec2 sum = vec2(0.0);
+    for (int k = -u_Radius; k <= u_Radius; ++k)
+        sum += u_Weights[abs(k)] * texelFetch(u_Source, ivec3(clamp(texel + k * u_Step, ivec2(0), last), u_Layer), 0).rg;
+    o_Moments = vec4(sum, 0.0, 0.0);
+}
+)";
+
+QVector<float> gaussianWeights(int radius)
+{
+    const float sigma = std::max(radius * 0.5f, 0.5f);
+    QVector<float> weights(kMaxBlurRadius + 1, 0.0f);
+    float total = 0.0f;
+    for (int k = 0; k <= radius; ++k) {
+        weights[k] = std::exp(-float(k * k) / (2.0f * sigma * sigma));
+        total += k ? 2.0f * weights[k] : weights[k];
+    }
+    for (float& weight : weights)
+        weight /= total;
+    return weights;
+}
+
+std::unique_ptr<ShaderProgram> linked(const char* vertex, const char* fragment)
+{
+    auto program = std::make_unique<ShaderProgram>();
+    program->addShader(GL_VERTEX_SHADER, QString::fromLatin1(vertex));
+    program->addShader(GL_FRAGMENT_SHADER, QString::fromLatin1(fragment));
+    if (!VYX_CHECK(program->link(), "Shadow map program failed to link: %s", qPrintable(program->log())))
+        return nullptr;
+    return program;
+}
+
+std::unique_ptr<Texture> momentsArray(int size, int layers)
+{
+    auto texture = std::make_unique<Texture>();
+    texture->create3D(GL_TEXTURE_2D_ARRAY, GL_RG32F, size, size, layers);
+    return texture;
+}
+
+// State the renderer changes and puts back.
+struct SavedState
+{
+    SavedState()
+    {
+        glGetIntegerv(GL_FRAMEBUFFER_BINDING, &framebuffer);
+        glGetIntegerv(GL_VIEWPORT, viewport);
+        glGetFloatv(GL_COLOR_CLEAR_VALUE, clearColour);
+    }
+    ~SavedState()
+    {
+        glBindFramebuffer(GL_FRAMEBUFFER, GLuint(framebuffer));
+        glViewport(viewport[0], viewport[1], viewport[2], viewport[3]);
+        glClearColor(clearColour[0], clearColour[1], clearColour[2], clearColour[3]);
+    }
+    GLint framebuffer = 0;
+    GLint viewport[4] = {};
+    GLfloat clearColour[4] = {};
+    AutoEnabler depthTest{GL_DEPTH_TEST};
+    AutoDisabler blend{GL_BLEND};
+};
+
+} // namespace
+
+ShadowMapRenderer::ShadowMapRenderer() = default;
+
+ShadowMapRenderer::~ShadowMapRenderer()
+{
+    if (_emptyVertexArray)
+        glDeleteVertexArrays(1, &_emptyVertexArray);
+}
+
+void ShadowMapRenderer::setBlurRadius(int texels)
+{
+    _blurRadius = std::clamp(texels, 0, kMaxBlurRadius);
+}
+
+bool ShadowMapRenderer::prepare(int size, int layers)
+{
+    if (!_momentsProgram) {
+        _momentsProgram = linked(kMomentsVertex, kMomentsFragment);
+        _blurProgram = linked(kFullscreenVertex, kBlurFragment);
+        _framebuffer = std::make_unique<FramebufferObject>();
+        glGenVertexArrays(1, &_emptyVertexArray);
+    }
+    if (!_momentsProgram || !_blurProgram)
+        return false;
+    if (size == _size && layers <= _layers)
+        return true;
+
+    _moments = momentsArray(size, layers);
+    _scratch = momentsArray(size, 1);
+    _depth = std::make_unique<Texture>();
+    _depth->create2D(GL_TEXTURE_2D, GL_DEPTH_COMPONENT32F, size, size);
+    // Outside a projector's square the lookups must find "no caster": the cleared value.
+    AutoBinder bound(_moments.get());
+    const GLfloat nothing[4] = {1.0f, 1.0f, 1.0f, 1.0f};
+    glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_BORDER);
+    glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_BORDER);
+    glTexParameterfv(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_BORDER_COLOR, nothing);
+    _size = size;
+    _layers = layers;
+    return true;
+}
+
+bool ShadowMapRenderer::render(ShadowMapRenderData& data, const DrawFunction& draw)
+{
+    const int size = data.shadowMapSize();
+    VYX_CHECK_RETURN(size > 0 && size <= 16384, false, "Shadow map size %d outside 1 to 16384", size);
+    if (!prepare(size, std::max(1, data.projectorCount())))
+        return false;
+    data.setProjectionTexture(_moments.get());
+
+    SavedState saved;
+    if (!_framebuffer->bind())
+        return false;
+    bool complete = _framebuffer->attach(_depth.get(), GL_DEPTH_ATTACHMENT, 0);
+    glViewport(0, 0, size, size);
+    glDepthFunc(GL_LESS);
+    glDepthMask(GL_TRUE);
+    glClearColor(1.0f, 1.0f, 1.0f, 1.0f);
+    glClearDepth(1.0);
+    for (int layer = 0; complete && layer < data.projectorCount(); ++layer) {
+        _framebuffer->attach3D(_moments.get(), GL_COLOR_ATTACHMENT0, 0, layer);
+        complete = VYX_CHECK(_framebuffer->isComplete(), "Shadow map layer %d cannot be rendered to", layer);
+        if (complete) {
+            glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+            const QMatrix4x4 projector = data.transforms[layer].toMatrix();
+            _momentsProgram->bind();
+            _momentsProgram->setUniform(QStringLiteral("u_ShadowMapProjector"), QVariant(projector));
+            _momentsProgram->setUniform(QStringLiteral("u_ModelMatrix"), QVariant(QMatrix4x4()));
+            draw(*_momentsProgram, projector);
+            _momentsProgram->unbind();
+            if (_blurRadius > 0)
+                blurLayer(layer);
+        }
+        _framebuffer->detach(GL_COLOR_ATTACHMENT0);
+    }
+    if (_framebuffer->hasAttachment(GL_DEPTH_ATTACHMENT))
+        _framebuffer->detach(GL_DEPTH_ATTACHMENT);
+    _framebuffer->unbind();
+    return complete;
+}
+
+// On entry and exit the layer is the colour attachment.
+void ShadowMapRenderer::blurLayer(int layer)
+{
+    AutoDisabler noDepthTest(GL_DEPTH_TEST);
+    _blurProgram->bind();
+    _blurProgram->setUniform(QStringLiteral("u_Radius"), QVariant(_blurRadius));
+    _blurProgram->setUniform(QStringLiteral("u_Weights"), gaussianWeights(_blurRadius));
+    glBindVertexArray(_emptyVertexArray);
+    auto pass = [&](Texture* source, int sourceLayer, Texture* target, int targetLayer, int stepX) {
+        _framebuffer->detach(GL_COLOR_ATTACHMENT0);
+        _framebuffer->attach3D(target, GL_COLOR_ATTACHMENT0, 0, targetLayer);
+        AutoBinder bound(source);
+        _blurProgram->setUniform(QStringLiteral("u_Source"), QVariant(source->unit()));
+        _blurProgram->setUniform(QStringLiteral("u_Layer"), QVariant(sourceLayer));
+        glUniform2i(_blurProgram->getUniformLocation(QStringLiteral("u_Step")), stepX, 1 - stepX);
+        glDrawArrays(GL_TRIANGLES, 0, 3);
+    };
+    pass(_moments.get(), layer, _scratch.get(), 0, 1);
+    pass(_scratch.get(), 0, _moments.get(), layer, 0);
+    glBindVertexArray(0);
+    _blurProgram->unbind();
+}
+
+} // namespace Tavren::Vyx

@@ -1,0 +1,59 @@
+#pragma once
+
+#include "core/vyxexport.h"
+
+#include <QMatrix4x4>
+
+#include <functional>
+#include <memory>
+
+namespace Tavren::Vyx {
+
+class FramebufferObject;
+class ShaderProgram;
+class ShadowMapRenderData;
+class Texture;
+
+// Renders the depth moments that the shadow lookups sample: for every projector of a render
+// data, the first and second moment of the nearest caster's depth into its layer of an RG32F
+// array texture, optionally blurred. Texels no caster covers hold (1, 1), and so does the border
+// the lookups read outside a projector's square, so both count as "nothing there".
+//
+// The scene comes from the caller: `draw` runs once per projector with the moments program bound.
+// That program reads positions from the attribute "va_Vertex" and places them with the uniform
+// mat4 "u_ModelMatrix" (reset to identity before each call), then "u_ShadowMapProjector".
+class VYXGL_EXPORT ShadowMapRenderer
+{
+public:
+    using DrawFunction = std::function<void(ShaderProgram& momentsProgram, const QMatrix4x4& projector)>;
+
+    ShadowMapRenderer();
+    ~ShadowMapRenderer();
+    ShadowMapRenderer(const ShadowMapRenderer&) = delete;
+    ShadowMapRenderer& operator=(const ShadowMapRenderer&) = delete;
+
+    // Half-width in texels (up to 16) of the separable Gaussian run over each layer after it is
+    // drawn; 0 = none.
+    void setBlurRadius(int texels);
+    int blurRadius() const { return _blurRadius; }
+
+    // Renders data.projectorCount() layers of data.shadowMapSize() squared texels into the
+    // renderer's own texture, which it makes the data's projection texture. Restores the bound
+    // framebuffer, viewport, clear colour and depth-test and blend states; leaves the depth
+    // function LESS, depth writes on and the clear depth 1.
+    bool render(ShadowMapRenderData& data, const DrawFunction& draw);
+
+    Texture* texture() const { return _moments.get(); }
+
+private:
+    bool prepare(int size, int layers);
+    void blurLayer(int layer);
+
+    std::unique_ptr<ShaderProgram> _momentsProgram, _blurProgram;
+    std::unique_ptr<Texture> _moments, _depth, _scratch;
+    std::unique_ptr<FramebufferObject> _framebuffer;
+    unsigned int _emptyVertexArray = 0;
+    int _size = 0, _layers = 0, _blurRadius = 0;
+};
+
+} // namespace Tavren::Vyx

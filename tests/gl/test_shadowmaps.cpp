@@ -1,0 +1,232 @@
+#include "gl/glslmacroprocessor.h"
+#include "gl/shaderprogram.h"
+#include "gl/shadowmapmanager.h"
+#include "render/shadowmaprenderer.h"
+#include "support/glhelpers.h"
+#include "support/gltest.h"
+#include "support/messagecapture.h"
+
+#include <QVector4D>
+
+#include <cmath>
+#include <memory>
+#include <vector>
+
+#include "gl/glloader.h"
+
+using namespace Tavren::Vyx;
+using VyxTest::assertionText;
+using VyxTest::MessageCapture;
+
+namespace {
+
+// A ground slab 8 units wide with its top at y = 0 and a unit box standing on its centre, seen
+// from straight above on a 64x64 target, one pixel per 1/8 unit.
+constexpr int kPixels = 64;
+const QVector3D kBoxLow(-0.5f, 0.0f, -0.5f), kBoxHigh(0.5f, 1.0f, 0.5f);
+
+void addBox(std::vector<float>& out, QVector3D low, QVector3D high)
+{
+    static const int kFaces[6][4] = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4}, {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
+    for (const auto& face : kFaces)
+        for (int corner : {face[0], face[1], face[2], face[0], face[2], face[3]})
+            out.insert(out.end(), {corner & 1 ? high.x() : low.x(), corner & 2 ? high.y() : low.y(),
+                                   corner & 4 ? high.z() : low.z()});
+}
+
+// Does the ray from p along dir, for t in (0, limit), pass through the box?
+bool rayHitsBox(QVector3D p, QVector3D dir, float limit)
+{
+    float near = 1e-4f, far = limit;
+    for (int axis = 0; axis < 3; ++axis) {
+        const float t0 = (kBoxLow[axis] - p[axis]) / dir[axis], t1 = (kBoxHigh[axis] - p[axis]) / dir[axis];
+        near = std::max(near, std::min(t0, t1));
+        far = std::min(far, std::max(t0, t1));
+    }
+    return near < far;
+}
+
+QMatrix4x4 frameLooking(QVector3D from, QVector3D along)
+{
+    QMatrix4x4 view;
+    view.lookAt(from, from + along, QVector3D(0, 0, -1));
+    return view.inverted();
+}
+
+class ShadowMapsTest : public VyxTest::GLTest
+{
+protected:
+    void SetUp() override
+    {
+        GLTest::SetUp();
+        ShadowMapManager::setup(&macros);
+        std::vector<float> triangles;
+        addBox(triangles, QVector3D(-4, -0.1f, -4), QVector3D(4, 0, 4));
+        addBox(triangles, kBoxLow, kBoxHigh);
+        vertexCount = int(triangles.size() / 3);
+        glGenBuffers(1, &buffer);
+        glBindBuffer(GL_ARRAY_BUFFER, buffer);
+        glBufferData(GL_ARRAY_BUFFER, GLsizeiptr(triangles.size() * sizeof(float)), triangles.data(), GL_STATIC_DRAW);
+        glGenVertexArrays(1, &vertexArray);
+        view.lookAt(QVector3D(0, 10, 0), QVector3D(0, 0, 0), QVector3D(0, 0, -1));
+        projection.ortho(-4, 4, -4, 4, 1, 20);
+    }
+
+    void TearDown() override
+    {
+        renderer.reset();
+        glDeleteVertexArrays(1, &vertexArray);
+        glDeleteBuffers(1, &buffer);
+        GLTest::TearDown();
+    }
+
+    void drawScene(ShaderProgram& program)
+    {
+        const GLuint location = GLuint(program.getVertexAttributeLocation(QStringLiteral("va_Vertex")));
+        glBindVertexArray(vertexArray);
+        glBindBuffer(GL_ARRAY_BUFFER, buffer);
+        glVertexAttribPointer(location, 3, GL_FLOAT, GL_FALSE, 0, nullptr);
+        glEnableVertexAttribArray(location);
+        glDrawArrays(GL_TRIANGLES, 0, vertexCount);
+        glBindVertexArray(0);
+    }
+
+    void renderMoments(ShadowMapRenderData& data)
+    {
+        renderer->setBlurRadius(1);
+        EXPECT_TRUE(renderer->render(data, [&](ShaderProgram& program, const QMatrix4x4&) { drawScene(program); }));
+    }
+
+    // A program that shows `value` for the scene seen from above.
+    std::unique_ptr<ShaderProgram> program(const char* value)
+    {
+        auto result = std::make_unique<ShaderProgram>();
+        result->setMacroProcessor(&macros);
+        result->addShader(GL_VERTEX_SHADER, "#version 150\nuniform mat4 u_ViewProjection; in vec4 va_Vertex;"
+                                            "out vec3 vo_Position; void main() { vo_Position = va_Vertex.xyz;"
+                                            "gl_Position = u_ViewProjection * va_Vertex; }");
+        result->addShader(GL_FRAGMENT_SHADER, QStringLiteral("#version 150\n#include \"ShadowMapManager.glslh\"\n"
+                                                             "uniform vec3 u_Light; in vec3 vo_Position; out vec4 o_Colour;"
+                                                             "void main() { o_Colour = vec4(%1); }")
+                                                  .arg(QLatin1String(value)));
+        result->addShaderFromFile(GL_FRAGMENT_SHADER, ShadowMapManager::getShaderFile());
+        EXPECT_TRUE(result->link()) << result->log().toStdString();
+        return result;
+    }
+
+    void shade(const char* value, ShadowMapRenderData& data, QVector3D light = {})
+    {
+        auto shader = program(value);
+        shader->bind();
+        shader->setUniform(QStringLiteral("u_ViewProjection"), QVariant(projection * view));
+        shader->setUniform(QStringLiteral("u_Light"), QVariant(light));
+        EXPECT_TRUE(ShadowMapManager::bind(shader.get(), QVariant::fromValue<QObject*>(&data)));
+        drawScene(*shader);
+        EXPECT_TRUE(ShadowMapManager::unbind(shader.get(), QVariant::fromValue<QObject*>(&data)));
+        shader->unbind();
+    }
+
+    GLSLMacroProcessor macros;
+    std::unique_ptr<ShadowMapRenderer> renderer = std::make_unique<ShadowMapRenderer>();
+    GLuint buffer = 0, vertexArray = 0;
+    int vertexCount = 0;
+    QMatrix4x4 view, projection;
+};
+
+// Every ground pixel more than two pixels from the silhouette the CPU casts must read below 0.2
+// in the shadow and above 0.9 in the open.
+TEST_F(ShadowMapsTest, BoxShadowFallsWhereTheCpuCastsIt)
+{
+    const QVector3D spotAt(2.5f, 3, 1.5f), pointAt(1.2f, 2.5f, 0.8f), travel(-1.6f, -1, -0.9f);
+    const QPair<QVector3D, QVector3D> bounds(QVector3D(-4, -0.1f, -4), QVector3D(4, 1.1f, 4));
+    const char* const plain = "shadowMapGetVisibility(0u, vo_Position)";
+    const struct
+    {
+        const char* name;
+        ShadowMapLight::Type type;
+        QVector3D position; // the direction of travel for directional lights
+        bool camera;
+        const char* value;
+    } cases[] = {
+        {"spot", ShadowMapLight::Spot, spotAt, false, plain},
+        {"spot, single", ShadowMapLight::Spot, spotAt, false, "shadowMapGetVisibilitySingle(0u, vo_Position)"},
+        {"point", ShadowMapLight::Point, pointAt, false, plain},
+        {"point, slope-biased", ShadowMapLight::Point, pointAt, false,
+         "shadowMapGetVisibility(0u, vo_Position, vec3(0.0, 1.0, 0.0), normalize(u_Light - vo_Position))"},
+        {"directional cascades", ShadowMapLight::Directional, travel, true, plain},
+        {"directional fallback", ShadowMapLight::Directional, travel, false, plain},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const bool directional = c.type == ShadowMapLight::Directional;
+        ShadowMapLight light;
+        light.setType(c.type);
+        // Spot and point look at the origin; a directional light's +Z is its direction of travel.
+        light.setTransform(frameLooking(directional ? QVector3D() : c.position, -c.position));
+        light.setSpotCutoff(0.9f);
+        light.setCSMLevels(2);
+        ShadowMapRenderData data;
+        data.setShadowMapSize(256);
+        const QVariantList lights{QVariant::fromValue<QObject*>(&light)};
+        ShadowMapManager::processLights(lights, data, c.camera ? &view : nullptr, &projection, &bounds);
+        renderMoments(data);
+        VyxTest::ColourTarget target(kPixels, kPixels);
+        shade(c.value, data, c.position);
+        const std::vector<int> visibility = target.channel(0);
+
+        std::vector<char> shadow(visibility.size());
+        const QMatrix4x4 unproject = (projection * view).inverted();
+        for (int i = 0; i < kPixels * kPixels; ++i) {
+            QVector3D p = unproject.map(QVector3D((i % kPixels + 0.5f) / 32 - 1, (i / kPixels + 0.5f) / 32 - 1, 0));
+            p.setY(0);
+            const bool under = std::abs(p.x()) < 0.75f && std::abs(p.z()) < 0.75f;
+            shadow[size_t(i)] =
+                under ? 2 : directional ? rayHitsBox(p, -c.position, 1e3f) : rayHitsBox(p, c.position - p, 1);
+        }
+        int shadowed = 0, wrong = 0;
+        for (int i = 0; i < kPixels * kPixels; ++i) {
+            bool edge = shadow[size_t(i)] == 2;
+            for (int d = 0; d < 25; ++d) {
+                const int x = std::clamp(i % kPixels + d % 5 - 2, 0, kPixels - 1);
+                const int y = std::clamp(i / kPixels + d / 5 - 2, 0, kPixels - 1);
+                edge |= shadow[size_t(y * kPixels + x)] != shadow[size_t(i)];
+            }
+            if (edge)
+                continue;
+            shadowed += shadow[size_t(i)];
+            const int v = visibility[size_t(i)];
+            if ((shadow[size_t(i)] ? v >= 51 : v <= 229) && ++wrong <= 3)
+                ADD_FAILURE() << "pixel " << i % kPixels << "," << i / kPixels << " reads " << v;
+        }
+        EXPECT_EQ(wrong, 0);
+        EXPECT_GT(shadowed, 20) << "the shadow must reach past the silhouette band";
+    }
+}
+
+TEST_F(ShadowMapsTest, BindRefusesWhatIsNotRenderDataWithATexture)
+{
+    QObject unrelated;
+    ShadowMapRenderData withoutTexture;
+    const struct
+    {
+        QVariant variant;
+        const char* condition;
+        const char* message;
+    } cases[] = {
+        {QVariant(), "false == dataVariant.isNull()", "NULL render data variant used"},
+        {QVariant(7), "true == dataVariant.canConvert<QObject*>()", "render data is not a 'QObject*' type is 'int'"},
+        {QVariant::fromValue<QObject*>(&unrelated), "NULL != renderData", "NULL render data used"},
+        {QVariant::fromValue<QObject*>(&withoutTexture), "NULL != texture", "NULL render data texture used"},
+    };
+    for (const auto& c : cases)
+        for (auto operation : {&ShadowMapManager::bind, &ShadowMapManager::unbind}) {
+            MessageCapture capture;
+            testing::internal::CaptureStdout();
+            EXPECT_FALSE(operation(nullptr, c.variant));
+            const bool printsType = c.variant.value<QObject*>() == &unrelated;
+            EXPECT_EQ(testing::internal::GetCapturedStdout(), printsType ? "Type 'QObject'\n" : "");
+            EXPECT_EQ(capture.bodies(QtCriticalMsg), QStringList{assertionText(c.condition, c.message)});
+        }
+}
+
+} // namespace

@@ -1,0 +1,240 @@
+#include "gl/framebufferobject.h"
+#include "gl/glloader.h"
+#include "gl/samplertexturemanager.h"
+#include "gl/texture.h"
+#include "gl/texturepool.h"
+#include "support/gltest.h"
+#include "support/messagecapture.h"
+
+#include <QDir>
+#include <QFile>
+#include <QImage>
+#include <QTemporaryDir>
+
+using namespace Tavren::Vyx;
+using VyxTest::MessageCapture;
+
+namespace {
+
+// Opens the protected book-keeping to the tests.
+class InspectableManager : public SamplerTextureManager
+{
+public:
+    using TextureManager::maxToken;
+    using TextureManager::reserveToken;
+};
+
+class TextureManagerTest : public VyxTest::GLTest
+{
+protected:
+    static void writeImage(const QString& path, int width, int height, QColor colour)
+    {
+        QImage image(width, height, QImage::Format_ARGB32);
+        image.fill(colour);
+        ASSERT_TRUE(image.save(path, "PNG"));
+    }
+
+    InspectableManager manager;
+};
+
+} // namespace
+
+TEST_F(TextureManagerTest, ReleasedTokensAreReusedAndTheTopOfTheRangeShrinks)
+{
+    // Token 0 is white, made by the constructor.
+    const TextureToken white = manager.tokenForColor(Qt::white);
+    EXPECT_EQ(white, TextureToken(0));
+    const TextureToken one = manager.tokenForColor(Qt::red), two = manager.tokenForColor(Qt::green);
+    const TextureToken three = manager.tokenForColor(Qt::blue);
+    EXPECT_EQ(three, TextureToken(3));
+
+    manager.deleteTexture(two);
+    EXPECT_EQ(manager.maxToken(), TextureToken(4)); // two is below a live token: kept free
+    manager.deleteTexture(three);
+    EXPECT_EQ(manager.maxToken(), TextureToken(2)); // three and the free two both fall off the top
+    EXPECT_EQ(manager.tokenForColor(Qt::yellow), TextureToken(2));
+    manager.deleteTexture(white);
+    EXPECT_EQ(manager.tokenForColor(Qt::cyan), white); // the hole at 0 is filled first
+    EXPECT_EQ(manager.tokenForColor(Qt::magenta), TextureToken(3));
+
+    // The null texture has the null token, with no token issued and nothing logged.
+    MessageCapture capture;
+    EXPECT_TRUE(manager.tokenForTexture(nullptr).isNull());
+    EXPECT_TRUE(capture.texts().isEmpty());
+    EXPECT_EQ(manager.textureForToken(TextureToken()), nullptr);
+    EXPECT_EQ(manager.textureForToken(TextureToken(99)), nullptr);
+
+    // A token deleted twice or never issued lands among the free tokens all the same; only the
+    // one never issued is reported.
+    manager.deleteTexture(one);
+    manager.deleteTexture(one);
+    EXPECT_EQ(capture.bodies(QtCriticalMsg).size(), 0) << "one is below the top";
+    manager.deleteTexture(TextureToken(7));
+    EXPECT_EQ(capture.bodies(QtCriticalMsg),
+              QStringList{VyxTest::assertionText("token.token < this->_maxToken.token",
+                                                 "Delete token 7 but only 4 reserved!")});
+    const QSet<TextureToken> reused{manager.reserveToken(), manager.reserveToken()};
+    EXPECT_EQ(reused, (QSet<TextureToken>{one, TextureToken(7)}));
+}
+
+TEST_F(TextureManagerTest, ImageTokensFollowTheFileNotItsSpelling)
+{
+    QTemporaryDir dir;
+    ASSERT_TRUE(QDir(dir.path()).mkpath("sub") && QDir(dir.path()).mkpath("other"));
+    writeImage(dir.filePath("sub/a.png"), 2, 2, Qt::red);
+    writeImage(dir.filePath("b.png"), 2, 2, Qt::blue);
+    manager.setTextureRoot(dir.path());
+
+    const TextureToken a = manager.tokenForImage("sub/a.png", {});
+    EXPECT_EQ(manager.tokenForImage("other/../sub/a.png", {}), a);
+    EXPECT_EQ(manager.tokenForImage(dir.filePath("sub/a.png"), {}), a);
+    // A foreign absolute path falls back to its file name under the root.
+    const TextureToken b = manager.tokenForImage("D:\\assets\\b.png", {});
+    EXPECT_EQ(manager.tokenForImage("/nowhere/b.png", {}), b);
+    EXPECT_NE(a, b);
+    EXPECT_EQ(manager.textureFiles().size(), 2);
+
+    // Nothing is loaded until the texture is asked for; then it is read-only and cached.
+    const int alive = Texture::NumAlive();
+    Texture* texture = manager.textureForToken(a);
+    ASSERT_NE(texture, nullptr);
+    EXPECT_EQ(Texture::NumAlive(), alive + 1);
+    EXPECT_TRUE(texture->isReadOnly());
+    EXPECT_EQ(manager.textureForImage("sub/a.png", {}), texture);
+    EXPECT_EQ(manager.tokenForTexture(texture), a);
+
+    // A missing file is the white token, with a warning.
+    MessageCapture capture;
+    EXPECT_EQ(manager.tokenForImage("missing.png", {}), manager.tokenForColor(Qt::white));
+    EXPECT_TRUE(capture.bodies(QtWarningMsg).contains("Cannot load missing.png"));
+}
+
+TEST_F(TextureManagerTest, ACorruptImageStandsInWhiteUntilItLoads)
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath("broken.png");
+    {
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write("not a picture at all");
+    }
+    const TextureToken token = manager.tokenForImage(path, {});
+    Texture* white = manager.textureForColor(Qt::white);
+    MessageCapture capture;
+    EXPECT_EQ(manager.textureForToken(token), white);
+    EXPECT_EQ(manager.textureForToken(token), white);
+    EXPECT_EQ(capture.bodies(QtWarningMsg).count("Failed to load " + path), 2) << "tried again each time";
+
+    writeImage(path, 4, 4, Qt::green);
+    Texture* loaded = manager.textureForToken(token);
+    ASSERT_NE(loaded, nullptr);
+    EXPECT_NE(loaded, white);
+    EXPECT_EQ(manager.tokenForTexture(loaded), token);
+}
+
+TEST_F(TextureManagerTest, DeletionKeepsItsColourQuirks)
+{
+    // A translucent colour is filed under rgba but removed under rgb: its entry outlives the
+    // token, so asking again hands out the released token, which now has no texture.
+    const QColor translucent(255, 0, 0, 128);
+    const TextureToken red = manager.tokenForColor(translucent);
+    const TextureToken above = manager.tokenForColor(Qt::gray);
+    ASSERT_NE(manager.textureForToken(red), nullptr);
+    manager.deleteTexture(red);
+    EXPECT_EQ(manager.tokenForColor(translucent), red);
+    EXPECT_EQ(manager.textureForToken(red), nullptr);
+
+    // Deleting any materialised non-colour token drops the entry of opaque black.
+    const TextureToken black = manager.tokenForColor(Qt::black);
+    auto* own = new Texture();
+    own->create2D(GL_TEXTURE_2D, GL_RGBA8, 1, 1);
+    const TextureToken ownToken = manager.tokenForTexture(own);
+    const int alive = Texture::NumAlive();
+    manager.deleteTexture(own);
+    EXPECT_EQ(Texture::NumAlive(), alive - 1) << "managed textures are deleted with their token";
+    EXPECT_NE(manager.tokenForColor(Qt::black), black);
+
+    // A colour never materialised keeps its entry though its token is released.
+    const TextureToken blue = manager.tokenForColor(Qt::blue);
+    manager.deleteTexture(blue);
+    EXPECT_EQ(manager.tokenForColor(Qt::blue), blue);
+    EXPECT_NE(above, ownToken);
+}
+
+TEST_F(TextureManagerTest, PoolRecyclesByKeyAndReferenceCount)
+{
+    Texture* first = manager.tempTexture(RGBA16F, 8, 4);
+    Texture* second = manager.tempTexture(RGBA16F, 8, 4);
+    ASSERT_TRUE(first && second);
+    EXPECT_NE(first, second) << "first is in use";
+    EXPECT_EQ(first->target(), GLenum(GL_TEXTURE_2D));
+    Texture* layered = manager.tempTexture(RGBA16F, 8, 4, 3);
+    ASSERT_NE(layered, nullptr);
+    EXPECT_EQ(layered->target(), GLenum(GL_TEXTURE_2D_ARRAY));
+    EXPECT_EQ(manager.tempTexture(RGBA16F, 8, 4, 0), nullptr);
+
+    manager.addTempTextureRef(first, 2);
+    manager.releaseTempTextureRef(first, 2);
+    manager.addTempTextureRef(second, 0);
+    manager.releaseTempTextureRef(second, 5);
+    manager.releaseTempTextureRef(second, 1); // no longer in use: ignored
+    EXPECT_EQ(manager.pool()->referenceCount(first), 1);
+    manager.releaseTempTextureRef(layered, 1);
+    EXPECT_EQ(manager.tempTexture(RGBA16F, 8, 4, 3), layered);
+    EXPECT_EQ(manager.tempTexture(RGBA16F, 8, 4), second) << "recycled by its key";
+    ASSERT_NE(manager.tempTexture(R, 8, 4), nullptr);
+    manager.releaseTempTextureRef(manager.tempTexture(RGBA16F, 4, 8), 1);
+
+    MessageCapture capture;
+    manager.printTempTextureSummary();
+    QStringList lines = capture.texts(QtDebugMsg);
+    ASSERT_EQ(lines.size(), 8);
+    QStringList breakdown = lines.mid(4);
+    breakdown.sort();
+    EXPECT_EQ(lines.mid(0, 4), (QStringList{"5 managed textures:", "- 4 active textures", "- 1 free textures",
+                                            "- breakdown by texture format, width and height:"}));
+    EXPECT_EQ(breakdown, (QStringList{"  - R        8x4: 0 free, 1 active", "  - RGBA16F  4x8: 1 free, 0 active",
+                                      "  - RGBA16F  8x4: 0 free, 1 active", "  - RGBA16F  8x4: 0 free, 2 active"}));
+
+    const int alive = Texture::NumAlive();
+    manager.deleteUnusedTempTextures();
+    EXPECT_EQ(Texture::NumAlive(), alive - 1);
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+TEST_F(TextureManagerTest, FramebuffersHandPoolTexturesBackAndDeleteOthers)
+{
+    TextureManager::setInstance(&manager);
+    Texture* pooled = manager.tempTexture(RGBA, 4, 4);
+    auto* own = new Texture();
+    own->create2D(GL_TEXTURE_2D, GL_RGBA8, 4, 4);
+    {
+        FramebufferObject fbo;
+        ASSERT_TRUE(fbo.bind());
+        ASSERT_TRUE(fbo.attach(pooled, GL_COLOR_ATTACHMENT0, 0));
+        ASSERT_TRUE(fbo.attach(own, GL_COLOR_ATTACHMENT1, 0));
+        const int alive = Texture::NumAlive();
+        EXPECT_EQ(fbo.detachAndRelease(GL_COLOR_ATTACHMENT0), pooled);
+        EXPECT_EQ(fbo.detachAndRelease(GL_COLOR_ATTACHMENT1), nullptr);
+        EXPECT_EQ(Texture::NumAlive(), alive - 1);
+        fbo.unbind();
+    }
+    EXPECT_EQ(manager.pool()->referenceCount(pooled), 0);
+    EXPECT_EQ(manager.tempTexture(RGBA, 4, 4), pooled);
+    TextureManager::setInstance(nullptr);
+}
+
+TEST_F(TextureManagerTest, TheDefaultInstanceIsTheSamplerManagerWithoutBindlessTextures)
+{
+    MessageCapture capture;
+    TextureManager* instance = TextureManager::Instance();
+    auto* sampler = dynamic_cast<SamplerTextureManager*>(instance);
+    ASSERT_NE(sampler, nullptr) << "llvmpipe has no bindless textures";
+    EXPECT_EQ(sampler->getMaxSlots(), 16);
+    EXPECT_EQ(TextureManager::Instance(), instance);
+    EXPECT_EQ(capture.texts(QtDebugMsg).value(0), "SamplerTextureManager");
+    EXPECT_TRUE(TextureManager::setInstance(&manager));
+    EXPECT_EQ(TextureManager::Instance(), &manager);
+    TextureManager::setInstance(nullptr);
+    delete instance;
+}
