@@ -1,12 +1,11 @@
-// Per-draw costs of the binding caches: re-enabling a program's arrays on a vertex array that
-// is already set up for it, and binding a uniform buffer that already holds a binding point.
+// Per-draw cost of re-enabling a program's arrays on a vertex array that is already set up for
+// it. Binding a uniform buffer that holds its binding point is in bench_bindingbookkeeping.
 #include "gl/bufferobject.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
 #include "gl/headlesscontext.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
-#include "gl/uniformbufferobject.h"
 #include "gl/vertexarrayobject.h"
 
 #include <benchmark/benchmark.h>
@@ -60,26 +59,6 @@ void EnableArraysAgain(benchmark::State& state)
     vao->unbind();
 }
 BENCHMARK(EnableArraysAgain);
-
-void BindHeldUniformBuffer(benchmark::State& state)
-{
-    benchContext();
-    ShaderProgram program;
-    linkProgram(program);
-    auto buffer = OpenGLDeviceContext::current()->newBuffer();
-    buffer->setTarget(GL_UNIFORM_BUFFER);
-    buffer->bind();
-    buffer->upload(QVector<float>(4, 1.0f), GL_STATIC_DRAW);
-    buffer->unbind();
-    auto ubo = OpenGLDeviceContext::current()->newUniformBuffer("Colors", buffer);
-    ubo->bind(&program);
-    for (auto _ : state) {
-        ubo->bind(&program);
-        ubo->unbind(&program);
-    }
-    ubo->unbind(&program);
-}
-BENCHMARK(BindHeldUniformBuffer);
 
 } // namespace
 

@@ -4,24 +4,15 @@
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
 #include "gl/headlesscontext.h"
+#include "gl/internal/glcapabilities.h"
 
 #include <cstdio>
 #include <cstring>
 
 namespace {
 
+using Tavren::Vyx::GLCapability;
 using Tavren::Vyx::HeadlessGLContext;
-
-// The extensions the library asks about at run time.
-const char* const libraryExtensions[] = {
-    "GL_ARB_get_program_binary",        "GL_OES_get_program_binary",
-    "GL_ARB_parallel_shader_compile",   "GL_ARB_shader_draw_parameters",
-    "GL_ARB_bindless_texture",          "GL_NV_bindless_texture",
-    "GL_ARB_texture_filter_anisotropic", "GL_EXT_texture_filter_anisotropic",
-    "GL_ARB_direct_state_access",       "GL_ARB_buffer_storage",
-    "GL_ARB_base_instance",             "GL_ARB_multi_bind",
-    "GL_KHR_texture_compression_astc_ldr",
-};
 
 const char* glText(GLenum name)
 {
@@ -60,9 +51,13 @@ int runInfo()
     };
     for (const auto& flag : flags)
         std::printf("  %-34s %d\n", flag.name, flag.flag);
-    std::printf("hasGLExtension:\n");
-    for (const char* name : libraryExtensions)
-        std::printf("  %-34s %s\n", name, hasGLExtension(name) ? "yes" : "no");
+    std::printf("capabilities (here, name, brought by, path):\n");
+    for (int row = 0; row < int(GLCapability::Count); ++row) {
+        const auto capability = GLCapability(row);
+        std::printf("  %-3s %-46s %-52s %s\n", hasGLCapability(capability) ? "yes" : "no",
+                    glCapabilityRow(capability).name, qPrintable(glCapabilityOrigin(capability)),
+                    glCapabilityRow(capability).selects);
+    }
     return 0;
 }
 
@@ -70,7 +65,8 @@ void printUsage()
 {
     std::printf("usage: vyxgl [info]\n"
                 "  info   create a headless GL context and report the GL version, renderer,\n"
-                "         loader result and the extensions the library uses (default)\n");
+                "         loader result and the optional functions and extensions the library\n"
+                "         chooses its paths by (default)\n");
 }
 
 } // namespace

@@ -40,10 +40,12 @@ VYXGL_EXPORT QByteArray printableName(const QString& name);
 #define VYX_WARNING(...) ::Tavren::Vyx::logMessage(::Tavren::Vyx::LogLevel::Warning, __FILE__, __LINE__, __VA_ARGS__)
 #define VYX_CRITICAL(...) ::Tavren::Vyx::logMessage(::Tavren::Vyx::LogLevel::Critical, __FILE__, __LINE__, __VA_ARGS__)
 
-// Evaluates to the condition; prints the assertion line when it is false.
+// Evaluates to the condition; prints the assertion line when it is false. A check that holds
+// costs a test and no call: checks sit on every bind.
 //   if (!VYX_CHECK(_bo != 0, "Buffer object not created")) return false;
 #define VYX_CHECK(condition, ...) \
-    ::Tavren::Vyx::checkAssertion(static_cast<bool>(condition), #condition, __FILE__, __LINE__, __VA_ARGS__)
+    (static_cast<bool>(condition) \
+     || ::Tavren::Vyx::checkAssertion(false, #condition, __FILE__, __LINE__, __VA_ARGS__))
 
 // Reports and returns `failureValue` from the enclosing function when the condition is false.
 // (Both forms stringify the condition themselves: passed on to VYX_CHECK, macros in it such as
@@ -64,4 +66,5 @@ VYXGL_EXPORT QByteArray printableName(const QString& name);
 // As VYX_CHECK, but reports `conditionText` instead of the expression evaluated, for checks whose
 // printed condition differs from the code (an object that may be missing altogether).
 #define VYX_CHECK_AS(condition, conditionText, ...) \
-    ::Tavren::Vyx::checkAssertion(static_cast<bool>(condition), conditionText, __FILE__, __LINE__, __VA_ARGS__)
+    (static_cast<bool>(condition) \
+     || ::Tavren::Vyx::checkAssertion(false, conditionText, __FILE__, __LINE__, __VA_ARGS__))

@@ -6,7 +6,7 @@
 #include "gl/glloader.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/glutilities.h"
-#include "gl/glutilities_p.h"
+#include "gl/internal/glutilities.h"
 #include "gl/internal/managedtextureshared.h"
 #include "gl/texture.h"
 

@@ -3,6 +3,7 @@
 #include "core/logging.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
+#include "gl/internal/glcapabilities.h"
 
 #include <QSet>
 
@@ -13,27 +14,28 @@ namespace {
 int aliveBuffers = 0;
 int aliveManagedBuffers = 0;
 
-// Entry points the driver may lack; null then.
-PFNVYXGLBUFFERSTORAGEPROC bufferStorage = nullptr;
-PFNVYXGLNAMEDBUFFERDATAPROC namedBufferData = nullptr;
-PFNVYXGLNAMEDBUFFERSTORAGEPROC namedBufferStorage = nullptr;
-PFNVYXGLNAMEDBUFFERSUBDATAPROC namedBufferSubData = nullptr;
+// Entry points the driver may lack (null then), from the current context's table.
+PFNVYXGLBUFFERSTORAGEPROC bufferStorage()
+{
+    return glCapabilityFunction<PFNVYXGLBUFFERSTORAGEPROC>(GLCapability::BufferStorage);
+}
+PFNVYXGLNAMEDBUFFERDATAPROC namedBufferData()
+{
+    return glCapabilityFunction<PFNVYXGLNAMEDBUFFERDATAPROC>(GLCapability::NamedBufferData);
+}
+PFNVYXGLNAMEDBUFFERSTORAGEPROC namedBufferStorage()
+{
+    return glCapabilityFunction<PFNVYXGLNAMEDBUFFERSTORAGEPROC>(GLCapability::NamedBufferStorage);
+}
+PFNVYXGLNAMEDBUFFERSUBDATAPROC namedBufferSubData()
+{
+    return glCapabilityFunction<PFNVYXGLNAMEDBUFFERSUBDATAPROC>(GLCapability::NamedBufferSubData);
+}
 // Direct state access only works on names whose object exists, which glGenBuffers does not
 // give until the first bind; glCreateBuffers does.
-PFNVYXGLCREATEBUFFERSPROC createBuffers = nullptr;
-
-void lookUpOptionalEntryPoints()
+PFNVYXGLCREATEBUFFERSPROC createBuffers()
 {
-    // Repeated at every construction on a driver without direct state access; accepted.
-    if (namedBufferData)
-        return;
-    bufferStorage = reinterpret_cast<PFNVYXGLBUFFERSTORAGEPROC>(getGLProcAddress("glBufferStorage", true));
-    namedBufferData = reinterpret_cast<PFNVYXGLNAMEDBUFFERDATAPROC>(getGLProcAddress("glNamedBufferData", true));
-    namedBufferStorage =
-        reinterpret_cast<PFNVYXGLNAMEDBUFFERSTORAGEPROC>(getGLProcAddress("glNamedBufferStorage", true));
-    namedBufferSubData =
-        reinterpret_cast<PFNVYXGLNAMEDBUFFERSUBDATAPROC>(getGLProcAddress("glNamedBufferSubData", true));
-    createBuffers = reinterpret_cast<PFNVYXGLCREATEBUFFERSPROC>(getGLProcAddress("glCreateBuffers", true));
+    return glCapabilityFunction<PFNVYXGLCREATEBUFFERSPROC>(GLCapability::CreateBuffers);
 }
 
 QSet<unsigned int>& indexedBufferObjectTargets()
@@ -48,7 +50,6 @@ BufferObject::BufferObject(unsigned int bo, QObject* parent)
     : QObject(parent)
     , _bo(bo)
 {
-    lookUpOptionalEntryPoints();
     ++aliveBuffers;
 }
 
@@ -56,7 +57,6 @@ BufferObject::BufferObject(QObject* parent)
     : QObject(parent)
     , _managed(true)
 {
-    lookUpOptionalEntryPoints();
     create();
     ++aliveBuffers;
     ++aliveManagedBuffers;
@@ -88,8 +88,8 @@ bool BufferObject::create()
     if (!VYX_CHECK(0u == this->_boBountTarget, "Buffer Object is already bound on create to target %d",
                    _boBountTarget))
         return false;
-    if (namedBufferData && createBuffers)
-        createBuffers(1, &_bo);
+    if (namedBufferData() && createBuffers())
+        createBuffers()(1, &_bo);
     else
         glGenBuffers(1, &_bo);
     return true;
@@ -209,14 +209,14 @@ bool BufferObject::isBindNeededForUpload() const
 {
     if (_storageBuffer)
         return false;
-    return !namedBufferData || _useBindBufferRange || _valueCount == 0;
+    return !namedBufferData() || _useBindBufferRange || _valueCount == 0;
 }
 
 bool BufferObject::uploadBytes(const void* data, int valueCount, size_t valueSize, unsigned int usage)
 {
     const auto bytes = static_cast<GLsizeiptr>(static_cast<size_t>(valueCount) * valueSize);
-    if (namedBufferData && 0u == _boBountTarget) {
-        namedBufferData(_bo, bytes, data, usage);
+    if (0u == _boBountTarget && namedBufferData()) {
+        namedBufferData()(_bo, bytes, data, usage);
     } else {
         if (!VYX_CHECK(0u != this->_boBountTarget, "Buffer Object is not bound on upload"))
             return false;
@@ -269,7 +269,7 @@ bool BufferObject::uploadArbitraryData(const void* values, int valueCount, unsig
     if (!_storageBuffer)
         return uploadBytes(values, valueCount, valueSize, usage);
     // Immutable storage: replace the contents, no bind needed.
-    namedBufferSubData(_bo, 0, static_cast<GLsizeiptr>(static_cast<size_t>(valueCount) * valueSize), values);
+    namedBufferSubData()(_bo, 0, static_cast<GLsizeiptr>(static_cast<size_t>(valueCount) * valueSize), values);
     _valueCount = valueCount;
     _valueSize = valueSize;
     return true;
@@ -311,18 +311,18 @@ void BufferObject::unmap()
 
 void BufferObject::useStorageBuffer(int size, int flags)
 {
-    if (!namedBufferStorage && !bufferStorage)
+    if (!namedBufferStorage() && !bufferStorage())
         return;
-    if (!namedBufferSubData)
+    if (!namedBufferSubData())
         return;
     VYX_CHECK(0u != this->_bo, "Buffer Object is NULL during StorageBuffer setup");
     // Storage buffers hold uniform data, so the fixed target is GL_UNIFORM_BUFFER.
-    if (bufferStorage) {
+    if (bufferStorage()) {
         glBindBuffer(GL_UNIFORM_BUFFER, _bo);
-        bufferStorage(GL_UNIFORM_BUFFER, size, nullptr, static_cast<GLbitfield>(flags));
+        bufferStorage()(GL_UNIFORM_BUFFER, size, nullptr, static_cast<GLbitfield>(flags));
         glBindBuffer(GL_UNIFORM_BUFFER, 0);
     } else {
-        namedBufferStorage(_bo, size, nullptr, static_cast<GLbitfield>(flags));
+        namedBufferStorage()(_bo, size, nullptr, static_cast<GLbitfield>(flags));
     }
     _storageBuffer = true;
 }

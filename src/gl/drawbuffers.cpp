@@ -7,6 +7,7 @@
 #include "gl/glloader.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/glutilities.h"
+#include "gl/internal/glcapabilities.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/uniformbufferobject.h"
@@ -44,12 +45,12 @@ void resolveBaseInstanceEntryPoints()
 {
     using namespace DrawBuffersEntryPoints;
     if (!drawArraysInstancedBaseInstance)
-        drawArraysInstancedBaseInstance = reinterpret_cast<PFNVYXGLDRAWARRAYSINSTANCEDBASEINSTANCEPROC>(
-            getGLProcAddress("glDrawArraysInstancedBaseInstance", true));
+        drawArraysInstancedBaseInstance = glCapabilityFunction<PFNVYXGLDRAWARRAYSINSTANCEDBASEINSTANCEPROC>(
+            GLCapability::DrawArraysInstancedBaseInstance);
     if (!drawElementsInstancedBaseVertexBaseInstance)
         drawElementsInstancedBaseVertexBaseInstance =
-            reinterpret_cast<PFNVYXGLDRAWELEMENTSINSTANCEDBASEVERTEXBASEINSTANCEPROC>(
-                getGLProcAddress("glDrawElementsInstancedBaseVertexBaseInstance", true));
+            glCapabilityFunction<PFNVYXGLDRAWELEMENTSINSTANCEDBASEVERTEXBASEINSTANCEPROC>(
+                GLCapability::DrawElementsInstancedBaseVertexBaseInstance);
 }
 
 } // namespace
@@ -76,7 +77,7 @@ bool DrawBuffers::isBaseInstanceDrawingSupported()
     resolveBaseInstanceEntryPoints();
     return DrawBuffersEntryPoints::drawArraysInstancedBaseInstance
            && DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance
-           && hasGLExtension("GL_ARB_shader_draw_parameters");
+           && hasGLCapability(GLCapability::ShaderDrawParameters);
 }
 
 void DrawBuffers::useBaseInstanceDrawing(bool use)
@@ -91,8 +92,7 @@ bool DrawBuffers::isBaseInstanceDrawing()
 
 bool DrawBuffers::isMultiDrawIndirectSupported()
 {
-    return glMultiDrawElementsIndirect
-           && (openGlVersionSupported(4, 3) || hasGLExtension("GL_ARB_multi_draw_indirect"));
+    return glMultiDrawElementsIndirect && hasGLCapability(GLCapability::MultiDrawElementsIndirect);
 }
 
 quint64 DrawBuffers::getAndResetTotalDrawCalls()

@@ -1,10 +1,9 @@
 #include "gl/glcontexttracker.h"
 
+#include "gl/internal/nativecontext.h"
+
 #include <QGLContext>
 #include <QOpenGLContext>
-
-#include <EGL/egl.h>
-#include <GL/glx.h>
 
 namespace Tavren::Vyx {
 
@@ -33,6 +32,11 @@ void* GLContextTracker::currentContext()
     return getCurrentContext();
 }
 
+void GLContextTracker::nativeContextChanged()
+{
+    forgetCurrentNativeContext();
+}
+
 void* currentQGLContext()
 {
     return const_cast<QGLContext*>(QGLContext::currentContext());
@@ -40,13 +44,14 @@ void* currentQGLContext()
 
 void* GLContextTracker::getCurrentContext()
 {
-    if (const QGLContext* context = QGLContext::currentContext())
-        return const_cast<QGLContext*>(context);
-    if (QOpenGLContext* context = QOpenGLContext::currentContext())
+    // QGLContext::currentContext() is the wrapper of the current QOpenGLContext, so one read of
+    // Qt's thread storage answers the first two steps; Qt's answer is always exact.
+    if (QOpenGLContext* context = QOpenGLContext::currentContext()) {
+        if (QGLContext* wrapper = QGLContext::fromOpenGLContext(context))
+            return wrapper;
         return context;
-    if (EGLContext context = eglGetCurrentContext(); context != EGL_NO_CONTEXT)
-        return context;
-    return glXGetCurrentContext();
+    }
+    return currentNativeContext();
 }
 
 } // namespace Tavren::Vyx

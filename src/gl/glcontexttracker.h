@@ -2,9 +2,6 @@
 
 #include "core/vyxexport.h"
 
-#include <QHash>
-#include <QMutex>
-#include <QMutexLocker>
 #include <QObject>
 
 namespace Tavren::Vyx {
@@ -24,6 +21,11 @@ public:
 
     static void* currentContext();
 
+    // For a host that makes native EGL or GLX contexts current through entry points it looked
+    // up in the libraries' own handles (dlopen and dlsym) rather than through the process's
+    // symbols or eglGetProcAddress/glXGetProcAddress: call it on that thread after each switch.
+    static void nativeContextChanged();
+
 private:
     static void* getCurrentContext();
 
@@ -32,58 +34,5 @@ private:
 
 // The current QGLContext only (null when Qt has none current), for diagnostics.
 void* currentQGLContext();
-
-// Process-wide records, one per GL context, created on first use. Every access holds the
-// map's own mutex; work done with no context current lands in the null context's record.
-template <typename Record>
-class PerContextRecords
-{
-public:
-    // Calls fn(Record&) on the current context's record and returns what it returns.
-    template <typename Fn>
-    decltype(auto) withCurrent(Fn&& fn)
-    {
-        return with(GLContextTracker::currentContext(), static_cast<Fn&&>(fn));
-    }
-
-    template <typename Fn>
-    decltype(auto) with(void* context, Fn&& fn)
-    {
-        QMutexLocker locker(&_mutex);
-        return fn(_entries[reinterpret_cast<quintptr>(context)].record);
-    }
-
-    // As withCurrent, but a context's record is first passed to prepare(Record&) once, under
-    // the same lock: for records that start from the context's limits.
-    template <typename Prepare, typename Fn>
-    decltype(auto) withCurrentPrepared(Prepare&& prepare, Fn&& fn)
-    {
-        const quintptr key = reinterpret_cast<quintptr>(GLContextTracker::currentContext());
-        QMutexLocker locker(&_mutex);
-        Entry& entry = _entries[key];
-        if (!entry.prepared) {
-            prepare(entry.record);
-            entry.prepared = true;
-        }
-        return fn(entry.record);
-    }
-
-    // Drops a context's record, for a host that destroys a context and may see its address again.
-    void forget(void* context)
-    {
-        QMutexLocker locker(&_mutex);
-        _entries.remove(reinterpret_cast<quintptr>(context));
-    }
-
-private:
-    struct Entry
-    {
-        Record record;
-        bool prepared = false;
-    };
-
-    QMutex _mutex;
-    QHash<quintptr, Entry> _entries;
-};
 
 } // namespace Tavren::Vyx

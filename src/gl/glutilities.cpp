@@ -1,10 +1,10 @@
 #include "gl/glutilities.h"
 
 #include "core/logging.h"
-#include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
 #include "gl/internal/builtintexturerecognisers.h"
 #include "gl/internal/glutilities.h"
+#include "gl/internal/percontextrecords.h"
 
 #include <QByteArray>
 #include <QSet>

@@ -120,6 +120,11 @@ void* HeadlessGLContext::nativeContext() const
     return _context;
 }
 
+void* HeadlessGLContext::nativeDisplay() const
+{
+    return _display;
+}
+
 QString HeadlessGLContext::errorString() const
 {
     return _error;

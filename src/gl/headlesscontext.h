@@ -33,8 +33,9 @@ public:
     bool isValid() const;
     bool makeCurrent();
     void doneCurrent();
-    // The native EGL context handle.
+    // The native EGL context and display handles.
     void* nativeContext() const;
+    void* nativeDisplay() const;
     QString errorString() const;
 
 private:

@@ -1,10 +1,10 @@
 #include "gl/texture.h"
 
 #include "core/logging.h"
-#include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
 #include "gl/internal/glutilities.h"
+#include "gl/internal/percontextrecords.h"
 #include "gl/internal/texturesetup.h"
 
 #include <QHash>
@@ -45,7 +45,7 @@ template <typename Fn>
 decltype(auto) withContextInfo(Fn&& fn)
 {
     return contextInfos().withCurrentPrepared(
-        [](ContextInfo& contextInfo) { initilizeFreeTextureUnits(contextInfo, GLContextTracker::currentContext()); },
+        [](ContextInfo& contextInfo, void* context) { initilizeFreeTextureUnits(contextInfo, context); },
         static_cast<Fn&&>(fn));
 }
 
@@ -195,20 +195,24 @@ bool Texture::unbind()
     if (!VYX_CHECK(0u != this->_target, "Texture Target is not set on unbind"))
         return false;
     return withContextInfo([this](ContextInfo& contextInfo) {
-        if (!VYX_CHECK(contextInfo.textureToUnitMaps.contains(this->_textureID),
-                       "Texture has not been bound on unbind"))
+        // One lookup per map: the checks print the conditions they stand for.
+        const auto bound = contextInfo.textureToUnitMaps.find(_textureID);
+        if (!VYX_CHECK_AS(bound != contextInfo.textureToUnitMaps.end(),
+                          "contextInfo.textureToUnitMaps.contains(this->_textureID)",
+                          "Texture has not been bound on unbind"))
             return false;
-        if (!VYX_CHECK(contextInfo.boundTextureCounts.contains(this->_textureID),
-                       "Texture has not been bound on unbind"))
+        const auto count = contextInfo.boundTextureCounts.find(_textureID);
+        if (!VYX_CHECK_AS(count != contextInfo.boundTextureCounts.end(),
+                          "contextInfo.boundTextureCounts.contains(this->_textureID)",
+                          "Texture has not been bound on unbind"))
             return false;
-        const int unit = contextInfo.textureToUnitMaps.value(_textureID);
+        const int unit = bound.value();
         glActiveTexture(GL_TEXTURE0 + static_cast<GLenum>(unit));
-        int& count = contextInfo.boundTextureCounts[_textureID];
-        if (--count > 0)
+        if (--count.value() > 0)
             return true;
         glBindTexture(_target, 0);
-        contextInfo.textureToUnitMaps.remove(_textureID);
-        contextInfo.boundTextureCounts.remove(_textureID);
+        contextInfo.textureToUnitMaps.erase(bound);
+        contextInfo.boundTextureCounts.erase(count);
         contextInfo.freeTextureUnits.insert(unit, unit);
         return true;
     });

@@ -2,9 +2,10 @@
 
 #include "core/logging.h"
 #include "gl/bufferobject.h"
-#include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
+#include "gl/internal/glcapabilities.h"
+#include "gl/internal/percontextrecords.h"
 #include "gl/shaderprogram.h"
 
 #include <QHash>
@@ -42,7 +43,7 @@ struct UboContextData
         for (int binding = 0; binding < _maxUniformBlockBindings; ++binding)
             _freeUniformBlockBindings.insert(binding);
         _bindingTable.fill(0, _maxUniformBlockBindings);
-        _bindBuffersBase = reinterpret_cast<PFNVYXGLBINDBUFFERSBASEPROC>(getGLProcAddress("glBindBuffersBase", false));
+        _bindBuffersBase = glCapabilityFunction<PFNVYXGLBINDBUFFERSBASEPROC>(GLCapability::BindBuffersBase);
     }
 };
 
@@ -56,7 +57,7 @@ PerContextRecords<UboContextData>& uboContextRecords()
 template <typename Fn>
 decltype(auto) withCurrentRecord(Fn&& fn)
 {
-    return uboContextRecords().withCurrentPrepared([](UboContextData& record) { record.initialise(); },
+    return uboContextRecords().withCurrentPrepared([](UboContextData& record, void*) { record.initialise(); },
                                                    static_cast<Fn&&>(fn));
 }
 
@@ -155,19 +156,22 @@ bool UniformBufferObject::unbind(ShaderProgram* /*program*/)
     const unsigned int bufferObjectID = _bufferObject->getBO();
     return withCurrentRecord([&](UboContextData& uboContextData) {
         // Unbinding a buffer that holds no binding point is harmless.
-        if (!uboContextData._uniformBufferObjectToUniformBlockBindingMaps.contains(bufferObjectID))
+        auto& bindings = uboContextData._uniformBufferObjectToUniformBlockBindingMaps;
+        const auto held = bindings.find(bufferObjectID);
+        if (held == bindings.end())
             return true;
-        if (!VYX_CHECK(uboContextData._uniformBufferObjectToUniformBlockBindingMaps.contains(bufferObjectID),
-                       "UniformBufferObject has not been bound on unbind"))
+        // One lookup per map: the checks print the conditions they stand for.
+        auto& counts = uboContextData._boundUniformBufferObjectCounts;
+        const auto count = counts.find(bufferObjectID);
+        if (!VYX_CHECK_AS(count != counts.end(),
+                          "uboContextData._boundUniformBufferObjectCounts.contains(bufferObjectID)",
+                          "UniformBufferObject has not been bound on unbind"))
             return false;
-        if (!VYX_CHECK(uboContextData._boundUniformBufferObjectCounts.contains(bufferObjectID),
-                       "UniformBufferObject has not been bound on unbind"))
-            return false;
-        int& count = uboContextData._boundUniformBufferObjectCounts[bufferObjectID];
-        if (--count > 0)
+        if (--count.value() > 0)
             return true;
-        const int binding = uboContextData._uniformBufferObjectToUniformBlockBindingMaps.take(bufferObjectID);
-        uboContextData._boundUniformBufferObjectCounts.remove(bufferObjectID);
+        const int binding = held.value();
+        bindings.erase(held);
+        counts.erase(count);
         glBindBufferBase(GL_UNIFORM_BUFFER, GLuint(binding), 0);
         uboContextData._bindingTable[binding] = 0;
         uboContextData._freeUniformBlockBindings.insert(binding);

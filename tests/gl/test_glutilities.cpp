@@ -2,6 +2,7 @@
 #include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
+#include "gl/internal/glcapabilities.h"
 #include "support/callrecorder.h"
 #include "support/gltest.h"
 #include "support/messagecapture.h"
@@ -134,6 +135,28 @@ TEST_F(GLTest, ExtensionSetsAreKeptPerContext)
     EXPECT_FALSE(tracker.check());
     context.doneCurrent();
     EXPECT_FALSE(tracker.check());
+}
+
+// Each context answers the capability table for itself, once: a row hidden in a second
+// context stays as it was in the first, and the entry points follow the profile.
+TEST_F(GLTest, CapabilityTableIsAnsweredPerContext)
+{
+    EXPECT_EQ(hasGLCapability(GLCapability::BufferStorage), !isReducedProfileRun());
+    EXPECT_EQ(glCapability(GLCapability::TransformFeedbackVaryings),
+              reinterpret_cast<void*>(_ptrc_glTransformFeedbackVaryings));
+    EXPECT_EQ(glCapabilityOrigin(GLCapability::BufferStorage), "GL 4.4 or GL_ARB_buffer_storage");
+    const auto row = GLCapability::AstcLdrCompression;
+    const bool first = hasGLCapability(row);
+    EXPECT_EQ(first, hasGLExtension(glCapabilityRow(row).name));
+
+    const QByteArray hidden = qgetenv("VYX_HIDE_GL_EXTENSIONS");
+    qputenv("VYX_HIDE_GL_EXTENSIONS", hidden + " " + glCapabilityRow(row).name);
+    HeadlessGLContext second;
+    ASSERT_TRUE(second.create() && second.makeCurrent());
+    EXPECT_FALSE(hasGLCapability(row));
+    ASSERT_TRUE(context.makeCurrent());
+    EXPECT_EQ(hasGLCapability(row), first);
+    qputenv("VYX_HIDE_GL_EXTENSIONS", hidden);
 }
 
 TEST_F(GLTest, ErrorDrainingStopsAfterTenCodes)

@@ -1,5 +1,6 @@
 #include "gl/bindable.h"
 #include "gl/glcontexttracker.h"
+#include "gl/internal/percontextrecords.h"
 #include "gl/opengldevicecontext.h"
 #include "support/messagecapture.h"
 

@@ -1,0 +1,68 @@
+#pragma once
+
+#include "core/vyxexport.h"
+
+#include <QString>
+
+namespace Tavren::Vyx {
+
+// The optional entry points and extensions the library picks its paths by. Each context answers
+// each row once, on the first ask there; code asks the table instead of looking things up itself.
+enum class GLCapability {
+    BufferStorage,
+    NamedBufferData,
+    NamedBufferStorage,
+    NamedBufferSubData,
+    CreateBuffers,
+    BindBuffersBase,
+    BindFragDataLocationIndexed,
+    TransformFeedbackVaryings,
+    DrawArraysInstancedBaseInstance,
+    DrawElementsInstancedBaseVertexBaseInstance,
+    MultiDrawElementsIndirect,
+    GetProgramBinary,
+    ProgramBinary,
+    ProgramParameteri,
+    GetProgramBinaryOES,
+    ProgramBinaryOES,
+    ProgramBinaryExtension,
+    ProgramBinaryOESExtension,
+    ParallelShaderCompileARB,
+    ParallelShaderCompileKHR,
+    ShaderDrawParameters,
+    AstcLdrCompression,
+    AstcHdrCompression,
+    Count
+};
+
+struct GLCapabilityRow
+{
+    // An entry point ("gl...") or an extension ("GL_...").
+    const char* name;
+    // What the library does when the context has it.
+    const char* selects;
+    // A missing entry point is not noted at debug level.
+    bool quiet;
+};
+
+// Exported for the vyxgl tool, which prints the table.
+VYXGL_EXPORT const GLCapabilityRow& glCapabilityRow(GLCapability capability);
+// What brings the row: the core version and extensions of an entry point, or the extension itself.
+VYXGL_EXPORT QString glCapabilityOrigin(GLCapability capability);
+
+// The current context's answer: the entry point, or for an extension a non-null value when the
+// context has it; null when it lacks it.
+VYXGL_EXPORT void* glCapability(GLCapability capability);
+
+inline bool hasGLCapability(GLCapability capability)
+{
+    return glCapability(capability) != nullptr;
+}
+
+template <typename Function>
+Function glCapabilityFunction(GLCapability capability)
+{
+    return reinterpret_cast<Function>(glCapability(capability));
+}
+
+} // namespace Tavren::Vyx
