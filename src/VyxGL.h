@@ -43,4 +43,5 @@
 #include "gl/uniformbufferobject.h"
 #include "gl/vertexarraybuilder.h"
 #include "gl/vertexarrayobject.h"
+#include "render/postprocess.h"
 #include "render/shadowmaprenderer.h"
