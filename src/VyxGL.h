@@ -45,3 +45,4 @@
 #include "gl/vertexarrayobject.h"
 #include "render/postprocess.h"
 #include "render/shadowmaprenderer.h"
+#include "render/visibilitybuffer.h"
