@@ -7,6 +7,7 @@
 
 #include <QDir>
 #include <QImage>
+#include <QResource>
 
 #include <algorithm>
 #include <cmath>
@@ -186,4 +187,13 @@ TEST_F(PostProcessTest, RefusesBadArgumentsAndNamesModes)
     EXPECT_FALSE(post.apply(PostProcess::eSMAA, nullptr, &small));
     EXPECT_TRUE(capture.texts().join(QLatin1Char('\n')).contains(
         QStringLiteral("Anti-aliasing source (64x64) and destination (8x8) must have one non-empty size")));
+}
+
+TEST(AntiAliasingResources, LibrariesAreStoredCompressed)
+{
+    for (const char* name : {":/GLSL/include/FXAA.glslh", ":/GLSL/src/FXAA.glslc", ":/GLSL/include/SMAA.glslh"}) {
+        const QResource resource(QString::fromLatin1(name));
+        EXPECT_TRUE(resource.isValid()) << name;
+        EXPECT_EQ(resource.compressionAlgorithm(), QResource::ZlibCompression) << name;
+    }
 }
