@@ -1,4 +1,6 @@
 #include "gl/glloader.h"
+#include "gl/glslmacroprocessor.h"
+#include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "render/postprocess.h"
 #include "support/glhelpers.h"
@@ -195,5 +197,17 @@ TEST(AntiAliasingResources, LibrariesAreStoredCompressed)
         const QResource resource(QString::fromLatin1(name));
         EXPECT_TRUE(resource.isValid()) << name;
         EXPECT_EQ(resource.compressionAlgorithm(), QResource::ZlibCompression) << name;
+    }
+}
+
+TEST_F(PostProcessTest, EveryFxaaQualityPresetCompiles)
+{
+    for (const char* preset : {"10", "12", "15", "20", "21", "29", "39"}) {
+        GLSLMacroProcessor macros;
+        macros.addDefine(QStringLiteral("FXAA_QUALITY__PRESET"), QString::fromLatin1(preset));
+        ShaderProgram program;
+        program.setMacroProcessor(&macros);
+        program.addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("FXAA.glslc"));
+        EXPECT_TRUE(program.compile()) << preset << program.log().toStdString();
     }
 }
