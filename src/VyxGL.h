@@ -51,4 +51,6 @@
 #include "gl/uniformbufferobject.h"
 #include "gl/vertexarraybuilder.h"
 #include "gl/vertexarrayobject.h"
+#include "render/postprocess.h"
 #include "render/shadowmaprenderer.h"
+#include "render/visibilitybuffer.h"
