@@ -84,6 +84,11 @@ void DrawBuffers::useBaseInstanceDrawing(bool use)
     baseInstanceDrawing = use;
 }
 
+bool DrawBuffers::isBaseInstanceDrawing()
+{
+    return baseInstanceDrawing;
+}
+
 bool DrawBuffers::isMultiDrawIndirectSupported()
 {
     return glMultiDrawElementsIndirect

@@ -52,6 +52,7 @@ public:
     static bool isBaseInstanceDrawingSupported();
     // Process-wide; check isBaseInstanceDrawingSupported() first.
     static void useBaseInstanceDrawing(bool use);
+    static bool isBaseInstanceDrawing();
     static bool isMultiDrawIndirectSupported();
 
     static quint64 getAndResetTotalDrawCalls();

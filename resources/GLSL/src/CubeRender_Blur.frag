@@ -44,10 +44,11 @@ void main()
         for (int y = 0; y <= loopCount; ++y) {
             for (int x = 0; x <= loopCount; ++x) {
                 vec3 lerp = vec3(-1.0 + stepSize * float(x), -1.0 + stepSize * float(y), 1.0);
-                // The grid over one face, turned onto all six.
+                // The grid over one face, turned onto all six: each permutation also negates
+                // the axis that holds the 1, or two faces would be sampled twice and two never.
                 vec3 directions[6] = vec3[6](lerp, lerp * vec3(1.0, 1.0, -1.0), lerp.yzx,
-                                             lerp.yzx * vec3(1.0, 1.0, -1.0), lerp.zxy,
-                                             lerp.zxy * vec3(1.0, 1.0, -1.0));
+                                             lerp.yzx * vec3(1.0, -1.0, 1.0), lerp.zxy,
+                                             lerp.zxy * vec3(-1.0, 1.0, 1.0));
                 for (int f = 0; f < 6; ++f) {
                     vec3 direction = normalize(directions[f]);
                     float cosine = dot(direction, normal);

@@ -1,0 +1,99 @@
+#include "gl/boundingbox.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace Tavren::Vyx {
+
+namespace {
+
+QVector3D minOf(const QVector3D& a, const QVector3D& b)
+{
+    return {std::min(a.x(), b.x()), std::min(a.y(), b.y()), std::min(a.z(), b.z())};
+}
+
+QVector3D maxOf(const QVector3D& a, const QVector3D& b)
+{
+    return {std::max(a.x(), b.x()), std::max(a.y(), b.y()), std::max(a.z(), b.z())};
+}
+
+} // namespace
+
+BoundingBox::BoundingBox()
+    : _min(QVector3D(1, 1, 1) * std::numeric_limits<float>::max())
+    , _max(QVector3D(1, 1, 1) * -std::numeric_limits<float>::max())
+{
+}
+
+BoundingBox::BoundingBox(const QVector3D& minimum, const QVector3D& maximum)
+    : _min(minOf(minimum, maximum))
+    , _max(maxOf(minimum, maximum))
+{
+}
+
+bool BoundingBox::isEmpty() const
+{
+    return _min.x() > _max.x() || _min.y() > _max.y() || _min.z() > _max.z();
+}
+
+QVector3D BoundingBox::center() const
+{
+    return isEmpty() ? QVector3D() : (_min + _max) * 0.5f;
+}
+
+QVector3D BoundingBox::size() const
+{
+    return isEmpty() ? QVector3D() : _max - _min;
+}
+
+std::array<QVector3D, 8> BoundingBox::corners() const
+{
+    std::array<QVector3D, 8> out;
+    for (int i = 0; i < 8; ++i)
+        out[size_t(i)] = QVector3D(i & 1 ? _max.x() : _min.x(), i & 2 ? _max.y() : _min.y(), i & 4 ? _max.z() : _min.z());
+    return out;
+}
+
+void BoundingBox::expand(const QVector3D& point)
+{
+    _min = minOf(_min, point);
+    _max = maxOf(_max, point);
+}
+
+void BoundingBox::unite(const BoundingBox& other)
+{
+    if (other.isEmpty())
+        return;
+    _min = minOf(_min, other._min);
+    _max = maxOf(_max, other._max);
+}
+
+BoundingBox BoundingBox::united(const BoundingBox& other) const
+{
+    BoundingBox out = *this;
+    out.unite(other);
+    return out;
+}
+
+BoundingBox BoundingBox::transformed(const QMatrix4x4& matrix) const
+{
+    BoundingBox out;
+    if (isEmpty())
+        return out;
+    for (const QVector3D& corner : corners())
+        out.expand(matrix.map(corner));
+    return out;
+}
+
+bool BoundingBox::contains(const QVector3D& point) const
+{
+    return point.x() >= _min.x() && point.y() >= _min.y() && point.z() >= _min.z() && point.x() <= _max.x() &&
+           point.y() <= _max.y() && point.z() <= _max.z();
+}
+
+bool BoundingBox::operator==(const BoundingBox& other) const
+{
+    return (isEmpty() && other.isEmpty()) || (_min == other._min && _max == other._max);
+}
+
+} // namespace Tavren::Vyx

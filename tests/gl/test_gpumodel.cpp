@@ -1,0 +1,408 @@
+#include "gl/bufferobject.h"
+#include "gl/drawbuffers.h"
+#include "gl/glloader.h"
+#include "gl/glslmacroprocessor.h"
+#include "gl/gpumodel.h"
+#include "gl/instancedata.h"
+#include "gl/instancedatacollection.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/samplertexturemanager.h"
+#include "gl/shaderprogram.h"
+#include "gl/vertexarrayobject.h"
+#include "support/callrecorder.h"
+#include "support/glhelpers.h"
+#include "support/gltest.h"
+#include "support/messagecapture.h"
+
+#include <QColor>
+
+#include <memory>
+#include <vector>
+
+using namespace Tavren::Vyx;
+using VyxTest::CallRecorder;
+
+namespace {
+
+constexpr int kSize = 64;       // pixels per side
+constexpr int kColumns = 16;    // objects per row, 4 pixels apart
+constexpr int kDrawables = 8;   // two rows each
+constexpr int kCommands = 32;
+constexpr int kMaterials = 5;
+
+enum Path { eUniformFallback, eBaseInstance, eMultiDrawIndirect };
+const char* const kPathNames[] = {"uniform fallback", "base instance", "multi-draw indirect"};
+
+QColor materialColour(int material)
+{
+    return QColor(40 + material * 50, 255 - material * 45, (material * 97) % 256);
+}
+
+// RGBA8 colour with depth and stencil, bound and set as the viewport while alive.
+class StencilTarget
+{
+public:
+    StencilTarget()
+    {
+        glGenRenderbuffers(2, _renderbuffers);
+        glGenFramebuffers(1, &_framebuffer);
+        glBindFramebuffer(GL_FRAMEBUFFER, _framebuffer);
+        const GLenum formats[] = {GL_RGBA8, GL_DEPTH24_STENCIL8};
+        const GLenum attachments[] = {GL_COLOR_ATTACHMENT0, GL_DEPTH_STENCIL_ATTACHMENT};
+        for (int i = 0; i < 2; ++i) {
+            glBindRenderbuffer(GL_RENDERBUFFER, _renderbuffers[i]);
+            glRenderbufferStorage(GL_RENDERBUFFER, formats[i], kSize, kSize);
+            glFramebufferRenderbuffer(GL_FRAMEBUFFER, attachments[i], GL_RENDERBUFFER, _renderbuffers[i]);
+        }
+        glViewport(0, 0, kSize, kSize);
+        clear();
+    }
+    ~StencilTarget()
+    {
+        glBindFramebuffer(GL_FRAMEBUFFER, 0);
+        glDeleteFramebuffers(1, &_framebuffer);
+        glDeleteRenderbuffers(2, _renderbuffers);
+    }
+    void clear() const
+    {
+        glClearColor(0, 0, 0, 0);
+        glClearStencil(0);
+        glClear(GL_COLOR_BUFFER_BIT | GL_STENCIL_BUFFER_BIT);
+    }
+    QColor pixel(int x, int y) const
+    {
+        unsigned char rgba[4] = {};
+        glReadPixels(x, y, 1, 1, GL_RGBA, GL_UNSIGNED_BYTE, rgba);
+        return QColor(rgba[0], rgba[1], rgba[2], rgba[3]);
+    }
+    int stencil(int x, int y) const
+    {
+        unsigned char value = 0;
+        glReadPixels(x, y, 1, 1, GL_STENCIL_INDEX, GL_UNSIGNED_BYTE, &value);
+        return value;
+    }
+
+private:
+    GLuint _framebuffer = 0;
+    GLuint _renderbuffers[2] = {};
+};
+
+class GPUModelTest : public VyxTest::GLTest
+{
+protected:
+    void SetUp() override
+    {
+        GLTest::SetUp();
+        objectPlan.addMember(InstanceDataPlan::eMat4, "ModelMatrix");
+        objectPlan.setArraySize(kCommands);
+        InstanceDataRegistry::Instance().registerPlan(&objectPlan);
+        materialPlan.addMember(InstanceDataPlan::eTexture, "Albedo");
+        materialPlan.addMember(InstanceDataPlan::eVec4, "Tint");
+        InstanceDataRegistry::Instance().registerPlan(&materialPlan);
+        target = std::make_unique<StencilTarget>();
+        buildGeometry();
+        buildModel();
+    }
+
+    void TearDown() override
+    {
+        model.clear();
+        vao.reset();
+        indexBuffer.reset();
+        target.reset();
+        DrawBuffers::useBaseInstanceDrawing(false);
+        GLTest::TearDown();
+    }
+
+    void buildGeometry()
+    {
+        const float corners[] = {-0.5f, -0.5f, 0.5f, -0.5f, 0.5f, 0.5f, -0.5f, 0.5f};
+        const GLuint indices[] = {0, 1, 2, 0, 2, 3};
+        auto device = OpenGLDeviceContext::current();
+        auto vertices = device->newBuffer();
+        vertices->setTarget(GL_ARRAY_BUFFER);
+        vertices->bind();
+        vertices->upload(corners, 8, GL_STATIC_DRAW);
+        vertices->unbind();
+        indexBuffer = device->newBuffer();
+        indexBuffer->setTarget(GL_ELEMENT_ARRAY_BUFFER);
+        indexBuffer->bind();
+        indexBuffer->uploadGLuintData(indices, 6, GL_STATIC_DRAW);
+        indexBuffer->unbind();
+        vao = device->newVAO();
+        vao->registerBO("va_Vertex", vertices, 2, GL_FLOAT);
+    }
+
+    // Three levels: a root that maps the grid onto the target, one transform per row, one per
+    // object. Drawable k holds rows 2k and 2k + 1 and uses material k % 5.
+    void buildModel()
+    {
+        QMatrix4x4 root;
+        root.translate(-1, -1);
+        root.scale(2.0f / kColumns);
+        const BoundingBox quad(QVector3D(-0.5f, -0.5f, 0), QVector3D(0.5f, 0.5f, 0));
+        model.loadBoundingBoxes(&quad, 1);
+        const int rootTransform = model.addTransform(-1, root);
+        for (int row = 0; row < 2 * kDrawables; ++row) {
+            QMatrix4x4 rowMatrix;
+            rowMatrix.translate(0, row + 0.5f);
+            rows.push_back(model.addTransform(rootTransform, rowMatrix));
+        }
+        for (int material = 0; material < kMaterials; ++material) {
+            InstanceData record(materialPlan.name());
+            record.setTexture("Albedo", manager.textureForColor(materialColour(material)), &manager);
+            const float tint[] = {1, 1, 1, 1};
+            record.set("Tint", tint, sizeof(tint));
+            materials.push_back(new InstanceDataCollection(materialPlan.name(), {record}));
+        }
+        const std::vector<DrawElementsIndirectCommand> commands = [] {
+            std::vector<DrawElementsIndirectCommand> list;
+            for (int c = 0; c < kCommands; ++c)
+                list.push_back({6, 1, 0, 0, quint32(c)});
+            return list;
+        }();
+        for (int k = 0; k < kDrawables; ++k) {
+            auto* db = new DrawBuffers;
+            db->setVAO(vao);
+            db->setPrimitiveType(GL_TRIANGLES);
+            db->setIndexedDraw(indexBuffer, 6, GL_UNSIGNED_INT);
+            db->setDrawElementsIndirectCommands(commands.data(), kCommands);
+            objects.push_back(new InstanceDataCollection(&objectPlan, size_t(kCommands)));
+            const int id = model.add(db, k % kMaterials, materials[size_t(k % kMaterials)], objects.back(), 0);
+            for (int c = 0; c < kCommands; ++c) {
+                QMatrix4x4 local;
+                local.translate(c % kColumns + 0.5f, 0);
+                local.scale(0.6f); // leaves a clear pixel column and row between objects
+                const int t = model.addTransform(rows[size_t(2 * k + c / kColumns)], local);
+                model.useTransform(id, c, t);
+                model.useBoundingBox(id, c, 0);
+            }
+        }
+        model.updateTransforms();
+    }
+
+    // Builds the programs for the path and switches the model's draw buffers to it; false when
+    // the context lacks the path.
+    bool usePath(Path path)
+    {
+        const bool baseInstance = path != eUniformFallback;
+        if (baseInstance && !DrawBuffers::isBaseInstanceDrawingSupported())
+            return false;
+        if (path == eMultiDrawIndirect && !DrawBuffers::isMultiDrawIndirectSupported())
+            return false;
+        GLSLMacroProcessor macros;
+        DrawBuffers::useBaseInstanceDrawing(baseInstance);
+        DrawBuffers::setup(&macros);
+        manager.setup(&macros);
+        program = std::make_unique<ShaderProgram>();
+        program->setMacroProcessor(&macros);
+        program->addShader(GL_VERTEX_SHADER, "#version 150\n#include \"VyxUtilities.glslh\"\n#instancedata \"GMObject\"\n"
+                                             "in vec4 va_Vertex;\n"
+                                             "void main() { gl_Position = getModelMatrix() * va_Vertex; }\n");
+        program->addShader(GL_VERTEX_SHADER, objectPlan.glslc());
+        program->addShader(GL_VERTEX_SHADER, VyxTest::glslResource("VyxUtilities.vert"));
+        program->addShader(GL_VERTEX_SHADER, VyxTest::glslResource("VyxUtilities.glslc"));
+        program->addShader(GL_FRAGMENT_SHADER,
+                           "#version 150\n#include \"TextureManager.glslh\"\n#instancedata \"GMMaterial\"\n"
+                           "out vec4 o_Colour;\n"
+                           "void main() { o_Colour = managedTexture(getAlbedo(0u), vec2(0.5)) * getTint(0u); }\n");
+        program->addShader(GL_FRAGMENT_SHADER, materialPlan.glslc());
+        program->addShader(GL_FRAGMENT_SHADER, VyxTest::glslResource(manager.getShaderFile()));
+        EXPECT_TRUE(program->link()) << qPrintable(program->log());
+        for (int k = 0; k < model.numDrawables(); ++k)
+            model.drawBuffers(k)->setMultiDrawIndirect(path == eMultiDrawIndirect);
+        return program->isLinked();
+    }
+
+    bool render(GPUModel::WindingType winding = GPUModel::eWindingNoCulling)
+    {
+        target->clear();
+        model.updateTransforms();
+        model.resetCulling();
+        model.visibilityCull();
+        program->bind();
+        const bool drawn = model.draw(program.get(), &manager, 0, 0, winding, true);
+        program->unbind();
+        return drawn;
+    }
+
+    // The pixel under the world-space origin of command c of drawable k.
+    QPoint probe(int k, int c)
+    {
+        const QVector3D ndc = model.worldTransform(model.drawable(k).transformRefs[c]).map(QVector3D());
+        return QPoint(int((ndc.x() + 1) * 0.5f * kSize), int((ndc.y() + 1) * 0.5f * kSize));
+    }
+
+    // Whether command c of drawable k shows its material's colour (or nothing).
+    ::testing::AssertionResult shows(int k, int c, bool drawn)
+    {
+        const QPoint p = probe(k, c);
+        const QColor expected = drawn ? materialColour(k % kMaterials) : QColor(0, 0, 0, 0);
+        const QColor actual = target->pixel(p.x(), p.y());
+        if (actual == expected)
+            return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << "drawable " << k << " command " << c << " at (" << p.x() << ", "
+                                             << p.y() << ") holds " << qPrintable(actual.name(QColor::HexArgb))
+                                             << ", expected " << qPrintable(expected.name(QColor::HexArgb));
+    }
+
+    template <typename Test>
+    void onEveryPath(Test test)
+    {
+        for (Path path : {eUniformFallback, eBaseInstance, eMultiDrawIndirect}) {
+            SCOPED_TRACE(kPathNames[path]);
+            if (usePath(path))
+                test();
+        }
+    }
+
+    InstanceDataPlan objectPlan{"GMObject"};
+    InstanceDataPlan materialPlan{"GMMaterial"};
+    SamplerTextureManager manager;
+    std::unique_ptr<StencilTarget> target;
+    QSharedPointer<BufferObject> indexBuffer;
+    QSharedPointer<VertexArrayObject> vao;
+    std::vector<int> rows;
+    std::vector<InstanceDataCollection*> materials, objects;
+    GPUModel model;
+    std::unique_ptr<ShaderProgram> program;
+};
+
+} // namespace
+
+TEST_F(GPUModelTest, DrawsEveryObjectWithItsMaterialWhereItsWorldMatrixPutsIt)
+{
+    onEveryPath([&] {
+        ASSERT_TRUE(render());
+        for (int k : {0, 3, 4, 7})
+            for (int c : {0, 17, 31})
+                EXPECT_TRUE(shows(k, c, true));
+        EXPECT_EQ(target->pixel(0, 0), QColor(0, 0, 0, 0)) << "the gap between objects stays clear";
+
+        // Moving a row carries its objects; the world matrix the probe reads agrees.
+        QMatrix4x4 moved = model.localTransform(rows[5]);
+        moved.translate(0.5f, 0);
+        model.setLocalTransform(rows[5], moved);
+        ASSERT_TRUE(render());
+        EXPECT_TRUE(shows(2, 20, true));
+        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+    });
+}
+
+TEST_F(GPUModelTest, HiddenZeroScaledAndFrustumCulledObjectsLeaveNoPixels)
+{
+    const int object = model.drawable(1).transformRefs[2];
+    model.setVisibility(object, 2);                      // one object
+    model.setVisibility(rows[6], 3);                     // row 6 = drawable 3, commands 0-15
+    model.setVisibility(rows[9], 2);                     // hides the row's own commands only: it has none
+    QMatrix4x4 flat = model.localTransform(model.drawable(2).transformRefs[5]);
+    flat.scale(0, 1, 1);
+    model.setLocalTransform(model.drawable(2).transformRefs[5], flat);
+    model.addFlags(GPUModel::kHiddenFlag, 7);
+    onEveryPath([&] {
+        ASSERT_TRUE(render());
+        EXPECT_TRUE(shows(1, 2, false));
+        EXPECT_TRUE(shows(1, 3, true));
+        EXPECT_TRUE(shows(3, 0, false));
+        EXPECT_TRUE(shows(3, 15, false));
+        EXPECT_TRUE(shows(3, 16, true));
+        EXPECT_TRUE(shows(4, 20, true));
+        EXPECT_TRUE(shows(2, 5, false));
+        EXPECT_TRUE(shows(7, 0, false));
+        EXPECT_TRUE(model.isCommandCulled(2, 5)) << "zero scale is culled, not only invisible";
+
+        // A frustum around the left half culls the right half, though the draw itself shows all.
+        QMatrix4x4 leftHalf;
+        leftHalf.ortho(-1, 0, -1, 1, -1, 1);
+        model.frustumCull(leftHalf);
+        program->bind();
+        target->clear();
+        ASSERT_TRUE(model.draw(program.get(), &manager, 0, 0, GPUModel::eWindingNoCulling, true));
+        EXPECT_TRUE(shows(0, 0, true));
+        EXPECT_TRUE(shows(0, 15, false));
+        EXPECT_TRUE(shows(5, 24, false));
+        // A pass that ignores culling still keeps hidden objects hidden.
+        target->clear();
+        ASSERT_TRUE(model.draw(program.get(), &manager, 0, 0, GPUModel::eWindingNoCulling, false));
+        EXPECT_TRUE(shows(0, 15, true));
+        EXPECT_TRUE(shows(1, 2, false));
+        program->unbind();
+    });
+}
+
+TEST_F(GPUModelTest, MirroredObjectsDrawOnlyInTheClockwisePass)
+{
+    const int mirroredObject = model.drawable(0).transformRefs[4];
+    QMatrix4x4 mirror = model.localTransform(mirroredObject);
+    mirror.scale(-1, 1, 1);
+    model.setLocalTransform(mirroredObject, mirror);
+    onEveryPath([&] {
+        ASSERT_TRUE(render(GPUModel::eWindingCCW));
+        EXPECT_TRUE(model.isTransformMirrored(mirroredObject));
+        EXPECT_TRUE(shows(0, 4, false));
+        EXPECT_TRUE(shows(0, 5, true));
+        ASSERT_TRUE(render(GPUModel::eWindingCW));
+        EXPECT_TRUE(shows(0, 4, true));
+        EXPECT_TRUE(shows(0, 5, false));
+        EXPECT_TRUE(glIsEnabled(GL_CULL_FACE));
+        glDisable(GL_CULL_FACE);
+    });
+}
+
+TEST_F(GPUModelTest, ReflectedTransparencyTagsEachMaterialsPixelsInTheStencil)
+{
+    model.setContainsReflectedTransparency(true);
+    onEveryPath([&] {
+        ASSERT_TRUE(render());
+        for (int k = 0; k < kDrawables; ++k) {
+            const QPoint p = probe(k, 9);
+            EXPECT_EQ(target->stencil(p.x(), p.y()), k % kMaterials + 1) << "drawable " << k;
+        }
+        EXPECT_EQ(target->stencil(0, 0), 0);
+        EXPECT_FALSE(glIsEnabled(GL_STENCIL_TEST)) << "the draw switched the stencil test on and off again";
+    });
+}
+
+TEST_F(GPUModelTest, BindsOnlyWhatChangesBetweenDrawables)
+{
+    ASSERT_TRUE(usePath(eUniformFallback));
+    render();
+    CallRecorder<&_ptrc_glBindVertexArray> bindVertexArray;
+    CallRecorder<&_ptrc_glUniform1iv> slotUniforms;
+    ASSERT_TRUE(render());
+    // All drawables share one vertex array: bound once, unbound once.
+    EXPECT_EQ(bindVertexArray.count(), 2u);
+    // Drawables 0 and 5 share material 0 (and so on): the texture manager is bound once per material.
+    EXPECT_EQ(slotUniforms.count(), size_t(kMaterials));
+}
+
+TEST_F(GPUModelTest, ATransformEditUploadsOnlyTheRecordsOfItsUsers)
+{
+    ASSERT_TRUE(usePath(eUniformFallback));
+    ASSERT_TRUE(render());
+    EXPECT_FALSE(model.updateTransforms()) << "nothing changed";
+    const size_t record = objectPlan.totalDataSize();
+    const int transform = model.drawable(3).transformRefs[7];
+    QMatrix4x4 local = model.localTransform(transform);
+    local.translate(0, 0.1f);
+    model.setLocalTransform(transform, local);
+    CallRecorder<&_ptrc_glFlushMappedBufferRange> flushed;
+    CallRecorder<&_ptrc_glBufferData> reallocated;
+    CallRecorder<&_ptrc_glBufferSubData> replaced;
+    ASSERT_TRUE(render());
+    ASSERT_EQ(flushed.count(), 1u);
+    EXPECT_EQ(size_t(std::get<2>(flushed.calls()[0])), record);
+    EXPECT_EQ(reallocated.count() + replaced.count(), 0u);
+}
+
+TEST_F(GPUModelTest, EmptyModelDrawsNothingAndSucceeds)
+{
+    ASSERT_TRUE(usePath(eUniformFallback));
+    GPUModel empty;
+    CallRecorder<&_ptrc_glDrawElementsBaseVertex> drawn;
+    EXPECT_EQ(empty.visibilityCull(), 0);
+    EXPECT_TRUE(empty.isCullingApplied());
+    EXPECT_TRUE(empty.isDrawEmpty(0, 0));
+    EXPECT_TRUE(empty.draw(program.get(), &manager, 0, 0));
+    EXPECT_EQ(drawn.count(), 0u);
+}

@@ -1,0 +1,114 @@
+#include "core/memory.h"
+#include "gl/glloader.h"
+#include "gl/ktxparser.h"
+#include "gl/ktxwriter.h"
+#include "gl/texture.h"
+#include "gl/textureio.h"
+#include "support/gltest.h"
+#include "support/messagecapture.h"
+
+#include <QTemporaryDir>
+
+#include <memory>
+#include <vector>
+
+using namespace Tavren::Vyx;
+
+namespace {
+
+struct Case
+{
+    GLenum target, internalFormat, format, type;
+    int width, height, levels, bytesPerPixel;
+};
+
+std::vector<char> readBack(GLenum imageTarget, int level, const Case& c, int w, int h)
+{
+    std::vector<char> bytes(size_t(((w * c.bytesPerPixel + 3) & ~3) * h));
+    glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    glGetTexImage(imageTarget, level, c.format, c.type, bytes.data());
+    return bytes;
+}
+
+class KTXWriterTest : public VyxTest::GLTest
+{
+};
+
+} // namespace
+
+TEST_F(KTXWriterTest, FilesHoldEveryLevelAndLoadBack)
+{
+    QTemporaryDir dir;
+    // RGB8 rows of 15 bytes need padding; the float cases carry mip levels.
+    for (const Case& c : {Case{GL_TEXTURE_2D, GL_RGB8, GL_RGB, GL_UNSIGNED_BYTE, 5, 3, 1, 3},
+                          Case{GL_TEXTURE_2D, GL_RGBA32F, GL_RGBA, GL_FLOAT, 8, 4, 3, 16},
+                          Case{GL_TEXTURE_2D, GL_RG16F, GL_RG, GL_HALF_FLOAT, 6, 6, 1, 4},
+                          Case{GL_TEXTURE_CUBE_MAP, GL_RGBA16F, GL_RGBA, GL_HALF_FLOAT, 4, 4, 3, 8}}) {
+        Texture texture;
+        texture.setTarget(c.target);
+        texture.bind();
+        glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+        const int faces = c.target == GL_TEXTURE_CUBE_MAP ? 6 : 1;
+        std::vector<std::vector<char>> expected; // per level and face, as GL reads them back
+        for (int level = 0; level < c.levels; ++level) {
+            const int w = qMax(1, c.width >> level), h = qMax(1, c.height >> level);
+            for (int face = 0; face < faces; ++face) {
+                std::vector<unsigned char> bytes(size_t(((w * c.bytesPerPixel + 3) & ~3) * h));
+                for (size_t i = 0; i < bytes.size(); ++i)
+                    bytes[i] = c.type == GL_UNSIGNED_BYTE ? (i * 7 + face * 31 + level) % 251
+                                                          : ((i & 1) ? 0x3c : (i * 13 + face + level * 5) % 256);
+                const GLenum imageTarget = faces == 6 ? GL_TEXTURE_CUBE_MAP_POSITIVE_X + face : c.target;
+                glTexImage2D(imageTarget, level, GLint(c.internalFormat), w, h, 0, c.format, c.type, bytes.data());
+                expected.push_back(readBack(imageTarget, level, c, w, h));
+            }
+        }
+        glTexParameteri(c.target, GL_TEXTURE_MAX_LEVEL, c.levels - 1);
+        texture.unbind();
+
+        const QString path = dir.filePath(QStringLiteral("t%1.ktx").arg(c.internalFormat));
+        ASSERT_TRUE(SaveTextureAsKTX(&texture, path));
+        MemoryMappedFile file(path);
+        KTXParser parser(&file, path);
+        ASSERT_TRUE(parser.valid() && parser.parseImages());
+        EXPECT_EQ(parser.header().glInternalFormat, c.internalFormat);
+        ASSERT_EQ(parser.images().size(), expected.size());
+        for (size_t i = 0; i < expected.size(); ++i) {
+            const KTXImage& image = parser.images()[i];
+            std::vector<char> inFile(image.data, image.data + image.size);
+            if (faces == 1) { // 2D files run top row first
+                const size_t row = inFile.size() / image.height;
+                for (unsigned int y = 0; y < image.height / 2; ++y)
+                    std::swap_ranges(inFile.begin() + y * row, inFile.begin() + (y + 1) * row,
+                                     inFile.end() - (y + 1) * row);
+            }
+            EXPECT_EQ(inFile, expected[i]) << std::hex << c.internalFormat << " image " << i;
+        }
+
+        std::unique_ptr<Texture> loaded(LoadTextureFromFile(path, TextureFileInfo()));
+        ASSERT_TRUE(loaded);
+        loaded->bind();
+        for (int face = 0; face < faces; ++face)
+            EXPECT_EQ(readBack(faces == 6 ? GL_TEXTURE_CUBE_MAP_POSITIVE_X + face : c.target, 0, c, c.width, c.height),
+                      expected[size_t(face)]);
+        loaded->unbind();
+    }
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+TEST_F(KTXWriterTest, UnwritableTexturesAndFilesFail)
+{
+    Texture volume, empty;
+    volume.create3D(GL_TEXTURE_3D, GL_RGBA8, 2, 2, 2);
+    empty.setTarget(GL_TEXTURE_2D);
+    Texture fine;
+    fine.create2D(GL_TEXTURE_2D, GL_RGBA8, 2, 2);
+    for (Texture* bad : {static_cast<Texture*>(nullptr), &volume, &empty}) {
+        VyxTest::MessageCapture capture;
+        EXPECT_TRUE(TextureToKTX(bad).isEmpty());
+        EXPECT_EQ(capture.texts(QtCriticalMsg).size(), 1);
+    }
+    VyxTest::MessageCapture capture;
+    EXPECT_FALSE(SaveTextureAsKTX(&fine, QStringLiteral("/nonexistent-folder/x.ktx")));
+    EXPECT_EQ(capture.texts(QtCriticalMsg).size(), 1);
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}

@@ -1,0 +1,421 @@
+#include "gl/glloader.h"
+#include "gl/glutilities.h"
+#include "gl/okuimagecubemaputils.h"
+#include "gl/okurendercubemap.h"
+#include "gl/texture.h"
+#include "gl/textureio.h"
+#include "support/glhelpers.h"
+#include "support/gltest.h"
+#include "support/messagecapture.h"
+#include "support/testenvironment.h"
+
+#include <QVector2D>
+
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <vector>
+
+using namespace Tavren::Vyx;
+using namespace Tavren::Vyx::OkuImageCubemapUtils;
+
+namespace {
+
+// GL's cube face table: major axis, and the directions of increasing s and t.
+const QVector3D kFaces[6][3] = {
+    {{1, 0, 0}, {0, 0, -1}, {0, -1, 0}}, {{-1, 0, 0}, {0, 0, 1}, {0, -1, 0}}, {{0, 1, 0}, {1, 0, 0}, {0, 0, 1}},
+    {{0, -1, 0}, {1, 0, 0}, {0, 0, -1}}, {{0, 0, 1}, {1, 0, 0}, {0, -1, 0}},  {{0, 0, -1}, {-1, 0, 0}, {0, -1, 0}},
+};
+
+QVector3D faceDirection(int face, float s, float t)
+{
+    return kFaces[face][0] + kFaces[face][1] * (2 * s - 1) + kFaces[face][2] * (2 * t - 1);
+}
+
+std::vector<float> levelTexels(Texture* texture, unsigned int target, int level, int count)
+{
+    std::vector<float> texels(size_t(count) * 4);
+    texture->bind();
+    glPixelStorei(GL_PACK_ALIGNMENT, 1);
+    glGetTexImage(target, level, GL_RGBA, GL_FLOAT, texels.data());
+    texture->unbind();
+    return texels;
+}
+
+std::vector<float> faceTexels(Texture* cube, int face, int level = 0)
+{
+    const int size = VyxTest::levelParameter(cube, GL_TEXTURE_WIDTH, GL_TEXTURE_CUBE_MAP_POSITIVE_X, level);
+    return levelTexels(cube, GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, level, size * size);
+}
+
+using Radiance = std::function<QVector3D(const QVector3D&)>;
+
+// An RGBA32F cube map holding the radiance at texel centres, mipmapped.
+std::unique_ptr<Texture> makeCube(int size, const Radiance& radiance)
+{
+    auto cube = std::make_unique<Texture>();
+    cube->setTarget(GL_TEXTURE_CUBE_MAP);
+    cube->bind();
+    for (int face = 0; face < 6; ++face) {
+        std::vector<float> texels;
+        for (int y = 0; y < size; ++y)
+            for (int x = 0; x < size; ++x) {
+                const QVector3D c = radiance(faceDirection(face, (x + 0.5f) / size, (y + 0.5f) / size).normalized());
+                texels.insert(texels.end(), {c.x(), c.y(), c.z(), 1.0f});
+            }
+        glTexImage2D(GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, 0, GL_RGBA32F, size, size, 0, GL_RGBA, GL_FLOAT,
+                     texels.data());
+    }
+    glGenerateMipmap(GL_TEXTURE_CUBE_MAP);
+    cube->unbind();
+    return cube;
+}
+
+std::unique_ptr<Texture> make2D(int width, int height, unsigned int internalFormat, const float* rgba = nullptr)
+{
+    auto texture = std::make_unique<Texture>();
+    texture->create2D(GL_TEXTURE_2D, internalFormat, width, height);
+    if (rgba) {
+        texture->bind();
+        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, GL_RGBA, GL_FLOAT, rgba);
+        texture->unbind();
+    }
+    return texture;
+}
+
+std::unique_ptr<Texture> loadEsplanade()
+{
+    return std::unique_ptr<Texture>(LoadTextureFromFile(
+        VyxTest::testDataPath("hdr/loadersgl_royal_esplanade_256_latlong.hdr"), TextureFileInfo()));
+}
+
+// Calls fn on the direction and RGBA of every texel of every face.
+void forEachTexel(Texture* cube, int level, const std::function<void(const QVector3D&, const float*)>& fn)
+{
+    const int size = VyxTest::levelParameter(cube, GL_TEXTURE_WIDTH, GL_TEXTURE_CUBE_MAP_POSITIVE_X, level);
+    for (int face = 0; face < 6; ++face) {
+        const std::vector<float> texels = faceTexels(cube, face, level);
+        for (int i = 0; i < size * size; ++i)
+            fn(faceDirection(face, (i % size + 0.5f) / size, (i / size + 0.5f) / size).normalized(), &texels[i * 4]);
+    }
+}
+
+class CubemapTest : public VyxTest::GLTest
+{
+};
+
+} // namespace
+
+TEST_F(CubemapTest, LatLongMatchesBilinearLookupOfTheSourceDirection)
+{
+    std::unique_ptr<Texture> source = loadEsplanade();
+    ASSERT_TRUE(source);
+    const int w = VyxTest::levelParameter(source.get(), GL_TEXTURE_WIDTH);
+    const int h = VyxTest::levelParameter(source.get(), GL_TEXTURE_HEIGHT);
+    const std::vector<float> src = levelTexels(source.get(), GL_TEXTURE_2D, 0, w * h);
+    std::unique_ptr<Texture> cube(createGLCubemapFromTexture(source.get(), SourceLatLong, 32, ColorSpaceLinear));
+    ASSERT_TRUE(cube);
+    EXPECT_EQ(VyxTest::levelParameter(cube.get(), GL_TEXTURE_INTERNAL_FORMAT, GL_TEXTURE_CUBE_MAP_POSITIVE_X),
+              GL_RGBA32F);
+    int checked = 0;
+    forEachTexel(cube.get(), 0, [&](const QVector3D& d, const float* texel) {
+        const float theta0 = std::acos(QVector2D(d.x(), d.z()).normalized().x());
+        const float u = (d.z() < 0 ? 2 * float(M_PI) - theta0 : theta0) / (2 * float(M_PI));
+        const float x = u * w - 0.5f, y = std::acos(d.y()) / float(M_PI) * h - 0.5f;
+        const int x0 = int(std::floor(x)), y0 = int(std::floor(y));
+        for (int c = 0; c < 3; ++c) {
+            float expected = 0, largest = 0;
+            for (int tap = 0; tap < 4; ++tap) {
+                const int tx = ((x0 + (tap & 1)) % w + w) % w, ty = qBound(0, y0 + tap / 2, h - 1);
+                const float value = src[size_t(ty * w + tx) * 4 + c];
+                expected += value * ((tap & 1) ? x - x0 : 1 - (x - x0)) * ((tap / 2) ? y - y0 : 1 - (y - y0));
+                largest = qMax(largest, value);
+            }
+            EXPECT_NEAR(texel[c], expected, 0.01f * largest + 1e-4f) << d.x() << " " << d.y() << " " << d.z();
+        }
+        ++checked;
+    });
+    EXPECT_EQ(checked, 6 * 32 * 32);
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+TEST_F(CubemapTest, CrossLayoutsRoundTrip)
+{
+    const int size = 8;
+    std::unique_ptr<Texture> cube = makeCube(size, [](const QVector3D& d) { return d * 3.0f + QVector3D(5, 6, 7); });
+    std::vector<float> faces[6];
+    for (int face = 0; face < 6; ++face)
+        faces[face] = faceTexels(cube.get(), face);
+    // Cells (column, row from the top) as the picture is seen; the vertical -Z is upside down.
+    const int horizontal[6][2] = {{2, 1}, {0, 1}, {1, 0}, {1, 2}, {1, 1}, {3, 1}};
+    const int vertical[6][2] = {{2, 1}, {0, 1}, {1, 0}, {1, 2}, {1, 1}, {1, 3}};
+    for (const bool isVertical : {false, true}) {
+        const int columns = isVertical ? 3 : 4, rows = isVertical ? 4 : 3;
+        std::vector<float> picture(size_t(columns * rows * size * size) * 4, -1.0f);
+        for (int face = 0; face < 6; ++face) {
+            const int* cell = isVertical ? vertical[face] : horizontal[face];
+            const bool turned = isVertical && face == 5;
+            for (int y = 0; y < size; ++y)
+                for (int x = 0; x < size; ++x) {
+                    const int px = cell[0] * size + (turned ? size - 1 - x : x);
+                    const int pyFromTop = cell[1] * size + (turned ? size - 1 - y : y);
+                    const size_t at = size_t((rows * size - 1 - pyFromTop) * columns * size + px) * 4;
+                    std::copy_n(&faces[face][size_t(y * size + x) * 4], 4, &picture[at]);
+                }
+        }
+        std::unique_ptr<Texture> cross = make2D(columns * size, rows * size, GL_RGBA32F, picture.data());
+        std::unique_ptr<Texture> back(createGLCubemapFromTexture(cross.get(), SourceCross, 0, ColorSpaceLinear));
+        ASSERT_TRUE(back);
+        for (int face = 0; face < 6; ++face)
+            EXPECT_EQ(faceTexels(back.get(), face), faces[face]) << "vertical " << isVertical << " face " << face;
+    }
+}
+
+TEST_F(CubemapTest, CrossSizesRefusalsAndBadSources)
+{
+    struct Case
+    {
+        int width, height, faceSize; // 0: refused
+    };
+    for (const Case& c : {Case{1024, 768, 256}, Case{2400, 1800, 512}, Case{64, 32, 16}, Case{48, 64, 16},
+                          Case{64, 64, 0}}) {
+        std::unique_ptr<Texture> source = make2D(c.width, c.height, GL_RGBA8);
+        VyxTest::MessageCapture capture;
+        std::unique_ptr<Texture> cube(createGLCubemapFromTexture(source.get(), SourceCross, 0, ColorSpaceSRGB));
+        if (c.faceSize == 0) {
+            EXPECT_FALSE(cube);
+            EXPECT_EQ(capture.bodies(QtCriticalMsg),
+                      QStringList{"[ !! ] Texture(64,64) not a 4:3 or 3:4 image. Cannot load cubemap."});
+        } else {
+            ASSERT_TRUE(cube) << c.width;
+            EXPECT_EQ(VyxTest::levelParameter(cube.get(), GL_TEXTURE_WIDTH, GL_TEXTURE_CUBE_MAP_NEGATIVE_Z),
+                      c.faceSize);
+        }
+    }
+    // Null, 3D and storage-less sources fail every creator with a message and leave no GL error.
+    Texture volume, empty;
+    volume.create3D(GL_TEXTURE_3D, GL_RGBA8, 4, 4, 4);
+    empty.setTarget(GL_TEXTURE_2D);
+    std::unique_ptr<Texture> flat = make2D(8, 8, GL_RGBA8);
+    for (Texture* bad : {static_cast<Texture*>(nullptr), &volume, &empty}) {
+        VyxTest::MessageCapture capture;
+        EXPECT_FALSE(createGLCubemapFromTexture(bad, SourceLatLong, 16, ColorSpaceLinear));
+        EXPECT_FALSE(createGLCubemapBlurFromGLCubemap(bad, 8, 1, 0));
+        EXPECT_FALSE(createGLCubemapNDotLFromGLCubemap(bad, 8, 1, 0, 1.0f));
+        EXPECT_FALSE(createPrefilteredEnvMapFromGLCubemap(bad, 8, 2));
+        EXPECT_FALSE(computeIrradianceSHFromGLCubemap(bad).valid);
+        EXPECT_GE(capture.texts(QtCriticalMsg).size(), 5);
+        EXPECT_TRUE(capture.bodies(QtCriticalMsg).contains("[ !! ] Unable to create cubemap blur from cubemap."));
+        EXPECT_TRUE(capture.bodies(QtCriticalMsg).contains("[ !! ] Unable to create cubemap NDotL from cubemap."));
+        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+    }
+    VyxTest::MessageCapture capture;
+    OkuRenderCubemap_Sphere renderer(flat.get());
+    EXPECT_FALSE(renderer.render(flat.get(), 0));
+    EXPECT_EQ(capture.bodies(QtCriticalMsg), QStringList{"[ !! ] Unhandled Texture Type 0xDE1"});
+    EXPECT_FALSE(createGLCubemapFromTexture(flat.get(), SourceLinear, 16, ColorSpaceLinear));
+    EXPECT_FALSE(createGLCubemapFromTexture(flat.get(), SourceLatLong, 0, ColorSpaceLinear));
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+TEST_F(CubemapTest, ConvolutionsKeepAConstantEnvironment)
+{
+    std::unique_ptr<Texture> cube = makeCube(16, [](const QVector3D&) { return QVector3D(0.7f, 0.7f, 0.7f); });
+    std::vector<std::unique_ptr<Texture>> results;
+    results.emplace_back(createGLCubemapNDotLFromGLCubemap(cube.get(), 8, 1, 0, 1.0f));
+    results.emplace_back(createGLCubemapBlurFromGLCubemap(cube.get(), 8, 1, 0));
+    results.emplace_back(createPrefilteredEnvMapFromGLCubemap(cube.get(), 16, 5, 32));
+    // Three amounts of the ramp 0, 0.5, 1 from the second on: a two-layer cube map array.
+    results.emplace_back(createGLCubemapNDotLFromGLCubemap(cube.get(), 4, 3, 1, 2.0f));
+    for (size_t r = 0; r < results.size(); ++r) {
+        Texture* result = results[r].get();
+        if (r == 3 && !openGlVersionSupported(4, 0) && !hasGLExtension("GL_ARB_texture_cube_map_array")) {
+            EXPECT_FALSE(result);
+            continue;
+        }
+        ASSERT_TRUE(result) << r;
+        const bool array = result->target() == GL_TEXTURE_CUBE_MAP_ARRAY;
+        EXPECT_EQ(array, r == 3);
+        for (int level = 0; level < (r == 2 ? 5 : 1); ++level) {
+            std::vector<float> texels;
+            if (array)
+                texels = levelTexels(result, GL_TEXTURE_CUBE_MAP_ARRAY, level, 4 * 4 * 12);
+            else
+                forEachTexel(result, level, [&](const QVector3D&, const float* t) { texels.insert(texels.end(), t, t + 4); });
+            for (size_t i = 0; i < texels.size(); ++i)
+                ASSERT_NEAR(texels[i], i % 4 == 3 ? 1.0f : 0.7f, 1e-3f) << "result " << r << " level " << level;
+        }
+    }
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+TEST_F(CubemapTest, NDotLOfOneBrightDirectionIsItsCosineLobe)
+{
+    const QVector3D bright = QVector3D(-1.0f, -2.0f, 0.5f).normalized();
+    const auto radiance = [&](const QVector3D& d) {
+        return QVector3D(1, 1, 1) * (0.05f + 4.0f * std::pow(qMax(0.0f, QVector3D::dotProduct(d, bright)), 16.0f));
+    };
+    const int sourceSize = 32;
+    std::unique_ptr<Texture> cube = makeCube(sourceSize, radiance);
+    std::unique_ptr<Texture> diffuse(createGLCubemapNDotLFromGLCubemap(cube.get(), 8, 1, 0, 1.0f));
+    ASSERT_TRUE(diffuse);
+    float peak = 0;
+    QVector3D peakDirection;
+    forEachTexel(diffuse.get(), 0, [&](const QVector3D& n, const float* texel) {
+        // The convolution's own sum: the centre sample plus a grid over every face, weighted by N.L.
+        double sum = radiance(n).x(), weight = 1;
+        for (int y = 0; y <= sourceSize; ++y)
+            for (int x = 0; x <= sourceSize; ++x) {
+                const float a = -1.0f + 2.0f * x / sourceSize, b = -1.0f + 2.0f * y / sourceSize;
+                for (const QVector3D& l : {QVector3D(a, b, 1), QVector3D(a, b, -1), QVector3D(b, 1, a),
+                                           QVector3D(b, -1, a), QVector3D(1, a, b), QVector3D(-1, a, b)}) {
+                    const float cosine = QVector3D::dotProduct(n, l.normalized());
+                    if (cosine > 0) {
+                        sum += cosine * radiance(l.normalized()).x();
+                        weight += cosine;
+                    }
+                }
+            }
+        EXPECT_NEAR(texel[0], sum / weight, 0.02 * sum / weight) << n.x() << " " << n.y() << " " << n.z();
+        if (texel[0] > peak) {
+            peak = texel[0];
+            peakDirection = n;
+        }
+    });
+    // The peak is the output texel closest to the bright direction.
+    float closest = 0;
+    forEachTexel(diffuse.get(), 0, [&](const QVector3D& n, const float*) {
+        closest = qMax(closest, QVector3D::dotProduct(n, bright));
+    });
+    EXPECT_EQ(QVector3D::dotProduct(peakDirection, bright), closest);
+}
+
+TEST_F(CubemapTest, PrefilteredRoughnessZeroIsTheSource)
+{
+    std::unique_ptr<Texture> source = loadEsplanade();
+    std::unique_ptr<Texture> cube(createGLCubemapFromTexture(source.get(), SourceLatLong, 16, ColorSpaceLinear));
+    ASSERT_TRUE(cube);
+    std::unique_ptr<Texture> prefiltered(createPrefilteredEnvMapFromGLCubemap(cube.get(), 16, 3));
+    ASSERT_TRUE(prefiltered);
+    for (int face = 0; face < 6; ++face) {
+        const std::vector<float> level0 = faceTexels(prefiltered.get(), face), expected = faceTexels(cube.get(), face);
+        for (size_t i = 0; i < level0.size(); ++i)
+            ASSERT_NEAR(level0[i], expected[i], 1e-4f * expected[i]) << face << " " << i;
+    }
+    // Rougher levels spread the sun: their brightest texel is dimmer.
+    float brightest[3] = {};
+    for (int level = 0; level < 3; ++level)
+        forEachTexel(prefiltered.get(), level, [&](const QVector3D&, const float* t) {
+            brightest[level] = qMax(brightest[level], t[0]);
+        });
+    EXPECT_GT(brightest[0], brightest[1]);
+    EXPECT_GT(brightest[1], brightest[2]);
+}
+
+// The N.L map's grid is not weighted by solid angle, so a sun-lit real environment is compared
+// with a brute-force cosine integral over every texel instead.
+TEST_F(CubemapTest, SHIrradianceMatchesBruteForceNDotLOfARealEnvironment)
+{
+    std::unique_ptr<Texture> source = loadEsplanade();
+    std::unique_ptr<Texture> cube(createGLCubemapFromTexture(source.get(), SourceLatLong, 64, ColorSpaceLinear));
+    ASSERT_TRUE(cube);
+    const IrradianceSH sh = computeIrradianceSHFromGLCubemap(cube.get());
+    ASSERT_TRUE(sh.valid);
+    std::vector<std::pair<QVector3D, QVector3D>> texels; // direction, radiance times solid angle
+    float totalSolidAngle = 0;
+    forEachTexel(cube.get(), 0, [&](const QVector3D& d, const float* t) {
+        const float cosine = qMax(qMax(std::abs(d.x()), std::abs(d.y())), std::abs(d.z()));
+        texels.push_back({d, QVector3D(t[0], t[1], t[2]) * cosine * cosine * cosine});
+        totalSolidAngle += cosine * cosine * cosine;
+    });
+    double brightest = 0, squaredError = 0, squaredSum = 0;
+    std::vector<std::pair<QVector3D, QVector3D>> results; // exact, from SH
+    for (int i = 0; i < 6 * 8 * 8; ++i) {
+        const QVector3D n = faceDirection(i / 64, (i % 8 + 0.5f) / 8, (i / 8 % 8 + 0.5f) / 8).normalized();
+        QVector3D sum;
+        for (const auto& texel : texels)
+            sum += texel.second * qMax(0.0f, QVector3D::dotProduct(n, texel.first));
+        results.push_back({sum * (4.0f / totalSolidAngle), sh.evaluate(n)});
+        brightest = qMax(brightest, double(results.back().first.y()));
+        squaredError += (results.back().second - results.back().first).lengthSquared();
+        squaredSum += results.back().first.lengthSquared();
+    }
+    // Three bands cannot hold a sun's sharp cosine: a single direction may be off by up to 1/16
+    // of the brightest, while the whole stays within 3%.
+    for (const auto& result : results)
+        for (int c = 0; c < 3; ++c)
+            EXPECT_NEAR(result.second[c], result.first[c], brightest / 16);
+    EXPECT_LT(std::sqrt(squaredError / squaredSum), 0.03);
+}
+
+TEST_F(CubemapTest, BRDFTableMatchesNumericalIntegration)
+{
+    const int size = 32;
+    std::unique_ptr<Texture> table(createPreintegratedBRDFTable(size));
+    ASSERT_TRUE(table);
+    EXPECT_EQ(VyxTest::levelParameter(table.get(), GL_TEXTURE_INTERNAL_FORMAT), GL_RG16F);
+    const std::vector<float> texels = levelTexels(table.get(), GL_TEXTURE_2D, 0, size * size);
+    for (const int column : {2, 9, 16, 24, 31}) {
+        for (const int row : {8, 16, 24, 31}) {
+            const double nDotV = (column + 0.5) / size, roughness = (row + 0.5) / size;
+            const double alpha = roughness * roughness, a2 = alpha * alpha, k = alpha / 2;
+            const QVector3D v(float(std::sqrt(1 - nDotV * nDotV)), 0, float(nDotV));
+            // Integral over half vectors: D G (V.H) / (N.V) with F's split into scale and bias.
+            double scale = 0, bias = 0;
+            const int thetaSteps = 1024, phiSteps = 256;
+            for (int i = 0; i < thetaSteps; ++i) {
+                const double theta = (i + 0.5) / thetaSteps * M_PI / 2;
+                const double cosTheta = std::cos(theta), d = cosTheta * cosTheta * (a2 - 1) + 1;
+                const double distribution = a2 / (M_PI * d * d);
+                for (int j = 0; j < phiSteps; ++j) {
+                    const double phi = (j + 0.5) / phiSteps * 2 * M_PI;
+                    const QVector3D h(float(std::sin(theta) * std::cos(phi)), float(std::sin(theta) * std::sin(phi)),
+                                      float(cosTheta));
+                    const double vDotH = QVector3D::dotProduct(v, h), nDotL = 2 * vDotH * cosTheta - nDotV;
+                    if (vDotH <= 0 || nDotL <= 0)
+                        continue;
+                    const double g = nDotV / (nDotV * (1 - k) + k) * nDotL / (nDotL * (1 - k) + k);
+                    const double value = distribution * g * vDotH / nDotV * std::sin(theta) *
+                                         (M_PI / 2 / thetaSteps) * (2 * M_PI / phiSteps);
+                    const double fresnel = std::pow(1 - vDotH, 5);
+                    scale += value * (1 - fresnel);
+                    bias += value * fresnel;
+                }
+            }
+            const float* texel = &texels[size_t(row * size + column) * 4];
+            EXPECT_NEAR(texel[0], scale, 0.01 * (scale + bias)) << nDotV << " " << roughness;
+            EXPECT_NEAR(texel[1], bias, 0.01 * (scale + bias)) << nDotV << " " << roughness;
+        }
+    }
+}
+
+TEST_F(CubemapTest, SphereMapsDirectionXYAndColourSpacesConvert)
+{
+    // Red and green rise linearly across the picture, so a bilinear read gives back its uv.
+    const int size = 64;
+    std::vector<float> ramp;
+    for (int y = 0; y < size; ++y)
+        for (int x = 0; x < size; ++x)
+            ramp.insert(ramp.end(), {(x + 0.5f) / size, (y + 0.5f) / size, 0.0f, 1.0f});
+    std::unique_ptr<Texture> sphere = make2D(size, size, GL_RGBA32F, ramp.data());
+    std::unique_ptr<Texture> cube(createGLCubemapFromTexture(sphere.get(), SourceSphere, 16, ColorSpaceLinear));
+    ASSERT_TRUE(cube);
+    forEachTexel(cube.get(), 0, [&](const QVector3D& d, const float* t) {
+        for (int c = 0; c < 2; ++c)
+            EXPECT_NEAR(t[c], qBound(0.5f / size, 0.5f * d[c] + 0.5f, 1 - 0.5f / size), 1e-3f);
+    });
+
+    const float grey[4] = {128 / 255.0f, 128 / 255.0f, 128 / 255.0f, 1.0f};
+    std::unique_ptr<Texture> flat = make2D(1, 1, GL_RGBA8, grey);
+    const std::pair<OkuImageCubemapColorSpace, float> spaces[] = {
+        {ColorSpaceLinear, grey[0]},
+        {ColorSpaceSRGB, std::pow((grey[0] + 0.055f) / 1.055f, 2.4f)},
+        {ColorSpaceGamma22, std::pow(grey[0], 2.2f)}};
+    for (const auto& space : spaces) {
+        std::unique_ptr<Texture> converted(createGLCubemapFromTexture(flat.get(), SourceSphere, 2, space.first));
+        ASSERT_TRUE(converted);
+        EXPECT_EQ(VyxTest::levelParameter(converted.get(), GL_TEXTURE_INTERNAL_FORMAT, GL_TEXTURE_CUBE_MAP_POSITIVE_X),
+                  GL_RGBA16F);
+        EXPECT_NEAR(faceTexels(converted.get(), 3)[0], space.second, 1e-3f) << space.first;
+    }
+}
