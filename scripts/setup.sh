@@ -8,6 +8,7 @@ packages=(
   khronos-api libegl-dev libgl-dev libegl-mesa0 libgl1-mesa-dri
   libgtest-dev libgmock-dev libbenchmark-dev
   glslang-tools libstb-dev imagemagick libastcenc-dev astcenc
+  libtinygltf-dev assimp-testmodels
 )
 
 missing=()

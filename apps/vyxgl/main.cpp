@@ -1,6 +1,7 @@
 // vyxgl: command-line front end of the library.
 //   vyxgl [info]   make a headless GL context and report what the library sees in it
 
+#include "commands.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
 #include "gl/headlesscontext.h"
@@ -68,7 +69,8 @@ int runInfo()
 
 void printUsage()
 {
-    std::printf("usage: vyxgl [info]\n"
+    std::printf("usage: vyxgl [info] | render [SCENE] [options]   (vyxgl COMMAND --help for more)\n"
+                "  render render a glTF scene, or the built-in demo, to a PNG\n"
                 "  info   create a headless GL context and report the GL version, renderer,\n"
                 "         loader result and the extensions the library uses (default)\n");
 }
@@ -80,6 +82,8 @@ int main(int argc, char** argv)
     const char* command = argc > 1 ? argv[1] : "info";
     if (std::strcmp(command, "info") == 0)
         return runInfo();
+    if (std::strcmp(command, "render") == 0)
+        return runRender(argc - 2, argv + 2);
     if (std::strcmp(command, "--help") == 0 || std::strcmp(command, "-h") == 0) {
         printUsage();
         return 0;

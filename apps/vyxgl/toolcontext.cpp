@@ -1,0 +1,32 @@
+#include "commands.h"
+
+#include "gl/glloader.h"
+#include "gl/glutilities.h"
+#include "gl/headlesscontext.h"
+#include "gl/opengldevicecontext.h"
+
+#include <cstdio>
+#include <cstring>
+
+using namespace Tavren::Vyx;
+
+std::unique_ptr<HeadlessGLContext> makeToolContext()
+{
+    auto context = std::make_unique<HeadlessGLContext>();
+    if (!context->create() || !context->makeCurrent()) {
+        std::fprintf(stderr, "vyxgl: cannot create a headless GL context: %s\n",
+                     context->errorString().toLocal8Bit().constData());
+        return nullptr;
+    }
+    if (!initializeGLFunctions()) {
+        std::fprintf(stderr, "vyxgl: the GL entry points could not be loaded\n");
+        return nullptr;
+    }
+    OpenGLDeviceContext::resetContext();
+    return context;
+}
+
+bool isHelp(const char* argument)
+{
+    return std::strcmp(argument, "--help") == 0 || std::strcmp(argument, "-h") == 0;
+}
