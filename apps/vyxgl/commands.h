@@ -16,5 +16,8 @@ int runConvert(int argc, char** argv);
 // printing why not.
 std::unique_ptr<Tavren::Vyx::HeadlessGLContext> makeToolContext();
 
+// Drops what the library cached for the context while it is still current.
+void releaseToolContext();
+
 // Whether the argument asks for help.
 bool isHelp(const char* argument);

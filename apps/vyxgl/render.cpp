@@ -34,6 +34,7 @@ void printRenderUsage()
         "  --size WxH     image size (default 1280x720)\n"
         "  --camera N     the scene's camera N (default: its first, else one framing the scene)\n"
         "  --exposure EV  exposure in stops (default 0)\n"
+        "  --samples N    multisampling samples per pixel (default 4; 1 = off)\n"
         "  --timing       print the import, first-frame and warm-frame times\n"
         "  -o FILE        output PNG (default vyxgl-render.png)\n");
 }
@@ -43,6 +44,7 @@ struct Options
     QString scene, environment, output = QStringLiteral("vyxgl-render.png");
     QSize size{1280, 720};
     int camera = -1;
+    int samples = 4;
     float exposure = 0.0f;
     bool timing = false;
 };
@@ -71,6 +73,9 @@ int parse(int argc, char** argv, Options& o)
         } else if (arg == QLatin1String("--camera")) {
             o.camera = value.toInt(&ok);
             ok = ok && o.camera >= 0;
+        } else if (arg == QLatin1String("--samples")) {
+            o.samples = value.toInt(&ok);
+            ok = ok && o.samples >= 1 && o.samples <= 16;
         } else if (arg == QLatin1String("--exposure")) {
             o.exposure = value.toFloat(&ok);
             ok = ok && std::isfinite(o.exposure);
@@ -109,22 +114,8 @@ Camera framingCamera(GPUModel& model, float aspect)
     return camera;
 }
 
-} // namespace
-
-int runRender(int argc, char** argv)
+int renderWithContext(const Options& options)
 {
-    Options options;
-    const int parsed = parse(argc, argv, options);
-    if (parsed)
-        return parsed < 0 ? 0 : parsed;
-    int fakeArgc = 1;
-    char name[] = "vyxgl";
-    char* fakeArgv[] = {name, nullptr};
-    QCoreApplication application(fakeArgc, fakeArgv);
-    auto context = makeToolContext();
-    if (!context)
-        return 1;
-
     QElapsedTimer timer;
     timer.start();
     GPUModel model;
@@ -167,6 +158,7 @@ int runRender(int argc, char** argv)
 
     SceneRenderer renderer;
     renderer.setExposure(options.exposure);
+    renderer.setSamples(options.samples);
     if (!options.environment.isEmpty() &&
         !renderer.setEnvironmentFile(options.environment, OkuImageCubemapUtils::SourceLatLong)) {
         std::fprintf(stderr, "vyxgl render: %s\n", qPrintable(renderer.errorString()));
@@ -197,5 +189,26 @@ int runRender(int argc, char** argv)
         return 1;
     }
     std::printf("%s\n", qPrintable(QFileInfo(options.output).absoluteFilePath()));
+    model.clear();
     return 0;
+}
+
+} // namespace
+
+int runRender(int argc, char** argv)
+{
+    Options options;
+    const int parsed = parse(argc, argv, options);
+    if (parsed)
+        return parsed < 0 ? 0 : parsed;
+    int fakeArgc = 1;
+    char name[] = "vyxgl";
+    char* fakeArgv[] = {name, nullptr};
+    QCoreApplication application(fakeArgc, fakeArgv);
+    auto context = makeToolContext();
+    if (!context)
+        return 1;
+    const int status = renderWithContext(options);
+    releaseToolContext();
+    return status;
 }

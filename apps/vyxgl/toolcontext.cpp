@@ -4,6 +4,7 @@
 #include "gl/glutilities.h"
 #include "gl/headlesscontext.h"
 #include "gl/opengldevicecontext.h"
+#include "gl/texturemanager.h"
 
 #include <cstdio>
 #include <cstring>
@@ -24,6 +25,13 @@ std::unique_ptr<HeadlessGLContext> makeToolContext()
     }
     OpenGLDeviceContext::resetContext();
     return context;
+}
+
+void releaseToolContext()
+{
+    if (TextureManager::hasInstance())
+        TextureManager::Instance()->clear();
+    OpenGLDeviceContext::resetContext();
 }
 
 bool isHelp(const char* argument)

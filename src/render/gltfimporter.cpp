@@ -513,8 +513,8 @@ bool Builder::buildMesh(int meshIndex, const QVector<Instance>& instances)
         db->setPrimitiveType(GL_TRIANGLES);
         db->setIndexedDraw(indexBuffer, int(indices.size()), GL_UNSIGNED_INT);
         db->setDrawElementsIndirectCommands(commands.data(), int(commands.size()));
-        auto* materialData = new InstanceDataCollection(QLatin1String(kMaterialPlanName), materials, db);
-        auto* objectData = new InstanceDataCollection(GLTFImporter::objectPlan(), commands.size(), db);
+        auto* materialData = new InstanceDataCollection(QLatin1String(kMaterialPlanName), materials);
+        auto* objectData = new InstanceDataCollection(GLTFImporter::objectPlan(), commands.size());
         const int first = primitives[slots[begin].primitive].material;
         const int drawable = _model.drawableIndex(_model.add(db, first, materialData, objectData, 0));
         for (size_t s = begin; s < end; ++s) {

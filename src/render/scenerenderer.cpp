@@ -374,8 +374,14 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
     const bool shadowed = _shadows && _d->shadowData.projectionTexture() && _d->shadowData.projectorCount() > 0;
     scene.setUniform(QStringLiteral("u_ShadowsEnabled"), QVariant(int(shadowed)));
     const QVariant shadowData = QVariant::fromValue<QObject*>(&_d->shadowData);
-    if (shadowed)
+    if (shadowed) {
         ShadowMapManager::bind(&scene, shadowData);
+    } else {
+        // The unused shadow sampler must not share a unit with a sampler of another type.
+        GLint units = 16;
+        glGetIntegerv(GL_MAX_TEXTURE_IMAGE_UNITS, &units);
+        scene.setUniform(QStringLiteral("u_ShadowMapDepthSampler"), QVariant(int(units - 1)));
+    }
     const bool drawn = model.draw(&scene, _d->manager, 0, 0, GPUModel::eWindingNoCulling, &view, true);
     if (shadowed)
         ShadowMapManager::unbind(&scene, shadowData);
