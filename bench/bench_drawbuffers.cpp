@@ -1,6 +1,7 @@
 // CPU time to submit N small indexed draws, each with its own draw ID, on every DrawBuffers path,
 // against the hand-written loop that sets a model-matrix uniform and calls glDrawElements per
 // object. The target is 1x1, so rasterising costs next to nothing. Prints the ratios at the end.
+#include "benchtarget.h"
 #include "gl/bufferobject.h"
 #include "gl/drawbuffers.h"
 #include "gl/glloader.h"
@@ -26,54 +27,16 @@ using namespace Tavren::Vyx;
 
 namespace {
 
-const float kTriangle[] = {-1, -1, 1, -1, -1, 1};
-const GLuint kIndices[] = {0, 1, 2};
-
-QString resource(const QString& name)
-{
-    QFile file(":/GLSL/src/" + name);
-    file.open(QIODevice::ReadOnly);
-    return QString::fromLatin1(file.readAll());
-}
+using VyxBench::resource;
 
 // Everything the benchmarks share: a 1x1 target, one triangle, and the programs.
-struct Scene
+struct Scene : VyxBench::TriangleTarget
 {
-    HeadlessGLContext context;
-    GLuint framebuffer = 0, renderbuffer = 0;
-    QSharedPointer<BufferObject> vertices, indices;
-    QSharedPointer<VertexArrayObject> vao;
     std::unique_ptr<ShaderProgram> matrixProgram, uniformIDProgram, baseInstanceProgram;
     bool baseInstance = false, multiDraw = false;
 
     Scene()
     {
-        setenv("EGL_PLATFORM", "surfaceless", 0);
-        if (!context.create() || !context.makeCurrent() || !initializeGLFunctions())
-            std::abort();
-        OpenGLDeviceContext::resetContext();
-        auto device = OpenGLDeviceContext::current();
-        glGenRenderbuffers(1, &renderbuffer);
-        glBindRenderbuffer(GL_RENDERBUFFER, renderbuffer);
-        glRenderbufferStorage(GL_RENDERBUFFER, GL_RGBA8, 1, 1);
-        glGenFramebuffers(1, &framebuffer);
-        glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
-        glFramebufferRenderbuffer(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_RENDERBUFFER, renderbuffer);
-        glViewport(0, 0, 1, 1);
-
-        vertices = device->newBuffer();
-        vertices->setTarget(GL_ARRAY_BUFFER);
-        vertices->bind();
-        vertices->upload(kTriangle, 6, GL_STATIC_DRAW);
-        vertices->unbind();
-        indices = device->newBuffer();
-        indices->setTarget(GL_ELEMENT_ARRAY_BUFFER);
-        indices->bind();
-        indices->uploadGLuintData(kIndices, 3, GL_STATIC_DRAW);
-        indices->unbind();
-        vao = device->newVAO();
-        vao->registerBO("va_Vertex", vertices, 2, GL_FLOAT);
-
         matrixProgram = build(
             "#version 150\nuniform mat4 u_Model;\nin vec4 va_Vertex;\nvoid main() { gl_Position = u_Model * va_Vertex; }",
             false, false);
@@ -226,19 +189,9 @@ BENCHMARK(BaseInstancePerObject)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicros
 BENCHMARK(MultiDrawIndirectCommandList)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(DrawInstanced)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
-// Prints as usual and keeps the CPU time of every run for the ratio table.
-class RatioReporter : public benchmark::ConsoleReporter
+class RatioReporter : public VyxBench::CpuTimeReporter
 {
 public:
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (!run.error_occurred && run.iterations > 0)
-                cpuTimes[QString::fromStdString(run.benchmark_name())] = run.GetAdjustedCPUTime();
-        }
-    }
-
     void printRatios() const
     {
         std::printf("\nCPU time relative to the hand-written loop (lower is faster):\n");
@@ -252,9 +205,6 @@ public:
             }
         }
     }
-
-private:
-    QMap<QString, double> cpuTimes;
 };
 
 } // namespace

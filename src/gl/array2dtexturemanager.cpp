@@ -2,6 +2,7 @@
 
 #include "core/logging.h"
 #include "gl/bindable.h"
+#include "gl/bindlesstexturemanager.h"
 #include "gl/glloader.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/glutilities.h"
@@ -109,6 +110,31 @@ struct Array2DTextureManager::LayerArray
     std::unique_ptr<Texture> texture;
     QVector<Texture*> sources;
     int used = 0;
+    // The bindless handle, made resident, once bind(program) has asked for it.
+    uint64_t handle = 0;
+
+    LayerArray() = default;
+    LayerArray(const LayerArray&) = delete;
+    LayerArray& operator=(const LayerArray&) = delete;
+    ~LayerArray() { releaseHandle(); }
+
+    uint64_t residentHandle()
+    {
+        const BindlessTextureManager::EntryPoints& calls = BindlessTextureManager::entryPoints();
+        if (!handle && calls.getTextureHandle && calls.makeTextureHandleResident) {
+            handle = calls.getTextureHandle(texture->textureID());
+            if (handle)
+                calls.makeTextureHandleResident(handle);
+        }
+        return handle;
+    }
+
+    void releaseHandle()
+    {
+        if (handle && BindlessTextureManager::entryPoints().makeTextureHandleNonResident)
+            BindlessTextureManager::entryPoints().makeTextureHandleNonResident(handle);
+        handle = 0;
+    }
 
     // Storage for `capacity` layers at every level, sampling as the key says; null on failure.
     static std::unique_ptr<Texture> allocate(const ArrayKey& key, int capacity)
@@ -149,8 +175,8 @@ struct Array2DTextureManager::LayerArray
         if (const auto copyImage = copyImageSubData()) {
             for (int level = 0; level < key.levels; ++level)
                 copyImage(source->textureID(), sourceTarget, level, 0, 0, 0, destination->textureID(),
-                                   GL_TEXTURE_2D_ARRAY, level, 0, 0, first, levelSize(key.width, level),
-                                   levelSize(key.height, level), layers);
+                          GL_TEXTURE_2D_ARRAY, level, 0, 0, first, levelSize(key.width, level),
+                          levelSize(key.height, level), layers);
             return !hasGLError(__FILE__, __LINE__);
         }
         // Through the CPU: read every level of the source, then write it into the layers.
@@ -202,6 +228,7 @@ struct Array2DTextureManager::LayerArray
         std::unique_ptr<Texture> larger = allocate(key, grown);
         if (!larger || !copyLevels(key, texture.get(), larger.get(), 0, capacity))
             return false;
+        releaseHandle();
         texture = std::move(larger);
         sources.resize(grown);
         return true;
@@ -226,13 +253,16 @@ void Array2DTextureManager::setup(GLSLMacroProcessor* mp)
         return;
     mp->addDefine(QStringLiteral("TEXTURE_MANAGER_ARRAY2D"), QStringLiteral("1"));
     mp->addDefine(QStringLiteral("TEXTURE_MANAGER_ARRAY2D_COUNT"), QString::number(_maxArrays));
+    if (_bindless)
+        mp->addDefine(QStringLiteral("TEXTURE_MANAGER_ARRAY2D_BINDLESS"), QStringLiteral("1"));
     if (openGlVersionSupported(4, 0) || hasGLExtension("GL_ARB_texture_query_lod"))
         mp->addDefine(QStringLiteral("TEXTURE_MANAGER_ARRAY2D_SUPPORTS_TEXTURE_QUERY_LOD"), QStringLiteral("1"));
 }
 
 QString Array2DTextureManager::getShaderFile() const
 {
-    return QStringLiteral("Array2DTextureManager.glslc");
+    return _bindless ? QStringLiteral("Array2DTextureManagerBindless.glslc")
+                     : QStringLiteral("Array2DTextureManager.glslc");
 }
 
 Texture* Array2DTextureManager::arrayTexture(int index) const
@@ -407,6 +437,37 @@ bool Array2DTextureManager::bind(ShaderProgram* program)
     if (arrays > _maxArrays)
         VYX_WARNING("Requesting %d texture arrays but only %d available. Rendering will be incorrect!", arrays,
                     _maxArrays);
+    static const QString tableName = QStringLiteral("u_Array2DTokenTable");
+    static const QString countName = QStringLiteral("u_Array2DTokenCount");
+    // Absent uniforms (-1) are skipped: with no program current, even those calls are errors.
+    if (const int location = managedUniformLocation(program, tableName); location >= 0)
+        glUniform1i(location, tableUnit);
+    if (const int location = managedUniformLocation(program, countName); location >= 0)
+        glUniform1ui(location, GLuint(tokens));
+    if (_bindless)
+        uploadArrayHandles(program);
+    else
+        bindArrays(program);
+    return true;
+}
+
+void Array2DTextureManager::uploadArrayHandles(ShaderProgram* program)
+{
+    // Two words (low, high) per declared array; 0 marks one with no layers.
+    QVector<GLuint> words(std::max(_maxArrays, 1) * 2, 0u);
+    for (int index = 0; index < std::min(int(_arrays.size()), _maxArrays); ++index) {
+        const uint64_t handle = _arrays[size_t(index)]->residentHandle();
+        words[index * 2] = GLuint(handle);
+        words[index * 2 + 1] = GLuint(handle >> 32);
+    }
+    static const QString handlesName = QStringLiteral("u_Array2DTextureHandles[0]");
+    if (const int location = managedUniformLocation(program, handlesName); location >= 0)
+        glUniform2uiv(location, GLsizei(_maxArrays), words.constData());
+}
+
+void Array2DTextureManager::bindArrays(ShaderProgram* program)
+{
+    const int arrays = int(_arrays.size());
     // unit() costs as much as bind(): each unit is asked once.
     QVector<GLint> units(std::max(_maxArrays, 1), -1);
     GLint spareUnit = -1;
@@ -429,17 +490,9 @@ bool Array2DTextureManager::bind(ShaderProgram* program)
         }
     }
     std::replace(units.begin(), units.end(), -1, std::max(spareUnit, 0));
-    static const QString tableName = QStringLiteral("u_Array2DTokenTable");
-    static const QString countName = QStringLiteral("u_Array2DTokenCount");
     static const QString arraysName = QStringLiteral("u_Array2DTextures[0]");
-    // Absent uniforms (-1) are skipped: with no program current, even those calls are errors.
-    if (const int location = managedUniformLocation(program, tableName); location >= 0)
-        glUniform1i(location, tableUnit);
-    if (const int location = managedUniformLocation(program, countName); location >= 0)
-        glUniform1ui(location, GLuint(tokens));
     if (const int location = managedUniformLocation(program, arraysName); location >= 0)
         glUniform1iv(location, GLsizei(_maxArrays), units.constData());
-    return true;
 }
 
 bool Array2DTextureManager::unbind(ShaderProgram*)

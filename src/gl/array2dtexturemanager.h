@@ -28,6 +28,10 @@ namespace Tavren::Vyx {
 // - Only 2D textures can be layers; a token of another kind (cube map, 3D, ...) is reported once
 //   and reads as VYX_INVALID_TEXEL. More arrays than getMaxArrays() are reported at every
 //   bind(program), and tokens in the surplus arrays read as VYX_INVALID_TEXEL.
+// - With setBindless(true) the arrays are reached through bindless handles instead of units
+//   ("Array2DTextureManagerBindless.glslc"): bind(program) binds the table alone and uploads one
+//   handle per array, made resident once. The host turns it on where
+//   BindlessTextureManager::isSupported().
 // - Layers of a source that failed to load (the white stand-in) are not cached: the load is
 //   retried at each bind(tokens), as textureForToken() does.
 class VYXGL_EXPORT Array2DTextureManager : public TextureManager
@@ -35,8 +39,6 @@ class VYXGL_EXPORT Array2DTextureManager : public TextureManager
 public:
     Array2DTextureManager();
     ~Array2DTextureManager() override;
-    Array2DTextureManager(const Array2DTextureManager&) = delete;
-    Array2DTextureManager& operator=(const Array2DTextureManager&) = delete;
 
     using TextureManager::bind;
     using TextureManager::unbind;
@@ -57,6 +59,9 @@ public:
     // through the next setup(). 8 by default.
     int getMaxArrays() const { return _maxArrays; }
     void setMaxArrays(int count) { _maxArrays = count; }
+    // Takes effect with the next setup() and the shader built from getShaderFile().
+    void setBindless(bool bindless) { _bindless = bindless; }
+    bool isBindless() const { return _bindless; }
     // Arrays made so far, and one of them (GL_TEXTURE_2D_ARRAY; null out of range).
     int arrayCount() const { return int(_arrays.size()); }
     Texture* arrayTexture(int index) const;
@@ -81,6 +86,8 @@ private:
     void unplaceTexture(Texture* texture);
     void setEntry(quint64 token, const Placement& placement);
     int arrayWithFreeLayer(const ArrayKey& key);
+    void bindArrays(ShaderProgram* program);
+    void uploadArrayHandles(ShaderProgram* program);
 
     std::vector<std::unique_ptr<LayerArray>> _arrays;
     QHash<Texture*, Placement> _placements;
@@ -93,6 +100,7 @@ private:
     Texture* _fallbackArray = nullptr;
     int _maxArrays = 8;
     bool _dirty = true;
+    bool _bindless = false;
     QVector<Texture*> _boundArrays;
 };
 

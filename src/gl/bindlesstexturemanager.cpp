@@ -48,6 +48,7 @@ BindlessTextureManager::BindlessTextureManager()
 
 BindlessTextureManager::~BindlessTextureManager()
 {
+    releaseResidency();
     delete _tableTexture;
     if (_tableBuffer)
         glDeleteBuffers(1, &_tableBuffer);
@@ -187,14 +188,18 @@ bool BindlessTextureManager::unbind(ShaderProgram*)
     return _tableTexture && _tableTexture->unbind();
 }
 
+void BindlessTextureManager::releaseResidency()
+{
+    const EntryPoints& calls = entryPoints();
+    for (uint64_t handle : qAsConst(_residentHandles))
+        if (calls.makeTextureHandleNonResident)
+            calls.makeTextureHandleNonResident(handle);
+    _residentHandles.clear();
+}
+
 void BindlessTextureManager::clear()
 {
-    if (!_residentHandles.isEmpty()) {
-        EntryPoints& calls = entryPoints();
-        for (uint64_t handle : qAsConst(_residentHandles))
-            calls.makeTextureHandleNonResident(handle);
-    }
-    _residentHandles.clear();
+    releaseResidency();
     _handleTable.clear();
     TextureManager::clear();
     tokenForColor(QColor(Qt::white));

@@ -33,8 +33,6 @@ public:
 
     BindlessTextureManager();
     ~BindlessTextureManager() override;
-    BindlessTextureManager(const BindlessTextureManager&) = delete;
-    BindlessTextureManager& operator=(const BindlessTextureManager&) = delete;
 
     // The context lists GL_ARB_bindless_texture or GL_NV_bindless_texture and supplies its calls.
     static bool isSupported();
@@ -63,6 +61,7 @@ protected:
 
 private:
     void releaseHandle(qsizetype index);
+    void releaseResidency();
 
     // Two words (low, high) per token, as the shader reads them.
     QVector<quint32> _handleTable;

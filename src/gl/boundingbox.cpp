@@ -1,6 +1,7 @@
 #include "gl/boundingbox.h"
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 
 namespace Tavren::Vyx {
@@ -29,11 +30,6 @@ BoundingBox::BoundingBox(const QVector3D& minimum, const QVector3D& maximum)
     : _min(minOf(minimum, maximum))
     , _max(maxOf(minimum, maximum))
 {
-}
-
-bool BoundingBox::isEmpty() const
-{
-    return _min.x() > _max.x() || _min.y() > _max.y() || _min.z() > _max.z();
 }
 
 QVector3D BoundingBox::center() const
@@ -80,8 +76,23 @@ BoundingBox BoundingBox::transformed(const QMatrix4x4& matrix) const
     BoundingBox out;
     if (isEmpty())
         return out;
-    for (const QVector3D& corner : corners())
-        out.expand(matrix.map(corner));
+    const float* m = matrix.constData();
+    if (m[3] != 0.0f || m[7] != 0.0f || m[11] != 0.0f || m[15] != 1.0f) {
+        for (const QVector3D& corner : corners())
+            out.expand(matrix.map(corner));
+        return out;
+    }
+    // Affine: move the centre, and grow the half extents by the absolute linear part; the same
+    // box as around the eight moved corners, for a fraction of the work.
+    const QVector3D c = (_min + _max) * 0.5f;
+    const QVector3D e = (_max - _min) * 0.5f;
+    QVector3D centre, extent;
+    for (int row = 0; row < 3; ++row) {
+        centre[row] = m[row] * c.x() + m[4 + row] * c.y() + m[8 + row] * c.z() + m[12 + row];
+        extent[row] = std::abs(m[row]) * e.x() + std::abs(m[4 + row]) * e.y() + std::abs(m[8 + row]) * e.z();
+    }
+    out._min = centre - extent;
+    out._max = centre + extent;
     return out;
 }
 

@@ -19,7 +19,7 @@ public:
     BoundingBox();
     BoundingBox(const QVector3D& minimum, const QVector3D& maximum);
 
-    bool isEmpty() const;
+    bool isEmpty() const { return _min.x() > _max.x() || _min.y() > _max.y() || _min.z() > _max.z(); }
     const QVector3D& minimum() const { return _min; }
     const QVector3D& maximum() const { return _max; }
     // The origin for an empty box.

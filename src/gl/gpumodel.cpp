@@ -341,11 +341,11 @@ QMatrix4x4 GPUModel::updateTransform(int transform)
         return QMatrix4x4();
     // Walk up to the first clean ancestor, then recompute downwards: no recursion, so a deep
     // chain cannot exhaust the stack.
-    QVector<int> chain;
+    _chain.clear();
     for (int t = transform; t >= 0 && _dirty[t]; t = _parents[t])
-        chain.append(t);
-    for (int k = chain.size() - 1; k >= 0; --k) {
-        const int t = chain[k];
+        _chain.append(t);
+    for (int k = _chain.size() - 1; k >= 0; --k) {
+        const int t = _chain[k];
         const int parent = _parents[t];
         _worlds[t] = parent >= 0 ? _worlds[parent] * _locals[t] : _locals[t];
         _normals[t] = _worlds[t].normalMatrix();

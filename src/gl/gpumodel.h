@@ -249,8 +249,8 @@ private:
                        const void* data, size_t size, bool material);
     QMatrix4x4 updateTransform(int transform);
     void writeObjectMatrices(int transform);
-    bool commandHidden(int transform) const;
-    bool commandCentre(const Drawable& d, int command, QVector3D& centre);
+    // The centre of the command's box (or its origin) in world space.
+    QVector3D commandCentre(const Drawable& d, int command) const;
     bool draw(ShaderProgram* program, TextureManager* textureManager, const quint64& flags, const quint64& mask,
               const WindingType& winding, const QMatrix4x4* view, const QList<int>& materials,
               const QList<int>& excluded, bool honourCulling);
@@ -290,8 +290,9 @@ private:
     bool _reflectedTransparency = false;
     bool _cullingApplied = false;
 
-    // Scratch list of the commands one drawable draws.
+    // Scratch lists: the commands one drawable draws; a dirty chain of transforms.
     QVector<int> _selected;
+    QVector<int> _chain;
     // Indirect buffers for partial command lists, shared by copies.
     QSharedPointer<GPUModelDetail::IndirectCache> _indirect;
 };

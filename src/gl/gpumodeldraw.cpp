@@ -18,7 +18,6 @@
 #include "gl/vertexarrayobject.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace Tavren::Vyx {
 
@@ -134,10 +133,12 @@ int GPUModel::visibilityCull()
                     cull = false; // waits for a fresh matrix
                 } else {
                     // A zero row, or a zero basis vector: an object scaled to nothing draws nothing.
-                    const QMatrix4x4& w = _worlds[t];
+                    const float* w = _worlds[t].constData(); // column-major
+                    const auto squared = [](float a, float b, float c, float d) { return a * a + b * b + c * c + d * d; };
                     cull = false;
                     for (int i = 0; i < 3 && !cull; ++i)
-                        cull = w.row(i).lengthSquared() < 1e-6f || w.column(i).toVector3D().lengthSquared() < 1e-6f;
+                        cull = squared(w[i], w[4 + i], w[8 + i], w[12 + i]) < 1e-6f ||
+                               squared(w[4 * i], w[4 * i + 1], w[4 * i + 2], 0.0f) < 1e-6f;
                 }
             }
             if (cull) {
@@ -161,11 +162,8 @@ int GPUModel::frustumCull(const QMatrix4x4& viewProjection)
             if (d.culled[c] || !isValidBoundingBox(box))
                 continue;
             const int t = d.transformRefs[c];
-            // The planes taken in the object's own space test its box without widening it.
-            const bool inside = isValidTransform(t)
-                                    ? Frustum(viewProjection * _worlds[t]).intersects(_boxes[size_t(box)])
-                                    : worldFrustum.intersects(_boxes[size_t(box)]);
-            if (!inside) {
+            const BoundingBox& local = _boxes[size_t(box)];
+            if (!worldFrustum.intersects(isValidTransform(t) ? local.transformed(_worlds[t]) : local)) {
                 d.culled[c] = true;
                 ++d.culledCount;
                 ++newlyCulled;
@@ -305,19 +303,18 @@ void GPUModel::selectCommands(const Drawable& d, const WindingType& winding, boo
         if (mirrorPass) {
             if (isValidTransform(t) && _mirrored[t] == (winding == eWindingCW))
                 _selected.append(c);
-        } else if (!isValidTransform(t) || (isVisible(t) && !isParentHidden(t))) {
+        } else if (!isValidTransform(t) || (_visibility[t] != 2 && _visibility[t] != 3 && !isParentHidden(t))) {
             _selected.append(c);
         }
     }
 }
 
-bool GPUModel::commandCentre(const Drawable& d, int command, QVector3D& centre)
+QVector3D GPUModel::commandCentre(const Drawable& d, int command) const
 {
     const int t = d.transformRefs[command];
     const int box = d.boundingBoxRefs[command];
     const QVector3D local = isValidBoundingBox(box) ? _boxes[size_t(box)].center() : QVector3D();
-    centre = isValidTransform(t) ? _worlds[t].map(local) : local;
-    return true;
+    return isValidTransform(t) ? _worlds[t].map(local) : local;
 }
 
 bool GPUModel::drawMesh(Drawable& d, ShaderProgram* program, TextureManager* textureManager,
@@ -331,11 +328,8 @@ bool GPUModel::drawMesh(Drawable& d, ShaderProgram* program, TextureManager* tex
         const QVector3D camera = view->inverted().column(3).toVector3D();
         QVector<QPair<float, int>> byDistance;
         byDistance.reserve(_selected.size());
-        for (int c : qAsConst(_selected)) {
-            QVector3D centre;
-            commandCentre(d, c, centre);
-            byDistance.append({(centre - camera).lengthSquared(), c});
-        }
+        for (int c : qAsConst(_selected))
+            byDistance.append({(commandCentre(d, c) - camera).lengthSquared(), c});
         // Farthest first, so nearer transparent pieces blend over farther ones.
         std::stable_sort(byDistance.begin(), byDistance.end(),
                          [](const QPair<float, int>& a, const QPair<float, int>& b) { return a.first > b.first; });

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace Tavren::Vyx {
 
@@ -33,6 +34,13 @@ bool isUsablePlan(const InstanceDataPlan* plan)
                      plan ? qPrintable(plan->name()) : "no plan");
 }
 
+// A QByteArray holds at most INT_MAX bytes.
+bool fitsInOneArray(size_t bytes)
+{
+    return VYX_CHECK(bytes <= size_t(std::numeric_limits<int>::max()), "%zu bytes of instance data are too many",
+                     bytes);
+}
+
 } // namespace
 
 InstanceDataCollection::InstanceDataCollection(InstanceDataPlan* plan, size_t count, QObject* parent)
@@ -44,7 +52,10 @@ InstanceDataCollection::InstanceDataCollection(InstanceDataPlan* plan, size_t co
     _plan = plan;
     VYX_CHECK_AS(count <= _plan->arraySize(), "numItems <= _plan->arraySize()", "List is too big for plan '%s'",
                  qPrintable(_plan->name()));
-    _data.fill('\0', int(count * _plan->totalDataSize()));
+    const size_t limit = size_t(std::numeric_limits<int>::max());
+    const size_t bytes = count <= limit ? count * _plan->totalDataSize() : std::numeric_limits<size_t>::max();
+    if (fitsInOneArray(bytes))
+        _data.fill('\0', int(bytes));
     markAllDirty();
 }
 
@@ -56,10 +67,10 @@ InstanceDataCollection::InstanceDataCollection(InstanceDataPlan* plan, const cha
     if (!isUsablePlan(plan))
         return;
     _plan = plan;
-    const size_t records = bytes ? numBytes / _plan->totalDataSize() : 0;
+    const size_t records = bytes && fitsInOneArray(numBytes) ? numBytes / _plan->totalDataSize() : 0;
     VYX_CHECK_CONTINUE(records * _plan->totalDataSize() == numBytes,
-                       "%d bytes are no whole number of '%s' records; %d kept", int(numBytes),
-                       qPrintable(_plan->name()), int(records));
+                       "%zu bytes are no whole number of '%s' records; %zu kept", numBytes,
+                       qPrintable(_plan->name()), records);
     VYX_CHECK_AS(records <= _plan->arraySize(), "(numBytes / _plan->totalDataSize()) <= _plan->arraySize()",
                  "List is too big for plan '%s'", qPrintable(_plan->name()));
     replace(bytes, records * _plan->totalDataSize());
@@ -102,9 +113,10 @@ bool InstanceDataCollection::update(const QList<InstanceData>& list)
     if (!VYX_CHECK(_plan, "InstanceDataCollection::update() without a plan"))
         return false;
     for (const InstanceData& record : list) {
-        if (!VYX_CHECK(record.plan() == _plan, "InstanceDataCollection::update() : a record of plan '%s' in a '%s' list",
-                       qPrintable(record.name()), qPrintable(_plan->name())))
-            return false;
+        const bool samePlan = record.plan() == _plan;
+        if (!samePlan)
+            return VYX_CHECK(samePlan, "InstanceDataCollection::update() : a record of plan '%s' in a '%s' list",
+                             qPrintable(record.name()), qPrintable(_plan->name()));
     }
     checkFits(size_t(list.size()));
     const int recordBytes = int(_plan->totalDataSize());
@@ -123,7 +135,8 @@ bool InstanceDataCollection::update(const char* bytes, size_t numBytes)
     if (!VYX_CHECK(_plan, "InstanceDataCollection::update() without a plan"))
         return false;
     if (!VYX_CHECK(numBytes % _plan->totalDataSize() == 0 && (bytes || numBytes == 0),
-                   "%d bytes are no whole number of '%s' records", int(numBytes), qPrintable(_plan->name())))
+                   "%zu bytes are no whole number of '%s' records", numBytes, qPrintable(_plan->name())) ||
+        !fitsInOneArray(numBytes))
         return false;
     checkFits(numBytes / _plan->totalDataSize());
     replace(bytes, numBytes);
@@ -135,13 +148,17 @@ void InstanceDataCollection::collectTokens()
     _textureTokens.clear();
     const int recordBytes = int(_plan->totalDataSize());
     for (int record = 0; record + recordBytes <= _data.size(); record += recordBytes) {
-        for (int offset : _plan->textureTokenOffsets()) {
-            TextureToken token;
-            std::memcpy(&token.token, _data.constData() + record + offset, sizeof(token.token));
-            if (!token.isNull())
-                _textureTokens.insert(token);
-        }
+        for (int offset : _plan->textureTokenOffsets())
+            noteToken(_data.constData() + record + offset);
     }
+}
+
+void InstanceDataCollection::noteToken(const void* bytes)
+{
+    TextureToken token;
+    std::memcpy(&token.token, bytes, sizeof(token.token));
+    if (!token.isNull())
+        _textureTokens.insert(token);
 }
 
 bool InstanceDataCollection::set(int index, const QString& member, const void* data, size_t size)
@@ -157,12 +174,8 @@ bool InstanceDataCollection::set(int index, const QString& member, const void* d
     if (std::memcmp(target, data, size) == 0)
         return true;
     std::memcpy(target, data, size);
-    if (layout->type == InstanceDataPlan::eTexture && size == sizeof(quint64)) {
-        TextureToken token;
-        std::memcpy(&token.token, data, sizeof(token.token));
-        if (!token.isNull())
-            _textureTokens.insert(token);
-    }
+    if (layout->type == InstanceDataPlan::eTexture && size == sizeof(quint64))
+        noteToken(data);
     markDirty(index);
     return true;
 }

@@ -92,6 +92,8 @@ private:
     void checkFits(size_t records) const;
     void replace(const char* bytes, size_t numBytes);
     void collectTokens();
+    // Keeps the token stored in these 8 bytes for binding, unless it is the null token.
+    void noteToken(const void* bytes);
     void markDirty(int record);
     void markAllDirty();
     bool makeBuffer();

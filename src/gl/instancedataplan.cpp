@@ -77,7 +77,9 @@ const InstanceDataPlan::MemberLayout* InstanceDataPlan::memberLayout(const QStri
 void InstanceDataPlan::setArraySize(size_t size)
 {
     if (VYX_CHECK_AS(!_finalised, "false == _finalised",
-                     "InstanceDataPlan::setArraySize() can only be called before the plan has been finalised"))
+                     "InstanceDataPlan::setArraySize() can only be called before the plan has been finalised") &&
+        VYX_CHECK(size > 0, "InstanceDataPlan::setArraySize() : GLSL has no empty arrays (plan '%s')",
+                  qPrintable(_name)))
         _arraySize = size;
 }
 
@@ -158,6 +160,8 @@ void InstanceDataPlan::applyGLLimit()
             _arraySize = qMin(_arraySize, _arraySizeMax);
         }
         VYX_DEBUG("uni: size %4d max %4d plan '%s'", int(_arraySize), int(_arraySizeMax), plan);
+        VYX_CHECK_CONTINUE(_arraySize > 0, "One record of plan '%s' (%d bytes) is larger than a uniform block may be",
+                           plan, int(_totalDataSize));
         return;
     }
     GLint texels = kFallbackTextureBufferTexels;

@@ -23,6 +23,9 @@ class ShaderProgram;
 // member straddles a 16-byte slot. With vec4 storage a member also never shares a slot with a
 // member of another base kind (float, int, unsigned): every slot is then a plain vec4, ivec4
 // or uvec4 in the uniform block. Records are padded to whole 16-byte slots (RGBA32 texels).
+//
+// Use: register the plan, write `#instancedata "Name"` in the shaders that call the getters,
+// and add glslc() (with "VyxUtilities.glslc", which supplies getDrawID()) to each such stage.
 class VYXGL_EXPORT InstanceDataPlan
 {
 public:

@@ -68,7 +68,10 @@ VYXGL_EXPORT Texture* createGLCubemapFromTexture(Texture* source, OkuImageCubema
 // the levels firstLevel ... levelCount - 1 are made: layer j of the result holds amount
 // (firstLevel + j) / (levelCount - 1), or 0 when levelCount is 1. One layer gives a
 // GL_TEXTURE_CUBE_MAP, more a GL_TEXTURE_CUBE_MAP_ARRAY (needing GL 4.0 or the extension).
-// Up to kBatchSize layers are rendered per pass.
+// Up to kBatchSize layers are rendered per pass, one output each: the blur shader is built
+// with OKU_CUBERENDER_BLUR_BATCH_SIZE, the N.L shader with OKU_CUBERENDER_NDOT_BATCH_SIZE, both
+// min(layers, kBatchSize). Both sample the source's level 0 on a grid of up to 129^2 points
+// per face, not weighted by solid angle: texels near cube corners count up to 5x more.
 constexpr int kBatchSize = 4;
 // Box blur over the cone of half-angle acos(mix(1, 0.707, amount)).
 VYXGL_EXPORT Texture* createGLCubemapBlurFromGLCubemap(Texture* cubemap, unsigned int size, int levelCount,

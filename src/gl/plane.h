@@ -24,7 +24,10 @@ public:
 
     const QVector3D& normal() const { return _normal; }
     float distance() const { return _distance; }
-    float signedDistance(const QVector3D& point) const { return QVector3D::dotProduct(_normal, point) + _distance; }
+    float signedDistance(const QVector3D& point) const
+    {
+        return _normal.x() * point.x() + _normal.y() * point.y() + _normal.z() * point.z() + _distance;
+    }
     // A plane with a zero normal stays as it is.
     Plane normalized() const;
 

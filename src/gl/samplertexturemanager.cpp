@@ -22,26 +22,6 @@ SamplerTextureManager::SamplerTextureManager()
     TextureManager::tokenForColor(QColor(Qt::white));
 }
 
-// The GL objects are not shared: the copy makes its own on its first bind.
-SamplerTextureManager::SamplerTextureManager(const SamplerTextureManager& other)
-    : TextureManager(other), _maxSlots(other._maxSlots), _tokenSlotMap(other._tokenSlotMap),
-      _slotUnits(other._slotUnits), _slotCounts(other._slotCounts)
-{
-}
-
-SamplerTextureManager& SamplerTextureManager::operator=(const SamplerTextureManager& other)
-{
-    if (this == &other)
-        return *this;
-    TextureManager::operator=(other);
-    _dirty = true;
-    _maxSlots = other._maxSlots;
-    _tokenSlotMap = other._tokenSlotMap;
-    _slotUnits = other._slotUnits;
-    _slotCounts = other._slotCounts;
-    return *this;
-}
-
 SamplerTextureManager::~SamplerTextureManager()
 {
     delete _slotMapTexture;
@@ -93,7 +73,6 @@ bool SamplerTextureManager::bind(const QSet<TextureToken>& tokens)
         Texture* texture = textureForToken(token);
         if (!texture || !texture->bind())
             continue;
-        ++_tokenBinds[texture];
         const int unit = texture->unit();
         int slot = int(_slotUnits.indexOf(unit));
         if (slot >= 0) {
@@ -109,6 +88,9 @@ bool SamplerTextureManager::bind(const QSet<TextureToken>& tokens)
                 _slotCounts.append(1);
             }
         }
+        TokenBind& bound = _tokenBinds[texture];
+        ++bound.count;
+        bound.slot = slot;
         // A token whose image failed to load resolves to the white texture's token: map both.
         setSlotMapEntry(textureTokenMap().value(texture), slot);
         setSlotMapEntry(token, slot);
@@ -174,10 +156,11 @@ bool SamplerTextureManager::unbind(const QSet<TextureToken>& tokens)
         auto bound = _tokenBinds.find(texture);
         if (!texture || bound == _tokenBinds.end())
             continue;
-        const int slot = int(_slotUnits.indexOf(texture->unit()));
-        if (slot >= 0 && _slotCounts[slot] > 0)
+        // The slot is remembered from bind(tokens): asking the texture for its unit costs a lookup.
+        const int slot = bound->slot;
+        if (slot < _slotCounts.size() && _slotCounts[slot] > 0)
             --_slotCounts[slot];
-        if (--*bound == 0)
+        if (--bound->count == 0)
             _tokenBinds.erase(bound);
         texture->unbind();
     }

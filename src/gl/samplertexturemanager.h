@@ -13,8 +13,6 @@ class VYXGL_EXPORT SamplerTextureManager : public TextureManager
 {
 public:
     SamplerTextureManager();
-    SamplerTextureManager(const SamplerTextureManager& other);
-    SamplerTextureManager& operator=(const SamplerTextureManager& other);
     ~SamplerTextureManager() override;
 
     using TextureManager::bind;
@@ -49,9 +47,14 @@ private:
     QVector<qint32> _slotCounts;
     Texture* _fallbackTexture = nullptr;
     Texture* _boundFallback = nullptr;
-    // Binds made by bind(tokens) that unbind(tokens) still owes; a texture that found no unit
-    // is not in here, so it is not unbound either.
-    QHash<Texture*, int> _tokenBinds;
+    // Binds made by bind(tokens) that unbind(tokens) still owes, with the slot they took; a
+    // texture that found no unit is not in here, so it is not unbound either.
+    struct TokenBind
+    {
+        int count = 0;
+        int slot = 0;
+    };
+    QHash<Texture*, TokenBind> _tokenBinds;
 };
 
 } // namespace Tavren::Vyx

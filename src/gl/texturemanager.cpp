@@ -25,33 +25,13 @@ TextureManager::TextureManager() : _pool(std::make_unique<TexturePool>())
     resetNullEntries();
 }
 
-// A copy shares the token tables but starts with a pool of its own.
-TextureManager::TextureManager(const TextureManager& other)
-    : _maxToken(other._maxToken), _freeTokens(other._freeTokens), _tokenToTexture(other._tokenToTexture),
-      _textureTokenMap(other._textureTokenMap), _pathToToken(other._pathToToken), _tokenToPath(other._tokenToPath),
-      _tokenToFileInfo(other._tokenToFileInfo), _colorToToken(other._colorToToken),
-      _tokenToColor(other._tokenToColor), _textureRoot(other._textureRoot), _pool(std::make_unique<TexturePool>())
+// Textures the manager made from images and colours are its own; those it was given are not.
+TextureManager::~TextureManager()
 {
+    for (auto it = _tokenToTexture.cbegin(); it != _tokenToTexture.cend(); ++it)
+        if (_tokenToPath.contains(it.key()) || _tokenToColor.contains(it.key()))
+            delete it.value();
 }
-
-TextureManager& TextureManager::operator=(const TextureManager& other)
-{
-    if (this == &other)
-        return *this;
-    _maxToken = other._maxToken;
-    _freeTokens = other._freeTokens;
-    _tokenToTexture = other._tokenToTexture;
-    _textureTokenMap = other._textureTokenMap;
-    _pathToToken = other._pathToToken;
-    _tokenToPath = other._tokenToPath;
-    _tokenToFileInfo = other._tokenToFileInfo;
-    _colorToToken = other._colorToToken;
-    _tokenToColor = other._tokenToColor;
-    _textureRoot = other._textureRoot;
-    return *this;
-}
-
-TextureManager::~TextureManager() = default;
 
 void TextureManager::resetNullEntries()
 {
@@ -207,9 +187,10 @@ void TextureManager::deleteTexture(Texture* texture)
 {
     if (!texture)
         return;
+    // A copy: the map entry the token lives in is removed on the way.
     const auto found = _textureTokenMap.constFind(texture);
     if (found != _textureTokenMap.cend())
-        deleteTexture(*found);
+        deleteTexture(TextureToken(*found));
 }
 
 void TextureManager::deleteTexture(const TextureToken& token)

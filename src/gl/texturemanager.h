@@ -29,6 +29,7 @@ class TexturePool;
 class VYXGL_EXPORT TextureManager
 {
 public:
+    // Deletes the textures it made from images and colours (a GL context should be current).
     virtual ~TextureManager();
 
     // Null for an unknown token. An image that fails to load gives the white texture and is
@@ -36,7 +37,8 @@ public:
     virtual Texture* textureForToken(const TextureToken& token);
     virtual Texture* textureForImage(const QString& path, const TextureFileInfo& info);
     virtual Texture* textureForColor(const QColor& color);
-    // The texture is not owned unless the manager made it; null gives the null token.
+    // One token per texture; null gives the null token. A managed texture given here is deleted
+    // with its token (deleteTexture, clear).
     virtual TextureToken tokenForTexture(Texture* texture);
     // A missing file gives the token of opaque white. The first info given for a path wins.
     virtual TextureToken tokenForImage(const QString& path, const TextureFileInfo& info);
@@ -85,8 +87,9 @@ public:
 
 protected:
     TextureManager();
-    TextureManager(const TextureManager& other);
-    TextureManager& operator=(const TextureManager& other);
+    // Not copyable: a copy would share, and delete twice, the textures it made.
+    TextureManager(const TextureManager&) = delete;
+    TextureManager& operator=(const TextureManager&) = delete;
 
     // Called after every new token.
     virtual void textureTokenIssued(const TextureToken& token);

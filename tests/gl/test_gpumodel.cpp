@@ -16,6 +16,7 @@
 
 #include <QColor>
 
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -393,6 +394,87 @@ TEST_F(GPUModelTest, ATransformEditUploadsOnlyTheRecordsOfItsUsers)
     ASSERT_EQ(flushed.count(), 1u);
     EXPECT_EQ(size_t(std::get<2>(flushed.calls()[0])), record);
     EXPECT_EQ(reallocated.count() + replaced.count(), 0u);
+}
+
+TEST_F(GPUModelTest, BackToFrontDrawablesDrawTheirFarthestCommandsFirst)
+{
+    ASSERT_TRUE(usePath(eUniformFallback));
+    model.addFlags(GPUModel::kSortBackToFrontFlag, 0);
+    QMatrix4x4 view;
+    view.translate(-3, 0, 0); // the eye at (3, 0, 0), right of the grid
+    model.resetCulling();
+    CallRecorder<&_ptrc_glUniform1ui> drawIDs;
+    program->bind();
+    ASSERT_TRUE(model.draw(program.get(), &manager, 0, 0, GPUModel::eWindingNoCulling, &view, true));
+    program->unbind();
+    std::vector<float> distances;
+    for (const auto& call : drawIDs.calls()) {
+        if (distances.size() == size_t(kCommands))
+            break; // drawable 0 comes first
+        const QVector3D centre = model.worldTransform(model.drawable(0).transformRefs[int(std::get<1>(call))]).map(QVector3D());
+        distances.push_back(centre.distanceToPoint(QVector3D(3, 0, 0)));
+    }
+    ASSERT_EQ(distances.size(), size_t(kCommands));
+    EXPECT_TRUE(std::is_sorted(distances.rbegin(), distances.rend()));
+    // Without a view the order is the command order.
+    drawIDs.calls().clear();
+    program->bind();
+    ASSERT_TRUE(model.draw(program.get(), &manager, 0, 0));
+    program->unbind();
+    EXPECT_EQ(std::get<1>(drawIDs.calls()[1]), 1u);
+}
+
+TEST_F(GPUModelTest, PropertiesReachEveryInstanceUnderTheirName)
+{
+    ASSERT_TRUE(usePath(eUniformFallback));
+    model.addMaterialName(2, 0, "Dim");
+    model.addObjectName(4, 6, "Lifted");
+    const float half[] = {0.5f, 0.5f, 0.5f, 1.0f};
+    EXPECT_TRUE(model.setMaterialProperty("Dim", "Tint", half, sizeof(half)));
+    QMatrix4x4 lifted = model.worldTransform(model.drawable(4).transformRefs[6]);
+    lifted.translate(0, 1.0f);
+    EXPECT_TRUE(model.setObjectProperty("Lifted", "ModelMatrix", lifted.constData(), 64));
+    model.resetCulling();
+    target->clear();
+    program->bind();
+    ASSERT_TRUE(model.draw(program.get(), &manager, 0, 0));
+    program->unbind();
+    // Drawables 2 and 7 share material 2's record.
+    for (int k : {2, 7}) {
+        const QPoint p = probe(k, 0);
+        const QColor c = materialColour(2);
+        EXPECT_EQ(target->pixel(p.x(), p.y()), QColor(c.red() / 2, c.green() / 2, c.blue() / 2, 255)) << k;
+    }
+    // Lifted by 0.6 of a cell: off its old pixel, onto the one above.
+    const QPoint old = probe(4, 6);
+    EXPECT_EQ(target->pixel(old.x(), old.y()), QColor(0, 0, 0, 0));
+    EXPECT_EQ(target->pixel(old.x(), old.y() + 2), materialColour(4));
+    VyxTest::MessageCapture capture;
+    EXPECT_FALSE(model.setMaterialProperty("Absent", "Tint", half, sizeof(half)));
+    EXPECT_EQ(capture.texts(QtCriticalMsg).size(), 1);
+}
+
+TEST_F(GPUModelTest, SimpleFeatureDrawsWholeDrawablesWithTheirOwnBindings)
+{
+    ASSERT_TRUE(usePath(eUniformFallback));
+    GPUModel simple;
+    simple.setDeleteOnClear(false);
+    DrawBuffers whole;
+    whole.setVAO(vao);
+    whole.setPrimitiveType(GL_TRIANGLES);
+    whole.setIndexedDraw(indexBuffer, 6, GL_UNSIGNED_INT);
+    InstanceDataCollection matrix(&objectPlan, size_t(1));
+    const QMatrix4x4 identity;
+    matrix.set(0, "ModelMatrix", identity.constData(), 64);
+    simple.addSimple(&whole, 3, materials[1], &matrix, 2);
+    simple.addSimple(&whole, 3, materials[3], &matrix, 1);
+    simple.setFeatureFlags(simple.getFeatureFlags() | GPUModel::kSimpleDrawFeature);
+    program->bind();
+    // The mask picks the second drawable only; it covers the middle of the target.
+    ASSERT_TRUE(simple.draw(program.get(), &manager, 1, 3));
+    program->unbind();
+    EXPECT_EQ(target->pixel(kSize / 2, kSize / 2), materialColour(3));
+    EXPECT_EQ(target->pixel(2, 2), QColor(0, 0, 0, 0));
 }
 
 TEST_F(GPUModelTest, EmptyModelDrawsNothingAndSucceeds)

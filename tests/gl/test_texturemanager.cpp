@@ -3,6 +3,7 @@
 #include "gl/framebufferobject.h"
 #include "gl/glloader.h"
 #include "gl/samplertexturemanager.h"
+#include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "gl/texturepool.h"
 #include "support/callrecorder.h"
@@ -17,6 +18,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <string>
 #include <vector>
 
 using namespace Tavren::Vyx;
@@ -252,7 +254,18 @@ namespace {
 // Stands in for the driver's bindless calls: handles are 0x1000'0000'0000 + the GL name.
 struct FakeBindless
 {
-    static inline std::vector<std::pair<const char*, uint64_t>> calls;
+    // Installs the fakes for its lifetime.
+    FakeBindless() : saved(BindlessTextureManager::entryPoints())
+    {
+        BindlessTextureManager::entryPoints() = {&getHandle, &resident, &nonResident};
+        calls.clear();
+    }
+    ~FakeBindless() { BindlessTextureManager::entryPoints() = saved; }
+    static uint64_t handleOf(Texture* texture) { return 0x100000000000ull + texture->textureID(); }
+
+    BindlessTextureManager::EntryPoints saved;
+    using Call = std::pair<std::string, uint64_t>;
+    static inline std::vector<Call> calls;
     static uint64_t getHandle(unsigned int name)
     {
         calls.emplace_back("handle", name);
@@ -267,21 +280,19 @@ struct FakeBindless
 TEST_F(TextureManagerTest, BindlessHandlesAreMadeOnceKeptResidentAndUploadedAsATable)
 {
     EXPECT_FALSE(BindlessTextureManager::isSupported()) << "llvmpipe has no bindless textures";
-    BindlessTextureManager::EntryPoints& calls = BindlessTextureManager::entryPoints();
-    const BindlessTextureManager::EntryPoints saved = calls;
-    calls = {&FakeBindless::getHandle, &FakeBindless::resident, &FakeBindless::nonResident};
-    FakeBindless::calls.clear();
+    FakeBindless fake;
+    uint64_t blueHandle = 0;
     {
         BindlessTextureManager bindless;
         const TextureToken red = bindless.tokenForColor(Qt::red), blue = bindless.tokenForColor(Qt::blue);
         const QSet<TextureToken> tokens{red, blue};
         ASSERT_TRUE(bindless.bind(tokens));
-        const uint64_t redHandle = 0x100000000000ull + bindless.textureForToken(red)->textureID();
+        const uint64_t redHandle = FakeBindless::handleOf(bindless.textureForToken(red));
         EXPECT_EQ(bindless.handle(red), redHandle);
         EXPECT_EQ(bindless.handle(TextureToken(0)), 0u) << "white was never bound";
         ASSERT_EQ(FakeBindless::calls.size(), 4u);
         EXPECT_EQ(std::count_if(FakeBindless::calls.begin(), FakeBindless::calls.end(),
-                                [&](const auto& call) { return call == std::make_pair("resident", redHandle); }),
+                                [&](const auto& call) { return call == FakeBindless::Call("resident", redHandle); }),
                   1);
 
         // The table goes up as two words a token, once, and is read through a texture buffer.
@@ -301,12 +312,13 @@ TEST_F(TextureManagerTest, BindlessHandlesAreMadeOnceKeptResidentAndUploadedAsAT
 
         // Revoking the token takes the residency away and clears its entry.
         bindless.deleteTexture(red);
-        EXPECT_EQ(FakeBindless::calls.back(), std::make_pair("nonresident", redHandle));
+        EXPECT_EQ(FakeBindless::calls.back(), FakeBindless::Call("nonresident", redHandle));
         EXPECT_EQ(bindless.handle(red), 0u);
+        blueHandle = bindless.handle(blue);
         FakeBindless::calls.clear();
     }
-    EXPECT_TRUE(FakeBindless::calls.empty()) << "only resident handles are released";
-    calls = saved;
+    EXPECT_EQ(FakeBindless::calls, (std::vector<FakeBindless::Call>{{"nonresident", blueHandle}}))
+        << "the manager releases what is still resident, once";
     EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
 
@@ -320,9 +332,9 @@ TEST_F(TextureManagerTest, ArrayLayersAreSharedByClassFreedWithTheirTokenAndReco
         textures.push_back((new Texture())->create2D(GL_TEXTURE_2D, GL_RGBA8, size, size));
         tokens.insert(arrays.tokenForTexture(textures.back()));
     }
-    auto cube = std::make_unique<Texture>();
+    auto* cube = new Texture();
     cube->setTarget(GL_TEXTURE_CUBE_MAP);
-    const TextureToken cubeToken = arrays.tokenForTexture(cube.get());
+    const TextureToken cubeToken = arrays.tokenForTexture(cube);
     tokens.insert(cubeToken);
 
     MessageCapture capture;
@@ -363,5 +375,56 @@ TEST_F(TextureManagerTest, ArrayLayersAreSharedByClassFreedWithTheirTokenAndReco
     const size_t texel = size_t(first.second) * 4 * 4 * 4;
     EXPECT_EQ(std::vector<GLubyte>(layers.begin() + long(texel), layers.begin() + long(texel) + 4),
               (std::vector<GLubyte>{255, 0, 0, 255}));
+    arrays.clear(); // deletes every token's texture
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+TEST_F(TextureManagerTest, BindlessArraysUploadHandlesInsteadOfBindingUnits)
+{
+    FakeBindless fake;
+    auto program = VyxTest::linkedProgram(
+        "#version 150\nvoid main() { gl_Position = vec4(0.0); }\n",
+        "#version 150\nuniform uvec2 u_Array2DTextureHandles[8];\nuniform isampler2D u_Array2DTokenTable;\n"
+        "out vec4 o;\nvoid main() { o = vec4(u_Array2DTextureHandles[1], 0u, 0u) + vec4(texelFetch(u_Array2DTokenTable, ivec2(0), 0)); }\n");
+    std::vector<uint64_t> released;
+    {
+        Array2DTextureManager arrays;
+        arrays.setBindless(true);
+        EXPECT_EQ(arrays.getShaderFile(), "Array2DTextureManagerBindless.glslc");
+        const TextureToken small = arrays.tokenForTexture((new Texture())->create2D(GL_TEXTURE_2D, GL_RGBA8, 4, 4));
+        const TextureToken large = arrays.tokenForTexture((new Texture())->create2D(GL_TEXTURE_2D, GL_RGBA8, 8, 8));
+        QSet<TextureToken> tokens{small, large};
+        ASSERT_TRUE(arrays.bind(tokens));
+        const int smallArray = arrays.placement(small).first, largeArray = arrays.placement(large).first;
+        ASSERT_TRUE(program->bind());
+        VyxTest::CallRecorder<&_ptrc_glBindTexture> bindTexture;
+        for (int frame = 0; frame < 2; ++frame) {
+            ASSERT_TRUE(arrays.bind(program.get()));
+            arrays.unbind(program.get());
+        }
+        EXPECT_EQ(std::count_if(bindTexture.calls().begin(), bindTexture.calls().end(),
+                                [](const auto& call) { return std::get<0>(call) == GL_TEXTURE_2D_ARRAY; }),
+                  0);
+        EXPECT_EQ(FakeBindless::calls.size(), 4u) << "a handle and its residency per array, once";
+        GLuint words[2] = {};
+        const QString name = QString("u_Array2DTextureHandles[%1]").arg(largeArray);
+        glGetUniformuiv(program->shaderProgramID(), program->getUniformLocation(name), words);
+        EXPECT_EQ(words[0] | uint64_t(words[1]) << 32, FakeBindless::handleOf(arrays.arrayTexture(largeArray)));
+
+        // An array that grows is a new texture: the old handle goes, the next frame makes one.
+        const uint64_t before = FakeBindless::handleOf(arrays.arrayTexture(smallArray));
+        for (int i = 0; i < 4; ++i)
+            tokens.insert(arrays.tokenForTexture((new Texture())->create2D(GL_TEXTURE_2D, GL_RGBA8, 4, 4)));
+        ASSERT_TRUE(arrays.bind(tokens));
+        EXPECT_EQ(FakeBindless::calls.back(), FakeBindless::Call("nonresident", before));
+        ASSERT_TRUE(arrays.bind(program.get()));
+        arrays.unbind(program.get());
+        EXPECT_EQ(FakeBindless::calls.back(),
+                  FakeBindless::Call("resident", FakeBindless::handleOf(arrays.arrayTexture(smallArray))));
+        FakeBindless::calls.clear();
+        arrays.clear();
+        EXPECT_EQ(FakeBindless::calls.size(), 2u) << "both arrays' handles released";
+    }
+    program->unbind();
     EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }

@@ -1,0 +1,370 @@
+// CPU time of one frame of a 10,000-object scene in 100 materials: 1% of the transforms edited,
+// updateTransforms, resetCulling, visibilityCull, frustumCull and draw, on each draw path, against
+// a hand-written loop that sets a model-matrix uniform and a material uniform block per object
+// and calls glDrawElements. The target is 1x1, so rasterising costs next to nothing. Prints the
+// ratios and the cost per changed transform at the end.
+#include "benchtarget.h"
+#include "gl/bufferobject.h"
+#include "gl/drawbuffers.h"
+#include "gl/drawbuffers_p.h"
+#include "gl/glloader.h"
+#include "gl/glslmacroprocessor.h"
+#include "gl/glutilities.h"
+#include "gl/gpumodel.h"
+#include "gl/headlesscontext.h"
+#include "gl/instancedata.h"
+#include "gl/instancedatacollection.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/shaderprogram.h"
+#include "gl/vertexarrayobject.h"
+
+#include <benchmark/benchmark.h>
+
+#include <QFile>
+#include <QMap>
+#include <QMatrix4x4>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+using namespace Tavren::Vyx;
+
+namespace {
+
+constexpr int kMaterials = 100;
+constexpr int kPerMaterial = 100;
+constexpr int kObjects = kMaterials * kPerMaterial;
+constexpr int kEditedPerFrame = kObjects / 100;
+
+using VyxBench::resource;
+
+QMatrix4x4 objectMatrix(int object, float shift)
+{
+    QMatrix4x4 m;
+    m.translate(float(object % 100) / 50.0f - 1.0f + shift, float(object / 100) / 50.0f - 1.0f);
+    m.scale(0.005f);
+    return m;
+}
+
+struct Scene : VyxBench::TriangleTarget
+{
+    InstanceDataPlan objectPlan{"BenchObject"};
+    InstanceDataPlan materialPlan{"BenchMaterial"};
+    GPUModel model;
+    std::vector<int> objectTransforms;
+    std::unique_ptr<ShaderProgram> handProgram, uniformIDProgram, baseInstanceProgram;
+    std::vector<GLuint> materialBlocks;
+    bool baseInstance = false, multiDraw = false;
+    int frame = 0;
+
+    Scene()
+    {
+        objectPlan.addMember(InstanceDataPlan::eMat4, "ModelMatrix");
+        objectPlan.setArraySize(kPerMaterial);
+        InstanceDataRegistry::Instance().registerPlan(&objectPlan);
+        materialPlan.addMember(InstanceDataPlan::eVec4, "Colour");
+        InstanceDataRegistry::Instance().registerPlan(&materialPlan);
+        buildModel();
+        buildHandLoop();
+
+        uniformIDProgram = build(false);
+        baseInstance = DrawBuffers::isBaseInstanceDrawingSupported();
+        multiDraw = DrawBuffers::isMultiDrawIndirectSupported();
+        if (baseInstance)
+            baseInstanceProgram = build(true);
+    }
+
+    ~Scene()
+    {
+        model.clear();
+        glDeleteBuffers(GLsizei(materialBlocks.size()), materialBlocks.data());
+    }
+
+    // One drawable per material, one command per object, a group transform per material.
+    void buildModel()
+    {
+        std::vector<DrawElementsIndirectCommand> commands;
+        for (int c = 0; c < kPerMaterial; ++c)
+            commands.push_back({3, 1, 0, 0, quint32(c)});
+        const BoundingBox box(QVector3D(-1, -1, 0), QVector3D(1, 1, 0));
+        model.loadBoundingBoxes(&box, 1);
+        for (int m = 0; m < kMaterials; ++m) {
+            auto* db = new DrawBuffers;
+            db->setVAO(vao);
+            db->setPrimitiveType(GL_TRIANGLES);
+            db->setIndexedDraw(indices, 3, GL_UNSIGNED_INT);
+            db->setDrawElementsIndirectCommands(commands.data(), kPerMaterial);
+            auto* material = new InstanceDataCollection(&materialPlan, size_t(1));
+            const float colour[] = {float(m) / kMaterials, 0.5f, 0.25f, 1.0f};
+            material->set(0, "Colour", colour, sizeof(colour));
+            const int id = model.add(db, m, material, new InstanceDataCollection(&objectPlan, size_t(kPerMaterial)), 0);
+            const int group = model.addTransform(-1, QMatrix4x4());
+            for (int c = 0; c < kPerMaterial; ++c) {
+                objectTransforms.push_back(model.addTransform(group, objectMatrix(m * kPerMaterial + c, 0)));
+                model.useTransform(id, c, objectTransforms.back());
+                model.useBoundingBox(id, c, 0);
+            }
+        }
+        model.updateTransforms();
+    }
+
+    void buildHandLoop()
+    {
+        GLSLMacroProcessor macros;
+        handProgram = std::make_unique<ShaderProgram>();
+        handProgram->setMacroProcessor(&macros);
+        handProgram->addShader(GL_VERTEX_SHADER, "#version 150\nuniform mat4 u_Model;\nin vec4 va_Vertex;\n"
+                                                 "void main() { gl_Position = u_Model * va_Vertex; }");
+        handProgram->addShader(GL_FRAGMENT_SHADER, "#version 150\nlayout(std140) uniform HandMaterial { vec4 colour; };\n"
+                                                   "out vec4 c;\nvoid main() { c = colour; }");
+        if (!handProgram->link())
+            std::abort();
+        glUniformBlockBinding(handProgram->shaderProgramID(),
+                              glGetUniformBlockIndex(handProgram->shaderProgramID(), "HandMaterial"), 0);
+        materialBlocks.resize(kMaterials);
+        glGenBuffers(kMaterials, materialBlocks.data());
+        for (int m = 0; m < kMaterials; ++m) {
+            const float colour[] = {float(m) / kMaterials, 0.5f, 0.25f, 1.0f};
+            glBindBuffer(GL_UNIFORM_BUFFER, materialBlocks[size_t(m)]);
+            glBufferData(GL_UNIFORM_BUFFER, sizeof(colour), colour, GL_STATIC_DRAW);
+        }
+        glBindBuffer(GL_UNIFORM_BUFFER, 0);
+    }
+
+    std::unique_ptr<ShaderProgram> build(bool useBaseInstance)
+    {
+        GLSLMacroProcessor macros;
+        DrawBuffers::useBaseInstanceDrawing(useBaseInstance);
+        DrawBuffers::setup(&macros);
+        auto program = std::make_unique<ShaderProgram>();
+        program->setMacroProcessor(&macros);
+        program->addShader(GL_VERTEX_SHADER, "#version 150\n#include \"VyxUtilities.glslh\"\n#instancedata \"BenchObject\"\n"
+                                             "in vec4 va_Vertex;\nvoid main() { gl_Position = getModelMatrix() * va_Vertex; }");
+        program->addShader(GL_VERTEX_SHADER, objectPlan.glslc());
+        program->addShader(GL_VERTEX_SHADER, resource("VyxUtilities.vert"));
+        program->addShader(GL_VERTEX_SHADER, resource("VyxUtilities.glslc"));
+        program->addShader(GL_FRAGMENT_SHADER, "#version 150\n#instancedata \"BenchMaterial\"\nout vec4 c;\n"
+                                               "void main() { c = getColour(0u); }");
+        program->addShader(GL_FRAGMENT_SHADER, materialPlan.glslc());
+        if (!program->link()) {
+            std::fprintf(stderr, "%s\n", qPrintable(program->log()));
+            std::abort();
+        }
+        DrawBuffers::useBaseInstanceDrawing(false);
+        return program;
+    }
+
+    // 1% of the objects move, a different 1% each frame.
+    void editTransforms(int count)
+    {
+        ++frame;
+        const float shift = (frame % 2) * 0.001f;
+        for (int i = 0; i < count; ++i) {
+            const int object = (frame * 7919 + i * 97) % kObjects;
+            model.setLocalTransform(objectTransforms[size_t(object)], objectMatrix(object, shift));
+        }
+    }
+};
+
+std::unique_ptr<Scene> sharedScene;
+
+Scene& scene()
+{
+    if (!sharedScene)
+        sharedScene = std::make_unique<Scene>();
+    return *sharedScene;
+}
+
+// With argument 1 the draw calls themselves are no-ops, in the hand loop and the model alike:
+// on llvmpipe each draw runs its vertex stage on the calling thread, which a GPU would not, so
+// this measures what the submitting code costs on its own.
+class DrawsStubbed
+{
+public:
+    explicit DrawsStubbed(bool stub)
+        : _stub(stub)
+    {
+        if (!stub)
+            return;
+        _elements = _ptrc_glDrawElements;
+        _baseVertex = _ptrc_glDrawElementsBaseVertex;
+        _indirect = _ptrc_glMultiDrawElementsIndirect;
+        _baseInstance = DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance;
+        _ptrc_glDrawElements = [](GLenum, GLsizei, GLenum, const void*) {};
+        _ptrc_glDrawElementsBaseVertex = [](GLenum, GLsizei, GLenum, const void*, GLint) {};
+        _ptrc_glMultiDrawElementsIndirect = [](GLenum, GLenum, const void*, GLsizei, GLsizei) {};
+        if (_baseInstance)
+            DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance =
+                [](GLenum, GLsizei, GLenum, const void*, GLsizei, GLint, GLuint) {};
+    }
+    ~DrawsStubbed()
+    {
+        if (!_stub)
+            return;
+        _ptrc_glDrawElements = _elements;
+        _ptrc_glDrawElementsBaseVertex = _baseVertex;
+        _ptrc_glMultiDrawElementsIndirect = _indirect;
+        DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance = _baseInstance;
+    }
+    DrawsStubbed(const DrawsStubbed&) = delete;
+    DrawsStubbed& operator=(const DrawsStubbed&) = delete;
+
+private:
+    bool _stub;
+    PFNVYXGLDRAWELEMENTSPROC _elements = nullptr;
+    PFNVYXGLDRAWELEMENTSBASEVERTEXPROC _baseVertex = nullptr;
+    PFNVYXGLMULTIDRAWELEMENTSINDIRECTPROC _indirect = nullptr;
+    PFNVYXGLDRAWELEMENTSINSTANCEDBASEVERTEXBASEINSTANCEPROC _baseInstance = nullptr;
+};
+
+template <typename Frame>
+void run(benchmark::State& state, Frame frame)
+{
+    DrawsStubbed stubbed(state.range(0) != 0);
+    glFinish();
+    for (auto _ : state) {
+        frame();
+        state.PauseTiming();
+        glFinish();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * kObjects);
+}
+
+void HandLoop(benchmark::State& state)
+{
+    Scene& s = scene();
+    std::vector<QMatrix4x4> models;
+    for (int i = 0; i < kObjects; ++i)
+        models.push_back(objectMatrix(i, 0));
+    s.handProgram->bind();
+    const int location = s.handProgram->getUniformLocation("u_Model");
+    glBindVertexArray(0);
+    GLuint vao = 0;
+    glGenVertexArrays(1, &vao);
+    glBindVertexArray(vao);
+    glBindBuffer(GL_ARRAY_BUFFER, s.vertices->getBO());
+    const GLint attribute = glGetAttribLocation(s.handProgram->shaderProgramID(), "va_Vertex");
+    glEnableVertexAttribArray(GLuint(attribute));
+    glVertexAttribPointer(GLuint(attribute), 2, GL_FLOAT, GL_FALSE, 0, nullptr);
+    glBindBuffer(GL_ELEMENT_ARRAY_BUFFER, s.indices->getBO());
+    int frame = 0;
+    run(state, [&] {
+        ++frame;
+        for (int i = 0; i < kEditedPerFrame; ++i) {
+            const int object = (frame * 7919 + i * 97) % kObjects;
+            models[size_t(object)] = objectMatrix(object, (frame % 2) * 0.001f);
+        }
+        for (int i = 0; i < kObjects; ++i) {
+            glBindBufferBase(GL_UNIFORM_BUFFER, 0, s.materialBlocks[size_t(i / kPerMaterial)]);
+            glUniformMatrix4fv(location, 1, GL_FALSE, models[size_t(i)].constData());
+            glDrawElements(GL_TRIANGLES, 3, GL_UNSIGNED_INT, nullptr);
+        }
+    });
+    glBindVertexArray(0);
+    glDeleteVertexArrays(1, &vao);
+    s.handProgram->unbind();
+}
+
+void modelFrames(benchmark::State& state, ShaderProgram* program, bool baseInstance, bool multiDraw)
+{
+    Scene& s = scene();
+    DrawBuffers::useBaseInstanceDrawing(baseInstance);
+    for (int i = 0; i < s.model.numDrawables(); ++i)
+        s.model.drawBuffers(i)->setMultiDrawIndirect(multiDraw);
+    QMatrix4x4 viewProjection;
+    viewProjection.ortho(-1.1f, 1.1f, -1.1f, 1.1f, -1, 1);
+    program->bind();
+    run(state, [&] {
+        s.editTransforms(kEditedPerFrame);
+        s.model.updateTransforms();
+        s.model.resetCulling();
+        s.model.visibilityCull();
+        s.model.frustumCull(viewProjection);
+        if (!s.model.draw(program, nullptr, 0, 0, GPUModel::eWindingNoCulling, true))
+            state.SkipWithError("draw failed");
+    });
+    program->unbind();
+    DrawBuffers::useBaseInstanceDrawing(false);
+}
+
+void ModelUniformFallback(benchmark::State& state)
+{
+    modelFrames(state, scene().uniformIDProgram.get(), false, false);
+}
+
+void ModelBaseInstance(benchmark::State& state)
+{
+    if (!scene().baseInstance) {
+        state.SkipWithError("base-instance drawing not supported");
+        return;
+    }
+    modelFrames(state, scene().baseInstanceProgram.get(), true, false);
+}
+
+void ModelMultiDrawIndirect(benchmark::State& state)
+{
+    if (!scene().baseInstance || !scene().multiDraw) {
+        state.SkipWithError("multi-draw indirect not supported");
+        return;
+    }
+    modelFrames(state, scene().baseInstanceProgram.get(), true, true);
+}
+
+// setLocalTransform and updateTransforms for n changed transforms (the object-data writes
+// included, the upload not).
+void TransformUpdate(benchmark::State& state)
+{
+    Scene& s = scene();
+    const int n = int(state.range(0));
+    for (auto _ : state) {
+        s.editTransforms(n);
+        s.model.updateTransforms();
+    }
+    state.SetItemsProcessed(state.iterations() * n);
+}
+
+BENCHMARK(HandLoop)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(ModelUniformFallback)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(ModelBaseInstance)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(ModelMultiDrawIndirect)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(TransformUpdate)->Arg(100)->Arg(1000)->Unit(benchmark::kMicrosecond);
+
+class RatioReporter : public VyxBench::CpuTimeReporter
+{
+public:
+    void printSummary() const
+    {
+        std::printf("\nCPU time per frame relative to the hand-written loop (lower is faster):\n");
+        for (const char* arg : {"0", "1"}) {
+            const double hand = cpuTimes.value(QString("HandLoop/%1").arg(arg), 0.0);
+            std::printf("  %s\n", *arg == '0' ? "real draws" : "draw calls stubbed out");
+            for (const char* name : {"ModelUniformFallback", "ModelBaseInstance", "ModelMultiDrawIndirect"}) {
+                const QString key = QString("%1/%2").arg(name, arg);
+                if (hand > 0 && cpuTimes.contains(key))
+                    std::printf("    %-28s %8.3f\n", name, cpuTimes[key] / hand);
+            }
+        }
+        for (const char* n : {"100", "1000"}) {
+            const QString name = QString("TransformUpdate/%1").arg(n);
+            if (cpuTimes.contains(name))
+                std::printf("  per changed transform (%s): %.3f us\n", n, cpuTimes[name] / QString(n).toDouble());
+        }
+    }
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv);
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    reporter.printSummary();
+    std::fflush(stdout);
+    sharedScene.reset();
+    OpenGLDeviceContext::resetContext();
+    return 0;
+}
