@@ -69,8 +69,9 @@ int runInfo()
 
 void printUsage()
 {
-    std::printf("usage: vyxgl [info] | render [SCENE] [options]   (vyxgl COMMAND --help for more)\n"
-                "  render render a glTF scene, or the built-in demo, to a PNG\n"
+    std::printf("usage: vyxgl [info] | render [SCENE] [options] | inspect FILE   (vyxgl COMMAND --help)\n"
+                "  render  render a glTF scene, or the built-in demo, to a PNG\n"
+                "  inspect what a texture file or glTF scene holds\n"
                 "  info   create a headless GL context and report the GL version, renderer,\n"
                 "         loader result and the extensions the library uses (default)\n");
 }
@@ -84,6 +85,8 @@ int main(int argc, char** argv)
         return runInfo();
     if (std::strcmp(command, "render") == 0)
         return runRender(argc - 2, argv + 2);
+    if (std::strcmp(command, "inspect") == 0)
+        return runInspect(argc - 2, argv + 2);
     if (std::strcmp(command, "--help") == 0 || std::strcmp(command, "-h") == 0) {
         printUsage();
         return 0;

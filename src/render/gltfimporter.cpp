@@ -679,6 +679,7 @@ bool GLTFImporter::loadFromMemory(const QByteArray& bytes, const QString& baseDi
 {
     _error.clear();
     _warnings.clear();
+    _imageCount = 0;
     model.clear();
     model.setDeleteOnClear(true);
     materialPlan();
@@ -707,6 +708,7 @@ bool GLTFImporter::loadFromMemory(const QByteArray& bytes, const QString& baseDi
         _error.replace(QLatin1Char('\n'), QLatin1String("; "));
         return false;
     }
+    _imageCount = int(gltf.images.size());
     Builder builder(gltf, manager, model, lightParent, _warnings);
     if (!builder.build()) {
         _error = builder.error;

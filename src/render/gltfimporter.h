@@ -58,6 +58,8 @@ public:
 
     QString errorString() const { return _error; }
     QStringList warnings() const { return _warnings; }
+    // Images the last file listed, loaded or not.
+    int imageCount() const { return _imageCount; }
 
     // The plans the imported instance data uses, registered on first use.
     static InstanceDataPlan* materialPlan();
@@ -67,6 +69,7 @@ private:
     TextureManager* _manager;
     QString _error;
     QStringList _warnings;
+    int _imageCount = 0;
 };
 
 } // namespace Tavren::Vyx
