@@ -69,9 +69,11 @@ int runInfo()
 
 void printUsage()
 {
-    std::printf("usage: vyxgl [info] | render [SCENE] [options] | inspect FILE   (vyxgl COMMAND --help)\n"
+    std::printf("usage: vyxgl [info] | render [SCENE] [options] | inspect FILE | convert ENVMAP -o cube.ktx\n"
                 "  render  render a glTF scene, or the built-in demo, to a PNG\n"
                 "  inspect what a texture file or glTF scene holds\n"
+                "  convert an environment picture to a cube map and its lighting maps\n"
+                "  (vyxgl COMMAND --help for each command's options)\n"
                 "  info   create a headless GL context and report the GL version, renderer,\n"
                 "         loader result and the extensions the library uses (default)\n");
 }
@@ -87,6 +89,8 @@ int main(int argc, char** argv)
         return runRender(argc - 2, argv + 2);
     if (std::strcmp(command, "inspect") == 0)
         return runInspect(argc - 2, argv + 2);
+    if (std::strcmp(command, "convert") == 0)
+        return runConvert(argc - 2, argv + 2);
     if (std::strcmp(command, "--help") == 0 || std::strcmp(command, "-h") == 0) {
         printUsage();
         return 0;

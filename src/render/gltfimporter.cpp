@@ -481,26 +481,26 @@ bool Builder::buildMesh(int meshIndex, const QVector<Instance>& instances)
     indexBuffer->unbind();
 
     // One command per (instance, primitive), split into drawables as long as the data arrays.
-    struct Slot
+    struct Placement
     {
         int instance;
         size_t primitive;
     };
-    std::vector<Slot> slots;
+    std::vector<Placement> placements;
     for (int i = 0; i < instances.size(); ++i)
         for (size_t p = 0; p < primitives.size(); ++p)
-            slots.push_back({i, p});
+            placements.push_back({i, p});
     const size_t firstBox = _boxes.size();
     for (const Primitive& p : primitives)
         _boxes.push_back(p.bounds);
     _model.loadBoundingBoxes(_boxes.data(), int(_boxes.size()));
     const QString meshName = mesh.name.empty() ? QStringLiteral("mesh%1").arg(meshIndex) : QString::fromStdString(mesh.name);
-    for (size_t begin = 0; begin < slots.size(); begin += GLTFImporter::kMaxCommandsPerDrawable) {
-        const size_t end = std::min(slots.size(), begin + GLTFImporter::kMaxCommandsPerDrawable);
+    for (size_t begin = 0; begin < placements.size(); begin += GLTFImporter::kMaxCommandsPerDrawable) {
+        const size_t end = std::min(placements.size(), begin + GLTFImporter::kMaxCommandsPerDrawable);
         std::vector<DrawElementsIndirectCommand> commands;
         QList<InstanceData> materials;
         for (size_t s = begin; s < end; ++s) {
-            const Primitive& p = primitives[slots[s].primitive];
+            const Primitive& p = primitives[placements[s].primitive];
             commands.push_back({p.indexCount, 1, p.firstIndex, p.baseVertex, quint32(s - begin)});
             InstanceData record;
             if (!materialRecord(p.material, record))
@@ -515,15 +515,15 @@ bool Builder::buildMesh(int meshIndex, const QVector<Instance>& instances)
         db->setDrawElementsIndirectCommands(commands.data(), int(commands.size()));
         auto* materialData = new InstanceDataCollection(QLatin1String(kMaterialPlanName), materials);
         auto* objectData = new InstanceDataCollection(GLTFImporter::objectPlan(), commands.size());
-        const int first = primitives[slots[begin].primitive].material;
+        const int first = primitives[placements[begin].primitive].material;
         const int drawable = _model.drawableIndex(_model.add(db, first, materialData, objectData, 0));
         for (size_t s = begin; s < end; ++s) {
-            const Instance& instance = instances[slots[s].instance];
+            const Instance& instance = instances[placements[s].instance];
             const int command = int(s - begin);
             _model.useTransform(drawable, command, instance.transform);
-            _model.useBoundingBox(drawable, command, int(firstBox + slots[s].primitive));
+            _model.useBoundingBox(drawable, command, int(firstBox + placements[s].primitive));
             _model.addObjectName(drawable, command, instance.name);
-            const int material = primitives[slots[s].primitive].material;
+            const int material = primitives[placements[s].primitive].material;
             _model.addMaterialName(drawable, command,
                                    material >= 0 && !_gltf.materials[size_t(material)].name.empty()
                                        ? QString::fromStdString(_gltf.materials[size_t(material)].name)
