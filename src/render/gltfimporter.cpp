@@ -24,6 +24,7 @@
 #include <tiny_gltf.h>
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstring>
 #include <map>
@@ -42,20 +43,17 @@ constexpr int kMaxNodeDepth = 256;
 const char* const kMaterialPlanName = "GLTFMaterial";
 const char* const kObjectPlanName = "GLTFObject";
 
-// Images are decoded by Qt; one that fails stays empty and becomes white later.
-bool decodeImage(tinygltf::Image* image, const int index, std::string*, std::string* warning, int, int,
-                 const unsigned char* bytes, int size, void*)
+// Images are decoded by Qt; one that fails stays empty and becomes white later. Images in
+// buffer views wait for the builder, which checks the view against its buffer first.
+bool decodeImageBytes(tinygltf::Image* image, const unsigned char* bytes, size_t size)
 {
     QImage decoded;
-    if (size > 0)
-        decoded.loadFromData(bytes, size);
-    if (decoded.isNull()) {
-        if (warning)
-            *warning += "Image " + std::to_string(index) + " cannot be decoded; it renders white\n";
-        image->image.clear();
-        image->width = image->height = 0;
-        return true;
-    }
+    if (size > 0 && size < size_t(INT_MAX))
+        decoded.loadFromData(bytes, int(size));
+    image->image.clear();
+    image->width = image->height = 0;
+    if (decoded.isNull())
+        return false;
     decoded = decoded.convertToFormat(QImage::Format_ARGB32);
     image->width = decoded.width();
     image->height = decoded.height();
@@ -63,6 +61,14 @@ bool decodeImage(tinygltf::Image* image, const int index, std::string*, std::str
     image->bits = 8;
     image->pixel_type = TINYGLTF_COMPONENT_TYPE_UNSIGNED_BYTE;
     image->image.assign(decoded.constBits(), decoded.constBits() + decoded.sizeInBytes());
+    return true;
+}
+
+bool decodeImage(tinygltf::Image* image, const int, std::string*, std::string*, int, int, const unsigned char* bytes,
+                 int size, void*)
+{
+    if (image->bufferView < 0)
+        decodeImageBytes(image, bytes, size_t(std::max(size, 0)));
     return true;
 }
 
@@ -557,7 +563,17 @@ bool Builder::textureToken(int texture, int texCoord, bool srgb, TextureToken& t
         token = *cached;
         return true;
     }
-    const tinygltf::Image& image = _gltf.images[size_t(source)];
+    tinygltf::Image image = _gltf.images[size_t(source)];
+    if (image.bufferView >= 0) {
+        const int view = image.bufferView;
+        if (view >= int(_gltf.bufferViews.size()))
+            return fail(QStringLiteral("Image %1 uses buffer view %2, which does not exist").arg(source).arg(view));
+        const tinygltf::BufferView& v = _gltf.bufferViews[size_t(view)];
+        if (v.buffer < 0 || v.buffer >= int(_gltf.buffers.size()) || v.byteOffset > _gltf.buffers[size_t(v.buffer)].data.size() ||
+            v.byteLength > _gltf.buffers[size_t(v.buffer)].data.size() - v.byteOffset)
+            return fail(QStringLiteral("Image %1 reaches past the end of its buffer").arg(source));
+        decodeImageBytes(&image, _gltf.buffers[size_t(v.buffer)].data.data() + v.byteOffset, v.byteLength);
+    }
     Texture* made = nullptr;
     if (image.width > 0 && image.height > 0 && image.image.size() == size_t(image.width) * size_t(image.height) * 4) {
         const QImage view(image.image.data(), image.width, image.height, QImage::Format_ARGB32);
