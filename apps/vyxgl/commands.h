@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 
 namespace Tavren::Vyx {
@@ -12,12 +13,10 @@ int runRender(int argc, char** argv);
 int runInspect(int argc, char** argv);
 int runConvert(int argc, char** argv);
 
-// A current headless context with the library's loader and device context set up; null after
-// printing why not.
-std::unique_ptr<Tavren::Vyx::HeadlessGLContext> makeToolContext();
-
-// Drops what the library cached for the context while it is still current.
-void releaseToolContext();
+// Runs work with an application object and a current headless context whose loader and device
+// context are set up, then drops what the library cached while the context is still current;
+// 1 after printing why when there is no context, else what work returns.
+int runWithContext(const std::function<int()>& work);
 
 // Whether the argument asks for help.
 bool isHelp(const char* argument);

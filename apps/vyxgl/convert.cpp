@@ -24,25 +24,27 @@ namespace {
 
 void printConvertUsage()
 {
-    std::printf("usage: vyxgl convert ENVMAP [--type latlong|cross|sphere] [--size N] -o cube.ktx\n"
-                "                     [--irradiance FILE] [--prefiltered FILE --levels N] [--brdf FILE] [--sh FILE]\n"
+    std::printf("usage: vyxgl convert ENVMAP [--type latlong|cross|sphere] [--size N] -o "
+                "cube.ktx\n"
+                "                     [--irradiance FILE] [--prefiltered FILE --levels "
+                "N] [--brdf FILE] [--sh FILE]\n"
                 "  --type          layout of ENVMAP (default latlong)\n"
                 "  --size N        cube face size in texels (default 512)\n"
                 "  -o FILE         the cube map as KTX\n"
                 "  --irradiance F  the diffuse (N.L) cube map as KTX, 32 texels a face\n"
-                "  --prefiltered F the GGX-prefiltered specular cube map as KTX, --levels N mips (default 6)\n"
+                "  --prefiltered F the GGX-prefiltered specular cube map as KTX, "
+                "--levels N mips (default 6)\n"
                 "  --brdf F        the split-sum BRDF table (128 x 128, RG16F) as KTX\n"
-                "  --sh F          nine SH irradiance coefficients as text, one RGB triple a line\n");
+                "  --sh F          nine SH irradiance coefficients as text, one RGB "
+                "triple a line\n");
 }
 
-// One line per step on stderr: a bar that fills in place on a terminal, plain lines otherwise.
+// One line per step on stderr: a bar that fills in place on a terminal, plain
+// lines otherwise.
 class Progress
 {
 public:
-    Progress(int steps)
-        : _steps(steps), _terminal(isatty(2))
-    {
-    }
+    Progress(int steps) : _steps(steps), _terminal(isatty(2)) {}
     void begin(const char* what)
     {
         _what = what;
@@ -57,8 +59,8 @@ public:
     {
         ++_done;
         if (_terminal)
-            std::fprintf(stderr, "\r[%-20s] %d/%d %s: %lld ms\n", QByteArray(20 * _done / _steps, '#').constData(), _done,
-                         _steps, _what, _timer.elapsed());
+            std::fprintf(stderr, "\r[%-20s] %d/%d %s: %lld ms\n", QByteArray(20 * _done / _steps, '#').constData(),
+                         _done, _steps, _what, _timer.elapsed());
     }
 
 private:
@@ -120,77 +122,72 @@ int runConvert(int argc, char** argv)
         else
             ok = false;
         if (!ok) {
-            std::fprintf(stderr, "vyxgl convert: bad argument '%s %s' (see vyxgl convert --help)\n", argv[i - 1], argv[i]);
+            std::fprintf(stderr, "vyxgl convert: bad argument '%s %s' (see vyxgl convert --help)\n", argv[i - 1],
+                         argv[i]);
             return 2;
         }
     }
-    const Utils::OkuImageCubemapSourceType type = typeName == QLatin1String("latlong") ? Utils::SourceLatLong
-                                                  : typeName == QLatin1String("cross") ? Utils::SourceCross
+    const Utils::OkuImageCubemapSourceType type = typeName == QLatin1String("latlong")  ? Utils::SourceLatLong
+                                                  : typeName == QLatin1String("cross")  ? Utils::SourceCross
                                                   : typeName == QLatin1String("sphere") ? Utils::SourceSphere
-                                                                                          : Utils::SourceNone;
+                                                                                        : Utils::SourceNone;
     if (input.isEmpty() || output.isEmpty() || type == Utils::SourceNone) {
-        std::fprintf(stderr, "vyxgl convert: needs ENVMAP, -o FILE and a type of latlong, cross or sphere\n");
+        std::fprintf(stderr, "vyxgl convert: needs ENVMAP, -o FILE and a type of "
+                             "latlong, cross or sphere\n");
         return 2;
     }
-    int fakeArgc = 1;
-    char name[] = "vyxgl";
-    char* fakeArgv[] = {name, nullptr};
-    QCoreApplication application(fakeArgc, fakeArgv);
-    auto context = makeToolContext();
-    if (!context)
-        return 1;
-
-    Progress progress(2 + !irradiance.isEmpty() + !prefiltered.isEmpty() + !brdf.isEmpty() + !sh.isEmpty());
-    int status = 0;
-    {
-        progress.begin("loading and converting to a cube map");
-        std::unique_ptr<Texture> source(LoadTextureFromFile(input, TextureFileInfo()));
-        Texture* raw = source.release();
-        if (!raw || (type == Utils::SourceLatLong && !FlipY(raw)))
-            return fail(QStringLiteral("cannot load '%1'").arg(input));
-        source.reset(raw);
-        std::unique_ptr<Texture> cube(Utils::createGLCubemapFromTexture(source.get(), type, unsigned(size),
-                                                                        Utils::ColorSpaceLinear));
-        if (!cube)
-            return fail(QStringLiteral("cannot convert '%1' to a cube map").arg(input));
-        progress.end();
-        progress.begin("writing the cube map");
-        if (!saveKTX(cube.get(), output))
-            return fail(QStringLiteral("cannot write '%1'").arg(output));
-        progress.end();
-        if (!irradiance.isEmpty()) {
-            progress.begin("diffuse irradiance");
-            std::unique_ptr<Texture> map(Utils::createGLCubemapNDotLFromGLCubemap(cube.get(), 32, 1, 0, 1.0f));
-            if (!saveKTX(map.get(), irradiance))
-                return fail(QStringLiteral("cannot make or write '%1'").arg(irradiance));
+    return runWithContext([&] {
+        Progress progress(2 + !irradiance.isEmpty() + !prefiltered.isEmpty() + !brdf.isEmpty() + !sh.isEmpty());
+        {
+            progress.begin("loading and converting to a cube map");
+            std::unique_ptr<Texture> source(LoadTextureFromFile(input, TextureFileInfo()));
+            Texture* raw = source.release();
+            if (!raw || (type == Utils::SourceLatLong && !FlipY(raw)))
+                return fail(QStringLiteral("cannot load '%1'").arg(input));
+            source.reset(raw);
+            std::unique_ptr<Texture> cube(
+                Utils::createGLCubemapFromTexture(source.get(), type, unsigned(size), Utils::ColorSpaceLinear));
+            if (!cube)
+                return fail(QStringLiteral("cannot convert '%1' to a cube map").arg(input));
             progress.end();
-        }
-        if (!prefiltered.isEmpty()) {
-            progress.begin("prefiltered specular map");
-            std::unique_ptr<Texture> map(Utils::createPrefilteredEnvMapFromGLCubemap(cube.get(), unsigned(std::min(size, 256)), levels));
-            if (!saveKTX(map.get(), prefiltered))
-                return fail(QStringLiteral("cannot make or write '%1'").arg(prefiltered));
+            progress.begin("writing the cube map");
+            if (!saveKTX(cube.get(), output))
+                return fail(QStringLiteral("cannot write '%1'").arg(output));
             progress.end();
+            if (!irradiance.isEmpty()) {
+                progress.begin("diffuse irradiance");
+                std::unique_ptr<Texture> map(Utils::createGLCubemapNDotLFromGLCubemap(cube.get(), 32, 1, 0, 1.0f));
+                if (!saveKTX(map.get(), irradiance))
+                    return fail(QStringLiteral("cannot make or write '%1'").arg(irradiance));
+                progress.end();
+            }
+            if (!prefiltered.isEmpty()) {
+                progress.begin("prefiltered specular map");
+                std::unique_ptr<Texture> map(
+                    Utils::createPrefilteredEnvMapFromGLCubemap(cube.get(), unsigned(std::min(size, 256)), levels));
+                if (!saveKTX(map.get(), prefiltered))
+                    return fail(QStringLiteral("cannot make or write '%1'").arg(prefiltered));
+                progress.end();
+            }
+            if (!brdf.isEmpty()) {
+                progress.begin("BRDF table");
+                std::unique_ptr<Texture> table(Utils::createPreintegratedBRDFTable(128));
+                if (!saveKTX(table.get(), brdf))
+                    return fail(QStringLiteral("cannot make or write '%1'").arg(brdf));
+                progress.end();
+            }
+            if (!sh.isEmpty()) {
+                progress.begin("SH irradiance");
+                const Utils::IrradianceSH coefficients = Utils::computeIrradianceSHFromGLCubemap(cube.get());
+                QFile file(sh);
+                if (!coefficients.valid || !file.open(QIODevice::WriteOnly | QIODevice::Text))
+                    return fail(QStringLiteral("cannot make or write '%1'").arg(sh));
+                QTextStream out(&file);
+                for (const QVector3D& c : coefficients.coefficients)
+                    out << c.x() << ' ' << c.y() << ' ' << c.z() << '\n';
+                progress.end();
+            }
         }
-        if (!brdf.isEmpty()) {
-            progress.begin("BRDF table");
-            std::unique_ptr<Texture> table(Utils::createPreintegratedBRDFTable(128));
-            if (!saveKTX(table.get(), brdf))
-                return fail(QStringLiteral("cannot make or write '%1'").arg(brdf));
-            progress.end();
-        }
-        if (!sh.isEmpty()) {
-            progress.begin("SH irradiance");
-            const Utils::IrradianceSH coefficients = Utils::computeIrradianceSHFromGLCubemap(cube.get());
-            QFile file(sh);
-            if (!coefficients.valid || !file.open(QIODevice::WriteOnly | QIODevice::Text))
-                return fail(QStringLiteral("cannot make or write '%1'").arg(sh));
-            QTextStream out(&file);
-            for (const QVector3D& c : coefficients.coefficients)
-                out << c.x() << ' ' << c.y() << ' ' << c.z() << '\n';
-            progress.end();
-        }
-    }
-    releaseToolContext();
-    return status;
+        return 0;
+    });
 }

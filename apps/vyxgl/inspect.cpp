@@ -25,8 +25,10 @@ namespace {
 void printInspectUsage()
 {
     std::printf("usage: vyxgl inspect FILE\n"
-                "  KTX: header, levels and key/values; Radiance HDR: header; ASTC: footprint and size;\n"
-                "  other images: what Qt's reader sees; .gltf/.glb: nodes, meshes, materials,\n"
+                "  KTX: header, levels and key/values; Radiance HDR: header; "
+                "ASTC: footprint and size;\n"
+                "  other images: what Qt's reader sees; .gltf/.glb: nodes, "
+                "meshes, materials,\n"
                 "  textures, cameras, lights and bounds\n");
 }
 
@@ -46,8 +48,10 @@ int inspectKTX(Memory& memory)
     std::printf("KTX 1%s\n", ktx.byteSwapped() ? " (opposite byte order)" : "");
     std::printf("  size:            %u x %u x %u, %u array elements, %u faces\n", h.pixelWidth, h.pixelHeight,
                 h.pixelDepth, h.numberOfArrayElements, h.numberOfFaces);
-    std::printf("  glType 0x%04x, glFormat 0x%04x, glInternalFormat 0x%04x, base 0x%04x%s\n", h.glType, h.glFormat,
-                h.glInternalFormat, h.glBaseInternalFormat, ktx.isCompressed() ? " (compressed)" : "");
+    std::printf("  glType 0x%04x, glFormat 0x%04x, glInternalFormat 0x%04x, base "
+                "0x%04x%s\n",
+                h.glType, h.glFormat, h.glInternalFormat, h.glBaseInternalFormat,
+                ktx.isCompressed() ? " (compressed)" : "");
     std::printf("  mipmap levels:   %u\n", h.numberOfMipmapLevels);
     std::printf("  key/values:      %u (%u bytes)\n", ktx.numMetadataEntries(), h.bytesOfKeyValueData);
     for (unsigned i = 0; i < ktx.numMetadataEntries(); ++i)
@@ -65,40 +69,40 @@ int inspectKTX(Memory& memory)
 
 int inspectScene(const QString& path)
 {
-    auto context = makeToolContext();
-    if (!context)
-        return 1;
-    int status = 0;
-    {
-        SamplerTextureManager manager;
-        GPUModel model;
-        QObject lights;
-        GLTFImporter importer(&manager);
-        if (!importer.load(path, model, &lights)) {
-            std::fprintf(stderr, "vyxgl inspect: %s\n", qPrintable(importer.errorString()));
-            status = 1;
-        } else {
-            int commands = 0;
-            for (int d = 0; d < model.numDrawables(); ++d)
-                commands += model.drawable(d).transformRefs.size();
-            std::printf("glTF scene\n  nodes:      %d\n  drawables:  %d (%d draw commands)\n",
-                        model.transformCount(), model.numDrawables(), commands);
-            std::printf("  objects:    %s\n", qPrintable(model.objectNames().join(QStringLiteral(", ")).left(400)));
-            std::printf("  materials:  %s\n", qPrintable(model.materialNames().join(QStringLiteral(", ")).left(400)));
-            std::printf("  images:     %d\n", importer.imageCount());
-            std::printf("  cameras:    %s\n", qPrintable(model.getCameraNames().join(QStringLiteral(", "))));
-            std::printf("  lights:     %d\n", model.lightCount());
-            const BoundingBox bounds = model.sceneBounds();
-            printVector("  bounds min: ", bounds.minimum());
-            printVector("  bounds max: ", bounds.maximum());
-            for (const QString& warning : importer.warnings())
-                std::printf("  warning:    %s\n", qPrintable(warning));
-            model.clear();
+    return runWithContext([&path] {
+        int status = 0;
+        {
+            SamplerTextureManager manager;
+            GPUModel model;
+            QObject lights;
+            GLTFImporter importer(&manager);
+            if (!importer.load(path, model, &lights)) {
+                std::fprintf(stderr, "vyxgl inspect: %s\n", qPrintable(importer.errorString()));
+                status = 1;
+            } else {
+                int commands = 0;
+                for (int d = 0; d < model.numDrawables(); ++d)
+                    commands += model.drawable(d).transformRefs.size();
+                std::printf("glTF scene\n  nodes:      %d\n  drawables:  %d (%d draw "
+                            "commands)\n",
+                            model.transformCount(), model.numDrawables(), commands);
+                std::printf("  objects:    %s\n", qPrintable(model.objectNames().join(QStringLiteral(", ")).left(400)));
+                std::printf("  materials:  %s\n",
+                            qPrintable(model.materialNames().join(QStringLiteral(", ")).left(400)));
+                std::printf("  images:     %d\n", importer.imageCount());
+                std::printf("  cameras:    %s\n", qPrintable(model.getCameraNames().join(QStringLiteral(", "))));
+                std::printf("  lights:     %d\n", model.lightCount());
+                const BoundingBox bounds = model.sceneBounds();
+                printVector("  bounds min: ", bounds.minimum());
+                printVector("  bounds max: ", bounds.maximum());
+                for (const QString& warning : importer.warnings())
+                    std::printf("  warning:    %s\n", qPrintable(warning));
+                model.clear();
+            }
+            manager.clear();
         }
-        manager.clear();
-    }
-    releaseToolContext();
-    return status;
+        return status;
+    });
 }
 
 } // namespace
@@ -109,10 +113,6 @@ int runInspect(int argc, char** argv)
         printInspectUsage();
         return argc == 1 ? 0 : 2;
     }
-    int fakeArgc = 1;
-    char name[] = "vyxgl";
-    char* fakeArgv[] = {name, nullptr};
-    QCoreApplication application(fakeArgc, fakeArgv);
     const QString path = QString::fromLocal8Bit(argv[0]);
     const QString suffix = QFileInfo(path).suffix().toLower();
     if (suffix == QLatin1String("gltf") || suffix == QLatin1String("glb"))
@@ -137,7 +137,8 @@ int runInspect(int argc, char** argv)
             std::fprintf(stderr, "vyxgl inspect: not a readable ASTC file\n");
             return 1;
         }
-        std::printf("ASTC\n  footprint: %u x %u x %u\n  size:      %u x %u x %u\n  blocks:    %llu%s\n",
+        std::printf("ASTC\n  footprint: %u x %u x %u\n  size:      %u x %u x %u\n  "
+                    "blocks:    %llu%s\n",
                     file.blockWidth(), file.blockHeight(), file.blockDepth(), file.width(), file.height(), file.depth(),
                     static_cast<unsigned long long>(file.blockCount()), file.hasHDRBlocks() ? " (HDR endpoints)" : "");
         return 0;
@@ -148,9 +149,12 @@ int runInspect(int argc, char** argv)
             std::fprintf(stderr, "vyxgl inspect: not a readable Radiance HDR file\n");
             return 1;
         }
-        std::printf("Radiance HDR\n  size:     %u x %u\n  format:   %s\n  exposure: %g\n  axes:     %c%c %c%c\n",
+        std::printf("Radiance HDR\n  size:     %u x %u\n  format:   %s\n  "
+                    "exposure: %g\n  axes:     %c%c %c%c\n",
                     decoder.width(), decoder.height(),
-                    decoder.format() == 1 ? "32-bit_rle_rgbe" : decoder.format() == 2 ? "32-bit_rle_xyze" : "(none)",
+                    decoder.format() == 1   ? "32-bit_rle_rgbe"
+                    : decoder.format() == 2 ? "32-bit_rle_xyze"
+                                            : "(none)",
                     double(decoder.exposure()), decoder.firstSign(), decoder.firstAxis(), decoder.secondSign(),
                     decoder.secondAxis());
         return 0;
@@ -163,7 +167,8 @@ int runInspect(int argc, char** argv)
                      qPrintable(reader.errorString()));
         return 1;
     }
-    std::printf("Image (%s)\n  size:   %d x %d\n  format: QImage::Format %d, %d bits per pixel%s\n",
+    std::printf("Image (%s)\n  size:   %d x %d\n  format: QImage::Format %d, %d "
+                "bits per pixel%s\n",
                 format.constData(), image.width(), image.height(), int(image.format()), image.depth(),
                 image.hasAlphaChannel() ? ", alpha" : "");
     return 0;

@@ -201,14 +201,5 @@ int runRender(int argc, char** argv)
     const int parsed = parse(argc, argv, options);
     if (parsed)
         return parsed < 0 ? 0 : parsed;
-    int fakeArgc = 1;
-    char name[] = "vyxgl";
-    char* fakeArgv[] = {name, nullptr};
-    QCoreApplication application(fakeArgc, fakeArgv);
-    auto context = makeToolContext();
-    if (!context)
-        return 1;
-    const int status = renderWithContext(options);
-    releaseToolContext();
-    return status;
+    return runWithContext([&options] { return renderWithContext(options); });
 }

@@ -6,10 +6,14 @@
 #include "gl/opengldevicecontext.h"
 #include "gl/texturemanager.h"
 
+#include <QCoreApplication>
+
 #include <cstdio>
 #include <cstring>
 
 using namespace Tavren::Vyx;
+
+namespace {
 
 std::unique_ptr<HeadlessGLContext> makeToolContext()
 {
@@ -32,6 +36,22 @@ void releaseToolContext()
     if (TextureManager::hasInstance())
         TextureManager::Instance()->clear();
     OpenGLDeviceContext::resetContext();
+}
+
+} // namespace
+
+int runWithContext(const std::function<int()>& work)
+{
+    int argc = 1;
+    char name[] = "vyxgl";
+    char* argv[] = {name, nullptr};
+    QCoreApplication application(argc, argv);
+    auto context = makeToolContext();
+    if (!context)
+        return 1;
+    const int status = work();
+    releaseToolContext();
+    return status;
 }
 
 bool isHelp(const char* argument)
