@@ -94,8 +94,23 @@ QByteArray triangleScene(int accessorCount, quint16 lastIndex, const QString& im
 TEST_F(SceneRenderTest, DemoMatchesItsReferenceAndTheBoxShadowsTheGround)
 {
     ASSERT_TRUE(importer.loadFromMemory(DemoScene::glb(), QString(), model, &lights)) << qPrintable(importer.errorString());
-    EXPECT_EQ(model.lightCount(), 2);
-    EXPECT_EQ(model.getCameraCount(), 1);
+    // Lights arrive in the shadow code's conventions: a directional light travels along its +Z.
+    ASSERT_EQ(model.lightCount(), 2);
+    QVariant sun, spot;
+    model.getLight(0, sun);
+    model.getLight(1, spot);
+    auto* sunLight = qobject_cast<PunctualLight*>(sun.value<QObject*>());
+    auto* spotLight = qobject_cast<PunctualLight*>(spot.value<QObject*>());
+    ASSERT_TRUE(sunLight && spotLight);
+    EXPECT_EQ(sunLight->type(), ShadowMapLight::Directional);
+    const QVector3D travel = sunLight->transform().mapVector(QVector3D(0, 0, 1));
+    EXPECT_LT((travel + QVector3D(0.45f, 0.8f, 0.35f).normalized()).length(), 1e-4f);
+    EXPECT_EQ(spotLight->type(), ShadowMapLight::Spot);
+    EXPECT_FLOAT_EQ(spotLight->spotCutoff(), 0.5f);
+    EXPECT_FLOAT_EQ(spotLight->intensity, 28.0f);
+    ASSERT_EQ(model.getCameraCount(), 1);
+    EXPECT_NEAR(model.getCamera(0).fieldOfView(), 0.75 * 180 / M_PI, 1e-3);
+    EXPECT_LT((model.sceneBounds().minimum() - QVector3D(-8, -0.1f, -8)).length(), 1e-4f) << "ground plane bounds";
     const QImage image = render().convertToFormat(QImage::Format_RGB32);
     ASSERT_FALSE(image.isNull()) << qPrintable(renderer->errorString());
     EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
