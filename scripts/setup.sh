@@ -8,7 +8,7 @@ packages=(
   khronos-api libegl-dev libgl-dev libegl-mesa0 libgl1-mesa-dri
   libgtest-dev libgmock-dev libbenchmark-dev
   glslang-tools libstb-dev imagemagick libastcenc-dev astcenc
-  xvfb xauth
+  xvfb xauth libtinygltf-dev assimp-testmodels
 )
 
 missing=()

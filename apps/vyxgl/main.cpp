@@ -1,6 +1,7 @@
 // vyxgl: command-line front end of the library.
 //   vyxgl [info]   make a headless GL context and report what the library sees in it
 
+#include "commands.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
 #include "gl/headlesscontext.h"
@@ -63,7 +64,11 @@ int runInfo()
 
 void printUsage()
 {
-    std::printf("usage: vyxgl [info]\n"
+    std::printf("usage: vyxgl [info] | render [SCENE] [options] | inspect FILE | convert ENVMAP -o cube.ktx\n"
+                "  render  render a glTF scene, or the built-in demo, to a PNG\n"
+                "  inspect what a texture file or glTF scene holds\n"
+                "  convert an environment picture to a cube map and its lighting maps\n"
+                "  (vyxgl COMMAND --help for each command's options)\n"
                 "  info   create a headless GL context and report the GL version, renderer,\n"
                 "         loader result and the optional functions and extensions the library\n"
                 "         chooses its paths by (default)\n");
@@ -76,6 +81,12 @@ int main(int argc, char** argv)
     const char* command = argc > 1 ? argv[1] : "info";
     if (std::strcmp(command, "info") == 0)
         return runInfo();
+    if (std::strcmp(command, "render") == 0)
+        return runRender(argc - 2, argv + 2);
+    if (std::strcmp(command, "inspect") == 0)
+        return runInspect(argc - 2, argv + 2);
+    if (std::strcmp(command, "convert") == 0)
+        return runConvert(argc - 2, argv + 2);
     if (std::strcmp(command, "--help") == 0 || std::strcmp(command, "-h") == 0) {
         printUsage();
         return 0;

@@ -1,0 +1,175 @@
+// vyxgl inspect: what a texture file or a glTF scene holds.
+#include "commands.h"
+
+#include "core/memory.h"
+#include "gl/astcfile.h"
+#include "gl/gpumodel.h"
+#include "gl/hdrdecoder.h"
+#include "gl/headlesscontext.h"
+#include "gl/ktxparser.h"
+#include "gl/samplertexturemanager.h"
+#include "render/gltfimporter.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QFileInfo>
+#include <QImageReader>
+
+#include <cstdio>
+#include <cstring>
+
+using namespace Tavren::Vyx;
+
+namespace {
+
+void printInspectUsage()
+{
+    std::printf("usage: vyxgl inspect FILE\n"
+                "  KTX: header, levels and key/values; Radiance HDR: header; "
+                "ASTC: footprint and size;\n"
+                "  other images: what Qt's reader sees; .gltf/.glb: nodes, "
+                "meshes, materials,\n"
+                "  textures, cameras, lights and bounds\n");
+}
+
+void printVector(const char* label, const QVector3D& v)
+{
+    std::printf("%s(%g, %g, %g)\n", label, double(v.x()), double(v.y()), double(v.z()));
+}
+
+int inspectKTX(Memory& memory)
+{
+    KTXParser ktx(&memory);
+    if (!ktx.headerReadable()) {
+        std::fprintf(stderr, "vyxgl inspect: the KTX header cannot be read\n");
+        return 1;
+    }
+    const KTXHeader& h = ktx.header();
+    std::printf("KTX 1%s\n", ktx.byteSwapped() ? " (opposite byte order)" : "");
+    std::printf("  size:            %u x %u x %u, %u array elements, %u faces\n", h.pixelWidth, h.pixelHeight,
+                h.pixelDepth, h.numberOfArrayElements, h.numberOfFaces);
+    std::printf("  glType 0x%04x, glFormat 0x%04x, glInternalFormat 0x%04x, base "
+                "0x%04x%s\n",
+                h.glType, h.glFormat, h.glInternalFormat, h.glBaseInternalFormat,
+                ktx.isCompressed() ? " (compressed)" : "");
+    std::printf("  mipmap levels:   %u\n", h.numberOfMipmapLevels);
+    std::printf("  key/values:      %u (%u bytes)\n", ktx.numMetadataEntries(), h.bytesOfKeyValueData);
+    for (unsigned i = 0; i < ktx.numMetadataEntries(); ++i)
+        std::printf("    %s = %s\n", qPrintable(ktx.key(i)), ktx.valueBytes(i).toHex(' ').left(96).constData());
+    if (!ktx.parseImages()) {
+        std::fprintf(stderr, "vyxgl inspect: the KTX image data is truncated or malformed\n");
+        return 1;
+    }
+    for (const KTXImage& image : ktx.images())
+        if (image.face == 0)
+            std::printf("  level %u: %u x %u x %u, %u bytes per face at offset %llu\n", image.level, image.width,
+                        image.height, image.depth, image.size, static_cast<unsigned long long>(image.offset));
+    return 0;
+}
+
+int inspectScene(const QString& path)
+{
+    return runWithContext([&path] {
+        int status = 0;
+        {
+            SamplerTextureManager manager;
+            GPUModel model;
+            QObject lights;
+            GLTFImporter importer(&manager);
+            if (!importer.load(path, model, &lights)) {
+                std::fprintf(stderr, "vyxgl inspect: %s\n", qPrintable(importer.errorString()));
+                status = 1;
+            } else {
+                int commands = 0;
+                for (int d = 0; d < model.numDrawables(); ++d)
+                    commands += model.drawable(d).transformRefs.size();
+                std::printf("glTF scene\n  nodes:      %d\n  drawables:  %d (%d draw "
+                            "commands)\n",
+                            model.transformCount(), model.numDrawables(), commands);
+                std::printf("  objects:    %s\n", qPrintable(model.objectNames().join(QStringLiteral(", ")).left(400)));
+                std::printf("  materials:  %s\n",
+                            qPrintable(model.materialNames().join(QStringLiteral(", ")).left(400)));
+                std::printf("  images:     %d\n", importer.imageCount());
+                std::printf("  cameras:    %s\n", qPrintable(model.getCameraNames().join(QStringLiteral(", "))));
+                std::printf("  lights:     %d\n", model.lightCount());
+                const BoundingBox bounds = model.sceneBounds();
+                printVector("  bounds min: ", bounds.minimum());
+                printVector("  bounds max: ", bounds.maximum());
+                for (const QString& warning : importer.warnings())
+                    std::printf("  warning:    %s\n", qPrintable(warning));
+                model.clear();
+            }
+            manager.clear();
+        }
+        return status;
+    });
+}
+
+} // namespace
+
+int runInspect(int argc, char** argv)
+{
+    if (argc != 1 || isHelp(argv[0])) {
+        printInspectUsage();
+        return argc == 1 ? 0 : 2;
+    }
+    const QString path = QString::fromLocal8Bit(argv[0]);
+    const QString suffix = QFileInfo(path).suffix().toLower();
+    if (suffix == QLatin1String("gltf") || suffix == QLatin1String("glb"))
+        return inspectScene(path);
+
+    MemoryMappedFile memory(path);
+    const uint64_t size = memory.size();
+    unsigned char* head = size >= 16 ? memory.get(0, 16) : nullptr;
+    if (!head) {
+        std::fprintf(stderr, "vyxgl inspect: cannot read '%s'\n", argv[0]);
+        return 1;
+    }
+    const bool ktx = KTXParser::hasIdentifier(head, 16);
+    const bool astc = ASTCFile::hasMagic(head, 16);
+    const bool hdr = std::memcmp(head, "#?", 2) == 0;
+    memory.release(head);
+    if (ktx)
+        return inspectKTX(memory);
+    if (astc) {
+        ASTCFile file(&memory);
+        if (!file.valid()) {
+            std::fprintf(stderr, "vyxgl inspect: not a readable ASTC file\n");
+            return 1;
+        }
+        std::printf("ASTC\n  footprint: %u x %u x %u\n  size:      %u x %u x %u\n  "
+                    "blocks:    %llu%s\n",
+                    file.blockWidth(), file.blockHeight(), file.blockDepth(), file.width(), file.height(), file.depth(),
+                    static_cast<unsigned long long>(file.blockCount()), file.hasHDRBlocks() ? " (HDR endpoints)" : "");
+        return 0;
+    }
+    if (hdr) {
+        HDRDecoder decoder(&memory);
+        if (!decoder.valid()) {
+            std::fprintf(stderr, "vyxgl inspect: not a readable Radiance HDR file\n");
+            return 1;
+        }
+        std::printf("Radiance HDR\n  size:     %u x %u\n  format:   %s\n  "
+                    "exposure: %g\n  axes:     %c%c %c%c\n",
+                    decoder.width(), decoder.height(),
+                    decoder.format() == 1   ? "32-bit_rle_rgbe"
+                    : decoder.format() == 2 ? "32-bit_rle_xyze"
+                                            : "(none)",
+                    double(decoder.exposure()), decoder.firstSign(), decoder.firstAxis(), decoder.secondSign(),
+                    decoder.secondAxis());
+        return 0;
+    }
+    QImageReader reader(path);
+    const QByteArray format = reader.format();
+    const QImage image = reader.read();
+    if (image.isNull()) {
+        std::fprintf(stderr, "vyxgl inspect: '%s' is no texture or scene this tool reads: %s\n", argv[0],
+                     qPrintable(reader.errorString()));
+        return 1;
+    }
+    std::printf("Image (%s)\n  size:   %d x %d\n  format: QImage::Format %d, %d "
+                "bits per pixel%s\n",
+                format.constData(), image.width(), image.height(), int(image.format()), image.depth(),
+                image.hasAlphaChannel() ? ", alpha" : "");
+    return 0;
+}

@@ -1,0 +1,205 @@
+// vyxgl render: a scene (or the built-in demo) to a PNG, headless.
+#include "commands.h"
+
+#include "gl/camera.h"
+#include "gl/glloader.h"
+#include "gl/gpumodel.h"
+#include "gl/headlesscontext.h"
+#include "gl/opengldevicecontext.h"
+#include "render/demoscene.h"
+#include "render/gltfimporter.h"
+#include "render/scenerenderer.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QtMath>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+using namespace Tavren::Vyx;
+
+namespace {
+
+void printRenderUsage()
+{
+    std::printf(
+        "usage: vyxgl render [SCENE] [--env FILE] [--size WxH] [--camera N] [--exposure EV] [-o out.png]\n"
+        "  SCENE          a .gltf or .glb file; without one, the built-in demo scene\n"
+        "  --env FILE     environment picture (lat-long; .hdr, .ktx or any Qt image);\n"
+        "                 default: a procedural sky\n"
+        "  --size WxH     image size (default 1280x720)\n"
+        "  --camera N     the scene's camera N (default: its first, else one framing the scene)\n"
+        "  --exposure EV  exposure in stops (default 0)\n"
+        "  --samples N    multisampling samples per pixel (default 4; 1 = off)\n"
+        "  --timing       print the import, first-frame and warm-frame times\n"
+        "  -o FILE        output PNG (default vyxgl-render.png)\n");
+}
+
+struct Options
+{
+    QString scene, environment, output = QStringLiteral("vyxgl-render.png");
+    QSize size{1280, 720};
+    int camera = -1;
+    int samples = 4;
+    float exposure = 0.0f;
+    bool timing = false;
+};
+
+// 0 on success, else the exit status after printing why.
+int parse(int argc, char** argv, Options& o)
+{
+    for (int i = 0; i < argc; ++i) {
+        const QString arg = QString::fromLocal8Bit(argv[i]);
+        const bool hasValue = i + 1 < argc;
+        const QString value = hasValue ? QString::fromLocal8Bit(argv[i + 1]) : QString();
+        bool ok = true;
+        if (isHelp(argv[i])) {
+            printRenderUsage();
+            return -1;
+        } else if (arg == QLatin1String("--timing")) {
+            o.timing = true;
+            continue;
+        } else if (arg.startsWith(QLatin1Char('-')) && !hasValue) {
+            std::fprintf(stderr, "vyxgl render: %s needs a value\n", argv[i]);
+            return 2;
+        } else if (arg == QLatin1String("--env")) {
+            o.environment = value;
+        } else if (arg == QLatin1String("-o")) {
+            o.output = value;
+        } else if (arg == QLatin1String("--camera")) {
+            o.camera = value.toInt(&ok);
+            ok = ok && o.camera >= 0;
+        } else if (arg == QLatin1String("--samples")) {
+            o.samples = value.toInt(&ok);
+            ok = ok && o.samples >= 1 && o.samples <= 16;
+        } else if (arg == QLatin1String("--exposure")) {
+            o.exposure = value.toFloat(&ok);
+            ok = ok && std::isfinite(o.exposure);
+        } else if (arg == QLatin1String("--size")) {
+            const QRegularExpressionMatch m = QRegularExpression(QStringLiteral("^(\\d{1,5})x(\\d{1,5})$")).match(value);
+            o.size = m.hasMatch() ? QSize(m.captured(1).toInt(), m.captured(2).toInt()) : QSize();
+            ok = o.size.width() >= 1 && o.size.height() >= 1 && o.size.width() <= 8192 && o.size.height() <= 8192;
+        } else if (!arg.startsWith(QLatin1Char('-')) && o.scene.isEmpty()) {
+            o.scene = arg;
+            continue;
+        } else {
+            std::fprintf(stderr, "vyxgl render: unknown argument '%s' (see vyxgl render --help)\n", argv[i]);
+            return 2;
+        }
+        if (!ok) {
+            std::fprintf(stderr, "vyxgl render: bad value '%s' for %s\n", argv[i + 1], argv[i]);
+            return 2;
+        }
+        ++i;
+    }
+    return 0;
+}
+
+// Looks at the scene's bounds from the front, a little above and to the right.
+Camera framingCamera(GPUModel& model, float aspect)
+{
+    const BoundingBox bounds = model.sceneBounds();
+    const QVector3D centre = bounds.center();
+    const float radius = std::max(bounds.isEmpty() ? 1.0f : bounds.size().length() * 0.5f, 1e-3f);
+    Camera camera;
+    camera.setFieldOfView(40.0f);
+    const float halfAngle = qDegreesToRadians(20.0f) * std::min(aspect, 1.0f);
+    const float distance = radius / std::sin(halfAngle) * 1.05f;
+    camera.lookAt(centre + QVector3D(0.45f, 0.35f, 1.0f).normalized() * distance, centre, QVector3D(0, 1, 0));
+    camera.setNearFar(distance * 0.01f, distance + radius * 4);
+    return camera;
+}
+
+int renderWithContext(const Options& options)
+{
+    QElapsedTimer timer;
+    timer.start();
+    GPUModel model;
+    QObject lights;
+    GLTFImporter importer;
+    const bool imported = options.scene.isEmpty()
+                              ? importer.loadFromMemory(DemoScene::glb(), QString(), model, &lights)
+                              : importer.load(options.scene, model, &lights);
+    if (!imported) {
+        std::fprintf(stderr, "vyxgl render: %s: %s\n",
+                     qPrintable(options.scene.isEmpty() ? QStringLiteral("demo scene") : options.scene),
+                     qPrintable(importer.errorString()));
+        return 1;
+    }
+    const qint64 importTime = timer.nsecsElapsed();
+    if (model.lightCount() == 0) {
+        // A scene without lights gets a sun from above the camera's right shoulder.
+        auto* sun = new PunctualLight(&lights);
+        sun->setType(ShadowMapLight::Directional);
+        QMatrix4x4 frame;
+        frame.lookAt(QVector3D(), QVector3D(-0.5f, -1.0f, -0.6f), QVector3D(0, 1, 0));
+        frame = frame.inverted();
+        frame.rotate(180, 0, 1, 0);
+        sun->setTransform(frame);
+        sun->intensity = 2.5f;
+        model.addLight(QVariant::fromValue<QObject*>(sun), QStringLiteral("Default sun"));
+    }
+    const float aspect = float(options.size.width()) / float(options.size.height());
+    if (options.camera >= model.getCameraCount()) {
+        std::fprintf(stderr, "vyxgl render: camera %d does not exist (the scene has %d)\n", options.camera,
+                     model.getCameraCount());
+        return 2;
+    }
+    Camera camera = framingCamera(model, aspect);
+    const int cameraIndex = options.camera >= 0 ? options.camera : (model.getCameraCount() > 0 ? 0 : -1);
+    if (cameraIndex >= 0) {
+        camera = model.getCamera(cameraIndex);
+        camera.setWorldMatrix(model.getCameraWorldSpaceMatrix(cameraIndex));
+    }
+
+    SceneRenderer renderer;
+    renderer.setExposure(options.exposure);
+    renderer.setSamples(options.samples);
+    if (!options.environment.isEmpty() &&
+        !renderer.setEnvironmentFile(options.environment, OkuImageCubemapUtils::SourceLatLong)) {
+        std::fprintf(stderr, "vyxgl render: %s\n", qPrintable(renderer.errorString()));
+        return 1;
+    }
+    timer.restart();
+    QImage image = renderer.renderToImage(model, camera, options.size);
+    glFinish();
+    const qint64 firstFrame = timer.nsecsElapsed();
+    if (image.isNull()) {
+        std::fprintf(stderr, "vyxgl render: %s\n", qPrintable(renderer.errorString()));
+        return 1;
+    }
+    if (options.timing) {
+        timer.restart();
+        image = renderer.renderToImage(model, camera, options.size);
+        glFinish();
+        std::printf("import %.1f ms, first frame %.1f ms, warm frame %.1f ms\n", importTime / 1e6, firstFrame / 1e6,
+                    timer.nsecsElapsed() / 1e6);
+    }
+    const GLenum error = glGetError();
+    if (error != GL_NO_ERROR) {
+        std::fprintf(stderr, "vyxgl render: GL error 0x%04x while rendering\n", error);
+        return 1;
+    }
+    if (!image.save(options.output, "PNG")) {
+        std::fprintf(stderr, "vyxgl render: cannot write '%s'\n", qPrintable(options.output));
+        return 1;
+    }
+    std::printf("%s\n", qPrintable(QFileInfo(options.output).absoluteFilePath()));
+    model.clear();
+    return 0;
+}
+
+} // namespace
+
+int runRender(int argc, char** argv)
+{
+    Options options;
+    const int parsed = parse(argc, argv, options);
+    if (parsed)
+        return parsed < 0 ? 0 : parsed;
+    return runWithContext([&options] { return renderWithContext(options); });
+}

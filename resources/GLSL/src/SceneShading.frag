@@ -1,0 +1,135 @@
+#version 150
+#include "TextureManager.glslh"
+#include "ShadowMapManager.glslh"
+#include "SceneToneMap.glslh"
+#instancedata "GLTFMaterial"
+
+// Metallic-roughness shading: punctual lights with variance shadows, and image-based light from
+// a prefiltered specular cube map, the split-sum table and nine SH irradiance coefficients.
+
+#define MAX_LIGHTS 8
+const float PI = 3.14159265358979;
+
+in vec3 vo_Position;
+in vec3 vo_Normal;
+in vec2 vo_TexCoord;
+flat in uint vo_DrawID;
+
+uniform vec3 u_CameraPosition;
+uniform int u_LightCount;
+uniform int u_LightType[MAX_LIGHTS];       // 0 point, 1 spot, 2 directional
+uniform vec3 u_LightColor[MAX_LIGHTS];     // colour times intensity
+uniform vec3 u_LightPosition[MAX_LIGHTS];
+uniform vec3 u_LightDirection[MAX_LIGHTS]; // where the light shines to
+uniform vec2 u_LightCone[MAX_LIGHTS];      // cosines of the inner and outer angles
+uniform float u_LightRange[MAX_LIGHTS];
+uniform int u_ShadowsEnabled;
+
+uniform samplerCube u_PrefilteredMap;
+uniform float u_PrefilteredLevels;
+uniform sampler2D u_BRDFTable;
+uniform vec3 u_IrradianceSH[9];
+uniform float u_EnvironmentIntensity;
+
+out vec4 o_Colour;
+
+vec3 irradiance(vec3 n)
+{
+    vec3 sum = u_IrradianceSH[0] * 0.282095;
+    sum += u_IrradianceSH[1] * 0.488603 * n.y + u_IrradianceSH[2] * 0.488603 * n.z + u_IrradianceSH[3] * 0.488603 * n.x;
+    sum += u_IrradianceSH[4] * 1.092548 * n.x * n.y + u_IrradianceSH[5] * 1.092548 * n.y * n.z;
+    sum += u_IrradianceSH[6] * 0.315392 * (3.0 * n.z * n.z - 1.0) + u_IrradianceSH[7] * 1.092548 * n.x * n.z;
+    sum += u_IrradianceSH[8] * 0.546274 * (n.x * n.x - n.y * n.y);
+    return max(sum, vec3(0.0));
+}
+
+// Normal mapping without stored tangents: the frame comes from screen-space derivatives.
+vec3 perturbedNormal(vec3 n, vec3 mapped, float scale)
+{
+    vec3 dp1 = dFdx(vo_Position), dp2 = dFdy(vo_Position);
+    vec2 duv1 = dFdx(vo_TexCoord), duv2 = dFdy(vo_TexCoord);
+    vec3 dp2perp = cross(dp2, n), dp1perp = cross(n, dp1);
+    vec3 t = dp2perp * duv1.x + dp1perp * duv2.x;
+    vec3 b = dp2perp * duv1.y + dp1perp * duv2.y;
+    float invmax = inversesqrt(max(max(dot(t, t), dot(b, b)), 1e-20));
+    vec3 m = mapped * 2.0 - 1.0;
+    m.xy *= scale;
+    return normalize(mat3(t * invmax, b * invmax, n) * m);
+}
+
+float ggx(float nh, float a)
+{
+    float a2 = a * a;
+    float d = nh * nh * (a2 - 1.0) + 1.0;
+    return a2 / (PI * d * d);
+}
+
+float smithVisibility(float nv, float nl, float a)
+{
+    float k = a * 0.5;
+    return 0.25 / ((nv * (1.0 - k) + k) * (nl * (1.0 - k) + k));
+}
+
+void main()
+{
+    uint id = vo_DrawID;
+    vec4 baseColor = getBaseColorFactor(id) * managedTexture(getBaseColorMap(id), vo_TexCoord);
+    vec4 emissive = getEmissiveFactor(id);
+    if (emissive.w >= 0.0 && baseColor.a < emissive.w)
+        discard;
+    vec4 factors = getPbrFactors(id);
+    vec4 mr = managedTexture(getMetallicRoughnessMap(id), vo_TexCoord);
+    float metallic = clamp(factors.x * mr.b, 0.0, 1.0);
+    float roughness = clamp(factors.y * mr.g, 0.03, 1.0);
+    float alpha = roughness * roughness;
+
+    vec3 n = normalize(vo_Normal);
+    if (!gl_FrontFacing)
+        n = -n;
+    if (factors.z != 0.0)
+        n = perturbedNormal(n, managedTexture(getNormalMap(id), vo_TexCoord).rgb, factors.z);
+    vec3 v = normalize(u_CameraPosition - vo_Position);
+    float nv = max(dot(n, v), 1e-4);
+
+    vec3 diffuseColor = baseColor.rgb * (1.0 - metallic);
+    vec3 f0 = mix(vec3(0.04), baseColor.rgb, metallic);
+    vec3 colour = vec3(0.0);
+    for (int i = 0; i < u_LightCount && i < MAX_LIGHTS; ++i) {
+        vec3 l;
+        float attenuation = 1.0;
+        if (u_LightType[i] == 2) {
+            l = -u_LightDirection[i];
+        } else {
+            vec3 toLight = u_LightPosition[i] - vo_Position;
+            float d2 = max(dot(toLight, toLight), 1e-4);
+            l = toLight * inversesqrt(d2);
+            attenuation = 1.0 / d2;
+            if (u_LightRange[i] > 0.0) {
+                float r = sqrt(d2) / u_LightRange[i];
+                attenuation *= clamp(1.0 - r * r * r * r, 0.0, 1.0);
+            }
+            if (u_LightType[i] == 1)
+                attenuation *= smoothstep(u_LightCone[i].y, u_LightCone[i].x, dot(-l, u_LightDirection[i]));
+        }
+        float nl = dot(n, l);
+        if (nl <= 0.0 || attenuation <= 0.0)
+            continue;
+        if (u_ShadowsEnabled != 0)
+            attenuation *= shadowMapGetVisibility(uint(i), vo_Position, n, l);
+        vec3 h = normalize(l + v);
+        float vh = max(dot(v, h), 0.0);
+        vec3 fresnel = f0 + (1.0 - f0) * pow(1.0 - vh, 5.0);
+        vec3 specular = fresnel * ggx(max(dot(n, h), 0.0), alpha) * smithVisibility(nv, nl, alpha);
+        vec3 diffuse = (1.0 - fresnel) * diffuseColor / PI;
+        colour += (diffuse + specular) * u_LightColor[i] * nl * attenuation;
+    }
+
+    vec2 brdf = texture(u_BRDFTable, vec2(nv, roughness)).rg;
+    vec3 r = reflect(-v, n);
+    vec3 prefiltered = textureLod(u_PrefilteredMap, r, roughness * (u_PrefilteredLevels - 1.0)).rgb;
+    float occlusion = mix(1.0, managedTexture(getOcclusionMap(id), vo_TexCoord).r, factors.w);
+    vec3 ambient = diffuseColor * irradiance(n) + prefiltered * (f0 * brdf.x + brdf.y);
+    colour += ambient * occlusion * u_EnvironmentIntensity;
+    colour += emissive.rgb * managedTexture(getEmissiveMap(id), vo_TexCoord).rgb;
+    o_Colour = vec4(toneMapToSRGB(colour), 1.0);
+}

@@ -1,0 +1,435 @@
+#include "render/scenerenderer.h"
+
+#include "core/logging.h"
+#include "gl/camera.h"
+#include "gl/drawbuffers.h"
+#include "gl/glloader.h"
+#include "gl/glslmacroprocessor.h"
+#include "gl/gpumodel.h"
+#include "gl/instancedataplan.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/shaderprogram.h"
+#include "gl/shadowmapmanager.h"
+#include "gl/texture.h"
+#include "gl/texturemanager.h"
+#include "gl/textureio.h"
+#include "gl/textureutilities.h"
+#include "gl/vertexarrayobject.h"
+#include "render/gltfimporter.h"
+#include "render/shadowmaprenderer.h"
+
+#include <QVariantList>
+#include <QtMath>
+
+#include <cmath>
+
+namespace Tavren::Vyx {
+
+namespace Utils = OkuImageCubemapUtils;
+
+namespace {
+
+constexpr int kPrefilteredSize = 128;
+constexpr int kPrefilteredLevels = 6;
+constexpr int kBRDFTableSize = 64;
+
+// Owns one framebuffer and its renderbuffers.
+struct RenderTarget
+{
+    GLuint framebuffer = 0;
+    GLuint renderbuffers[2] = {};
+    QSize size;
+    int samples = 0;
+
+    ~RenderTarget() { release(); }
+    void release()
+    {
+        if (framebuffer)
+            glDeleteFramebuffers(1, &framebuffer);
+        glDeleteRenderbuffers(2, renderbuffers);
+        framebuffer = 0;
+        renderbuffers[0] = renderbuffers[1] = 0;
+    }
+    bool make(const QSize& wanted, int wantedSamples, bool depth)
+    {
+        if (framebuffer && size == wanted && samples == wantedSamples)
+            return true;
+        release();
+        size = wanted;
+        samples = wantedSamples;
+        glGenFramebuffers(1, &framebuffer);
+        glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+        glGenRenderbuffers(depth ? 2 : 1, renderbuffers);
+        const GLenum formats[] = {GL_RGBA8, GL_DEPTH_COMPONENT24};
+        const GLenum attachments[] = {GL_COLOR_ATTACHMENT0, GL_DEPTH_ATTACHMENT};
+        for (int i = 0; i < (depth ? 2 : 1); ++i) {
+            glBindRenderbuffer(GL_RENDERBUFFER, renderbuffers[i]);
+            glRenderbufferStorageMultisample(GL_RENDERBUFFER, samples > 1 ? samples : 0, formats[i], size.width(),
+                                             size.height());
+            glFramebufferRenderbuffer(GL_FRAMEBUFFER, attachments[i], GL_RENDERBUFFER, renderbuffers[i]);
+        }
+        glBindRenderbuffer(GL_RENDERBUFFER, 0);
+        return glCheckFramebufferStatus(GL_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE;
+    }
+};
+
+// Linear sky radiance (Y up) for the procedural environment.
+QVector3D skyRadiance(const QVector3D& d, const QVector3D& sun)
+{
+    const QVector3D zenith(0.18f, 0.36f, 0.80f), horizon(0.70f, 0.80f, 0.92f), ground(0.22f, 0.20f, 0.18f);
+    QVector3D colour;
+    if (d.y() >= 0) {
+        const float t = std::pow(1.0f - d.y(), 3.0f);
+        colour = zenith * (1 - t) + horizon * t;
+    } else {
+        const float t = std::min(1.0f, -d.y() * 6.0f);
+        colour = horizon * (1 - t) * 0.6f + ground * t;
+    }
+    const float toward = std::max(0.0f, QVector3D::dotProduct(d, sun));
+    colour += QVector3D(1.0f, 0.9f, 0.7f) * (0.25f * std::pow(toward, 8.0f) + 0.75f * std::pow(toward, 400.0f));
+    return colour;
+}
+
+float toSRGB(float linear)
+{
+    linear = qBound(0.0f, linear, 1.0f);
+    return linear <= 0.0031308f ? linear * 12.92f : 1.055f * std::pow(linear, 1.0f / 2.4f) - 0.055f;
+}
+
+void setVectors(ShaderProgram& program, const char* name, const QVector<QVector3D>& values)
+{
+    const GLint location = glGetUniformLocation(program.shaderProgramID(), name);
+    if (location >= 0 && !values.isEmpty())
+        glUniform3fv(location, GLsizei(values.size()), reinterpret_cast<const GLfloat*>(values.constData()));
+}
+
+} // namespace
+
+struct SceneRenderer::Private
+{
+    TextureManager* manager = nullptr;
+    GLSLMacroProcessor macros;
+    std::unique_ptr<ShaderProgram> sceneProgram, skyProgram;
+    std::unique_ptr<ShadowMapRenderer> shadowRenderer;
+    ShadowMapRenderData shadowData;
+    std::unique_ptr<Texture> environment, prefiltered, brdfTable;
+    Utils::IrradianceSH sh;
+    RenderTarget drawTarget, resolveTarget;
+};
+
+SceneRenderer::SceneRenderer(TextureManager* manager)
+    : _d(std::make_unique<Private>())
+{
+    _d->manager = manager;
+}
+
+SceneRenderer::~SceneRenderer() = default;
+
+bool SceneRenderer::fail(const QString& message)
+{
+    _error = message;
+    VYX_WARNING("%s", qPrintable(message));
+    return false;
+}
+
+bool SceneRenderer::setEnvironmentCubemap(Texture* cubemap)
+{
+    _d->environment.reset(cubemap);
+    if (!cubemap)
+        return fail(QStringLiteral("No environment cube map"));
+    _d->prefiltered.reset(Utils::createPrefilteredEnvMapFromGLCubemap(cubemap, kPrefilteredSize, kPrefilteredLevels));
+    if (!_d->brdfTable)
+        _d->brdfTable.reset(Utils::createPreintegratedBRDFTable(kBRDFTableSize, 256));
+    _d->sh = Utils::computeIrradianceSHFromGLCubemap(cubemap);
+    if (!_d->prefiltered || !_d->brdfTable || !_d->sh.valid)
+        return fail(QStringLiteral("The lighting maps of the environment could not be made"));
+    return true;
+}
+
+bool SceneRenderer::setEnvironmentFile(const QString& path, Utils::OkuImageCubemapSourceType type)
+{
+    std::unique_ptr<Texture> source(LoadTextureFromFile(path, TextureFileInfo()));
+    if (!source)
+        return fail(QStringLiteral("Cannot load the environment '%1'").arg(path));
+    Texture* raw = source.release();
+    // Files arrive bottom row first; the converters want the picture's top row first.
+    if (type == Utils::SourceLatLong && !FlipY(raw))
+        return fail(QStringLiteral("Cannot flip the environment '%1'").arg(path));
+    source.reset(raw);
+    return setEnvironmentCubemap(Utils::createGLCubemapFromTexture(source.get(), type, 256, Utils::ColorSpaceLinear));
+}
+
+bool SceneRenderer::setProceduralSky(const QVector3D& sunDirection)
+{
+    const QVector3D sun = sunDirection.normalized();
+    QImage sky(256, 128, QImage::Format_RGBA8888);
+    for (int y = 0; y < sky.height(); ++y) {
+        const float polar = float(M_PI) * (1.0f - (y + 0.5f) / sky.height()); // GL's first row is the zenith
+        auto* row = reinterpret_cast<uchar*>(sky.scanLine(y));
+        for (int x = 0; x < sky.width(); ++x) {
+            const float longitude = 2 * float(M_PI) * (x + 0.5f) / sky.width();
+            const QVector3D d(std::sin(polar) * std::cos(longitude), std::cos(polar), std::sin(polar) * std::sin(longitude));
+            const QVector3D c = skyRadiance(d, sun);
+            for (int k = 0; k < 3; ++k)
+                row[4 * x + k] = uchar(std::lround(toSRGB(c[k]) * 255));
+            row[4 * x + 3] = 255;
+        }
+    }
+    TextureFileInfo info;
+    info.srgb = true;
+    std::unique_ptr<Texture> source(QImageToTexture(sky, false, info));
+    if (!source)
+        return fail(QStringLiteral("Cannot make the sky texture"));
+    return setEnvironmentCubemap(Utils::createGLCubemapFromTexture(source.get(), Utils::SourceLatLong, 128,
+                                                                  Utils::ColorSpaceLinear));
+}
+
+bool SceneRenderer::prepare()
+{
+    if (_d->sceneProgram)
+        return _d->sceneProgram->isLinked() && _d->skyProgram->isLinked();
+    if (!_d->manager)
+        _d->manager = TextureManager::Instance();
+    DrawBuffers::setup(&_d->macros);
+    _d->manager->setup(&_d->macros);
+    ShadowMapManager::setup(&_d->macros);
+    InstanceDataPlan* material = GLTFImporter::materialPlan();
+    InstanceDataPlan* object = GLTFImporter::objectPlan();
+
+    _d->sceneProgram = std::make_unique<ShaderProgram>();
+    ShaderProgram& scene = *_d->sceneProgram;
+    scene.setMacroProcessor(&_d->macros);
+    scene.addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("SceneShading.vert"));
+    scene.addShader(GL_VERTEX_SHADER, object->glslc());
+    scene.addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("VyxUtilities.vert"));
+    scene.addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("VyxUtilities.glslc"));
+    scene.addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("SceneShading.frag"));
+    scene.addShader(GL_FRAGMENT_SHADER, material->glslc());
+    scene.addShaderFromFile(GL_FRAGMENT_SHADER, _d->manager->getShaderFile());
+    scene.addShaderFromFile(GL_FRAGMENT_SHADER, ShadowMapManager::getShaderFile());
+    scene.addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("SceneToneMap.glslc"));
+    if (!scene.link())
+        return fail(QStringLiteral("The shading program does not link: %1").arg(scene.log()));
+
+    _d->skyProgram = std::make_unique<ShaderProgram>();
+    ShaderProgram& sky = *_d->skyProgram;
+    sky.setMacroProcessor(&_d->macros);
+    sky.addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("SceneSky.vert"));
+    sky.addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("SceneSky.frag"));
+    sky.addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("SceneToneMap.glslc"));
+    if (!sky.link())
+        return fail(QStringLiteral("The sky program does not link: %1").arg(sky.log()));
+    _d->shadowRenderer = std::make_unique<ShadowMapRenderer>();
+    _d->shadowRenderer->setBlurRadius(1);
+    return true;
+}
+
+bool SceneRenderer::renderShadows(GPUModel& model, const Camera& camera, const QSize& size)
+{
+    QVariantList lights;
+    bool anyCaster = false;
+    for (int i = 0; i < std::min(model.lightCount(), kMaxLights); ++i) {
+        QVariant light;
+        model.getLight(i, light);
+        lights.append(light);
+        auto* shadowLight = qobject_cast<ShadowMapLight*>(light.value<QObject*>());
+        anyCaster = anyCaster || (shadowLight && shadowLight->shadowCaster() && shadowLight->on());
+    }
+    if (!_shadows || !anyCaster)
+        return true;
+    const BoundingBox bounds = model.sceneBounds();
+    const QPair<QVector3D, QVector3D> box(bounds.minimum(), bounds.maximum());
+    const QMatrix4x4 view = camera.viewMatrix();
+    const QMatrix4x4 projection = camera.projectionMatrix(float(size.width()) / size.height());
+    _d->shadowData.setShadowMapSize(_shadowMapSize);
+    ShadowMapManager::processLights(lights, _d->shadowData, &view, &projection, &box);
+    // The moments program places vertices with u_ModelMatrix, so each command is drawn alone.
+    const auto drawModel = [&model](ShaderProgram& program, const QMatrix4x4&) {
+        const GLint modelMatrix = program.getUniformLocation(QStringLiteral("u_ModelMatrix"));
+        for (int d = 0; d < model.numDrawables(); ++d) {
+            DrawBuffers* db = model.drawBuffers(d);
+            const GPUModel::Drawable& drawable = model.drawable(d);
+            if (!db || (drawable.flags & GPUModel::kHiddenFlag) || !db->bind())
+                continue;
+            db->VAO()->enableShaderProgramArrays(&program);
+            const QVector<DrawElementsIndirectCommand>& commands = db->drawElementsIndirectCommands();
+            for (int c = 0; c < commands.size() && c < drawable.transformRefs.size(); ++c) {
+                if (model.isCommandCulled(d, c))
+                    continue;
+                const QMatrix4x4 world = model.worldTransform(drawable.transformRefs[c]);
+                glUniformMatrix4fv(modelMatrix, 1, GL_FALSE, world.constData());
+                glDrawElementsBaseVertex(GL_TRIANGLES, GLsizei(commands[c].count), GL_UNSIGNED_INT,
+                                         reinterpret_cast<const void*>(quintptr(commands[c].firstIndex) * 4),
+                                         GLint(commands[c].baseVertex));
+            }
+            db->unbind();
+        }
+    };
+    if (!_d->shadowRenderer->render(_d->shadowData, drawModel))
+        return fail(QStringLiteral("The shadow maps could not be rendered"));
+    return true;
+}
+
+bool SceneRenderer::drawSky(const QMatrix4x4& viewProjection)
+{
+    ShaderProgram& sky = *_d->skyProgram;
+    auto quad = OpenGLDeviceContext::current()->fullscreenQuad();
+    if (!quad || !sky.bind())
+        return false;
+    _d->environment->bind();
+    sky.setUniform(QStringLiteral("u_InverseViewProjection"), QVariant(viewProjection.inverted()));
+    sky.setUniform(QStringLiteral("u_Environment"), QVariant(_d->environment->unit()));
+    sky.setUniform(QStringLiteral("u_EnvironmentIntensity"), QVariant(_environmentIntensity));
+    sky.setUniform(QStringLiteral("u_Exposure"), QVariant(std::exp2(_exposure)));
+    glDepthMask(GL_FALSE);
+    bool drawn = quad->bind() && quad->VAO()->enableShaderProgramArrays(&sky) && quad->draw(&sky);
+    quad->unbind();
+    glDepthMask(GL_TRUE);
+    _d->environment->unbind();
+    sky.unbind();
+    return drawn;
+}
+
+bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& size)
+{
+    _error.clear();
+    // Environment set-up and shadow passes use their own targets: come back to the caller's.
+    GLint framebuffer = 0, viewport[4] = {};
+    glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &framebuffer);
+    glGetIntegerv(GL_VIEWPORT, viewport);
+    if (!prepare())
+        return false;
+    if (!_d->environment && !setProceduralSky(QVector3D(0.4f, 0.8f, 0.3f)))
+        return false;
+    model.updateTransforms();
+    model.resetCulling();
+    model.visibilityCull();
+    if (!renderShadows(model, camera, size))
+        return false;
+
+    const QMatrix4x4 view = camera.viewMatrix();
+    const QMatrix4x4 viewProjection = camera.projectionMatrix(float(size.width()) / size.height()) * view;
+    model.frustumCull(viewProjection);
+    glBindFramebuffer(GL_FRAMEBUFFER, GLuint(framebuffer));
+    glViewport(viewport[0], viewport[1], viewport[2], viewport[3]);
+    glClearColor(0, 0, 0, 1);
+    glClearDepth(1);
+    glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+    glDisable(GL_BLEND);
+    glDisable(GL_DEPTH_TEST);
+    if (!drawSky(viewProjection))
+        return fail(QStringLiteral("The sky could not be drawn"));
+    glEnable(GL_DEPTH_TEST);
+    glDepthFunc(GL_LESS);
+
+    ShaderProgram& scene = *_d->sceneProgram;
+    if (!scene.bind())
+        return fail(QStringLiteral("The shading program could not be bound"));
+    QVector<QVector3D> colours, positions, directions, cones;
+    QVector<GLint> types;
+    QVector<GLfloat> ranges;
+    for (int i = 0; i < std::min(model.lightCount(), kMaxLights); ++i) {
+        QVariant value;
+        model.getLight(i, value);
+        auto* light = qobject_cast<ShadowMapLight*>(value.value<QObject*>());
+        if (!light)
+            continue;
+        auto* punctual = qobject_cast<PunctualLight*>(light);
+        const QMatrix4x4& m = light->transform();
+        const QVector3D along = m.mapVector(QVector3D(0, 0, light->type() == ShadowMapLight::Directional ? 1 : -1));
+        colours << (light->on() ? (punctual ? punctual->color * punctual->intensity : QVector3D(1, 1, 1)) : QVector3D());
+        positions << m.column(3).toVector3D();
+        directions << along.normalized();
+        const float outer = light->spotCutoff() > 0 ? light->spotCutoff() : float(M_PI);
+        const float inner = punctual ? std::min(punctual->innerConeAngle, outer * 0.999f) : outer * 0.8f;
+        cones << QVector3D(std::cos(inner), std::cos(outer), 0);
+        types << GLint(light->type() == ShadowMapLight::Directional ? 2 : light->type() == ShadowMapLight::Spot ? 1 : 0);
+        ranges << (punctual ? punctual->range : 0.0f);
+    }
+    const GLuint id = scene.shaderProgramID();
+    glUniform1i(glGetUniformLocation(id, "u_LightCount"), GLint(types.size()));
+    if (!types.isEmpty()) {
+        glUniform1iv(glGetUniformLocation(id, "u_LightType"), GLsizei(types.size()), types.constData());
+        glUniform1fv(glGetUniformLocation(id, "u_LightRange"), GLsizei(ranges.size()), ranges.constData());
+        QVector<GLfloat> cone2;
+        for (const QVector3D& c : qAsConst(cones))
+            cone2 << c.x() << c.y();
+        glUniform2fv(glGetUniformLocation(id, "u_LightCone"), GLsizei(cones.size()), cone2.constData());
+    }
+    setVectors(scene, "u_LightColor", colours);
+    setVectors(scene, "u_LightPosition", positions);
+    setVectors(scene, "u_LightDirection", directions);
+    setVectors(scene, "u_IrradianceSH", QVector<QVector3D>(std::begin(_d->sh.coefficients), std::end(_d->sh.coefficients)));
+    scene.setUniform(QStringLiteral("u_ViewProjection"), QVariant(viewProjection));
+    scene.setUniform(QStringLiteral("u_CameraPosition"), QVariant(camera.worldMatrix().column(3).toVector3D()));
+    scene.setUniform(QStringLiteral("u_Exposure"), QVariant(std::exp2(_exposure)));
+    scene.setUniform(QStringLiteral("u_EnvironmentIntensity"), QVariant(_environmentIntensity));
+    scene.setUniform(QStringLiteral("u_PrefilteredLevels"), QVariant(float(kPrefilteredLevels)));
+    // The 2D table first: texture-manager slots that are not in use point at the lowest unit,
+    // which must then hold no other sampler type.
+    _d->brdfTable->bind();
+    _d->prefiltered->bind();
+    scene.setUniform(QStringLiteral("u_PrefilteredMap"), QVariant(_d->prefiltered->unit()));
+    scene.setUniform(QStringLiteral("u_BRDFTable"), QVariant(_d->brdfTable->unit()));
+    const bool shadowed = _shadows && _d->shadowData.projectionTexture() && _d->shadowData.projectorCount() > 0;
+    scene.setUniform(QStringLiteral("u_ShadowsEnabled"), QVariant(int(shadowed)));
+    const QVariant shadowData = QVariant::fromValue<QObject*>(&_d->shadowData);
+    if (shadowed) {
+        ShadowMapManager::bind(&scene, shadowData);
+    } else {
+        // The unused shadow sampler must not share a unit with a sampler of another type.
+        GLint units = 16;
+        glGetIntegerv(GL_MAX_TEXTURE_IMAGE_UNITS, &units);
+        scene.setUniform(QStringLiteral("u_ShadowMapDepthSampler"), QVariant(int(units - 1)));
+    }
+    const bool drawn = model.draw(&scene, _d->manager, 0, 0, GPUModel::eWindingNoCulling, &view, true);
+    if (shadowed)
+        ShadowMapManager::unbind(&scene, shadowData);
+    _d->brdfTable->unbind();
+    _d->prefiltered->unbind();
+    scene.unbind();
+    return drawn || fail(QStringLiteral("The model could not be drawn"));
+}
+
+QImage SceneRenderer::renderToImage(GPUModel& model, const Camera& camera, const QSize& size)
+{
+    if (size.isEmpty() || size.width() > 16384 || size.height() > 16384) {
+        fail(QStringLiteral("Image size %1x%2 is out of range").arg(size.width()).arg(size.height()));
+        return QImage();
+    }
+    GLint previous = 0, viewport[4] = {};
+    glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &previous);
+    glGetIntegerv(GL_VIEWPORT, viewport);
+    const int samples = std::max(_samples, 1);
+    bool ok = _d->drawTarget.make(size, samples, true) && (samples == 1 || _d->resolveTarget.make(size, 1, false));
+    QImage image;
+    if (!ok) {
+        fail(QStringLiteral("Cannot make a %1x%2 render target").arg(size.width()).arg(size.height()));
+    } else {
+            glBindFramebuffer(GL_FRAMEBUFFER, _d->drawTarget.framebuffer);
+        glViewport(0, 0, size.width(), size.height());
+        if (render(model, camera, size)) {
+            GLuint readFrom = _d->drawTarget.framebuffer;
+            if (samples > 1) {
+                glBindFramebuffer(GL_READ_FRAMEBUFFER, _d->drawTarget.framebuffer);
+                glBindFramebuffer(GL_DRAW_FRAMEBUFFER, _d->resolveTarget.framebuffer);
+                glBlitFramebuffer(0, 0, size.width(), size.height(), 0, 0, size.width(), size.height(),
+                                  GL_COLOR_BUFFER_BIT, GL_NEAREST);
+                readFrom = _d->resolveTarget.framebuffer;
+            }
+            glBindFramebuffer(GL_FRAMEBUFFER, readFrom);
+            image = QImage(size, QImage::Format_RGBA8888);
+            GLint alignment = 4;
+            glGetIntegerv(GL_PACK_ALIGNMENT, &alignment);
+            glPixelStorei(GL_PACK_ALIGNMENT, 4);
+            glReadPixels(0, 0, size.width(), size.height(), GL_RGBA, GL_UNSIGNED_BYTE, image.bits());
+            glPixelStorei(GL_PACK_ALIGNMENT, alignment);
+            image = image.mirrored(); // GL's first row is the bottom one
+        }
+    }
+    glBindFramebuffer(GL_FRAMEBUFFER, GLuint(previous));
+    glViewport(viewport[0], viewport[1], viewport[2], viewport[3]);
+    return image;
+}
+
+} // namespace Tavren::Vyx

@@ -1,0 +1,74 @@
+#pragma once
+
+#include "core/vyxexport.h"
+#include "gl/okuimagecubemaputils.h"
+
+#include <QImage>
+#include <QSize>
+#include <QString>
+#include <QVector3D>
+
+#include <memory>
+
+namespace Tavren::Vyx {
+
+class Camera;
+class GPUModel;
+class Texture;
+class TextureManager;
+
+// Physically based rendering of a GPUModel whose instance data came from GLTFImporter: its
+// lights (PunctualLight, or plain ShadowMapLight as white unit lights) with variance shadow
+// maps, image-based light from an environment cube map (prefiltered specular map, split-sum
+// table, SH irradiance), the environment as background, filmic tone mapping and sRGB output.
+// Needs a current context with an installed OpenGLDeviceContext.
+class VYXGL_EXPORT SceneRenderer
+{
+public:
+    static constexpr int kMaxLights = 8;
+
+    // With no manager the process-wide TextureManager::Instance() is used.
+    explicit SceneRenderer(TextureManager* manager = nullptr);
+    ~SceneRenderer();
+    SceneRenderer(const SceneRenderer&) = delete;
+    SceneRenderer& operator=(const SceneRenderer&) = delete;
+
+    // Takes the cube map and derives the lighting maps from it.
+    bool setEnvironmentCubemap(Texture* cubemap);
+    // A 2D environment picture (lat-long, cross or sphere) of any format the loaders read.
+    bool setEnvironmentFile(const QString& path, OkuImageCubemapUtils::OkuImageCubemapSourceType type);
+    // A clear daytime sky lit from towards `sun` (a direction towards the sun, Y up).
+    bool setProceduralSky(const QVector3D& sun);
+    void setEnvironmentIntensity(float intensity) { _environmentIntensity = intensity; }
+
+    // Exposure in stops; 0 leaves the linear values as they are before tone mapping.
+    void setExposure(float ev) { _exposure = ev; }
+    void setShadowMapSize(int texels) { _shadowMapSize = texels; }
+    void setShadowsEnabled(bool enabled) { _shadows = enabled; }
+    // Samples of the image renderToImage() draws (1 = no multisampling).
+    void setSamples(int samples) { _samples = samples; }
+
+    // Draws into the framebuffer bound now, whose size the viewport must already have.
+    bool render(GPUModel& model, const Camera& camera, const QSize& size);
+    // Draws into the renderer's own target and reads it back; null on failure.
+    QImage renderToImage(GPUModel& model, const Camera& camera, const QSize& size);
+
+    QString errorString() const { return _error; }
+
+private:
+    struct Private;
+    bool fail(const QString& message);
+    bool prepare();
+    bool renderShadows(GPUModel& model, const Camera& camera, const QSize& size);
+    bool drawSky(const QMatrix4x4& viewProjection);
+
+    std::unique_ptr<Private> _d;
+    QString _error;
+    float _exposure = 0.0f;
+    float _environmentIntensity = 1.0f;
+    int _shadowMapSize = 1024;
+    int _samples = 4;
+    bool _shadows = true;
+};
+
+} // namespace Tavren::Vyx

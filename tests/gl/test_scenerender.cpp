@@ -1,0 +1,189 @@
+#include "gl/camera.h"
+#include "gl/glloader.h"
+#include "gl/gpumodel.h"
+#include "gl/samplertexturemanager.h"
+#include "render/demoscene.h"
+#include "render/gltfimporter.h"
+#include "render/scenerenderer.h"
+#include "support/gltest.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <cmath>
+
+using namespace Tavren::Vyx;
+
+namespace {
+
+const QSize kSize(160, 90);
+const QString kModels = QStringLiteral("/usr/share/assimp/models/glTF2");
+
+class SceneRenderTest : public VyxTest::GLTest
+{
+protected:
+    void TearDown() override
+    {
+        model.clear();
+        renderer.reset();
+        manager.clear();
+        GLTest::TearDown();
+    }
+
+    QImage render(const Camera* chosen = nullptr)
+    {
+        Camera camera = chosen ? *chosen : model.getCamera(0);
+        if (!chosen)
+            camera.setWorldMatrix(model.getCameraWorldSpaceMatrix(0));
+        renderer->setSamples(1);
+        renderer->setShadowMapSize(512);
+        return renderer->renderToImage(model, camera, kSize);
+    }
+
+    // Where a world point lands in the image (top row first).
+    QPoint pixelOf(const QVector3D& world)
+    {
+        const QVector3D ndc = (model.getCameraProjectionMatrix(0, float(kSize.width()) / kSize.height()) *
+                               model.getCameraWorldSpaceMatrix(0).inverted())
+                                  .map(world);
+        return QPoint(int((ndc.x() + 1) * 0.5f * kSize.width()), int((1 - ndc.y()) * 0.5f * kSize.height()));
+    }
+
+    SamplerTextureManager manager;
+    GPUModel model;
+    QObject lights;
+    GLTFImporter importer{&manager};
+    std::unique_ptr<SceneRenderer> renderer = std::make_unique<SceneRenderer>(&manager);
+};
+
+// A one-triangle scene with the faults a case asks for, as glTF JSON with an embedded buffer.
+QByteArray triangleScene(int accessorCount, quint16 lastIndex, const QString& imageUri)
+{
+    QByteArray bin;
+    const float positions[] = {0, 0, 0, 1, 0, 0, 0, 1, 0};
+    const quint16 indices[] = {0, 1, lastIndex, 0};
+    bin.append(reinterpret_cast<const char*>(positions), sizeof(positions));
+    bin.append(reinterpret_cast<const char*>(indices), sizeof(indices));
+    QJsonObject material{{"pbrMetallicRoughness", QJsonObject{{"baseColorTexture", QJsonObject{{"index", 0}}}}}};
+    const QJsonObject primitive{{"attributes", QJsonObject{{"POSITION", 0}}}, {"indices", 1}, {"material", 0}};
+    const QJsonObject positionAccessor{{"bufferView", 0}, {"componentType", 5126}, {"count", accessorCount},
+                                       {"type", "VEC3"}, {"min", QJsonArray{0, 0, 0}}, {"max", QJsonArray{1, 1, 0}}};
+    const QJsonObject indexAccessor{{"bufferView", 1}, {"componentType", 5123}, {"count", 3}, {"type", "SCALAR"}};
+    const QJsonObject buffer{{"byteLength", bin.size()},
+                             {"uri", QString("data:application/octet-stream;base64," + bin.toBase64())}};
+    QJsonObject root;
+    root["asset"] = QJsonObject{{"version", "2.0"}};
+    root["scenes"] = QJsonArray{QJsonObject{{"nodes", QJsonArray{0}}}};
+    root["nodes"] = QJsonArray{QJsonObject{{"mesh", 0}}};
+    root["meshes"] = QJsonArray{QJsonObject{{"primitives", QJsonArray{primitive}}}};
+    root["materials"] = QJsonArray{material};
+    root["textures"] = QJsonArray{QJsonObject{{"source", 0}}};
+    root["images"] = QJsonArray{QJsonObject{{"uri", imageUri}}};
+    root["accessors"] = QJsonArray{positionAccessor, indexAccessor};
+    root["bufferViews"] = QJsonArray{QJsonObject{{"buffer", 0}, {"byteOffset", 0}, {"byteLength", 36}},
+                                     QJsonObject{{"buffer", 0}, {"byteOffset", 36}, {"byteLength", 8}}};
+    root["buffers"] = QJsonArray{buffer};
+    return QJsonDocument(root).toJson();
+}
+
+} // namespace
+
+TEST_F(SceneRenderTest, DemoMatchesItsReferenceAndTheBoxShadowsTheGround)
+{
+    ASSERT_TRUE(importer.loadFromMemory(DemoScene::glb(), QString(), model, &lights)) << qPrintable(importer.errorString());
+    // Lights arrive in the shadow code's conventions: a directional light travels along its +Z.
+    ASSERT_EQ(model.lightCount(), 2);
+    QVariant sun, spot;
+    model.getLight(0, sun);
+    model.getLight(1, spot);
+    auto* sunLight = qobject_cast<PunctualLight*>(sun.value<QObject*>());
+    auto* spotLight = qobject_cast<PunctualLight*>(spot.value<QObject*>());
+    ASSERT_TRUE(sunLight && spotLight);
+    EXPECT_EQ(sunLight->type(), ShadowMapLight::Directional);
+    const QVector3D travel = sunLight->transform().mapVector(QVector3D(0, 0, 1));
+    EXPECT_LT((travel + QVector3D(0.45f, 0.8f, 0.35f).normalized()).length(), 1e-4f);
+    EXPECT_EQ(spotLight->type(), ShadowMapLight::Spot);
+    EXPECT_FLOAT_EQ(spotLight->spotCutoff(), 0.5f);
+    EXPECT_FLOAT_EQ(spotLight->intensity, 28.0f);
+    ASSERT_EQ(model.getCameraCount(), 1);
+    EXPECT_NEAR(model.getCamera(0).fieldOfView(), 0.75 * 180 / M_PI, 1e-3);
+    EXPECT_LT((model.sceneBounds().minimum() - QVector3D(-8, -0.1f, -8)).length(), 1e-4f) << "ground plane bounds";
+    const QImage image = render().convertToFormat(QImage::Format_RGB32);
+    ASSERT_FALSE(image.isNull()) << qPrintable(renderer->errorString());
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+
+    const QImage reference(QStringLiteral(VYX_TEST_SOURCE_DIR "/gl/data/demo-160x90.png"));
+    ASSERT_EQ(reference.size(), kSize);
+    const QImage expected = reference.convertToFormat(QImage::Format_RGB32);
+    double total = 0;
+    int far = 0;
+    for (int y = 0; y < kSize.height(); ++y)
+        for (int x = 0; x < kSize.width(); ++x) {
+            const QRgb a = image.pixel(x, y), b = expected.pixel(x, y);
+            const int d = std::max({std::abs(qRed(a) - qRed(b)), std::abs(qGreen(a) - qGreen(b)), std::abs(qBlue(a) - qBlue(b))});
+            total += d;
+            far += d > 24;
+        }
+    EXPECT_LT(total / (kSize.width() * kSize.height()), 2.0);
+    EXPECT_LT(far, kSize.width() * kSize.height() / 100) << "pixels far from the reference";
+
+    // The sun's shadow of the box on the ground, against open ground in front of the spheres.
+    const QPoint shadowed = pixelOf(QVector3D(-4.35f, 0, -0.9f)), lit = pixelOf(QVector3D(0.5f, 0, 2.6f));
+    ASSERT_TRUE(QRect(QPoint(), kSize).contains(shadowed) && QRect(QPoint(), kSize).contains(lit));
+    EXPECT_LT(qGray(image.pixel(shadowed)) + 25, qGray(image.pixel(lit)));
+}
+
+TEST_F(SceneRenderTest, ModelsFromTheTestModelPackageRenderWithoutGLErrors)
+{
+    const QStringList files = {"2CylinderEngine-glTF-Binary/2CylinderEngine.glb", "BoxTextured-glTF/BoxTextured.gltf",
+                               "BoxTextured-glTF-Embedded/BoxTextured.gltf", "BoxTexcoords-glTF/boxTexcoords.gltf",
+                               "cameras/Cameras.gltf", "glTF-Sample-Models/AnimatedMorphCube-glTF/AnimatedMorphCube.gltf"};
+    if (!QFileInfo::exists(kModels + "/" + files[0]))
+        GTEST_SKIP() << "assimp-testmodels is not installed";
+    for (const QString& file : files) {
+        SCOPED_TRACE(qPrintable(file));
+        ASSERT_TRUE(importer.load(kModels + "/" + file, model, &lights)) << qPrintable(importer.errorString());
+        ASSERT_GT(model.numDrawables(), 0);
+        const BoundingBox bounds = model.sceneBounds();
+        ASSERT_FALSE(bounds.isEmpty());
+        Camera camera;
+        const float radius = bounds.size().length();
+        camera.lookAt(bounds.center() + QVector3D(0.3f, 0.4f, 1) * radius, bounds.center(), QVector3D(0, 1, 0));
+        camera.setNearFar(radius * 0.01f, radius * 5);
+        const QImage image = render(&camera);
+        ASSERT_FALSE(image.isNull()) << qPrintable(renderer->errorString());
+        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+    }
+}
+
+TEST_F(SceneRenderTest, MalformedScenesFailWithAMessageAndUnreadableImagesTurnWhite)
+{
+    const QByteArray demo = DemoScene::glb();
+    const struct
+    {
+        const char* name;
+        QByteArray bytes;
+        const char* message;
+    } cases[] = {
+        {"truncated container", demo.left(demo.size() / 2), ""},
+        {"accessor past its buffer", triangleScene(40, 2, "white.png"), "Accessor 0 reaches past the end of its buffer"},
+        {"index out of range", triangleScene(3, 7, "white.png"), "Mesh 0 primitive 0 uses vertex 7 of 3"},
+        {"missing buffer file", triangleScene(3, 2, "x").replace("data:application/octet-stream;base64,", "gone.bin#"), ""},
+        {"not JSON", QByteArray("{ nodes"), ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_FALSE(importer.loadFromMemory(c.bytes, QDir::tempPath(), model, &lights));
+        EXPECT_FALSE(importer.errorString().isEmpty());
+        EXPECT_TRUE(importer.errorString().contains(QLatin1String(c.message))) << qPrintable(importer.errorString());
+        EXPECT_EQ(model.numDrawables(), 0);
+    }
+
+    ASSERT_TRUE(importer.loadFromMemory(triangleScene(3, 2, "no-such-image.png"), QDir::tempPath(), model, &lights))
+        << qPrintable(importer.errorString());
+    EXPECT_TRUE(importer.warnings().join('\n').contains("renders white")) << qPrintable(importer.warnings().join('\n'));
+    EXPECT_EQ(model.numDrawables(), 1);
+}
