@@ -6,7 +6,7 @@
 #include "gl/bufferobject.h"
 #include "gl/drawbuffers.h"
 #include "gl/drawbuffers_p.h"
-#include "gl/glcontexttracker.h"
+#include "gl/internal/percontextrecords.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
 #include "gl/instancedatacollection.h"
@@ -31,7 +31,7 @@ PerContextRecords<bool> primitiveRestart;
 void setUpPrimitiveRestart()
 {
     primitiveRestart.withCurrentPrepared(
-        [](bool&) {
+        [](bool&, void*) {
             glEnable(GL_PRIMITIVE_RESTART);
             glPrimitiveRestartIndex(kPrimitiveRestartIndex);
         },
