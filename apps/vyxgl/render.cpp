@@ -7,7 +7,11 @@
 #include "gl/headlesscontext.h"
 #include "gl/opengldevicecontext.h"
 #include "render/demoscene.h"
+#include "gl/texture.h"
+#include "gl/textureio.h"
+#include "gl/textureutilities.h"
 #include "render/gltfimporter.h"
+#include "render/postprocess.h"
 #include "render/scenerenderer.h"
 
 #include <QCoreApplication>
@@ -17,6 +21,7 @@
 #include <QtMath>
 
 #include <cmath>
+#include <memory>
 #include <cstdio>
 #include <cstring>
 
@@ -27,13 +32,14 @@ namespace {
 void printRenderUsage()
 {
     std::printf(
-        "usage: vyxgl render [SCENE] [--env FILE] [--size WxH] [--camera N] [--exposure EV] [-o out.png]\n"
+        "usage: vyxgl render [SCENE] [--env FILE] [--size WxH] [--camera N] [--exposure EV] [--aa MODE] [-o out.png]\n"
         "  SCENE          a .gltf or .glb file; without one, the built-in demo scene\n"
         "  --env FILE     environment picture (lat-long; .hdr, .ktx or any Qt image);\n"
         "                 default: a procedural sky\n"
         "  --size WxH     image size (default 1280x720)\n"
         "  --camera N     the scene's camera N (default: its first, else one framing the scene)\n"
         "  --exposure EV  exposure in stops (default 0)\n"
+        "  --aa MODE      screen-space anti-aliasing: none (default), fxaa or smaa\n"
         "  --samples N    multisampling samples per pixel (default 4; 1 = off)\n"
         "  --timing       print the import, first-frame and warm-frame times\n"
         "  -o FILE        output PNG (default vyxgl-render.png)\n");
@@ -46,6 +52,7 @@ struct Options
     int camera = -1;
     int samples = 4;
     float exposure = 0.0f;
+    PostProcess::Mode antiAliasing = PostProcess::eNone;
     bool timing = false;
 };
 
@@ -76,6 +83,8 @@ int parse(int argc, char** argv, Options& o)
         } else if (arg == QLatin1String("--samples")) {
             o.samples = value.toInt(&ok);
             ok = ok && o.samples >= 1 && o.samples <= 16;
+        } else if (arg == QLatin1String("--aa")) {
+            o.antiAliasing = PostProcess::modeFromString(value, &ok);
         } else if (arg == QLatin1String("--exposure")) {
             o.exposure = value.toFloat(&ok);
             ok = ok && std::isfinite(o.exposure);
@@ -112,6 +121,23 @@ Camera framingCamera(GPUModel& model, float aspect)
     camera.lookAt(centre + QVector3D(0.45f, 0.35f, 1.0f).normalized() * distance, centre, QVector3D(0, 1, 0));
     camera.setNearFar(distance * 0.01f, distance + radius * 4);
     return camera;
+}
+
+// The finished picture through FXAA or SMAA: uploaded, processed on the GPU and read back.
+QImage antiAliased(const QImage& image, PostProcess::Mode mode)
+{
+    if (mode == PostProcess::eNone)
+        return image;
+    const std::unique_ptr<Texture> source(QImageToTexture(image.convertToFormat(QImage::Format_ARGB32), false, TextureFileInfo()));
+    const std::unique_ptr<Texture> destination(source ? WritableCopyOfTexture(source.get(), GL_RGBA8, 0) : nullptr);
+    PostProcess post;
+    if (!destination || !post.apply(mode, source.get(), destination.get()) || !destination->bind())
+        return QImage();
+    QImage result(image.size(), QImage::Format_RGBA8888);
+    glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    glGetTexImage(GL_TEXTURE_2D, 0, GL_RGBA, GL_UNSIGNED_BYTE, result.bits());
+    destination->unbind();
+    return result;
 }
 
 int renderWithContext(const Options& options)
@@ -178,6 +204,11 @@ int renderWithContext(const Options& options)
         glFinish();
         std::printf("import %.1f ms, first frame %.1f ms, warm frame %.1f ms\n", importTime / 1e6, firstFrame / 1e6,
                     timer.nsecsElapsed() / 1e6);
+    }
+    image = antiAliased(image, options.antiAliasing);
+    if (image.isNull()) {
+        std::fprintf(stderr, "vyxgl render: the anti-aliasing pass failed\n");
+        return 1;
     }
     const GLenum error = glGetError();
     if (error != GL_NO_ERROR) {
