@@ -7,7 +7,9 @@
 // rasteriser threads included; "projector" is the time per layer. At 16x16 texels rasterising
 // costs next to nothing, so that size shows what the submission costs and 1024 what the pixels
 // add. Baseline: the spot light drawn by a hand loop that sets a model-matrix uniform and calls
-// glDrawElements per box through the draw-function overload.
+// glDrawElements per box through the draw-function overload. The model draws with a draw-ID
+// uniform and one draw per box, or (path 2, where the context has it) with one multi-draw
+// indirect call per drawable, draw IDs from the base instance.
 #include "benchtarget.h"
 #include "gl/drawbuffers.h"
 #include "gl/gpumodel.h"
@@ -166,13 +168,24 @@ Scene& scene()
     return instance;
 }
 
-// Arguments: light type, shadow map size, 1 for the hand loop, blur radius.
+enum Path { eModel, eHand, eModelMultiDraw };
+
+// Arguments: light type, shadow map size, Path, blur radius.
 void RenderMoments(benchmark::State& state)
 {
     Scene& s = scene();
     const auto type = ShadowMapLight::Type(state.range(0));
     const int size = int(state.range(1));
-    const bool hand = state.range(2) != 0;
+    const auto path = Path(state.range(2));
+    const bool hand = path == eHand;
+    if (path == eModelMultiDraw && !(DrawBuffers::isMultiDrawIndirectSupported() &&
+                                     DrawBuffers::isBaseInstanceDrawingSupported())) {
+        state.SkipWithError("no multi-draw indirect with base instances");
+        return;
+    }
+    DrawBuffers::useBaseInstanceDrawing(path == eModelMultiDraw);
+    for (int d = 0; d < s.model.numDrawables(); ++d)
+        s.model.drawBuffers(d)->setMultiDrawIndirect(path == eModelMultiDraw);
     const int blur = int(state.range(3));
     Lights lights;
     lights.add(type, type == ShadowMapLight::Directional ? lookingFrom(QVector3D(0, 0, 0), QVector3D(1, -2, 0.5f))
@@ -190,24 +203,28 @@ void RenderMoments(benchmark::State& state)
                    : s.renderer.render(data, s.model)) && ok;
         glFinish();
     }
+    DrawBuffers::useBaseInstanceDrawing(false);
     if (!ok)
         state.SkipWithError("the moments were not rendered");
     state.counters["projector"] = benchmark::Counter(double(state.iterations() * data.projectorCount()),
                                                      benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
     static const char* const kNames[] = {"point, 6 layers", "spot, 1 layer", "directional, 4 cascades"};
-    state.SetLabel(std::string(kNames[type]) + (hand ? ", hand loop (baseline)" : ", GPUModel") +
+    state.SetLabel(std::string(kNames[type]) + (hand ? ", hand loop (baseline)" : path == eModel ? ", GPUModel" : ", GPUModel, multi-draw") +
                    (blur ? ", blur radius 2" : ""));
 }
 BENCHMARK(RenderMoments)
-    ->Args({ShadowMapLight::Spot, 16, 1, 0})
-    ->Args({ShadowMapLight::Spot, 16, 0, 0})
-    ->Args({ShadowMapLight::Point, 16, 0, 0})
-    ->Args({ShadowMapLight::Directional, 16, 0, 0})
-    ->Args({ShadowMapLight::Spot, 1024, 1, 0})
-    ->Args({ShadowMapLight::Spot, 1024, 0, 0})
-    ->Args({ShadowMapLight::Point, 1024, 0, 0})
-    ->Args({ShadowMapLight::Directional, 1024, 0, 0})
-    ->Args({ShadowMapLight::Spot, 1024, 0, 2})
+    ->Args({ShadowMapLight::Spot, 16, eHand, 0})
+    ->Args({ShadowMapLight::Spot, 16, eModel, 0})
+    ->Args({ShadowMapLight::Point, 16, eModel, 0})
+    ->Args({ShadowMapLight::Directional, 16, eModel, 0})
+    ->Args({ShadowMapLight::Spot, 1024, eHand, 0})
+    ->Args({ShadowMapLight::Spot, 1024, eModel, 0})
+    ->Args({ShadowMapLight::Point, 1024, eModel, 0})
+    ->Args({ShadowMapLight::Directional, 1024, eModel, 0})
+    ->Args({ShadowMapLight::Spot, 1024, eModelMultiDraw, 0})
+    ->Args({ShadowMapLight::Point, 1024, eModelMultiDraw, 0})
+    ->Args({ShadowMapLight::Directional, 1024, eModelMultiDraw, 0})
+    ->Args({ShadowMapLight::Spot, 1024, eModel, 2})
     ->MeasureProcessCPUTime()
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);

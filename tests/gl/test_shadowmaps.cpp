@@ -111,7 +111,10 @@ protected:
 
     void TearDown() override
     {
-        model.clear();
+        {
+            MessageCapture namedArray; // a vertex array deleted with its GL name says so
+            model.clear();
+        }
         renderer.reset();
         DrawBuffers::useBaseInstanceDrawing(false);
         GLTest::TearDown();
@@ -257,6 +260,10 @@ TEST_F(ShadowMapsTest, ModelCastersAreWhatTheFlagsAndVisibilityLeave)
     far.translate(10, 0, 0);
     model.useTransform(id, 0, model.addTransform(-1, far));
     model.useBoundingBox(id, 0, 0);
+    {
+        MessageCapture unplacedMatrix; // its plan has nowhere to take the world matrix
+        model.updateTransforms();
+    }
 
     ShadowMapLight light;
     light.setType(ShadowMapLight::Spot);
