@@ -1,5 +1,7 @@
 #include "gl/shadowmapmanagerculling.h"
 
+#include "gl/gpumodel.h"
+
 #include <QVector4D>
 
 #include <algorithm>
@@ -65,6 +67,32 @@ void ShadowMapManagerCulling::setupScene(const QPair<QVector3D, QVector3D>* scen
         _sceneMin = QVector3D(std::min(a.x(), b.x()), std::min(a.y(), b.y()), std::min(a.z(), b.z()));
         _sceneMax = QVector3D(std::max(a.x(), b.x()), std::max(a.y(), b.y()), std::max(a.z(), b.z()));
     }
+}
+
+bool ShadowMapManagerCulling::sceneBounds(GPUModel& model, QPair<QVector3D, QVector3D>& bounds, quint64 flags,
+                                          quint64 mask)
+{
+    model.updateTransforms();
+    BoundingBox box;
+    for (int i = 0; i < model.numDrawables(); ++i) {
+        const GPUModel::Drawable& d = model.drawable(i);
+        if ((d.flags & mask) != (flags & mask) || (d.flags & GPUModel::kHiddenFlag))
+            continue;
+        for (int c = 0; c < d.boundingBoxRefs.size(); ++c) {
+            const int t = d.transformRefs[c];
+            if (!model.isValidBoundingBox(d.boundingBoxRefs[c]))
+                continue;
+            const BoundingBox local = model.getBoundingBox(d.boundingBoxRefs[c]);
+            if (!model.isValidTransform(t))
+                box.unite(local);
+            else if (model.visibility(t) != 2 && model.visibility(t) != 3 && !model.isParentHidden(t))
+                box.unite(local.transformed(model.worldTransform(t)));
+        }
+    }
+    if (box.isEmpty())
+        return false;
+    bounds = qMakePair(box.minimum(), box.maximum());
+    return true;
 }
 
 void ShadowMapManagerCulling::setupPost()

@@ -11,6 +11,8 @@
 
 namespace Tavren::Vyx {
 
+class GPUModel;
+
 // Fits the cascades of a directional light to the camera.
 //
 // The camera's view depth range is clipped to the scene: with the camera inside the scene bounds
@@ -34,6 +36,12 @@ class VYXGL_EXPORT ShadowMapManagerCulling
 public:
     void setupCameras(const QMatrix4x4* view, const QMatrix4x4* projection);
     void setupScene(const QPair<QVector3D, QVector3D>* sceneBounds);
+    // Scene bounds from a model: the world-space box around every command that a shadow pass of
+    // ShadowMapRenderer draws with these flags (drawables matching (flags & mask), neither they
+    // nor the command's transform hidden; commands without a box do not count). False, with
+    // `bounds` untouched, when there is no such command.
+    static bool sceneBounds(GPUModel& model, QPair<QVector3D, QVector3D>& bounds, quint64 flags = 0,
+                            quint64 mask = 0);
     // Derives the clipped view depth range; after it, isReady() tells whether cascades can be fitted.
     void setupPost();
     bool isReady() const { return _ready; }

@@ -10,6 +10,7 @@
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/shadowmapmanager.h"
+#include "gl/shadowmapmanagerculling.h"
 #include "gl/texture.h"
 #include "gl/texturemanager.h"
 #include "gl/textureio.h"
@@ -237,35 +238,13 @@ bool SceneRenderer::renderShadows(GPUModel& model, const Camera& camera, const Q
     }
     if (!_shadows || !anyCaster)
         return true;
-    const BoundingBox bounds = model.sceneBounds();
-    const QPair<QVector3D, QVector3D> box(bounds.minimum(), bounds.maximum());
+    QPair<QVector3D, QVector3D> bounds;
+    const bool hasBounds = ShadowMapManagerCulling::sceneBounds(model, bounds);
     const QMatrix4x4 view = camera.viewMatrix();
     const QMatrix4x4 projection = camera.projectionMatrix(float(size.width()) / size.height());
     _d->shadowData.setShadowMapSize(_shadowMapSize);
-    ShadowMapManager::processLights(lights, _d->shadowData, &view, &projection, &box);
-    // The moments program places vertices with u_ModelMatrix, so each command is drawn alone.
-    const auto drawModel = [&model](ShaderProgram& program, const QMatrix4x4&) {
-        const GLint modelMatrix = program.getUniformLocation(QStringLiteral("u_ModelMatrix"));
-        for (int d = 0; d < model.numDrawables(); ++d) {
-            DrawBuffers* db = model.drawBuffers(d);
-            const GPUModel::Drawable& drawable = model.drawable(d);
-            if (!db || (drawable.flags & GPUModel::kHiddenFlag) || !db->bind())
-                continue;
-            db->VAO()->enableShaderProgramArrays(&program);
-            const QVector<DrawElementsIndirectCommand>& commands = db->drawElementsIndirectCommands();
-            for (int c = 0; c < commands.size() && c < drawable.transformRefs.size(); ++c) {
-                if (model.isCommandCulled(d, c))
-                    continue;
-                const QMatrix4x4 world = model.worldTransform(drawable.transformRefs[c]);
-                glUniformMatrix4fv(modelMatrix, 1, GL_FALSE, world.constData());
-                glDrawElementsBaseVertex(GL_TRIANGLES, GLsizei(commands[c].count), GL_UNSIGNED_INT,
-                                         reinterpret_cast<const void*>(quintptr(commands[c].firstIndex) * 4),
-                                         GLint(commands[c].baseVertex));
-            }
-            db->unbind();
-        }
-    };
-    if (!_d->shadowRenderer->render(_d->shadowData, drawModel))
+    ShadowMapManager::processLights(lights, _d->shadowData, &view, &projection, hasBounds ? &bounds : nullptr);
+    if (!_d->shadowRenderer->render(_d->shadowData, model))
         return fail(QStringLiteral("The shadow maps could not be rendered"));
     return true;
 }

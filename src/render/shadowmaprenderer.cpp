@@ -2,8 +2,13 @@
 
 #include "core/logging.h"
 #include "gl/bindable.h"
+#include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/glloader.h"
+#include "gl/glslmacroprocessor.h"
+#include "gl/gpumodel.h"
+#include "gl/instancedatacollection.h"
+#include "gl/instancedataplan.h"
 #include "gl/shaderprogram.h"
 #include "gl/shadowmapmanager.h"
 #include "gl/texture.h"
@@ -20,6 +25,15 @@ uniform mat4 u_ShadowMapProjector;
 uniform mat4 u_ModelMatrix;
 in vec4 va_Vertex;
 void main() { gl_Position = u_ShadowMapProjector * (u_ModelMatrix * va_Vertex); }
+)";
+
+// A model's commands find their world matrix in their object data, by draw ID.
+const char* const kModelMomentsVertex = R"(#version 150
+#include "VyxUtilities.glslh"
+#instancedata "%1"
+uniform mat4 u_ShadowMapProjector;
+in vec4 va_Vertex;
+void main() { gl_Position = u_ShadowMapProjector * (getModelMatrix() * va_Vertex); }
 )";
 
 // Depth in the projector's normalised range, as the lookup computes it. The derivative term keeps
@@ -77,14 +91,19 @@ QVector<float> gaussianWeights(int radius)
     return weights;
 }
 
+std::unique_ptr<ShaderProgram> linked(std::unique_ptr<ShaderProgram> program)
+{
+    if (!VYX_CHECK(program->link(), "Shadow map program failed to link: %s", qPrintable(program->log())))
+        return nullptr;
+    return program;
+}
+
 std::unique_ptr<ShaderProgram> linked(const char* vertex, const char* fragment)
 {
     auto program = std::make_unique<ShaderProgram>();
     program->addShader(GL_VERTEX_SHADER, QString::fromLatin1(vertex));
     program->addShader(GL_FRAGMENT_SHADER, QString::fromLatin1(fragment));
-    if (!VYX_CHECK(program->link(), "Shadow map program failed to link: %s", qPrintable(program->log())))
-        return nullptr;
-    return program;
+    return linked(std::move(program));
 }
 
 std::unique_ptr<Texture> momentsArray(int size, int layers)
@@ -114,6 +133,7 @@ struct SavedState
     GLfloat clearColour[4] = {};
     AutoEnabler depthTest{GL_DEPTH_TEST};
     AutoDisabler blend{GL_BLEND};
+    AutoDisabler cullFace{GL_CULL_FACE};
 };
 
 } // namespace
@@ -133,6 +153,7 @@ void ShadowMapRenderer::setBlurRadius(int texels)
 
 bool ShadowMapRenderer::prepare(int size, int layers)
 {
+    VYX_CHECK_RETURN(size > 0 && size <= 16384, false, "Shadow map size %d outside 1 to 16384", size);
     if (!_momentsProgram) {
         _momentsProgram = linked(kMomentsVertex, kMomentsFragment);
         _blurProgram = linked(kFullscreenVertex, kBlurFragment);
@@ -163,12 +184,72 @@ bool ShadowMapRenderer::prepare(int size, int layers)
 
 bool ShadowMapRenderer::render(ShadowMapRenderData& data, const DrawFunction& draw)
 {
-    const int size = data.shadowMapSize();
-    VYX_CHECK_RETURN(size > 0 && size <= 16384, false, "Shadow map size %d outside 1 to 16384", size);
-    if (!prepare(size, std::max(1, data.projectorCount())))
+    if (!prepare(data.shadowMapSize(), std::max(1, data.projectorCount())))
         return false;
-    data.setProjectionTexture(_moments.get());
+    ShaderProgram& program = *_momentsProgram;
+    return renderLayers(data, program, [&](ShaderProgram&, const QMatrix4x4& projector) {
+        program.setUniform(QStringLiteral("u_ModelMatrix"), QVariant(QMatrix4x4()));
+        draw(program, projector);
+    });
+}
 
+bool ShadowMapRenderer::render(ShadowMapRenderData& data, GPUModel& model, quint64 flags, quint64 mask)
+{
+    if (!prepare(data.shadowMapSize(), std::max(1, data.projectorCount())))
+        return false;
+    ShaderProgram* program = modelProgram(model, flags, mask);
+    if (!program)
+        return false;
+    bool drawn = true;
+    const bool rendered = renderLayers(data, *program, [&](ShaderProgram&, const QMatrix4x4&) {
+        drawn = model.draw(program, flags, mask, GPUModel::eWindingNoCulling, false) && drawn;
+    });
+    return rendered && drawn;
+}
+
+ShaderProgram* ShadowMapRenderer::modelProgram(const GPUModel& model, quint64 flags, quint64 mask)
+{
+    const QString matrix = QStringLiteral("ModelMatrix");
+    const InstanceDataPlan* plan = nullptr;
+    for (int i = 0; i < model.numDrawables(); ++i) {
+        const GPUModel::Drawable& d = model.drawable(i);
+        if ((d.flags & mask) != (flags & mask) || (d.flags & GPUModel::kHiddenFlag))
+            continue;
+        const InstanceDataPlan* own = d.objectData ? d.objectData->plan() : nullptr;
+        // (VYX_CHECK: its message reads the plans only once the check failed.)
+        if (!VYX_CHECK(own && own->dataType(matrix) == InstanceDataPlan::eMat4,
+                       "Drawable %d has no mat4 \"ModelMatrix\" in its object data to place its shadow", d.id) ||
+            !VYX_CHECK(!plan || plan->name() == own->name(),
+                       "Drawable %d places its shadow with plan '%s', others with '%s'", d.id,
+                       qPrintable(own->name()), qPrintable(plan->name())))
+            return nullptr;
+        plan = own;
+    }
+    if (!plan) // nothing to draw: the layers are only cleared
+        return _momentsProgram.get();
+    // The draw ID comes from the base instance or a uniform, as DrawBuffers draws now.
+    const QString key = plan->name() + (DrawBuffers::isBaseInstanceDrawing() ? QStringLiteral("/base") : QString());
+    if (_modelProgram && key == _modelProgramKey)
+        return _modelProgram.get();
+    GLSLMacroProcessor macros;
+    DrawBuffers::setup(&macros);
+    auto program = std::make_unique<ShaderProgram>();
+    program->setMacroProcessor(&macros);
+    program->addShader(GL_VERTEX_SHADER, QString::fromLatin1(kModelMomentsVertex).arg(plan->name()));
+    program->addShader(GL_VERTEX_SHADER, plan->glslc());
+    program->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("VyxUtilities.vert"));
+    program->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("VyxUtilities.glslc"));
+    program->addShader(GL_FRAGMENT_SHADER, QString::fromLatin1(kMomentsFragment));
+    program->setMacroProcessor(nullptr);
+    _modelProgram = linked(std::move(program));
+    _modelProgramKey = _modelProgram ? key : QString();
+    return _modelProgram.get();
+}
+
+bool ShadowMapRenderer::renderLayers(ShadowMapRenderData& data, ShaderProgram& program, const DrawFunction& draw)
+{
+    const int size = data.shadowMapSize();
+    data.setProjectionTexture(_moments.get());
     SavedState saved;
     if (!_framebuffer->bind())
         return false;
@@ -184,11 +265,10 @@ bool ShadowMapRenderer::render(ShadowMapRenderData& data, const DrawFunction& dr
         if (complete) {
             glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
             const QMatrix4x4 projector = data.transforms[layer].toMatrix();
-            _momentsProgram->bind();
-            _momentsProgram->setUniform(QStringLiteral("u_ShadowMapProjector"), QVariant(projector));
-            _momentsProgram->setUniform(QStringLiteral("u_ModelMatrix"), QVariant(QMatrix4x4()));
-            draw(*_momentsProgram, projector);
-            _momentsProgram->unbind();
+            program.bind();
+            program.setUniform(QStringLiteral("u_ShadowMapProjector"), QVariant(projector));
+            draw(program, projector);
+            program.unbind();
             if (_blurRadius > 0)
                 blurLayer(layer);
         }

@@ -3,6 +3,7 @@
 #include "core/vyxexport.h"
 
 #include <QMatrix4x4>
+#include <QString>
 
 #include <functional>
 #include <memory>
@@ -10,6 +11,7 @@
 namespace Tavren::Vyx {
 
 class FramebufferObject;
+class GPUModel;
 class ShaderProgram;
 class ShadowMapRenderData;
 class Texture;
@@ -19,9 +21,10 @@ class Texture;
 // array texture, optionally blurred. Texels no caster covers hold (1, 1), and so does the border
 // the lookups read outside a projector's square, so both count as "nothing there".
 //
-// The scene comes from the caller: `draw` runs once per projector with the moments program bound.
-// That program reads positions from the attribute "va_Vertex" and places them with the uniform
-// mat4 "u_ModelMatrix" (reset to identity before each call), then "u_ShadowMapProjector".
+// The scene is a GPUModel, or comes from the caller: `draw` runs once per projector with the
+// moments program bound. That program reads positions from the attribute "va_Vertex" and places
+// them with the uniform mat4 "u_ModelMatrix" (reset to identity before each call), then
+// "u_ShadowMapProjector".
 class VYXGL_EXPORT ShadowMapRenderer
 {
 public:
@@ -39,17 +42,29 @@ public:
 
     // Renders data.projectorCount() layers of data.shadowMapSize() squared texels into the
     // renderer's own texture, which it makes the data's projection texture. Restores the bound
-    // framebuffer, viewport, clear colour and depth-test and blend states; leaves the depth
-    // function LESS, depth writes on and the clear depth 1.
+    // framebuffer, viewport, clear colour and depth-test, blend and face-culling states; leaves
+    // the depth function LESS, depth writes on and the clear depth 1.
     bool render(ShadowMapRenderData& data, const DrawFunction& draw);
+    // The same for the model's drawables whose flags match (flags & mask), say mask
+    // GPUModel::kSortBackToFrontFlag to leave out the transparent ones. Hidden drawables and
+    // transforms stay out, camera culling is ignored: casters outside the view still throw
+    // shadows into it. Faces are not culled. The drawables drawn must share one object-data plan
+    // with a mat4 "ModelMatrix", read by draw ID as the model's own shaders do; false, with
+    // nothing drawn, when they do not.
+    bool render(ShadowMapRenderData& data, GPUModel& model, quint64 flags = 0, quint64 mask = 0);
 
     Texture* texture() const { return _moments.get(); }
 
 private:
     bool prepare(int size, int layers);
+    // Draws every projector's layer with `program` bound and its projector set.
+    bool renderLayers(ShadowMapRenderData& data, ShaderProgram& program, const DrawFunction& draw);
     void blurLayer(int layer);
+    // The moments program for the object-data plan of the drawables the model would draw.
+    ShaderProgram* modelProgram(const GPUModel& model, quint64 flags, quint64 mask);
 
-    std::unique_ptr<ShaderProgram> _momentsProgram, _blurProgram;
+    std::unique_ptr<ShaderProgram> _momentsProgram, _blurProgram, _modelProgram;
+    QString _modelProgramKey;
     std::unique_ptr<Texture> _moments, _depth, _scratch;
     std::unique_ptr<FramebufferObject> _framebuffer;
     unsigned int _emptyVertexArray = 0;

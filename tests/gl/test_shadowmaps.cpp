@@ -1,6 +1,14 @@
+#include "gl/bufferobject.h"
+#include "gl/drawbuffers.h"
 #include "gl/glslmacroprocessor.h"
+#include "gl/gpumodel.h"
+#include "gl/instancedatacollection.h"
+#include "gl/instancedataplan.h"
+#include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/shadowmapmanager.h"
+#include "gl/shadowmapmanagerculling.h"
+#include "gl/vertexarrayobject.h"
 #include "render/shadowmaprenderer.h"
 #include "support/glhelpers.h"
 #include "support/gltest.h"
@@ -20,19 +28,12 @@ using VyxTest::MessageCapture;
 
 namespace {
 
-// A ground slab 8 units wide with its top at y = 0 and a unit box standing on its centre, seen
-// from straight above on a 64x64 target, one pixel per 1/8 unit.
+// A GPUModel of a ground slab 8 units wide with its top at y = 0 and a unit box standing on its
+// centre, both the same unit cube placed by their transforms, seen from straight above on a 64x64
+// target, one pixel per 1/8 unit.
 constexpr int kPixels = 64;
 const QVector3D kBoxLow(-0.5f, 0.0f, -0.5f), kBoxHigh(0.5f, 1.0f, 0.5f);
-
-void addBox(std::vector<float>& out, QVector3D low, QVector3D high)
-{
-    static const int kFaces[6][4] = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4}, {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
-    for (const auto& face : kFaces)
-        for (int corner : {face[0], face[1], face[2], face[0], face[2], face[3]})
-            out.insert(out.end(), {corner & 1 ? high.x() : low.x(), corner & 2 ? high.y() : low.y(),
-                                   corner & 4 ? high.z() : low.z()});
-}
+const QPair<QVector3D, QVector3D> kSceneBounds(QVector3D(-4, -0.1f, -4), QVector3D(4, 1, 4));
 
 // Does the ray from p along dir, for t in (0, limit), pass through the box?
 bool rayHitsBox(QVector3D p, QVector3D dir, float limit)
@@ -59,58 +60,88 @@ protected:
     void SetUp() override
     {
         GLTest::SetUp();
-        ShadowMapManager::setup(&macros);
-        std::vector<float> triangles;
-        addBox(triangles, QVector3D(-4, -0.1f, -4), QVector3D(4, 0, 4));
-        addBox(triangles, kBoxLow, kBoxHigh);
-        vertexCount = int(triangles.size() / 3);
-        glGenBuffers(1, &buffer);
-        glBindBuffer(GL_ARRAY_BUFFER, buffer);
-        glBufferData(GL_ARRAY_BUFFER, GLsizeiptr(triangles.size() * sizeof(float)), triangles.data(), GL_STATIC_DRAW);
-        glGenVertexArrays(1, &vertexArray);
+        objectPlan.addMember(InstanceDataPlan::eMat4, "ModelMatrix");
+        objectPlan.setArraySize(4);
+        InstanceDataRegistry::Instance().registerPlan(&objectPlan);
+
+        float corners[24];
+        for (int i = 0; i < 24; ++i)
+            corners[i] = (i / 3) >> (i % 3) & 1 ? 0.5f : -0.5f;
+        static const int kFaces[6][4] = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4}, {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
+        std::vector<GLuint> indices;
+        for (const auto& face : kFaces)
+            for (int corner : {face[0], face[1], face[2], face[0], face[2], face[3]})
+                indices.push_back(GLuint(corner));
+        auto device = OpenGLDeviceContext::current();
+        auto vertices = device->newBuffer();
+        vertices->setTarget(GL_ARRAY_BUFFER);
+        vertices->bind();
+        vertices->upload(corners, 24, GL_STATIC_DRAW);
+        vertices->unbind();
+        auto indexBuffer = device->newBuffer();
+        indexBuffer->setTarget(GL_ELEMENT_ARRAY_BUFFER);
+        indexBuffer->bind();
+        indexBuffer->uploadGLuintData(indices.data(), 36, GL_STATIC_DRAW);
+        indexBuffer->unbind();
+        auto vao = device->newVAO();
+        vao->registerBO("va_Vertex", vertices, 3, GL_FLOAT);
+
+        auto* db = new DrawBuffers;
+        db->setVAO(vao);
+        db->setPrimitiveType(GL_TRIANGLES);
+        db->setIndexedDraw(indexBuffer, 36, GL_UNSIGNED_INT);
+        const DrawElementsIndirectCommand commands[] = {{36, 1, 0, 0, 0}, {36, 1, 0, 0, 1}};
+        db->setDrawElementsIndirectCommands(commands, 2);
+        const BoundingBox unitCube(QVector3D(-0.5f, -0.5f, -0.5f), QVector3D(0.5f, 0.5f, 0.5f));
+        model.loadBoundingBoxes(&unitCube, 1);
+        const int id = model.add(db, 0, nullptr, new InstanceDataCollection(&objectPlan, size_t(2)), 0);
+        QMatrix4x4 ground, box;
+        ground.translate(0, -0.05f, 0);
+        ground.scale(8, 0.1f, 8);
+        box.translate(0, 0.5f, 0);
+        for (const QMatrix4x4& placement : {ground, box}) {
+            const int command = model.transformCount();
+            model.useTransform(id, command, model.addTransform(-1, placement));
+            model.useBoundingBox(id, command, 0);
+        }
+        model.updateTransforms();
         view.lookAt(QVector3D(0, 10, 0), QVector3D(0, 0, 0), QVector3D(0, 0, -1));
         projection.ortho(-4, 4, -4, 4, 1, 20);
     }
 
     void TearDown() override
     {
+        {
+            MessageCapture namedArray; // a vertex array deleted with its GL name says so
+            model.clear();
+        }
         renderer.reset();
-        glDeleteVertexArrays(1, &vertexArray);
-        glDeleteBuffers(1, &buffer);
+        DrawBuffers::useBaseInstanceDrawing(false);
         GLTest::TearDown();
     }
 
-    void drawScene(ShaderProgram& program)
-    {
-        const GLuint location = GLuint(program.getVertexAttributeLocation(QStringLiteral("va_Vertex")));
-        glBindVertexArray(vertexArray);
-        glBindBuffer(GL_ARRAY_BUFFER, buffer);
-        glVertexAttribPointer(location, 3, GL_FLOAT, GL_FALSE, 0, nullptr);
-        glEnableVertexAttribArray(location);
-        glDrawArrays(GL_TRIANGLES, 0, vertexCount);
-        glBindVertexArray(0);
-    }
-
-    void renderMoments(ShadowMapRenderData& data)
-    {
-        renderer->setBlurRadius(1);
-        EXPECT_TRUE(renderer->render(data, [&](ShaderProgram& program, const QMatrix4x4&) { drawScene(program); }));
-    }
-
-    // A program that shows `value` for the scene seen from above.
+    // A program that shows `value` for the model seen from above.
     std::unique_ptr<ShaderProgram> program(const char* value)
     {
+        GLSLMacroProcessor macros;
+        ShadowMapManager::setup(&macros);
+        DrawBuffers::setup(&macros);
         auto result = std::make_unique<ShaderProgram>();
         result->setMacroProcessor(&macros);
-        result->addShader(GL_VERTEX_SHADER, "#version 150\nuniform mat4 u_ViewProjection; in vec4 va_Vertex;"
-                                            "out vec3 vo_Position; void main() { vo_Position = va_Vertex.xyz;"
-                                            "gl_Position = u_ViewProjection * va_Vertex; }");
+        result->addShader(GL_VERTEX_SHADER, "#version 150\n#include \"VyxUtilities.glslh\"\n#instancedata \"ShadowObject\"\n"
+                                            "uniform mat4 u_ViewProjection; in vec4 va_Vertex; out vec3 vo_Position;"
+                                            "void main() { vec4 world = getModelMatrix() * va_Vertex;"
+                                            "vo_Position = world.xyz; gl_Position = u_ViewProjection * world; }");
+        result->addShader(GL_VERTEX_SHADER, objectPlan.glslc());
+        result->addShader(GL_VERTEX_SHADER, VyxTest::glslResource("VyxUtilities.vert"));
+        result->addShader(GL_VERTEX_SHADER, VyxTest::glslResource("VyxUtilities.glslc"));
         result->addShader(GL_FRAGMENT_SHADER, QStringLiteral("#version 150\n#include \"ShadowMapManager.glslh\"\n"
                                                              "uniform vec3 u_Light; in vec3 vo_Position; out vec4 o_Colour;"
                                                              "void main() { o_Colour = vec4(%1); }")
                                                   .arg(QLatin1String(value)));
         result->addShaderFromFile(GL_FRAGMENT_SHADER, ShadowMapManager::getShaderFile());
         EXPECT_TRUE(result->link()) << result->log().toStdString();
+        result->setMacroProcessor(nullptr);
         return result;
     }
 
@@ -121,15 +152,14 @@ protected:
         shader->setUniform(QStringLiteral("u_ViewProjection"), QVariant(projection * view));
         shader->setUniform(QStringLiteral("u_Light"), QVariant(light));
         EXPECT_TRUE(ShadowMapManager::bind(shader.get(), QVariant::fromValue<QObject*>(&data)));
-        drawScene(*shader);
+        EXPECT_TRUE(model.draw(shader.get(), 0, 0, GPUModel::eWindingNoCulling, false));
         EXPECT_TRUE(ShadowMapManager::unbind(shader.get(), QVariant::fromValue<QObject*>(&data)));
         shader->unbind();
     }
 
-    GLSLMacroProcessor macros;
+    InstanceDataPlan objectPlan{"ShadowObject"};
+    GPUModel model;
     std::unique_ptr<ShadowMapRenderer> renderer = std::make_unique<ShadowMapRenderer>();
-    GLuint buffer = 0, vertexArray = 0;
-    int vertexCount = 0;
     QMatrix4x4 view, projection;
 };
 
@@ -138,7 +168,9 @@ protected:
 TEST_F(ShadowMapsTest, BoxShadowFallsWhereTheCpuCastsIt)
 {
     const QVector3D spotAt(2.5f, 3, 1.5f), pointAt(1.2f, 2.5f, 0.8f), travel(-1.6f, -1, -0.9f);
-    const QPair<QVector3D, QVector3D> bounds(QVector3D(-4, -0.1f, -4), QVector3D(4, 1.1f, 4));
+    QPair<QVector3D, QVector3D> bounds;
+    ASSERT_TRUE(ShadowMapManagerCulling::sceneBounds(model, bounds));
+    EXPECT_EQ(bounds, kSceneBounds);
     const char* const plain = "shadowMapGetVisibility(0u, vo_Position)";
     const struct
     {
@@ -147,7 +179,10 @@ TEST_F(ShadowMapsTest, BoxShadowFallsWhereTheCpuCastsIt)
         QVector3D position; // the direction of travel for directional lights
         bool camera;
         const char* value;
+        bool baseInstance = false; // draw IDs from the base instance rather than a uniform
     } cases[] = {
+        // First, so that the cases after it need the draw-ID uniform again.
+        {"point, base-instance draws", ShadowMapLight::Point, pointAt, false, plain, true},
         {"spot", ShadowMapLight::Spot, spotAt, false, plain},
         {"spot, single", ShadowMapLight::Spot, spotAt, false, "shadowMapGetVisibilitySingle(0u, vo_Position)"},
         {"point", ShadowMapLight::Point, pointAt, false, plain},
@@ -158,6 +193,9 @@ TEST_F(ShadowMapsTest, BoxShadowFallsWhereTheCpuCastsIt)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
+        if (c.baseInstance && !DrawBuffers::isBaseInstanceDrawingSupported())
+            continue;
+        DrawBuffers::useBaseInstanceDrawing(c.baseInstance);
         const bool directional = c.type == ShadowMapLight::Directional;
         ShadowMapLight light;
         light.setType(c.type);
@@ -169,7 +207,8 @@ TEST_F(ShadowMapsTest, BoxShadowFallsWhereTheCpuCastsIt)
         data.setShadowMapSize(256);
         const QVariantList lights{QVariant::fromValue<QObject*>(&light)};
         ShadowMapManager::processLights(lights, data, c.camera ? &view : nullptr, &projection, &bounds);
-        renderMoments(data);
+        renderer->setBlurRadius(1);
+        EXPECT_TRUE(renderer->render(data, model));
         VyxTest::ColourTarget target(kPixels, kPixels);
         shade(c.value, data, c.position);
         const std::vector<int> visibility = target.channel(0);
@@ -201,6 +240,56 @@ TEST_F(ShadowMapsTest, BoxShadowFallsWhereTheCpuCastsIt)
         EXPECT_EQ(wrong, 0);
         EXPECT_GT(shadowed, 20) << "the shadow must reach past the silhouette band";
     }
+}
+
+// A drawable the moments program cannot place fails the model's render unless the flags leave it
+// out; the scene bounds take the drawables and transforms a shadow pass draws.
+TEST_F(ShadowMapsTest, ModelCastersAreWhatTheFlagsAndVisibilityLeave)
+{
+    InstanceDataPlan unplaced("ShadowUnplaced");
+    unplaced.addMember(InstanceDataPlan::eVec4, "Colour");
+    InstanceDataRegistry::Instance().registerPlan(&unplaced);
+    const DrawBuffers& cube = *model.drawBuffers(0);
+    auto* db = new DrawBuffers;
+    db->setVAO(cube.VAO());
+    db->setPrimitiveType(GL_TRIANGLES);
+    db->setIndexedDraw(cube.indexBO(), 36, GL_UNSIGNED_INT);
+    db->setDrawElementsIndirectCommands(cube.drawElementsIndirectCommands().constData(), 1);
+    const int id = model.add(db, 1, nullptr, new InstanceDataCollection(&unplaced, size_t(1)), 1);
+    QMatrix4x4 far;
+    far.translate(10, 0, 0);
+    model.useTransform(id, 0, model.addTransform(-1, far));
+    model.useBoundingBox(id, 0, 0);
+    {
+        MessageCapture unplacedMatrix; // its plan has nowhere to take the world matrix
+        model.updateTransforms();
+    }
+
+    ShadowMapLight light;
+    light.setType(ShadowMapLight::Spot);
+    light.setSpotCutoff(0.9f);
+    ShadowMapRenderData data;
+    data.setShadowMapSize(16);
+    ShadowMapManager::processLights(QVariantList{QVariant::fromValue<QObject*>(&light)}, data);
+    {
+        MessageCapture capture;
+        EXPECT_FALSE(renderer->render(data, model));
+        EXPECT_EQ(capture.bodies(QtCriticalMsg),
+                  QStringList{assertionText("own && own->dataType(matrix) == InstanceDataPlan::eMat4",
+                                            "Drawable 1 has no mat4 \"ModelMatrix\" in its object data to place its shadow")});
+    }
+    EXPECT_TRUE(renderer->render(data, model, 0, 1));
+
+    QPair<QVector3D, QVector3D> bounds;
+    ASSERT_TRUE(ShadowMapManagerCulling::sceneBounds(model, bounds));
+    EXPECT_EQ(bounds.second.x(), 10.5f);
+    ASSERT_TRUE(ShadowMapManagerCulling::sceneBounds(model, bounds, 0, 1));
+    EXPECT_EQ(bounds, kSceneBounds);
+    model.setVisibility(model.drawable(0).transformRefs[1], 2); // the box
+    ASSERT_TRUE(ShadowMapManagerCulling::sceneBounds(model, bounds, 0, 1));
+    EXPECT_EQ(bounds.second.y(), 0.0f);
+    model.addFlags(GPUModel::kHiddenFlag, 0);
+    EXPECT_FALSE(ShadowMapManagerCulling::sceneBounds(model, bounds, 0, 1));
 }
 
 TEST_F(ShadowMapsTest, BindRefusesWhatIsNotRenderDataWithATexture)
