@@ -125,8 +125,7 @@ uint64_t BindlessTextureManager::handle(const TextureToken& token) const
 bool BindlessTextureManager::bind(const QSet<TextureToken>& tokens)
 {
     EntryPoints& calls = entryPoints();
-    if (!VYX_CHECK(complete(calls), "Bindless textures are not supported by this context"))
-        return false;
+    VYX_CHECK_RETURN(complete(calls), false, "Bindless textures are not supported by this context");
     for (const TextureToken& token : tokens) {
         if (token.token >= quint64(_handleTable.size() / 2))
             continue;

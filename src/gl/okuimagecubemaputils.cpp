@@ -120,9 +120,8 @@ Texture* renderCubemap(OkuRenderCubemapBase& renderer, std::unique_ptr<Texture> 
 QVector<float> rampAmounts(int levelCount, int firstLevel, float power)
 {
     QVector<float> amounts;
-    if (!VYX_CHECK(levelCount >= 1 && firstLevel >= 0 && firstLevel < levelCount,
-                   "Levels %d ... %d are not a range of blur levels", firstLevel, levelCount - 1))
-        return amounts;
+    VYX_CHECK_RETURN(levelCount >= 1 && firstLevel >= 0 && firstLevel < levelCount, amounts,
+                     "Levels %d ... %d are not a range of blur levels", firstLevel, levelCount - 1);
     for (int level = firstLevel; level < levelCount; ++level)
         amounts.append(levelCount > 1 ? std::pow(float(level) / float(levelCount - 1), power) : 0.0f);
     return amounts;
