@@ -82,8 +82,7 @@ std::unique_ptr<ShaderProgram> linked(const char* vertex, const char* fragment)
     auto program = std::make_unique<ShaderProgram>();
     program->addShader(GL_VERTEX_SHADER, QString::fromLatin1(vertex));
     program->addShader(GL_FRAGMENT_SHADER, QString::fromLatin1(fragment));
-    if (!VYX_CHECK(program->link(), "Shadow map program failed to link: %s", qPrintable(program->log())))
-        return nullptr;
+    VYX_CHECK_RETURN(program->link(), nullptr, "Shadow map program failed to link: %s", qPrintable(program->log()));
     return program;
 }
 
