@@ -2,7 +2,6 @@
 
 #include "core/logging.h"
 #include "gl/bufferobject.h"
-#include "gl/drawbuffers_p.h"
 #include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
 #include "gl/glslmacroprocessor.h"
@@ -17,11 +16,6 @@
 #include <cstdint>
 
 namespace Tavren::Vyx {
-
-namespace DrawBuffersEntryPoints {
-PFNVYXGLDRAWARRAYSINSTANCEDBASEINSTANCEPROC drawArraysInstancedBaseInstance = nullptr;
-PFNVYXGLDRAWELEMENTSINSTANCEDBASEVERTEXBASEINSTANCEPROC drawElementsInstancedBaseVertexBaseInstance = nullptr;
-} // namespace DrawBuffersEntryPoints
 
 namespace {
 
@@ -39,18 +33,6 @@ bool baseInstanceDrawing = false;
 const void* byteOffset(quint64 offset)
 {
     return reinterpret_cast<const void*>(static_cast<std::uintptr_t>(offset));
-}
-
-void resolveBaseInstanceEntryPoints()
-{
-    using namespace DrawBuffersEntryPoints;
-    if (!drawArraysInstancedBaseInstance)
-        drawArraysInstancedBaseInstance = glCapabilityFunction<PFNVYXGLDRAWARRAYSINSTANCEDBASEINSTANCEPROC>(
-            GLCapability::DrawArraysInstancedBaseInstance);
-    if (!drawElementsInstancedBaseVertexBaseInstance)
-        drawElementsInstancedBaseVertexBaseInstance =
-            glCapabilityFunction<PFNVYXGLDRAWELEMENTSINSTANCEDBASEVERTEXBASEINSTANCEPROC>(
-                GLCapability::DrawElementsInstancedBaseVertexBaseInstance);
 }
 
 } // namespace
@@ -74,10 +56,10 @@ void DrawBuffers::setup(GLSLMacroProcessor* mp)
 
 bool DrawBuffers::isBaseInstanceDrawingSupported()
 {
-    resolveBaseInstanceEntryPoints();
-    return DrawBuffersEntryPoints::drawArraysInstancedBaseInstance
-           && DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance
-           && hasGLCapability(GLCapability::ShaderDrawParameters);
+    return glDrawArraysInstancedBaseInstance && glDrawElementsInstancedBaseVertexBaseInstance &&
+           hasGLCapability(GLCapability::DrawArraysInstancedBaseInstance) &&
+           hasGLCapability(GLCapability::DrawElementsInstancedBaseVertexBaseInstance) &&
+           hasGLCapability(GLCapability::ShaderDrawParameters);
 }
 
 void DrawBuffers::useBaseInstanceDrawing(bool use)
@@ -364,7 +346,6 @@ bool DrawBuffers::drawBaseInstance()
         VYX_DEBUG("##### COMMAND COUNT");
         return false;
     }
-    resolveBaseInstanceEntryPoints();
     if (_boIndex) {
         if (!checkIndexed())
             return false;
