@@ -6,8 +6,10 @@
 #include "gl/glloader.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/glutilities.h"
+#include "gl/internal/glcapabilities.h"
 #include "gl/internal/glutilities.h"
 #include "gl/internal/managedtextureshared.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/texture.h"
 
 #include <algorithm>
@@ -55,10 +57,10 @@ using CopyImageSubData = void (*)(GLuint, GLenum, GLint, GLint, GLint, GLint, GL
                                   GLint, GLsizei, GLsizei, GLsizei);
 
 // Core in 4.3 and ARB_copy_image, which the generated loader leaves out; null where the context
-// lacks it. Looked up per copy: copies are rare and contexts may differ.
+// lacks it.
 CopyImageSubData copyImageSubData()
 {
-    return reinterpret_cast<CopyImageSubData>(getGLProcAddress("glCopyImageSubData", true));
+    return glCapabilityFunction<CopyImageSubData>(GLCapability::CopyImageSubData);
 }
 
 } // namespace
@@ -255,7 +257,7 @@ void Array2DTextureManager::setup(GLSLMacroProcessor* mp)
     mp->addDefine(QStringLiteral("TEXTURE_MANAGER_ARRAY2D_COUNT"), QString::number(_maxArrays));
     if (_bindless)
         mp->addDefine(QStringLiteral("TEXTURE_MANAGER_ARRAY2D_BINDLESS"), QStringLiteral("1"));
-    if (openGlVersionSupported(4, 0) || hasGLExtension("GL_ARB_texture_query_lod"))
+    if (hasGLCapability(GLCapability::TextureQueryLod))
         mp->addDefine(QStringLiteral("TEXTURE_MANAGER_ARRAY2D_SUPPORTS_TEXTURE_QUERY_LOD"), QStringLiteral("1"));
 }
 

@@ -5,6 +5,7 @@
 #include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
+#include "gl/internal/glcapabilities.h"
 #include "gl/internal/instancedatalayout.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
@@ -245,7 +246,7 @@ bool InstanceDataCollection::makeBuffer()
     _uploadedSize = -1;
     _immutable = false;
     // Drivers without immutable storage know neither the call nor the query.
-    if (_storageFlags != 0 && getGLProcAddress("glBufferStorage", true)) {
+    if (_storageFlags != 0 && hasGLCapability(GLCapability::BufferStorage)) {
         _allocatedBytes = gpuBytes();
         buffer->useStorageBuffer(int(_allocatedBytes), _storageFlags | GL_MAP_WRITE_BIT | GL_DYNAMIC_STORAGE_BIT);
         AutoBinder bound(buffer.data());

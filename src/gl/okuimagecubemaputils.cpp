@@ -6,6 +6,8 @@
 #include "gl/framebufferobject.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
+#include "gl/internal/glcapabilities.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/okurendercubemap.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
@@ -60,7 +62,7 @@ bool sourceLevel(Texture* source, GLenum expectedTarget, LevelInfo& info)
 
 bool cubeMapArraysSupported()
 {
-    return openGlVersionSupported(4, 0) || hasGLExtension("GL_ARB_texture_cube_map_array");
+    return hasGLCapability(GLCapability::TextureCubeMapArray);
 }
 
 // An empty size x size cube map (array) with the conversions' sampling parameters; null, with
