@@ -187,7 +187,7 @@ struct Array2DTextureManager::LayerArray
             AutoBinder binder(source);
             if (!binder.isBound())
                 return false;
-            glPixelStorei(GL_PACK_ALIGNMENT, 1);
+            PixelStoreGuard alignment(GL_PACK_ALIGNMENT, 1);
             for (int level = 0; level < key.levels; ++level) {
                 const int w = levelSize(key.width, level), h = levelSize(key.height, level);
                 if (key.compressed) {
@@ -199,12 +199,11 @@ struct Array2DTextureManager::LayerArray
                                   transferType(key.internalFormat), levels[level].data());
                 }
             }
-            glPixelStorei(GL_PACK_ALIGNMENT, 4);
         }
         AutoBinder binder(destination);
         if (!binder.isBound())
             return false;
-        glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
+        PixelStoreGuard alignment(GL_UNPACK_ALIGNMENT, 1);
         for (int level = 0; level < key.levels; ++level) {
             const int w = levelSize(key.width, level), h = levelSize(key.height, level);
             if (key.compressed)
@@ -216,7 +215,6 @@ struct Array2DTextureManager::LayerArray
                                 transferFormat(key.internalFormat), transferType(key.internalFormat),
                                 levels[level].constData());
         }
-        glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
         return !hasGLError(__FILE__, __LINE__);
     }
 

@@ -345,9 +345,8 @@ IrradianceSH computeIrradianceSHFromGLCubemap(Texture* cubemap, int maxFaceSize)
             break;
         ++level;
     }
-    GLint alignment = 4;
-    glGetIntegerv(GL_PACK_ALIGNMENT, &alignment);
-    glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    // The read-back's alignment holds to the end: only arithmetic follows the loop.
+    PixelStoreGuard alignment(GL_PACK_ALIGNMENT, 4);
     std::vector<float> texels(size_t(size) * size_t(size) * 4);
     double sums[9][3] = {};
     double totalWeight = 0.0;
@@ -369,7 +368,6 @@ IrradianceSH computeIrradianceSHFromGLCubemap(Texture* cubemap, int maxFaceSize)
             }
         }
     }
-    glPixelStorei(GL_PACK_ALIGNMENT, alignment);
     // Radiance coefficients, scaled by the cosine lobe's band factors over pi.
     const double bandFactors[9] = {1.0, 2.0 / 3, 2.0 / 3, 2.0 / 3, 0.25, 0.25, 0.25, 0.25, 0.25};
     const double toSolidAngle = 4.0 * M_PI / totalWeight;

@@ -3,6 +3,7 @@
 #include "core/logging.h"
 #include "gl/glloader.h"
 #include "gl/internal/smaalookup.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "gl/textureutilities.h"
@@ -74,11 +75,10 @@ std::unique_ptr<Texture> lookupTexture(int width, int height, const unsigned cha
     texture->create2D(GL_TEXTURE_2D, GL_RG8, width, height);
     if (!texture->bind())
         return nullptr;
-    GLint alignment = 4;
-    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
-    glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, GL_RG, GL_UNSIGNED_BYTE, texels);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
+    {
+        PixelStoreGuard alignment(GL_UNPACK_ALIGNMENT, 1);
+        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, GL_RG, GL_UNSIGNED_BYTE, texels);
+    }
     texture->unbind();
     return texture;
 }
