@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <utility>
 
 namespace Tavren::Vyx {
 
@@ -79,23 +80,17 @@ bool DrawBuffers::isMultiDrawIndirectSupported()
 
 quint64 DrawBuffers::getAndResetTotalDrawCalls()
 {
-    const quint64 value = totalDrawCalls;
-    totalDrawCalls = 0;
-    return value;
+    return std::exchange(totalDrawCalls, 0);
 }
 
 quint64 DrawBuffers::getAndResetTotalDrawBatches()
 {
-    const quint64 value = totalDrawBatches;
-    totalDrawBatches = 0;
-    return value;
+    return std::exchange(totalDrawBatches, 0);
 }
 
 quint64 DrawBuffers::getAndResetTotalDrawIndices()
 {
-    const quint64 value = totalDrawIndices;
-    totalDrawIndices = 0;
-    return value;
+    return std::exchange(totalDrawIndices, 0);
 }
 
 int DrawBuffers::NumAlive()
