@@ -146,6 +146,7 @@ TEST_F(GLTest, CapabilityTableIsAnsweredPerContext)
     EXPECT_EQ(glCapability(GLCapability::TransformFeedbackVaryings),
               reinterpret_cast<void*>(_ptrc_glTransformFeedbackVaryings));
     EXPECT_EQ(glCapabilityOrigin(GLCapability::BufferStorage), "GL 4.4 or GL_ARB_buffer_storage");
+    EXPECT_EQ(glCapabilityOrigin(GLCapability::TextureCubeMapArray), "GL 4.0 or GL_ARB_texture_cube_map_array");
     const auto row = GLCapability::AstcLdrCompression;
     const bool first = hasGLCapability(row);
     EXPECT_EQ(first, hasGLExtension(glCapabilityRow(row).name));

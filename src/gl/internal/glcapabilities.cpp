@@ -97,7 +97,10 @@ QString glCapabilityOrigin(GLCapability capability)
 {
     const GLCapabilityRow& row = glCapabilityRow(capability);
     if (isExtension(row) && row.coreVersion)
-        return QStringLiteral("GL %1.%2 or %3").arg(row.coreVersion / 10).arg(row.coreVersion % 10).arg(QLatin1String(row.name));
+        return QStringLiteral("GL %1.%2 or %3")
+            .arg(row.coreVersion / 10)
+            .arg(row.coreVersion % 10)
+            .arg(QLatin1String(row.name));
     if (isExtension(row))
         return QString::fromLatin1(row.name);
     const GLEntryPointInfo* info = findGLEntryPointInfo(row.name);
