@@ -6,7 +6,6 @@
 #include "benchtarget.h"
 #include "gl/bufferobject.h"
 #include "gl/drawbuffers.h"
-#include "gl/drawbuffers_p.h"
 #include "gl/glloader.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/glutilities.h"
@@ -191,13 +190,13 @@ public:
         _elements = _ptrc_glDrawElements;
         _baseVertex = _ptrc_glDrawElementsBaseVertex;
         _indirect = _ptrc_glMultiDrawElementsIndirect;
-        _baseInstance = DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance;
+        _baseInstance = _ptrc_glDrawElementsInstancedBaseVertexBaseInstance;
         _ptrc_glDrawElements = [](GLenum, GLsizei, GLenum, const void*) {};
         _ptrc_glDrawElementsBaseVertex = [](GLenum, GLsizei, GLenum, const void*, GLint) {};
         _ptrc_glMultiDrawElementsIndirect = [](GLenum, GLenum, const void*, GLsizei, GLsizei) {};
         if (_baseInstance)
-            DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance =
-                [](GLenum, GLsizei, GLenum, const void*, GLsizei, GLint, GLuint) {};
+            _ptrc_glDrawElementsInstancedBaseVertexBaseInstance = [](GLenum, GLsizei, GLenum, const void*, GLsizei,
+                                                                     GLint, GLuint) {};
     }
     ~DrawsStubbed()
     {
@@ -206,7 +205,7 @@ public:
         _ptrc_glDrawElements = _elements;
         _ptrc_glDrawElementsBaseVertex = _baseVertex;
         _ptrc_glMultiDrawElementsIndirect = _indirect;
-        DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance = _baseInstance;
+        _ptrc_glDrawElementsInstancedBaseVertexBaseInstance = _baseInstance;
     }
     DrawsStubbed(const DrawsStubbed&) = delete;
     DrawsStubbed& operator=(const DrawsStubbed&) = delete;

@@ -47,21 +47,25 @@ VYXGL_EXPORT QByteArray printableName(const QString& name);
     (static_cast<bool>(condition) \
      || ::Tavren::Vyx::checkAssertion(false, #condition, __FILE__, __LINE__, __VA_ARGS__))
 
-// Reports and returns `failureValue` from the enclosing function when the condition is false.
-// (Both forms stringify the condition themselves: passed on to VYX_CHECK, macros in it such as
-// NULL or GL_TEXTURE_2D would be printed expanded.)
+// Reports and returns `failureValue` from the enclosing function when the condition is false
+// (leave `failureValue` empty in a function returning void). Like VYX_CHECK, a check that holds
+// makes no call. (Both forms stringify the condition themselves: passed on to VYX_CHECK, macros in
+// it such as NULL or GL_TEXTURE_2D would be printed expanded.)
 #define VYX_CHECK_RETURN(condition, failureValue, ...) \
     do { \
-        if (!::Tavren::Vyx::checkAssertion(static_cast<bool>(condition), #condition, __FILE__, __LINE__, \
-                                           __VA_ARGS__)) \
+        if (!static_cast<bool>(condition)) { \
+            ::Tavren::Vyx::checkAssertion(false, #condition, __FILE__, __LINE__, __VA_ARGS__); \
             return failureValue; \
+        } \
     } while (false)
 
 // For the checks whose operation prints and then goes on regardless: a statement of its own, so
 // it cannot be mistaken for a forgotten return.
 #define VYX_CHECK_CONTINUE(condition, ...) \
-    static_cast<void>(::Tavren::Vyx::checkAssertion(static_cast<bool>(condition), #condition, __FILE__, __LINE__, \
-                                                    __VA_ARGS__))
+    do { \
+        if (!static_cast<bool>(condition)) \
+            ::Tavren::Vyx::checkAssertion(false, #condition, __FILE__, __LINE__, __VA_ARGS__); \
+    } while (false)
 
 // As VYX_CHECK, but reports `conditionText` instead of the expression evaluated, for checks whose
 // printed condition differs from the code (an object that may be missing altogether).

@@ -6,8 +6,10 @@
 #include "gl/glloader.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/glutilities.h"
+#include "gl/internal/glcapabilities.h"
 #include "gl/internal/glutilities.h"
 #include "gl/internal/managedtextureshared.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/texture.h"
 
 #include <algorithm>
@@ -55,10 +57,10 @@ using CopyImageSubData = void (*)(GLuint, GLenum, GLint, GLint, GLint, GLint, GL
                                   GLint, GLsizei, GLsizei, GLsizei);
 
 // Core in 4.3 and ARB_copy_image, which the generated loader leaves out; null where the context
-// lacks it. Looked up per copy: copies are rare and contexts may differ.
+// lacks it.
 CopyImageSubData copyImageSubData()
 {
-    return reinterpret_cast<CopyImageSubData>(getGLProcAddress("glCopyImageSubData", true));
+    return glCapabilityFunction<CopyImageSubData>(GLCapability::CopyImageSubData);
 }
 
 } // namespace
@@ -185,7 +187,7 @@ struct Array2DTextureManager::LayerArray
             AutoBinder binder(source);
             if (!binder.isBound())
                 return false;
-            glPixelStorei(GL_PACK_ALIGNMENT, 1);
+            PixelStoreGuard alignment(GL_PACK_ALIGNMENT, 1);
             for (int level = 0; level < key.levels; ++level) {
                 const int w = levelSize(key.width, level), h = levelSize(key.height, level);
                 if (key.compressed) {
@@ -197,12 +199,11 @@ struct Array2DTextureManager::LayerArray
                                   transferType(key.internalFormat), levels[level].data());
                 }
             }
-            glPixelStorei(GL_PACK_ALIGNMENT, 4);
         }
         AutoBinder binder(destination);
         if (!binder.isBound())
             return false;
-        glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
+        PixelStoreGuard alignment(GL_UNPACK_ALIGNMENT, 1);
         for (int level = 0; level < key.levels; ++level) {
             const int w = levelSize(key.width, level), h = levelSize(key.height, level);
             if (key.compressed)
@@ -214,7 +215,6 @@ struct Array2DTextureManager::LayerArray
                                 transferFormat(key.internalFormat), transferType(key.internalFormat),
                                 levels[level].constData());
         }
-        glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
         return !hasGLError(__FILE__, __LINE__);
     }
 
@@ -255,7 +255,7 @@ void Array2DTextureManager::setup(GLSLMacroProcessor* mp)
     mp->addDefine(QStringLiteral("TEXTURE_MANAGER_ARRAY2D_COUNT"), QString::number(_maxArrays));
     if (_bindless)
         mp->addDefine(QStringLiteral("TEXTURE_MANAGER_ARRAY2D_BINDLESS"), QStringLiteral("1"));
-    if (openGlVersionSupported(4, 0) || hasGLExtension("GL_ARB_texture_query_lod"))
+    if (hasGLCapability(GLCapability::TextureQueryLod))
         mp->addDefine(QStringLiteral("TEXTURE_MANAGER_ARRAY2D_SUPPORTS_TEXTURE_QUERY_LOD"), QStringLiteral("1"));
 }
 

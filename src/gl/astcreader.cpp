@@ -5,6 +5,7 @@
 #include "gl/astcfile.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
+#include "gl/internal/glcapabilities.h"
 #include "gl/internal/texturesetup.h"
 #include "gl/texture.h"
 #include "gl/textureutilities.h"
@@ -74,8 +75,8 @@ Texture* ASTCReader::load(const TextureFileInfo& info)
 {
     VYX_CHECK_RETURN(valid(), nullptr, "ASTC file '%s' is not valid", printableName(_name).constData());
     // An LDR-only decoder shows HDR blocks as its error colour, so those files go through the CPU.
-    const bool gpu = hasGLExtension("GL_KHR_texture_compression_astc_ldr") &&
-                     (hasGLExtension("GL_KHR_texture_compression_astc_hdr") || !_file->hasHDRBlocks());
+    const bool gpu = hasGLCapability(GLCapability::AstcLdrCompression) &&
+                     (hasGLCapability(GLCapability::AstcHdrCompression) || !_file->hasHDRBlocks());
     Texture* texture = gpu ? uploadBlocks(info) : uploadDecoded(info);
     if (texture)
         RemapColorRange(texture, info.lowValue, info.highValue);

@@ -4,6 +4,7 @@
 #include "gl/glloader.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/glutilities.h"
+#include "gl/internal/glcapabilities.h"
 #include "gl/internal/managedtextureshared.h"
 #include "gl/texture.h"
 
@@ -13,24 +14,25 @@ namespace {
 
 bool hasArbBindless()
 {
-    return hasGLExtension("GL_ARB_bindless_texture");
+    return hasGLCapability(GLCapability::BindlessTextureARB);
 }
 
 bool hasNvBindless()
 {
-    return hasGLExtension("GL_NV_bindless_texture");
+    return hasGLCapability(GLCapability::BindlessTextureNV);
 }
 
-// The ARB and NV calls share their signatures; only the suffix differs.
-BindlessTextureManager::EntryPoints resolveEntryPoints(const char* suffix)
+// The ARB and NV calls share their signatures; the NV rows follow the ARB rows in the same order.
+BindlessTextureManager::EntryPoints resolveEntryPoints(bool arb)
 {
+    const auto row = [arb](GLCapability arbRow, GLCapability nvRow) { return arb ? arbRow : nvRow; };
     BindlessTextureManager::EntryPoints calls;
-    auto lookup = [suffix](const char* name) { return getGLProcAddress((QByteArray(name) + suffix).constData(), true); };
-    calls.getTextureHandle = reinterpret_cast<decltype(calls.getTextureHandle)>(lookup("glGetTextureHandle"));
-    calls.makeTextureHandleResident =
-        reinterpret_cast<decltype(calls.makeTextureHandleResident)>(lookup("glMakeTextureHandleResident"));
-    calls.makeTextureHandleNonResident =
-        reinterpret_cast<decltype(calls.makeTextureHandleNonResident)>(lookup("glMakeTextureHandleNonResident"));
+    calls.getTextureHandle = glCapabilityFunction<decltype(calls.getTextureHandle)>(
+        row(GLCapability::GetTextureHandleARB, GLCapability::GetTextureHandleNV));
+    calls.makeTextureHandleResident = glCapabilityFunction<decltype(calls.makeTextureHandleResident)>(
+        row(GLCapability::MakeTextureHandleResidentARB, GLCapability::MakeTextureHandleResidentNV));
+    calls.makeTextureHandleNonResident = glCapabilityFunction<decltype(calls.makeTextureHandleNonResident)>(
+        row(GLCapability::MakeTextureHandleNonResidentARB, GLCapability::MakeTextureHandleNonResidentNV));
     return calls;
 }
 
@@ -65,9 +67,9 @@ BindlessTextureManager::EntryPoints& BindlessTextureManager::entryPoints()
 {
     static EntryPoints calls;
     if (!complete(calls)) {
-        calls = resolveEntryPoints("ARB");
+        calls = resolveEntryPoints(true);
         if (!complete(calls))
-            calls = resolveEntryPoints("NV");
+            calls = resolveEntryPoints(false);
     }
     return calls;
 }
@@ -125,8 +127,7 @@ uint64_t BindlessTextureManager::handle(const TextureToken& token) const
 bool BindlessTextureManager::bind(const QSet<TextureToken>& tokens)
 {
     EntryPoints& calls = entryPoints();
-    if (!VYX_CHECK(complete(calls), "Bindless textures are not supported by this context"))
-        return false;
+    VYX_CHECK_RETURN(complete(calls), false, "Bindless textures are not supported by this context");
     for (const TextureToken& token : tokens) {
         if (token.token >= quint64(_handleTable.size() / 2))
             continue;

@@ -83,11 +83,9 @@ int BufferObject::NumAliveManaged()
 
 bool BufferObject::create()
 {
-    if (!VYX_CHECK(0u == this->_bo, "Buffer Object is not NULL on create"))
-        return false;
-    if (!VYX_CHECK(0u == this->_boBountTarget, "Buffer Object is already bound on create to target %d",
-                   _boBountTarget))
-        return false;
+    VYX_CHECK_RETURN(0u == this->_bo, false, "Buffer Object is not NULL on create");
+    VYX_CHECK_RETURN(0u == this->_boBountTarget, false, "Buffer Object is already bound on create to target %d",
+                     _boBountTarget);
     if (namedBufferData() && createBuffers())
         createBuffers()(1, &_bo);
     else
@@ -139,13 +137,10 @@ void BufferObject::setIndexedTarget(unsigned int target, unsigned int index, std
 
 bool BufferObject::checkBindable() const
 {
-    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on bind"))
-        return false;
-    if (!VYX_CHECK(0u == this->_boBountTarget, "Buffer Object is already bound on bind to target %d",
-                   _boBountTarget))
-        return false;
-    if (!VYX_CHECK(0u != this->_target, "Buffer Object's target is not set when bind() is called"))
-        return false;
+    VYX_CHECK_RETURN(0u != this->_bo, false, "Buffer Object is NULL on bind");
+    VYX_CHECK_RETURN(0u == this->_boBountTarget, false, "Buffer Object is already bound on bind to target %d",
+                     _boBountTarget);
+    VYX_CHECK_RETURN(0u != this->_target, false, "Buffer Object's target is not set when bind() is called");
     return true;
 }
 
@@ -163,10 +158,8 @@ bool BufferObject::bind()
 
 bool BufferObject::unbind()
 {
-    if (!VYX_CHECK(0u != this->_bo, "Buffer Object is NULL on unbind"))
-        return false;
-    if (!VYX_CHECK(0u != this->_boBountTarget, "Buffer Object is not bound on unbind"))
-        return false;
+    VYX_CHECK_RETURN(0u != this->_bo, false, "Buffer Object is NULL on unbind");
+    VYX_CHECK_RETURN(0u != this->_boBountTarget, false, "Buffer Object is not bound on unbind");
     // Indexed buffers release binding point 0, whatever index they were bound on.
     if (_useBindBufferRange)
         glBindBufferRange(_target, 0, 0, 0, 0);
@@ -185,15 +178,13 @@ bool BufferObject::rebind(BufferObject* bufferObjectBound, bool force)
     if (bufferObjectBound != this) {
         if (!checkBindable())
             return false;
-        if (!VYX_CHECK(0u != bufferObjectBound->_boBountTarget, "Bound Buffer Object is not already bound to target %d",
-                       bufferObjectBound->_boBountTarget))
-            return false;
-        if (!VYX_CHECK(_target == bufferObjectBound->_boBountTarget, "Bound Buffer Object target %d is not the same target %d",
-                       _target, bufferObjectBound->_boBountTarget))
-            return false;
-        if (!VYX_CHECK(_useBindBufferRange == bufferObjectBound->_useBindBufferRange,
-                       "Bound BO useRange does not match the rebind Buffer Object"))
-            return false;
+        VYX_CHECK_RETURN(0u != bufferObjectBound->_boBountTarget, false,
+                         "Bound Buffer Object is not already bound to target %d", bufferObjectBound->_boBountTarget);
+        VYX_CHECK_RETURN(_target == bufferObjectBound->_boBountTarget, false,
+                         "Bound Buffer Object target %d is not the same target %d", _target,
+                         bufferObjectBound->_boBountTarget);
+        VYX_CHECK_RETURN(_useBindBufferRange == bufferObjectBound->_useBindBufferRange, false,
+                         "Bound BO useRange does not match the rebind Buffer Object");
     }
     const unsigned int boundName = bufferObjectBound->_bo;
     bufferObjectBound->_boBountTarget = 0;
@@ -218,8 +209,7 @@ bool BufferObject::uploadBytes(const void* data, int valueCount, size_t valueSiz
     if (0u == _boBountTarget && namedBufferData()) {
         namedBufferData()(_bo, bytes, data, usage);
     } else {
-        if (!VYX_CHECK(0u != this->_boBountTarget, "Buffer Object is not bound on upload"))
-            return false;
+        VYX_CHECK_RETURN(0u != this->_boBountTarget, false, "Buffer Object is not bound on upload");
         glBufferData(_boBountTarget, bytes, data, usage);
     }
     _valueCount = valueCount;
@@ -315,7 +305,7 @@ void BufferObject::useStorageBuffer(int size, int flags)
         return;
     if (!namedBufferSubData())
         return;
-    VYX_CHECK(0u != this->_bo, "Buffer Object is NULL during StorageBuffer setup");
+    VYX_CHECK_CONTINUE(0u != this->_bo, "Buffer Object is NULL during StorageBuffer setup");
     // Storage buffers hold uniform data, so the fixed target is GL_UNIFORM_BUFFER.
     if (bufferStorage()) {
         glBindBuffer(GL_UNIFORM_BUFFER, _bo);

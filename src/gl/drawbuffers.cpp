@@ -2,7 +2,6 @@
 
 #include "core/logging.h"
 #include "gl/bufferobject.h"
-#include "gl/drawbuffers_p.h"
 #include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
 #include "gl/glslmacroprocessor.h"
@@ -15,13 +14,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <utility>
 
 namespace Tavren::Vyx {
-
-namespace DrawBuffersEntryPoints {
-PFNVYXGLDRAWARRAYSINSTANCEDBASEINSTANCEPROC drawArraysInstancedBaseInstance = nullptr;
-PFNVYXGLDRAWELEMENTSINSTANCEDBASEVERTEXBASEINSTANCEPROC drawElementsInstancedBaseVertexBaseInstance = nullptr;
-} // namespace DrawBuffersEntryPoints
 
 namespace {
 
@@ -39,18 +34,6 @@ bool baseInstanceDrawing = false;
 const void* byteOffset(quint64 offset)
 {
     return reinterpret_cast<const void*>(static_cast<std::uintptr_t>(offset));
-}
-
-void resolveBaseInstanceEntryPoints()
-{
-    using namespace DrawBuffersEntryPoints;
-    if (!drawArraysInstancedBaseInstance)
-        drawArraysInstancedBaseInstance = glCapabilityFunction<PFNVYXGLDRAWARRAYSINSTANCEDBASEINSTANCEPROC>(
-            GLCapability::DrawArraysInstancedBaseInstance);
-    if (!drawElementsInstancedBaseVertexBaseInstance)
-        drawElementsInstancedBaseVertexBaseInstance =
-            glCapabilityFunction<PFNVYXGLDRAWELEMENTSINSTANCEDBASEVERTEXBASEINSTANCEPROC>(
-                GLCapability::DrawElementsInstancedBaseVertexBaseInstance);
 }
 
 } // namespace
@@ -74,10 +57,10 @@ void DrawBuffers::setup(GLSLMacroProcessor* mp)
 
 bool DrawBuffers::isBaseInstanceDrawingSupported()
 {
-    resolveBaseInstanceEntryPoints();
-    return DrawBuffersEntryPoints::drawArraysInstancedBaseInstance
-           && DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance
-           && hasGLCapability(GLCapability::ShaderDrawParameters);
+    return glDrawArraysInstancedBaseInstance && glDrawElementsInstancedBaseVertexBaseInstance &&
+           hasGLCapability(GLCapability::DrawArraysInstancedBaseInstance) &&
+           hasGLCapability(GLCapability::DrawElementsInstancedBaseVertexBaseInstance) &&
+           hasGLCapability(GLCapability::ShaderDrawParameters);
 }
 
 void DrawBuffers::useBaseInstanceDrawing(bool use)
@@ -97,23 +80,17 @@ bool DrawBuffers::isMultiDrawIndirectSupported()
 
 quint64 DrawBuffers::getAndResetTotalDrawCalls()
 {
-    const quint64 value = totalDrawCalls;
-    totalDrawCalls = 0;
-    return value;
+    return std::exchange(totalDrawCalls, 0);
 }
 
 quint64 DrawBuffers::getAndResetTotalDrawBatches()
 {
-    const quint64 value = totalDrawBatches;
-    totalDrawBatches = 0;
-    return value;
+    return std::exchange(totalDrawBatches, 0);
 }
 
 quint64 DrawBuffers::getAndResetTotalDrawIndices()
 {
-    const quint64 value = totalDrawIndices;
-    totalDrawIndices = 0;
-    return value;
+    return std::exchange(totalDrawIndices, 0);
 }
 
 int DrawBuffers::NumAlive()
@@ -173,14 +150,11 @@ bool DrawBuffers::setMultiDrawIndirect(bool enable)
         _useMultiDrawIndirect = false;
         return true;
     }
-    if (!VYX_CHECK(0 != this->_commandsCount, "DrawElementsIndirectCommandsCount is not set on draw"))
-        return false;
-    if (!VYX_CHECK(isMultiDrawIndirectSupported(), "glMultiDrawElementsIndirect is not supported"))
-        return false;
+    VYX_CHECK_RETURN(0 != this->_commandsCount, false, "DrawElementsIndirectCommandsCount is not set on draw");
+    VYX_CHECK_RETURN(isMultiDrawIndirectSupported(), false, "glMultiDrawElementsIndirect is not supported");
     if (_boIndirect.isNull()) {
         const QSharedPointer<OpenGLDeviceContext> device = OpenGLDeviceContext::current();
-        if (!VYX_CHECK(!device.isNull(), "No OpenGLDeviceContext to create the indirect buffer"))
-            return false;
+        VYX_CHECK_RETURN(!device.isNull(), false, "No OpenGLDeviceContext to create the indirect buffer");
         _boIndirect = device->newBuffer();
         _boIndirect->setTarget(GL_DRAW_INDIRECT_BUFFER);
     }
@@ -265,8 +239,7 @@ QSharedPointer<UniformBufferObject> DrawBuffers::getDrawElementsIndirectCommands
 
 bool DrawBuffers::bind()
 {
-    if (!VYX_CHECK(!this->_vao.isNull(), "Vertex Array Object is NULL on bind"))
-        return false;
+    VYX_CHECK_RETURN(!this->_vao.isNull(), false, "Vertex Array Object is NULL on bind");
     if (!_vao->bind())
         return false;
     if (_boIndex && !_boIndex->bind()) {
@@ -287,12 +260,10 @@ bool DrawBuffers::unbind()
 
 bool DrawBuffers::rebind(DrawBuffers* drawBuffersBound)
 {
-    if (!VYX_CHECK(!this->_vao.isNull(), "Vertex Array Object is NULL on rebind"))
-        return false;
+    VYX_CHECK_RETURN(!this->_vao.isNull(), false, "Vertex Array Object is NULL on rebind");
     if (!drawBuffersBound)
         return bind();
-    if (!VYX_CHECK(!drawBuffersBound->_vao.isNull(), "Vertex Array Object is NULL on rebind"))
-        return false;
+    VYX_CHECK_RETURN(!drawBuffersBound->_vao.isNull(), false, "Vertex Array Object is NULL on rebind");
     bool boundNow = false;
     if (!_vao->rebind(drawBuffersBound->_vao.data(), boundNow))
         return false;
@@ -318,13 +289,18 @@ bool DrawBuffers::draw(ShaderProgram* program)
     return draw(program, nullptr);
 }
 
-bool DrawBuffers::draw(ShaderProgram* program, const QVector<int>* commandSubset)
+bool DrawBuffers::checkDrawable() const
 {
     // The vertex array reports itself when it has no GL name; a missing array is not bound either.
-    if (!VYX_CHECK_AS(!_vao.isNull() && _vao->isBound(), "true == this->_vao->isBound()",
-                      "Vertex Array Object is not bound on draw"))
+    return VYX_CHECK_AS(!_vao.isNull() && _vao->isBound(), "true == this->_vao->isBound()",
+                        "Vertex Array Object is not bound on draw") &&
+           VYX_CHECK(GLenum(-1) != this->_primitiveType, "Primitive type is not setup on draw");
+}
+
+bool DrawBuffers::draw(ShaderProgram* program, const QVector<int>* commandSubset)
+{
+    if (!checkDrawable())
         return false;
-    VYX_CHECK_RETURN(GLenum(-1) != this->_primitiveType, false, "Primitive type is not setup on draw");
     if (_useMultiDrawIndirect)
         return drawMultiIndirect();
     if (!baseInstanceDrawing)
@@ -365,27 +341,23 @@ bool DrawBuffers::drawBaseInstance()
         VYX_DEBUG("##### COMMAND COUNT");
         return false;
     }
-    resolveBaseInstanceEntryPoints();
     if (_boIndex) {
         if (!checkIndexed())
             return false;
-        if (!VYX_CHECK(DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance,
-                       "glDrawElementsInstancedBaseVertexBaseInstance is not available"))
-            return false;
-        DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance(
-            _primitiveType, _indexCount, _indexType, byteOffset(_indexBufferOffset), _instanceCount, _baseVertex,
-            static_cast<GLuint>(_drawIDBase));
+        VYX_CHECK_RETURN(glDrawElementsInstancedBaseVertexBaseInstance, false,
+                         "glDrawElementsInstancedBaseVertexBaseInstance is not available");
+        glDrawElementsInstancedBaseVertexBaseInstance(_primitiveType, _indexCount, _indexType,
+                                                      byteOffset(_indexBufferOffset), _instanceCount, _baseVertex,
+                                                      static_cast<GLuint>(_drawIDBase));
         totalDrawCalls += 1;
         totalDrawBatches += 1;
         totalDrawIndices += static_cast<quint64>(_indexCount);
         return true;
     }
     VYX_CHECK_RETURN(0 != this->_vertexCount, false, "Index count is not setup on draw");
-    if (!VYX_CHECK(DrawBuffersEntryPoints::drawArraysInstancedBaseInstance,
-                   "glDrawArraysInstancedBaseInstance is not available"))
-        return false;
-    DrawBuffersEntryPoints::drawArraysInstancedBaseInstance(_primitiveType, _baseVertex, _vertexCount, _instanceCount,
-                                                            static_cast<GLuint>(_drawIDBase));
+    VYX_CHECK_RETURN(glDrawArraysInstancedBaseInstance, false, "glDrawArraysInstancedBaseInstance is not available");
+    glDrawArraysInstancedBaseInstance(_primitiveType, _baseVertex, _vertexCount, _instanceCount,
+                                      static_cast<GLuint>(_drawIDBase));
     totalDrawCalls += 1;
     totalDrawBatches += 1;
     return true;
@@ -460,10 +432,8 @@ bool DrawBuffers::drawUniformFallback(ShaderProgram* program, const QVector<int>
 
 bool DrawBuffers::drawInstanced(int instances)
 {
-    if (!VYX_CHECK_AS(!_vao.isNull() && _vao->isBound(), "true == this->_vao->isBound()",
-                      "Vertex Array Object is not bound on draw"))
+    if (!checkDrawable())
         return false;
-    VYX_CHECK_RETURN(GLenum(-1) != this->_primitiveType, false, "Primitive type is not setup on draw");
     if (_boIndex) {
         if (!checkIndexed())
             return false;

@@ -119,6 +119,8 @@ public:
 private:
     // The index type and count an indexed draw needs, each reported when missing.
     bool checkIndexed() const;
+    // A bound vertex array and a primitive type, before any draw.
+    bool checkDrawable() const;
     bool drawMultiIndirect();
     bool drawBaseInstance();
     bool drawUniformFallback(ShaderProgram* program, const QVector<int>* commandSubset);

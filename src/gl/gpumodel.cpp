@@ -92,8 +92,7 @@ int GPUModel::addSimple(DrawBuffers* db, int, InstanceDataCollection* materialDa
 void GPUModel::set(int drawable, DrawBuffers* db, InstanceDataCollection* materialData,
                    InstanceDataCollection* objectData, quint64 flags, quint64 mask)
 {
-    if (!VYX_CHECK(isDrawableIndex(drawable), "No drawable %d", drawable))
-        return;
+    VYX_CHECK_RETURN(isDrawableIndex(drawable), , "No drawable %d", drawable);
     Drawable& d = _drawables[drawable];
     d.drawBuffers = db;
     d.materialData = materialData;
@@ -117,8 +116,7 @@ void GPUModel::setFlags(quint64 flags)
 
 void GPUModel::setFlags(quint64 flags, int drawable)
 {
-    if (!VYX_CHECK(isDrawableIndex(drawable), "No drawable %d", drawable))
-        return;
+    VYX_CHECK_RETURN(isDrawableIndex(drawable), , "No drawable %d", drawable);
     _drawables[drawable].flags = flags;
     noteFlagsChanged(drawable);
 }
@@ -230,8 +228,7 @@ bool GPUModel::isDescendant(int a, int b) const
 
 void GPUModel::setTransformName(int transform, const QString& name)
 {
-    if (!VYX_CHECK(isValidTransform(transform), "No transform %d", transform))
-        return;
+    VYX_CHECK_RETURN(isValidTransform(transform), , "No transform %d", transform);
     if (!_transformIndex.contains(name))
         _transformNames.append(name);
     _transformIndex.insert(name, transform);
@@ -239,8 +236,7 @@ void GPUModel::setTransformName(int transform, const QString& name)
 
 void GPUModel::setLocalTransform(int transform, const QMatrix4x4& local)
 {
-    if (!VYX_CHECK(isValidTransform(transform), "No transform %d", transform))
-        return;
+    VYX_CHECK_RETURN(isValidTransform(transform), , "No transform %d", transform);
     _locals[transform] = local;
     _dirty[transform] = true;
     _anyDirty = true;
@@ -248,8 +244,7 @@ void GPUModel::setLocalTransform(int transform, const QMatrix4x4& local)
 
 void GPUModel::setWorldTransform(int transform, const QMatrix4x4& m)
 {
-    if (!VYX_CHECK(isValidTransform(transform), "No transform %d", transform))
-        return;
+    VYX_CHECK_RETURN(isValidTransform(transform), , "No transform %d", transform);
     const int parent = _parents[transform];
     if (parent < 0) {
         setLocalTransform(transform, m);
@@ -379,9 +374,8 @@ void GPUModel::writeObjectMatrices(int transform)
 
 void GPUModel::useTransform(int drawable, int command, int transform)
 {
-    if (!VYX_CHECK(isCommandOf(drawable, command), "No command %d in drawable %d", command, drawable) ||
-        !VYX_CHECK(transform == kInvalidTransformRef || isValidTransform(transform), "No transform %d", transform))
-        return;
+    VYX_CHECK_RETURN(isCommandOf(drawable, command), , "No command %d in drawable %d", command, drawable);
+    VYX_CHECK_RETURN(transform == kInvalidTransformRef || isValidTransform(transform), , "No transform %d", transform);
     Drawable& d = _drawables[drawable];
     const InstanceRef ref{d.id, command};
     const int previous = d.transformRefs[command];
@@ -406,8 +400,7 @@ void GPUModel::useBoundingBox(int drawable, int command, int box)
 
 void GPUModel::loadBoundingBoxes(const BoundingBox* boxes, int count)
 {
-    if (!VYX_CHECK(boxes || count <= 0, "No boxes given for %d", count))
-        return;
+    VYX_CHECK_RETURN(boxes || count <= 0, , "No boxes given for %d", count);
     _boxes.assign(boxes, boxes + std::max(count, 0));
 }
 

@@ -5,7 +5,6 @@
 #include "gl/bindable.h"
 #include "gl/bufferobject.h"
 #include "gl/drawbuffers.h"
-#include "gl/drawbuffers_p.h"
 #include "gl/internal/percontextrecords.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
@@ -379,13 +378,13 @@ bool GPUModel::issueCommands(Drawable& d, ShaderProgram* program)
         return db.draw(program, &_selected);
     // Base-instance drawing takes command lists one command at a time: each command's base
     // instance carries its draw ID, as the indirect path reads it.
-    VYX_CHECK_RETURN(DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance && db.indexType() != 0, false,
+    VYX_CHECK_RETURN(glDrawElementsInstancedBaseVertexBaseInstance && db.indexType() != 0, false,
                      "Base-instance drawing of a command list needs an index type and the entry point");
     const int indexBytes = bytesFromInternalFormat(db.indexType());
     const QVector<DrawElementsIndirectCommand>& commands = db.drawElementsIndirectCommands();
     for (int c : qAsConst(_selected)) {
         const DrawElementsIndirectCommand& cmd = commands[c];
-        DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance(
+        glDrawElementsInstancedBaseVertexBaseInstance(
             db.primitiveType(), GLsizei(cmd.count), db.indexType(),
             reinterpret_cast<const void*>(quintptr(cmd.firstIndex) * quintptr(indexBytes)), GLsizei(cmd.instanceCount),
             GLint(cmd.baseVertex), cmd.baseInstance);

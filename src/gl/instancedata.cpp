@@ -31,10 +31,9 @@ InstanceDataRegistry::InstanceDataRegistry()
 
 void InstanceDataRegistry::registerPlan(InstanceDataPlan* plan)
 {
-    if (!VYX_CHECK(plan && InstanceDataPlan::isGLSLIdentifier(plan->name()),
-                   "InstanceDataRegistry::registerPlan() : '%s' cannot name GLSL identifiers",
-                   plan ? qPrintable(plan->name()) : "(null plan)"))
-        return;
+    VYX_CHECK_RETURN(plan && InstanceDataPlan::isGLSLIdentifier(plan->name()), ,
+                     "InstanceDataRegistry::registerPlan() : '%s' cannot name GLSL identifiers",
+                     plan ? qPrintable(plan->name()) : "(null plan)");
     plan->finalise();
     _plans[plan->name()] = plan;
 }
@@ -82,10 +81,10 @@ const InstanceDataPlan::MemberLayout* checkedMember(const InstanceDataPlan* plan
     // Checked before any report is formatted: this runs for every value a host packs.
     if (member && size > 0 && size <= member->size)
         return member;
-    if (VYX_CHECK(member, "%s( '%s') : plan '%s' has no such member", caller, qPrintable(name),
-                  qPrintable(plan->name())))
-        VYX_CHECK(size > 0 && size <= member->size, "%s( '%s') : %d bytes do not fit a member of %d bytes", caller,
-                  qPrintable(name), int(size), int(member->size));
+    VYX_CHECK_RETURN(member, nullptr, "%s( '%s') : plan '%s' has no such member", caller, qPrintable(name),
+                     qPrintable(plan->name()));
+    VYX_CHECK_CONTINUE(size > 0 && size <= member->size, "%s( '%s') : %d bytes do not fit a member of %d bytes",
+                       caller, qPrintable(name), int(size), int(member->size));
     return nullptr;
 }
 
@@ -116,9 +115,8 @@ bool InstanceData::set(const QString& name, const void* data, size_t size)
 
 bool InstanceData::set(int offset, const void* data, size_t size)
 {
-    if (!VYX_CHECK(offset >= 0 && size_t(offset) + size <= size_t(_data.size()),
-                   "InstanceData::set( %d) : %d bytes past the record's %d", offset, int(size), int(_data.size())))
-        return false;
+    VYX_CHECK_RETURN(offset >= 0 && size_t(offset) + size <= size_t(_data.size()), false,
+                     "InstanceData::set( %d) : %d bytes past the record's %d", offset, int(size), int(_data.size()));
     std::memcpy(_data.data() + offset, data, size);
     return true;
 }

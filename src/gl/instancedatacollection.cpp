@@ -5,6 +5,7 @@
 #include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
+#include "gl/internal/glcapabilities.h"
 #include "gl/internal/instancedatalayout.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
@@ -110,8 +111,7 @@ void InstanceDataCollection::replace(const char* bytes, size_t numBytes)
 
 bool InstanceDataCollection::update(const QList<InstanceData>& list)
 {
-    if (!VYX_CHECK(_plan, "InstanceDataCollection::update() without a plan"))
-        return false;
+    VYX_CHECK_RETURN(_plan, false, "InstanceDataCollection::update() without a plan");
     for (const InstanceData& record : list) {
         const bool samePlan = record.plan() == _plan;
         if (!samePlan)
@@ -132,11 +132,10 @@ bool InstanceDataCollection::update(const QList<InstanceData>& list)
 
 bool InstanceDataCollection::update(const char* bytes, size_t numBytes)
 {
-    if (!VYX_CHECK(_plan, "InstanceDataCollection::update() without a plan"))
-        return false;
-    if (!VYX_CHECK(numBytes % _plan->totalDataSize() == 0 && (bytes || numBytes == 0),
-                   "%zu bytes are no whole number of '%s' records", numBytes, qPrintable(_plan->name())) ||
-        !fitsInOneArray(numBytes))
+    VYX_CHECK_RETURN(_plan, false, "InstanceDataCollection::update() without a plan");
+    VYX_CHECK_RETURN(numBytes % _plan->totalDataSize() == 0 && (bytes || numBytes == 0), false,
+                     "%zu bytes are no whole number of '%s' records", numBytes, qPrintable(_plan->name()));
+    if (!fitsInOneArray(numBytes))
         return false;
     checkFits(numBytes / _plan->totalDataSize());
     replace(bytes, numBytes);
@@ -182,9 +181,8 @@ bool InstanceDataCollection::set(int index, const QString& member, const void* d
 
 bool InstanceDataCollection::get(int index, const QString& member, void* data) const
 {
-    if (!VYX_CHECK(index >= 0 && index < size(), "InstanceDataCollection::get( %d, '%s') : %d records", index,
-                   qPrintable(member), size()))
-        return false;
+    VYX_CHECK_RETURN(index >= 0 && index < size(), false, "InstanceDataCollection::get( %d, '%s') : %d records", index,
+                     qPrintable(member), size());
     const size_t bytes = _plan->dataSize(member);
     const int offset = checkedMemberOffset(_plan, member, bytes, "InstanceDataCollection::get");
     if (offset < 0)
@@ -248,7 +246,7 @@ bool InstanceDataCollection::makeBuffer()
     _uploadedSize = -1;
     _immutable = false;
     // Drivers without immutable storage know neither the call nor the query.
-    if (_storageFlags != 0 && getGLProcAddress("glBufferStorage", true)) {
+    if (_storageFlags != 0 && hasGLCapability(GLCapability::BufferStorage)) {
         _allocatedBytes = gpuBytes();
         buffer->useStorageBuffer(int(_allocatedBytes), _storageFlags | GL_MAP_WRITE_BIT | GL_DYNAMIC_STORAGE_BIT);
         AutoBinder bound(buffer.data());
@@ -317,8 +315,7 @@ bool InstanceDataCollection::rewriteAll()
     BufferObject* buffer = _uniformBufferObject->bufferObject().data();
     AutoBinder bound(buffer);
     void* mapped = buffer->map(GL_WRITE_ONLY);
-    if (!VYX_CHECK(mapped, "Could not map the buffer of plan '%s'", qPrintable(_plan->name())))
-        return false;
+    VYX_CHECK_RETURN(mapped, false, "Could not map the buffer of plan '%s'", qPrintable(_plan->name()));
     std::memcpy(mapped, _data.constData(), size_t(_data.size()));
     buffer->unmap();
     _uploadedBytes += quint64(_data.size());
@@ -338,8 +335,7 @@ bool InstanceDataCollection::rewriteChanged()
     const GLenum target = buffer->target();
     auto* mapped = static_cast<char*>(
         glMapBufferRange(target, first, end - first, GL_MAP_WRITE_BIT | GL_MAP_FLUSH_EXPLICIT_BIT));
-    if (!VYX_CHECK(mapped, "Could not map the buffer of plan '%s'", qPrintable(_plan->name())))
-        return false;
+    VYX_CHECK_RETURN(mapped, false, "Could not map the buffer of plan '%s'", qPrintable(_plan->name()));
     // Neighbouring records go out as one range.
     for (size_t i = 0; i < _dirtyRecords.size();) {
         size_t last = i;
@@ -358,8 +354,7 @@ bool InstanceDataCollection::rewriteChanged()
 
 bool InstanceDataCollection::bind(ShaderProgram* program, TextureManager* manager)
 {
-    if (!VYX_CHECK(_plan, "InstanceDataCollection::bind() without a plan"))
-        return false;
+    VYX_CHECK_RETURN(_plan, false, "InstanceDataCollection::bind() without a plan");
     if (getUniformBufferObject().isNull())
         return false;
     if (_dirty && !upload())
@@ -387,8 +382,7 @@ bool InstanceDataCollection::bind(ShaderProgram* program, TextureManager* manage
 
 bool InstanceDataCollection::unbind(ShaderProgram* program, TextureManager* manager)
 {
-    if (!VYX_CHECK(_plan && !_uniformBufferObject.isNull(), "InstanceDataCollection::unbind() before a bind"))
-        return false;
+    VYX_CHECK_RETURN(_plan && !_uniformBufferObject.isNull(), false, "InstanceDataCollection::unbind() before a bind");
     bool unbound = true;
     if (_plan->mechanism() == InstanceDataPlan::eUniformBlock) {
         unbound = _uniformBufferObject->unbind(program);

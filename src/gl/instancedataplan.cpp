@@ -39,10 +39,9 @@ QString InstanceDataPlan::samplerFName() const
 
 void InstanceDataPlan::addMember(DataType type, const QString& name)
 {
-    if (!VYX_CHECK_AS(!_finalised, "false == _finalised",
-                      "InstanceDataPlan::addMember( '%s') : plan '%s' is finalised; its layout is fixed",
-                      qPrintable(name), qPrintable(_name)))
-        return;
+    VYX_CHECK_RETURN(false == _finalised, ,
+                     "InstanceDataPlan::addMember( '%s') : plan '%s' is finalised; its layout is fixed",
+                     qPrintable(name), qPrintable(_name));
     if (type < eTexture || type >= eDataTypeCount) {
         // Only the type is remembered, so dataType() answers what was asked for.
         _memberTypes[name] = type;
@@ -53,15 +52,13 @@ void InstanceDataPlan::addMember(DataType type, const QString& name)
     // Fillers are named "_data..." and "_dummy..." and GLSL reserves "gl_" and "__".
     const bool reserved = name.startsWith(QLatin1String("_data")) || name.startsWith(QLatin1String("_dummy")) ||
                           name.startsWith(QLatin1String("gl_")) || name.contains(QLatin1String("__"));
-    if (!VYX_CHECK(isGLSLIdentifier(name) && !reserved,
-                   "InstanceDataPlan::addMember( '%s') : not a usable GLSL identifier in plan '%s'",
-                   qPrintable(name), qPrintable(_name)))
-        return;
+    VYX_CHECK_RETURN(isGLSLIdentifier(name) && !reserved, ,
+                     "InstanceDataPlan::addMember( '%s') : not a usable GLSL identifier in plan '%s'", qPrintable(name),
+                     qPrintable(_name));
     for (const QString& existing : qAsConst(_memberNames)) {
-        if (!VYX_CHECK(getterName(existing) != getterName(name),
-                       "InstanceDataPlan::addMember( '%s') : clashes with member '%s' of plan '%s'",
-                       qPrintable(name), qPrintable(existing), qPrintable(_name)))
-            return;
+        VYX_CHECK_RETURN(getterName(existing) != getterName(name), ,
+                         "InstanceDataPlan::addMember( '%s') : clashes with member '%s' of plan '%s'", qPrintable(name),
+                         qPrintable(existing), qPrintable(_name));
     }
     _memberNames.append(name);
     _memberSizes[name] = size_t(typeInfo(type).size);
@@ -175,36 +172,32 @@ void InstanceDataPlan::applyGLLimit()
 
 bool InstanceDataPlan::assertShaderProgram(const ShaderProgram* program) const
 {
-    if (!VYX_CHECK(program && program->isLinked() && _finalised,
-                   "Plan '%s' can only check a linked program once finalised", qPrintable(_name)))
-        return false;
+    VYX_CHECK_RETURN(program && program->isLinked() && _finalised, false,
+                     "Plan '%s' can only check a linked program once finalised", qPrintable(_name));
     const GLuint id = program->shaderProgramID();
     if (_mechanism == eTextureBuffer) {
         const QString names[] = {samplerFName(), samplerIName()};
         const GLenum types[] = {GL_SAMPLER_BUFFER, GL_INT_SAMPLER_BUFFER};
         for (int i = 0; i < 2; ++i) {
             const GLenum type = activeUniformType(id, names[i]);
-            if (!VYX_CHECK(type == 0 || type == types[i], "Uniform '%s' of program %u has type 0x%X, not 0x%X",
-                           qPrintable(names[i]), id, type, types[i]))
-                return false;
+            VYX_CHECK_RETURN(type == 0 || type == types[i], false, "Uniform '%s' of program %u has type 0x%X, not 0x%X",
+                             qPrintable(names[i]), id, type, types[i]);
         }
         return true;
     }
     const QString blockName = QStringLiteral("u_") + _name + QStringLiteral("Uniform");
     const int block = program->getUniformBlockIndex(blockName);
-    if (!VYX_CHECK(block >= 0, "Program %u has no uniform block '%s'", id, qPrintable(blockName)))
-        return false;
+    VYX_CHECK_RETURN(block >= 0, false, "Program %u has no uniform block '%s'", id, qPrintable(blockName));
     GLint blockSize = 0;
     glGetActiveUniformBlockiv(id, GLuint(block), GL_UNIFORM_BLOCK_DATA_SIZE, &blockSize);
-    if (!VYX_CHECK(size_t(blockSize) == _arraySize * _totalDataSize,
-                   "Block '%s' of program %u holds %d bytes, the plan %d", qPrintable(blockName), id, blockSize,
-                   int(_arraySize * _totalDataSize)))
-        return false;
+    VYX_CHECK_RETURN(size_t(blockSize) == _arraySize * _totalDataSize, false,
+                     "Block '%s' of program %u holds %d bytes, the plan %d", qPrintable(blockName), id, blockSize,
+                     int(_arraySize * _totalDataSize));
     for (const StructField& field : structFields(*this)) {
         const int linked = activeUniformOffset(id, _name + QStringLiteral("s[0].") + field.name);
-        if (!VYX_CHECK(linked < 0 || linked == field.offset, "'%s' of plan '%s' lies at %d in program %u, not %d",
-                       qPrintable(field.name), qPrintable(_name), linked, id, field.offset))
-            return false;
+        VYX_CHECK_RETURN(linked < 0 || linked == field.offset, false,
+                         "'%s' of plan '%s' lies at %d in program %u, not %d", qPrintable(field.name),
+                         qPrintable(_name), linked, id, field.offset);
     }
     return true;
 }

@@ -20,22 +20,19 @@ void upload(const KTXParser& parser, GLenum target, const KTXImage& image)
     const auto size = GLsizei(image.size);
     const auto level = GLint(image.level);
     const auto w = GLsizei(image.width), ht = GLsizei(image.height), d = GLsizei(image.depth);
-    if (target == GL_TEXTURE_CUBE_MAP) {
-        const GLenum face = GL_TEXTURE_CUBE_MAP_POSITIVE_X + image.face;
+    if (target == GL_TEXTURE_CUBE_MAP || target == GL_TEXTURE_2D) {
+        // A cube map's images are its faces' 2D images.
+        const GLenum imageTarget =
+            target == GL_TEXTURE_CUBE_MAP ? GLenum(GL_TEXTURE_CUBE_MAP_POSITIVE_X + image.face) : target;
         if (parser.isCompressed())
-            glCompressedTexImage2D(face, level, format, w, ht, 0, size, image.data);
+            glCompressedTexImage2D(imageTarget, level, format, w, ht, 0, size, image.data);
         else
-            glTexImage2D(face, level, GLint(format), w, ht, 0, h.glFormat, h.glType, image.data);
+            glTexImage2D(imageTarget, level, GLint(format), w, ht, 0, h.glFormat, h.glType, image.data);
     } else if (target == GL_TEXTURE_1D) {
         if (parser.isCompressed())
             glCompressedTexImage1D(target, level, format, w, 0, size, image.data);
         else
             glTexImage1D(target, level, GLint(format), w, 0, h.glFormat, h.glType, image.data);
-    } else if (target == GL_TEXTURE_2D) {
-        if (parser.isCompressed())
-            glCompressedTexImage2D(target, level, format, w, ht, 0, size, image.data);
-        else
-            glTexImage2D(target, level, GLint(format), w, ht, 0, h.glFormat, h.glType, image.data);
     } else if (target == GL_TEXTURE_3D) {
         if (parser.isCompressed())
             glCompressedTexImage3D(target, level, format, w, ht, d, 0, size, image.data);

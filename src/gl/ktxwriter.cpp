@@ -4,6 +4,7 @@
 #include "gl/bindable.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/ktxparser.h"
 #include "gl/texture.h"
 
@@ -96,9 +97,7 @@ QByteArray TextureToKTX(Texture* texture)
     for (uint32_t word : header)
         appendWord(out, word);
 
-    GLint alignment = 4;
-    glGetIntegerv(GL_PACK_ALIGNMENT, &alignment);
-    glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    PixelStoreGuard alignment(GL_PACK_ALIGNMENT, 4);
     VYX_CHECK_GL_ERROR(); // earlier errors are not this read-back's
     std::vector<char> pixels;
     for (size_t level = 0; level < levelSizes.size(); ++level) {
@@ -119,7 +118,6 @@ QByteArray TextureToKTX(Texture* texture)
             }
         }
     }
-    glPixelStorei(GL_PACK_ALIGNMENT, alignment);
     VYX_CHECK_RETURN(glGetError() == GL_NO_ERROR, QByteArray(), "Texture could not be read back for KTX");
     return out;
 }

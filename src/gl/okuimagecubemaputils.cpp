@@ -6,6 +6,8 @@
 #include "gl/framebufferobject.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
+#include "gl/internal/glcapabilities.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/okurendercubemap.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
@@ -60,7 +62,7 @@ bool sourceLevel(Texture* source, GLenum expectedTarget, LevelInfo& info)
 
 bool cubeMapArraysSupported()
 {
-    return openGlVersionSupported(4, 0) || hasGLExtension("GL_ARB_texture_cube_map_array");
+    return hasGLCapability(GLCapability::TextureCubeMapArray);
 }
 
 // An empty size x size cube map (array) with the conversions' sampling parameters; null, with
@@ -120,9 +122,8 @@ Texture* renderCubemap(OkuRenderCubemapBase& renderer, std::unique_ptr<Texture> 
 QVector<float> rampAmounts(int levelCount, int firstLevel, float power)
 {
     QVector<float> amounts;
-    if (!VYX_CHECK(levelCount >= 1 && firstLevel >= 0 && firstLevel < levelCount,
-                   "Levels %d ... %d are not a range of blur levels", firstLevel, levelCount - 1))
-        return amounts;
+    VYX_CHECK_RETURN(levelCount >= 1 && firstLevel >= 0 && firstLevel < levelCount, amounts,
+                     "Levels %d ... %d are not a range of blur levels", firstLevel, levelCount - 1);
     for (int level = firstLevel; level < levelCount; ++level)
         amounts.append(levelCount > 1 ? std::pow(float(level) / float(levelCount - 1), power) : 0.0f);
     return amounts;
@@ -344,9 +345,8 @@ IrradianceSH computeIrradianceSHFromGLCubemap(Texture* cubemap, int maxFaceSize)
             break;
         ++level;
     }
-    GLint alignment = 4;
-    glGetIntegerv(GL_PACK_ALIGNMENT, &alignment);
-    glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    // The read-back's alignment holds to the end: only arithmetic follows the loop.
+    PixelStoreGuard alignment(GL_PACK_ALIGNMENT, 4);
     std::vector<float> texels(size_t(size) * size_t(size) * 4);
     double sums[9][3] = {};
     double totalWeight = 0.0;
@@ -368,7 +368,6 @@ IrradianceSH computeIrradianceSHFromGLCubemap(Texture* cubemap, int maxFaceSize)
             }
         }
     }
-    glPixelStorei(GL_PACK_ALIGNMENT, alignment);
     // Radiance coefficients, scaled by the cosine lobe's band factors over pi.
     const double bandFactors[9] = {1.0, 2.0 / 3, 2.0 / 3, 2.0 / 3, 0.25, 0.25, 0.25, 0.25, 0.25};
     const double toSolidAngle = 4.0 * M_PI / totalWeight;

@@ -73,8 +73,7 @@ ShadowMapRenderData* resolveRenderData(const QVariant& dataVariant)
         std::printf("Type '%s'\n", object->metaObject()->className());
         std::fflush(stdout);
     }
-    if (!VYX_CHECK_AS(renderData != nullptr, "NULL != renderData", "NULL render data used"))
-        return nullptr;
+    VYX_CHECK_RETURN(NULL != renderData, nullptr, "NULL render data used");
     return renderData;
 }
 
@@ -85,8 +84,7 @@ ShadowMapRenderData* resolveWithTexture(const QVariant& dataVariant)
     if (!renderData)
         return nullptr;
     Texture* texture = renderData->projectionTexture();
-    if (!VYX_CHECK_AS(texture != nullptr, "NULL != texture", "NULL render data texture used"))
-        return nullptr;
+    VYX_CHECK_RETURN(NULL != texture, nullptr, "NULL render data texture used");
     return renderData;
 }
 

@@ -32,12 +32,34 @@ PerContextRecords<ContextInfo>& contextInfos()
 
 void initilizeFreeTextureUnits(ContextInfo& contextInfo, void* context)
 {
-    VYX_CHECK(0 == contextInfo.maxTextureImageUnits,
-              "VyxTexture::initilizeFreeTextureUnits() : m_MaxTextureImageUnits is set for exisitng GL context, %p",
-              context);
+    VYX_CHECK_CONTINUE(0 == contextInfo.maxTextureImageUnits,
+                       "VyxTexture::initilizeFreeTextureUnits() : m_MaxTextureImageUnits is set for exisitng GL "
+                       "context, %p",
+                       context);
     glGetIntegerv(GL_MAX_TEXTURE_IMAGE_UNITS, &contextInfo.maxTextureImageUnits);
     for (int unit = 0; unit < contextInfo.maxTextureImageUnits; ++unit)
         contextInfo.freeTextureUnits.insert(unit, unit);
+}
+
+// Where a bound texture's unit and bind count sit in its context's record.
+struct UnitBinding
+{
+    QHash<unsigned int, int>::iterator unit;
+    QHash<unsigned int, int>::iterator count;
+};
+
+// Finds the texture's entries, one lookup per map, and reports a texture that is not bound; the
+// checks print the conditions they stand for.
+bool findUnitBinding(ContextInfo& contextInfo, unsigned int textureID, const char* operation, UnitBinding& binding)
+{
+    binding.unit = contextInfo.textureToUnitMaps.find(textureID);
+    binding.count = contextInfo.boundTextureCounts.find(textureID);
+    return VYX_CHECK_AS(binding.unit != contextInfo.textureToUnitMaps.end(),
+                        "contextInfo.textureToUnitMaps.contains(this->_textureID)", "Texture has not been bound on %s",
+                        operation) &&
+           VYX_CHECK_AS(binding.count != contextInfo.boundTextureCounts.end(),
+                        "contextInfo.boundTextureCounts.contains(this->_textureID)", "Texture has not been bound on %s",
+                        operation);
 }
 
 // Runs fn on the current context's record, setting the record up on first use.
@@ -159,11 +181,15 @@ Texture* Texture::create3DMultisample(unsigned int target, unsigned int internal
     return this;
 }
 
+bool Texture::checkUsable(const char* operation) const
+{
+    return VYX_CHECK(0u != this->_textureID, "Texutre is NULL on %s", operation) &&
+           VYX_CHECK(0u != this->_target, "Texture Target is not set on %s", operation);
+}
+
 bool Texture::bind()
 {
-    if (!VYX_CHECK(0u != this->_textureID, "Texutre is NULL on bind"))
-        return false;
-    if (!VYX_CHECK(0u != this->_target, "Texture Target is not set on bind"))
+    if (!checkUsable("bind"))
         return false;
     return withContextInfo([this](ContextInfo& contextInfo) {
         const auto bound = contextInfo.textureToUnitMaps.constFind(_textureID);
@@ -190,29 +216,19 @@ bool Texture::bind()
 
 bool Texture::unbind()
 {
-    if (!VYX_CHECK(0u != this->_textureID, "Texutre is NULL on unbind"))
-        return false;
-    if (!VYX_CHECK(0u != this->_target, "Texture Target is not set on unbind"))
+    if (!checkUsable("unbind"))
         return false;
     return withContextInfo([this](ContextInfo& contextInfo) {
-        // One lookup per map: the checks print the conditions they stand for.
-        const auto bound = contextInfo.textureToUnitMaps.find(_textureID);
-        if (!VYX_CHECK_AS(bound != contextInfo.textureToUnitMaps.end(),
-                          "contextInfo.textureToUnitMaps.contains(this->_textureID)",
-                          "Texture has not been bound on unbind"))
+        UnitBinding binding;
+        if (!findUnitBinding(contextInfo, _textureID, "unbind", binding))
             return false;
-        const auto count = contextInfo.boundTextureCounts.find(_textureID);
-        if (!VYX_CHECK_AS(count != contextInfo.boundTextureCounts.end(),
-                          "contextInfo.boundTextureCounts.contains(this->_textureID)",
-                          "Texture has not been bound on unbind"))
-            return false;
-        const int unit = bound.value();
+        const int unit = binding.unit.value();
         glActiveTexture(GL_TEXTURE0 + static_cast<GLenum>(unit));
-        if (--count.value() > 0)
+        if (--binding.count.value() > 0)
             return true;
         glBindTexture(_target, 0);
-        contextInfo.textureToUnitMaps.erase(bound);
-        contextInfo.boundTextureCounts.erase(count);
+        contextInfo.textureToUnitMaps.erase(binding.unit);
+        contextInfo.boundTextureCounts.erase(binding.count);
         contextInfo.freeTextureUnits.insert(unit, unit);
         return true;
     });
@@ -220,17 +236,11 @@ bool Texture::unbind()
 
 int Texture::unit()
 {
-    if (!VYX_CHECK(0u != this->_textureID, "Texutre is NULL on unit()"))
-        return -1;
-    if (!VYX_CHECK(0u != this->_target, "Texture Target is not set on unit()"))
+    if (!checkUsable("unit()"))
         return -1;
     return withContextInfo([this](ContextInfo& contextInfo) {
-        if (!VYX_CHECK(contextInfo.textureToUnitMaps.contains(this->_textureID), "Texture has not been bound on unit()"))
-            return -1;
-        if (!VYX_CHECK(contextInfo.boundTextureCounts.contains(this->_textureID),
-                       "Texture has not been bound on unit()"))
-            return -1;
-        return contextInfo.textureToUnitMaps.value(_textureID);
+        UnitBinding binding;
+        return findUnitBinding(contextInfo, _textureID, "unit()", binding) ? binding.unit.value() : -1;
     });
 }
 

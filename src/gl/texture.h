@@ -50,6 +50,8 @@ private:
     bool create();
     bool destroy();
     int maxTextureUnits();
+    // Reports a texture without a name or target before `operation` uses it.
+    bool checkUsable(const char* operation) const;
 
     unsigned int _target = 0;
     unsigned int _textureID = 0;

@@ -62,8 +62,7 @@ QString TextureLoader2DHelper::value(unsigned int index)
 
 void RegisterTextureRecogniser(TextureRecogniser* recogniser, const QString& extension)
 {
-    if (!VYX_CHECK(recogniser != nullptr, "Cannot register a NULL texture recogniser"))
-        return;
+    VYX_CHECK_RETURN(recogniser != nullptr, , "Cannot register a NULL texture recogniser");
     Registry& r = registry();
     if (!r.recognisers.contains(recogniser))
         r.recognisers.append(recogniser);

@@ -73,6 +73,15 @@ int currentProgramBinding(ShaderProgram* program, int blockIndex)
     return linked;
 }
 
+// The program bound now, for the calls that take no program; reported when there is none.
+ShaderProgram* boundProgram()
+{
+    ShaderProgram* program = ShaderProgram::currentShaderProgram();
+    if (!program)
+        VYX_WARNING("No ShaderProgram is bound");
+    return program;
+}
+
 } // namespace
 
 UniformBufferObject::UniformBufferObject(const QString& blockName, QSharedPointer<BufferObject> buffer,
@@ -101,8 +110,7 @@ int UniformBufferObject::maxUniformBlockBindings()
 
 bool UniformBufferObject::bind(ShaderProgram* program)
 {
-    if (!VYX_CHECK(!this->_bufferObject.isNull(), "m_bufferObject is NULL on bind()"))
-        return false;
+    VYX_CHECK_RETURN(!this->_bufferObject.isNull(), false, "m_bufferObject is NULL on bind()");
     const unsigned int bufferObjectID = _bufferObject->getBO();
     const int blockIndex = program ? program->getUniformBlockIndex(_uniformBlockName) : -1;
 
@@ -132,9 +140,9 @@ bool UniformBufferObject::bind(ShaderProgram* program)
 
         if (-1 == uboContextData._batchFirst) {
             // Reported only: the data may still be uploaded after binding.
-            VYX_CHECK(_bufferObject->valueCount() * _bufferObject->valueSize() != 0,
-                      "glBindBufferRange() cannot take 0 as a size (%d,%d)", _bufferObject->valueCount(),
-                      int(_bufferObject->valueSize()));
+            VYX_CHECK_CONTINUE(_bufferObject->valueCount() * _bufferObject->valueSize() != 0,
+                               "glBindBufferRange() cannot take 0 as a size (%d,%d)", _bufferObject->valueCount(),
+                               int(_bufferObject->valueSize()));
             glBindBufferBase(GL_UNIFORM_BUFFER, GLuint(newBinding), bufferObjectID);
         } else {
             uboContextData._batchFirst = std::min(uboContextData._batchFirst, newBinding);
@@ -151,8 +159,7 @@ bool UniformBufferObject::bind(ShaderProgram* program)
 
 bool UniformBufferObject::unbind(ShaderProgram* /*program*/)
 {
-    if (!VYX_CHECK(!this->_bufferObject.isNull(), "m_bufferObject is NULL on bind()"))
-        return false;
+    VYX_CHECK_RETURN(!this->_bufferObject.isNull(), false, "m_bufferObject is NULL on bind()");
     const unsigned int bufferObjectID = _bufferObject->getBO();
     return withCurrentRecord([&](UboContextData& uboContextData) {
         // Unbinding a buffer that holds no binding point is harmless.
@@ -181,36 +188,25 @@ bool UniformBufferObject::unbind(ShaderProgram* /*program*/)
 
 bool UniformBufferObject::bind()
 {
-    ShaderProgram* program = ShaderProgram::currentShaderProgram();
-    if (!program) {
-        VYX_WARNING("No ShaderProgram is bound");
-        return false;
-    }
-    return bind(program);
+    ShaderProgram* program = boundProgram();
+    return program && bind(program);
 }
 
 bool UniformBufferObject::unbind()
 {
-    ShaderProgram* program = ShaderProgram::currentShaderProgram();
-    if (!program) {
-        VYX_WARNING("No ShaderProgram is bound");
-        return false;
-    }
-    return unbind(program);
+    ShaderProgram* program = boundProgram();
+    return program && unbind(program);
 }
 
 int UniformBufferObject::uniformBlockBinding() const
 {
-    if (!VYX_CHECK(!this->_bufferObject.isNull(), "m_bufferObject is NULL on uniformBlockBinding()"))
-        return -1;
+    VYX_CHECK_RETURN(!this->_bufferObject.isNull(), -1, "m_bufferObject is NULL on uniformBlockBinding()");
     const unsigned int bufferObjectID = _bufferObject->getBO();
     return withCurrentRecord([&](UboContextData& uboContextData) {
-        if (!VYX_CHECK(uboContextData._uniformBufferObjectToUniformBlockBindingMaps.contains(bufferObjectID),
-                       "UniformBufferObject has not been bound on uniformBlockBinding()"))
-            return -1;
-        if (!VYX_CHECK(uboContextData._boundUniformBufferObjectCounts.contains(bufferObjectID),
-                       "UniformBufferObject has not been bound on uniformBlockBinding()"))
-            return -1;
+        VYX_CHECK_RETURN(uboContextData._uniformBufferObjectToUniformBlockBindingMaps.contains(bufferObjectID), -1,
+                         "UniformBufferObject has not been bound on uniformBlockBinding()");
+        VYX_CHECK_RETURN(uboContextData._boundUniformBufferObjectCounts.contains(bufferObjectID), -1,
+                         "UniformBufferObject has not been bound on uniformBlockBinding()");
         return uboContextData._uniformBufferObjectToUniformBlockBindingMaps.value(bufferObjectID);
     });
 }

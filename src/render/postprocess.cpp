@@ -3,6 +3,7 @@
 #include "core/logging.h"
 #include "gl/glloader.h"
 #include "gl/internal/smaalookup.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "gl/textureutilities.h"
@@ -63,9 +64,8 @@ std::unique_ptr<ShaderProgram> buildProgram(const QString& fragment, const char*
     if (library)
         program->addShaderFromFile(GL_FRAGMENT_SHADER, QString::fromLatin1(library));
     program->setFragDataLocations({QStringLiteral("out_FragColor")});
-    if (!VYX_CHECK(program->compile() && program->link(), "Anti-aliasing program failed to build:\n%s",
-                   qPrintable(program->log())))
-        return nullptr;
+    VYX_CHECK_RETURN(program->compile() && program->link(), nullptr, "Anti-aliasing program failed to build:\n%s",
+                     qPrintable(program->log()));
     return program;
 }
 
@@ -75,11 +75,10 @@ std::unique_ptr<Texture> lookupTexture(int width, int height, const unsigned cha
     texture->create2D(GL_TEXTURE_2D, GL_RG8, width, height);
     if (!texture->bind())
         return nullptr;
-    GLint alignment = 4;
-    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
-    glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, GL_RG, GL_UNSIGNED_BYTE, texels);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
+    {
+        PixelStoreGuard alignment(GL_UNPACK_ALIGNMENT, 1);
+        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, GL_RG, GL_UNSIGNED_BYTE, texels);
+    }
     texture->unbind();
     return texture;
 }
@@ -158,13 +157,11 @@ ShaderProgram* PostProcess::program(Mode mode, int pass)
 
 bool PostProcess::apply(Mode mode, Texture* source, Texture* destination)
 {
-    if (!VYX_CHECK(source && destination && source != destination,
-                   "Anti-aliasing needs a source and a distinct destination texture"))
-        return false;
-    if (!VYX_CHECK(source->target() == GL_TEXTURE_2D && destination->target() == GL_TEXTURE_2D,
-                   "Anti-aliasing works on 2D textures only (targets 0x%X, 0x%X)", source->target(),
-                   destination->target()))
-        return false;
+    VYX_CHECK_RETURN(source && destination && source != destination, false,
+                     "Anti-aliasing needs a source and a distinct destination texture");
+    VYX_CHECK_RETURN(source->target() == GL_TEXTURE_2D && destination->target() == GL_TEXTURE_2D, false,
+                     "Anti-aliasing works on 2D textures only (targets 0x%X, 0x%X)", source->target(),
+                     destination->target());
     GLint size[4] = {};
     const GLenum query[2] = {GL_TEXTURE_WIDTH, GL_TEXTURE_HEIGHT};
     Texture* textures[2] = {source, destination};
@@ -173,10 +170,9 @@ bool PostProcess::apply(Mode mode, Texture* source, Texture* destination)
         glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, query[i % 2], &size[i]);
         textures[i / 2]->unbind();
     }
-    if (!VYX_CHECK(size[0] > 0 && size[0] == size[2] && size[1] == size[3],
-                   "Anti-aliasing source (%dx%d) and destination (%dx%d) must have one non-empty size", size[0],
-                   size[1], size[2], size[3]))
-        return false;
+    VYX_CHECK_RETURN(size[0] > 0 && size[0] == size[2] && size[1] == size[3], false,
+                     "Anti-aliasing source (%dx%d) and destination (%dx%d) must have one non-empty size", size[0],
+                     size[1], size[2], size[3]);
 
     SamplingOverride sampling(source);
     if (mode == eSMAA)
@@ -199,8 +195,7 @@ bool PostProcess::applySmaa(Texture* source, Texture* destination, int width, in
     if (!r.area) {
         r.area = lookupTexture(SmaaLookup::kAreaSize, SmaaLookup::kAreaSize, SmaaLookup::kArea);
         r.search = lookupTexture(SmaaLookup::kSearchSize, 1, SmaaLookup::kSearch);
-        if (!VYX_CHECK(r.area && r.search, "Anti-aliasing lookup textures could not be made"))
-            return false;
+        VYX_CHECK_RETURN(r.area && r.search, false, "Anti-aliasing lookup textures could not be made");
     }
     if (r.width != width || r.height != height) {
         r.edges = std::make_unique<Texture>();

@@ -7,6 +7,7 @@
 #include "gl/glslmacroprocessor.h"
 #include "gl/gpumodel.h"
 #include "gl/instancedataplan.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/shadowmapmanager.h"
@@ -398,11 +399,10 @@ QImage SceneRenderer::renderToImage(GPUModel& model, const Camera& camera, const
             }
             glBindFramebuffer(GL_FRAMEBUFFER, readFrom);
             image = QImage(size, QImage::Format_RGBA8888);
-            GLint alignment = 4;
-            glGetIntegerv(GL_PACK_ALIGNMENT, &alignment);
-            glPixelStorei(GL_PACK_ALIGNMENT, 4);
-            glReadPixels(0, 0, size.width(), size.height(), GL_RGBA, GL_UNSIGNED_BYTE, image.bits());
-            glPixelStorei(GL_PACK_ALIGNMENT, alignment);
+            {
+                PixelStoreGuard alignment(GL_PACK_ALIGNMENT, 4);
+                glReadPixels(0, 0, size.width(), size.height(), GL_RGBA, GL_UNSIGNED_BYTE, image.bits());
+            }
             image = image.mirrored(); // GL's first row is the bottom one
         }
     }

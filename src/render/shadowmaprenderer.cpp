@@ -93,8 +93,7 @@ QVector<float> gaussianWeights(int radius)
 
 std::unique_ptr<ShaderProgram> linked(std::unique_ptr<ShaderProgram> program)
 {
-    if (!VYX_CHECK(program->link(), "Shadow map program failed to link: %s", qPrintable(program->log())))
-        return nullptr;
+    VYX_CHECK_RETURN(program->link(), nullptr, "Shadow map program failed to link: %s", qPrintable(program->log()));
     return program;
 }
 

@@ -3,6 +3,8 @@
 #include "core/logging.h"
 #include "gl/glloader.h"
 #include "gl/glutilities.h"
+#include "gl/internal/glcapabilities.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 
@@ -39,8 +41,7 @@ VisibilityBuffer::~VisibilityBuffer()
 
 bool VisibilityBuffer::isSupported()
 {
-    return openGlVersionSupported(4, 2) ||
-           (hasGLExtension("GL_ARB_shader_image_load_store") && hasGLExtension("GL_ARB_shader_atomic_counters"));
+    return hasGLCapability(GLCapability::ShaderImageLoadStore) && hasGLCapability(GLCapability::ShaderAtomicCounters);
 }
 
 bool VisibilityBuffer::checkSupported() const
@@ -54,10 +55,10 @@ bool VisibilityBuffer::create(int width, int height, int maxFragments)
 {
     if (!checkSupported())
         return false;
-    if (!VYX_CHECK(width > 0 && height > 0 && maxFragments > 0 && width <= 16384 && height <= 16384 &&
-                       maxFragments <= (1 << 26),
-                   "Visibility buffer size %dx%d with %d fragments is out of range", width, height, maxFragments))
-        return false;
+    VYX_CHECK_RETURN(width > 0 && height > 0 && maxFragments > 0 && width <= 16384 && height <= 16384 &&
+                         maxFragments <= (1 << 26),
+                     false, "Visibility buffer size %dx%d with %d fragments is out of range", width, height,
+                     maxFragments);
     if (!_counterBuffer) {
         GLuint buffers[2] = {};
         glGenBuffers(2, buffers);
@@ -86,7 +87,8 @@ bool VisibilityBuffer::create(int width, int height, int maxFragments)
 
 bool VisibilityBuffer::addShaders(ShaderProgram* program) const
 {
-    if (!VYX_CHECK(program, "No program to add the visibility buffer to") || !checkSupported())
+    VYX_CHECK_RETURN(program, false, "No program to add the visibility buffer to");
+    if (!checkSupported())
         return false;
     program->addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("VisibilityBuffer.glslc"));
     program->addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("VyxUtilities.glslc"));
@@ -95,14 +97,14 @@ bool VisibilityBuffer::addShaders(ShaderProgram* program) const
 
 bool VisibilityBuffer::clear()
 {
-    if (!VYX_CHECK(_heads, "The visibility buffer was not created") || !_heads->bind())
+    VYX_CHECK_RETURN(_heads, false, "The visibility buffer was not created");
+    if (!_heads->bind())
         return false;
     const std::vector<GLuint> zeros(size_t(_width) * size_t(_height), 0u);
-    GLint alignment = 4;
-    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-    glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, _width, _height, GL_RED_INTEGER, GL_UNSIGNED_INT, zeros.data());
-    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
+    {
+        PixelStoreGuard alignment(GL_UNPACK_ALIGNMENT, 4);
+        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, _width, _height, GL_RED_INTEGER, GL_UNSIGNED_INT, zeros.data());
+    }
     _heads->unbind();
     writeCounter(_counterBuffer, 0u);
     return true;
@@ -110,8 +112,7 @@ bool VisibilityBuffer::clear()
 
 bool VisibilityBuffer::bind(ShaderProgram* program)
 {
-    if (!VYX_CHECK(_heads && program, "The visibility buffer needs to be created and given a program"))
-        return false;
+    VYX_CHECK_RETURN(_heads && program, false, "The visibility buffer needs to be created and given a program");
     glBindImageTexture(kHeadsImageUnit, _heads->textureID(), 0, GL_FALSE, 0, GL_READ_WRITE, GL_R32UI);
     glBindImageTexture(kNodesImageUnit, _nodes->textureID(), 0, GL_FALSE, 0, GL_READ_WRITE, GL_RGBA32UI);
     glBindBufferBase(GL_ATOMIC_COUNTER_BUFFER, kCounterBinding, _counterBuffer);

@@ -1,6 +1,6 @@
 #include "gl/bufferobject.h"
 #include "gl/drawbuffers.h"
-#include "gl/drawbuffers_p.h"
+#include "gl/glloader.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
@@ -195,7 +195,7 @@ TEST_F(DrawBuffersTest, SingleDrawsGiveEveryInstanceItsOwnIDOnBothPaths)
     clear();
     bindFor(*buffers, baseInstanceShader.get());
     {
-        CallRecorder<&DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance> drawCalls;
+        CallRecorder<&_ptrc_glDrawElementsInstancedBaseVertexBaseInstance> drawCalls;
         ASSERT_TRUE(buffers->draw(baseInstanceShader.get()));
         ASSERT_EQ(drawCalls.count(), 1u);
         EXPECT_EQ(drawCalls.calls()[0], std::make_tuple(GLenum(GL_TRIANGLES), 6, GLenum(GL_UNSIGNED_INT),
@@ -213,7 +213,7 @@ TEST_F(DrawBuffersTest, SingleDrawsGiveEveryInstanceItsOwnIDOnBothPaths)
     clear();
     bindFor(*arrays, baseInstanceShader.get());
     {
-        CallRecorder<&DrawBuffersEntryPoints::drawArraysInstancedBaseInstance> drawCalls;
+        CallRecorder<&_ptrc_glDrawArraysInstancedBaseInstance> drawCalls;
         ASSERT_TRUE(arrays->draw());
         EXPECT_EQ(drawCalls.calls(), (std::vector<std::tuple<GLenum, GLint, GLsizei, GLsizei, GLuint>>{
                                          {GL_TRIANGLES, 16, 6, 4, GLuint(kIDBase)}}));

@@ -53,6 +53,7 @@ TEST_F(GLTest, LoaderResolvesEveryCoreEntryPointAndFlagsFollowTheDriver)
         {"GL_ARB_shader_atomic_counters", ogl_ext_ARB_shader_atomic_counters,
          reinterpret_cast<void*>(_ptrc_glGetActiveAtomicCounterBufferiv)},
         {"GL_ARB_shader_image_load_store", ogl_ext_ARB_shader_image_load_store, reinterpret_cast<void*>(_ptrc_glBindImageTexture)},
+        {"GL_ARB_base_instance", ogl_ext_ARB_base_instance, reinterpret_cast<void*>(_ptrc_glDrawArraysInstancedBaseInstance)},
     };
     // A listed extension has flag 1 and every entry point found.
     for (const auto& [name, flag, firstEntryPoint] : rows) {
@@ -145,6 +146,7 @@ TEST_F(GLTest, CapabilityTableIsAnsweredPerContext)
     EXPECT_EQ(glCapability(GLCapability::TransformFeedbackVaryings),
               reinterpret_cast<void*>(_ptrc_glTransformFeedbackVaryings));
     EXPECT_EQ(glCapabilityOrigin(GLCapability::BufferStorage), "GL 4.4 or GL_ARB_buffer_storage");
+    EXPECT_EQ(glCapabilityOrigin(GLCapability::TextureCubeMapArray), "GL 4.0 or GL_ARB_texture_cube_map_array");
     const auto row = GLCapability::AstcLdrCompression;
     const bool first = hasGLCapability(row);
     EXPECT_EQ(first, hasGLExtension(glCapabilityRow(row).name));

@@ -16,7 +16,7 @@ namespace {
 constexpr int rowCount = int(GLCapability::Count);
 
 // In the order of GLCapability.
-const GLCapabilityRow rows[rowCount] = {
+const GLCapabilityRow rows[] = {
     {"glBufferStorage", "immutable storage buffers (BufferObject::useStorageBuffer)", true},
     {"glNamedBufferData", "uploads without binding (BufferObject)", true},
     {"glNamedBufferStorage", "immutable storage without binding (BufferObject::useStorageBuffer)", true},
@@ -41,7 +41,23 @@ const GLCapabilityRow rows[rowCount] = {
     {"GL_ARB_shader_draw_parameters", "gl_BaseInstanceARB in shaders (DrawBuffers)", false},
     {"GL_KHR_texture_compression_astc_ldr", "ASTC blocks uploaded as they are (ASTC reader)", false},
     {"GL_KHR_texture_compression_astc_hdr", "ASTC files with HDR blocks uploaded as they are (ASTC reader)", false},
+    {"glCopyImageSubData", "layer copies on the GPU, else through the CPU (Array2DTextureManager)", true},
+    {"GL_ARB_texture_query_lod", "textureQueryLod in the array shader (Array2DTextureManager)", false, 40},
+    {"GL_ARB_texture_cube_map_array", "one cube map array for all prefiltered levels (cube map conversions)", false,
+     40},
+    {"GL_ARB_shader_image_load_store", "the visibility buffer, with atomic counters (VisibilityBuffer)", false, 42},
+    {"GL_ARB_shader_atomic_counters", "the visibility buffer, with image load/store (VisibilityBuffer)", false, 42},
+    {"GL_ARB_bindless_texture", "ARB bindless handles in shaders (BindlessTextureManager)", false},
+    {"GL_NV_bindless_texture", "NV bindless handles in shaders (BindlessTextureManager)", false},
+    {"glGetTextureHandleARB", "bindless textures through the ARB calls (BindlessTextureManager)", true},
+    {"glMakeTextureHandleResidentARB", "bindless textures through the ARB calls (BindlessTextureManager)", true},
+    {"glMakeTextureHandleNonResidentARB", "bindless textures through the ARB calls (BindlessTextureManager)", true},
+    {"glGetTextureHandleNV", "bindless textures through the NV calls (BindlessTextureManager)", true},
+    {"glMakeTextureHandleResidentNV", "bindless textures through the NV calls (BindlessTextureManager)", true},
+    {"glMakeTextureHandleNonResidentNV", "bindless textures through the NV calls (BindlessTextureManager)", true},
 };
+
+static_assert(std::size(rows) == rowCount, "one row for each GLCapability");
 
 bool isExtension(const GLCapabilityRow& row)
 {
@@ -66,7 +82,8 @@ void* ask(const GLCapabilityRow& row)
     if (!isExtension(row))
         return getGLProcAddress(row.name, row.quiet);
     // Any non-null value says "present".
-    return hasGLExtension(row.name) ? const_cast<GLCapabilityRow*>(&row) : nullptr;
+    const bool inCore = row.coreVersion != 0 && openGlVersionSupported(row.coreVersion / 10, row.coreVersion % 10);
+    return inCore || hasGLExtension(row.name) ? const_cast<GLCapabilityRow*>(&row) : nullptr;
 }
 
 } // namespace
@@ -79,6 +96,11 @@ const GLCapabilityRow& glCapabilityRow(GLCapability capability)
 QString glCapabilityOrigin(GLCapability capability)
 {
     const GLCapabilityRow& row = glCapabilityRow(capability);
+    if (isExtension(row) && row.coreVersion)
+        return QStringLiteral("GL %1.%2 or %3")
+            .arg(row.coreVersion / 10)
+            .arg(row.coreVersion % 10)
+            .arg(QLatin1String(row.name));
     if (isExtension(row))
         return QString::fromLatin1(row.name);
     const GLEntryPointInfo* info = findGLEntryPointInfo(row.name);

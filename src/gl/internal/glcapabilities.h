@@ -32,6 +32,19 @@ enum class GLCapability {
     ShaderDrawParameters,
     AstcLdrCompression,
     AstcHdrCompression,
+    CopyImageSubData,
+    TextureQueryLod,
+    TextureCubeMapArray,
+    ShaderImageLoadStore,
+    ShaderAtomicCounters,
+    BindlessTextureARB,
+    BindlessTextureNV,
+    GetTextureHandleARB,
+    MakeTextureHandleResidentARB,
+    MakeTextureHandleNonResidentARB,
+    GetTextureHandleNV,
+    MakeTextureHandleResidentNV,
+    MakeTextureHandleNonResidentNV,
     Count
 };
 
@@ -43,6 +56,8 @@ struct GLCapabilityRow
     const char* selects;
     // A missing entry point is not noted at debug level.
     bool quiet;
+    // For an extension: the GL version (major * 10 + minor) whose core brings the same, or 0.
+    int coreVersion = 0;
 };
 
 // Exported for the vyxgl tool, which prints the table.
