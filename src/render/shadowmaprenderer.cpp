@@ -215,13 +215,11 @@ ShaderProgram* ShadowMapRenderer::modelProgram(const GPUModel& model, quint64 fl
         if ((d.flags & mask) != (flags & mask) || (d.flags & GPUModel::kHiddenFlag))
             continue;
         const InstanceDataPlan* own = d.objectData ? d.objectData->plan() : nullptr;
-        // (VYX_CHECK: its message reads the plans only once the check failed.)
-        if (!VYX_CHECK(own && own->dataType(matrix) == InstanceDataPlan::eMat4,
-                       "Drawable %d has no mat4 \"ModelMatrix\" in its object data to place its shadow", d.id) ||
-            !VYX_CHECK(!plan || plan->name() == own->name(),
-                       "Drawable %d places its shadow with plan '%s', others with '%s'", d.id,
-                       qPrintable(own->name()), qPrintable(plan->name())))
-            return nullptr;
+        VYX_CHECK_RETURN(own && own->dataType(matrix) == InstanceDataPlan::eMat4, nullptr,
+                         "Drawable %d has no mat4 \"ModelMatrix\" in its object data to place its shadow", d.id);
+        VYX_CHECK_RETURN(!plan || plan->name() == own->name(), nullptr,
+                         "Drawable %d places its shadow with plan '%s', others with '%s'", d.id,
+                         qPrintable(own->name()), qPrintable(plan->name()));
         plan = own;
     }
     if (!plan) // nothing to draw: the layers are only cleared
