@@ -18,6 +18,7 @@
 #include "gl/vertexarrayobject.h"
 
 #include <algorithm>
+#include <numeric>
 
 namespace Tavren::Vyx {
 
@@ -98,102 +99,6 @@ struct GPUModel::BoundState
 };
 
 // ---------------------------------------------------------------------------------------------
-// Culling
-
-bool GPUModel::isCommandCulled(int drawable, int command) const
-{
-    return isCommandOf(drawable, command) && _drawables[drawable].culled[command];
-}
-
-int GPUModel::visibilityCull()
-{
-    _cullingApplied = true;
-    const int transforms = _locals.size();
-    int newlyCulled = 0;
-    for (Drawable& d : _drawables) {
-        const int commands = d.transformRefs.size();
-        if (d.flags & kHiddenFlag) {
-            newlyCulled += commands - d.culledCount;
-            d.culled.fill(true, commands);
-            d.culledCount = commands;
-            continue;
-        }
-        for (int c = 0; c < commands; ++c) {
-            if (d.culled[c])
-                continue;
-            const int t = d.transformRefs[c];
-            bool cull;
-            if (t < 0 || t >= transforms || _visibility[t] == 2 || _visibility[t] == 3) {
-                cull = true;
-            } else {
-                const int p = _parents[t];
-                if (p >= 0 && (_visibility[p] == 3 || isParentHidden(p))) {
-                    cull = true;
-                } else if (_dirty[t] || (p >= 0 && _dirty[p])) {
-                    cull = false; // waits for a fresh matrix
-                } else {
-                    // A zero row, or a zero basis vector: an object scaled to nothing draws nothing.
-                    const float* w = _worlds[t].constData(); // column-major
-                    const auto squared = [](float a, float b, float c, float d) { return a * a + b * b + c * c + d * d; };
-                    cull = false;
-                    for (int i = 0; i < 3 && !cull; ++i)
-                        cull = squared(w[i], w[4 + i], w[8 + i], w[12 + i]) < 1e-6f ||
-                               squared(w[4 * i], w[4 * i + 1], w[4 * i + 2], 0.0f) < 1e-6f;
-                }
-            }
-            if (cull) {
-                d.culled[c] = true;
-                ++d.culledCount;
-                ++newlyCulled;
-            }
-        }
-    }
-    return newlyCulled;
-}
-
-int GPUModel::frustumCull(const QMatrix4x4& viewProjection)
-{
-    _cullingApplied = true;
-    const Frustum worldFrustum(viewProjection);
-    int newlyCulled = 0;
-    for (Drawable& d : _drawables) {
-        for (int c = 0; c < d.transformRefs.size(); ++c) {
-            const int box = d.boundingBoxRefs[c];
-            if (d.culled[c] || !isValidBoundingBox(box))
-                continue;
-            const int t = d.transformRefs[c];
-            const BoundingBox& local = _boxes[size_t(box)];
-            if (!worldFrustum.intersects(isValidTransform(t) ? local.transformed(_worlds[t]) : local)) {
-                d.culled[c] = true;
-                ++d.culledCount;
-                ++newlyCulled;
-            }
-        }
-    }
-    return newlyCulled;
-}
-
-void GPUModel::resetCulling()
-{
-    for (Drawable& d : _drawables) {
-        if (d.culledCount == 0)
-            continue;
-        std::fill(d.culled.begin(), d.culled.end(), false);
-        d.culledCount = 0;
-    }
-}
-
-bool GPUModel::isDrawEmpty(quint64 flags, quint64 mask) const
-{
-    const bool simple = hasFeatureFlags(kSimpleDrawFeature);
-    for (const Drawable& d : _drawables) {
-        if ((d.flags & mask) == (flags & mask) && (simple || d.culledCount < d.transformRefs.size()))
-            return false;
-    }
-    return true;
-}
-
-// ---------------------------------------------------------------------------------------------
 // Drawing
 
 bool GPUModel::draw(ShaderProgram* program, TextureManager* textureManager, const quint64& flags,
@@ -256,12 +161,14 @@ bool GPUModel::draw(ShaderProgram* program, TextureManager* textureManager, cons
     }
     setUpPrimitiveRestart();
 
-    QList<int> order = materials;
-    if (order.isEmpty()) {
+    if (materials.isEmpty() && _materialOrderStale) {
         // Ascending material index, so the drawing order does not depend on hashing.
-        order = _materialMap.keys();
-        std::sort(order.begin(), order.end());
+        _materialOrder = _materialMap.keys();
+        std::sort(_materialOrder.begin(), _materialOrder.end());
+        _materialOrderStale = false;
     }
+    const QList<int> order = materials.isEmpty() ? _materialOrder : materials;
+    refreshVerdicts();
     bool result = true;
     BoundState bound;
     for (int material : qAsConst(order)) {
@@ -294,18 +201,26 @@ bool GPUModel::draw(ShaderProgram* program, TextureManager* textureManager, cons
 
 void GPUModel::selectCommands(const Drawable& d, const WindingType& winding, bool honourCulling)
 {
-    _selected.clear();
+    const int commands = d.transformRefs.size();
     const bool mirrorPass = winding == eWindingCCW || winding == eWindingCW;
-    for (int c = 0; c < d.transformRefs.size(); ++c) {
-        if (honourCulling && d.culled[c])
+    if (!mirrorPass && (!honourCulling || d.culledCount == 0) && _hiddenCommands[size_t(d.id)] == 0) {
+        // Nothing culled or hidden: every command, as they come.
+        _selected.resize(commands);
+        std::iota(_selected.begin(), _selected.end(), 0);
+        return;
+    }
+    _selected.clear();
+    const int* refs = d.transformRefs.constData();
+    const bool* culled = d.culled.constData();
+    const bool* mirrored = _mirrored.constData();
+    const int transforms = _locals.size();
+    for (int c = 0; c < commands; ++c) {
+        if (honourCulling && culled[c])
             continue;
-        const int t = d.transformRefs[c];
-        if (mirrorPass) {
-            if (isValidTransform(t) && _mirrored[t] == (winding == eWindingCW))
-                _selected.append(c);
-        } else if (!isValidTransform(t) || (_visibility[t] != 2 && _visibility[t] != 3 && !isParentHidden(t))) {
+        const int t = refs[c];
+        const bool valid = t >= 0 && t < transforms;
+        if (mirrorPass ? valid && mirrored[t] == (winding == eWindingCW) : !valid || !_hidden[size_t(t)])
             _selected.append(c);
-        }
     }
 }
 
