@@ -259,15 +259,18 @@ private:
     };
     struct DrawableBounds
     {
-        WorldBox box; // union of the commands' boxes
+        WorldBox box; // around every command's box, once holdsBox
+        bool holdsBox = false;
         int boxed = 0; // commands with a box
         int empty = 0; // commands whose box is empty
         bool finite = true;
+        bool loose = false; // grown by edits since it was last fitted
         bool stale = true;
     };
     void refreshWorldBox(int drawable, int command);
     void refreshWorldBoxes();
     void refreshBounds(DrawableBounds& bounds, int drawable);
+    static void uniteBox(DrawableBounds& bounds, const WorldBox& box);
     void refreshVerdicts();
     int visibilityCullExact();
     // The centre of the command's box (or its origin) in world space.

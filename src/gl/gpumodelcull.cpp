@@ -71,19 +71,29 @@ void GPUModel::refreshWorldBox(int drawable, int command)
     const size_t slot = size_t(_slotBase[size_t(d.id)] + command);
     const int box = d.boundingBoxRefs[command];
     quint8 state = eNoBox;
+    WorldBox& out = _worldBoxes[slot];
     if (isValidBoundingBox(box)) {
         const int t = d.transformRefs[command];
         const BoundingBox& local = _boxes[size_t(box)];
         const BoundingBox world = isValidTransform(t) ? local.transformed(_worlds[t]) : local;
         state = world.isEmpty() ? eEmptyBox : eBox;
-        WorldBox& out = _worldBoxes[slot];
         for (int axis = 0; axis < 3; ++axis) {
             out.lo[axis] = world.minimum()[axis];
             out.hi[axis] = world.maximum()[axis];
         }
     }
+    // The union only grows here: still around every box, it may be looser than it needs to be,
+    // which costs a refit when it straddles the frustum.
+    DrawableBounds& bounds = _bounds[size_t(d.id)];
+    const quint8 previous = _boxState[slot];
     _boxState[slot] = state;
-    _bounds[size_t(d.id)].stale = true;
+    if (bounds.stale)
+        return;
+    bounds.loose = true;
+    bounds.boxed += (state == eBox) - (previous == eBox);
+    bounds.empty += (state == eEmptyBox) - (previous == eEmptyBox);
+    if (state == eBox)
+        uniteBox(bounds, out);
 }
 
 void GPUModel::refreshWorldBoxes()
@@ -106,14 +116,19 @@ void GPUModel::refreshBounds(DrawableBounds& bounds, int drawable)
             ++bounds.empty;
         if (state != eBox)
             continue;
-        const WorldBox& box = _worldBoxes[base + size_t(c)];
-        for (int axis = 0; axis < 3; ++axis) {
-            bounds.finite = bounds.finite && std::isfinite(box.lo[axis]) && std::isfinite(box.hi[axis]);
-            bounds.box.lo[axis] = bounds.boxed ? std::min(bounds.box.lo[axis], box.lo[axis]) : box.lo[axis];
-            bounds.box.hi[axis] = bounds.boxed ? std::max(bounds.box.hi[axis], box.hi[axis]) : box.hi[axis];
-        }
         ++bounds.boxed;
+        uniteBox(bounds, _worldBoxes[base + size_t(c)]);
     }
+}
+
+void GPUModel::uniteBox(DrawableBounds& bounds, const WorldBox& box)
+{
+    for (int axis = 0; axis < 3; ++axis) {
+        bounds.finite = bounds.finite && std::isfinite(box.lo[axis]) && std::isfinite(box.hi[axis]);
+        bounds.box.lo[axis] = bounds.holdsBox ? std::min(bounds.box.lo[axis], box.lo[axis]) : box.lo[axis];
+        bounds.box.hi[axis] = bounds.holdsBox ? std::max(bounds.box.hi[axis], box.hi[axis]) : box.hi[axis];
+    }
+    bounds.holdsBox = true;
 }
 
 void GPUModel::refreshVerdicts()
@@ -232,15 +247,25 @@ int GPUModel::frustumCull(const QMatrix4x4& viewProjection)
         const int commands = d.transformRefs.size();
         if (commands == 0 || d.culledCount == commands)
             continue;
+        // The box around the commands' boxes decides for all of them when it lies wholly inside
+        // or behind one plane; only a drawable straddling a plane has its commands tested one by
+        // one, after the box is refitted if edits have grown it.
         DrawableBounds& bounds = _bounds[size_t(d.id)];
         if (bounds.stale)
             refreshBounds(bounds, position);
-        // The union decides for every box in it when it lies wholly inside or behind one plane;
-        // only a drawable straddling a plane needs its commands tested one by one.
-        bool inside = bounds.boxed == 0, outside = false;
-        if (bounds.boxed && bounds.finite) {
-            outside = planes.outside(bounds.box.lo, bounds.box.hi);
-            inside = !outside && planes.inside(bounds.box.lo, bounds.box.hi);
+        bool inside = false, outside = false;
+        const auto classify = [&] {
+            inside = bounds.boxed == 0;
+            outside = false;
+            if (bounds.boxed && bounds.finite) {
+                outside = planes.outside(bounds.box.lo, bounds.box.hi);
+                inside = !outside && planes.inside(bounds.box.lo, bounds.box.hi);
+            }
+        };
+        classify();
+        if (!inside && !outside && bounds.loose) {
+            refreshBounds(bounds, position);
+            classify();
         }
         if (inside && bounds.empty == 0)
             continue;

@@ -288,18 +288,25 @@ bool GPUModel::drawMesh(Drawable& d, ShaderProgram* program, TextureManager* tex
 bool GPUModel::issueCommands(Drawable& d, ShaderProgram* program)
 {
     DrawBuffers& db = *d.drawBuffers;
-    if (db.isMultiDrawIndirect() && !isPlainOrder(_selected, db.numDrawCommands()))
-        return _indirect->drawSubset(db, _selected);
-    if (db.isMultiDrawIndirect() || !DrawBuffers::isBaseInstanceDrawing())
+    if (!db.isMultiDrawIndirect() && !DrawBuffers::isBaseInstanceDrawing())
         return db.draw(program, &_selected);
-    // Base-instance drawing takes command lists one command at a time: each command's base
+    const int records = _indirect->gather(db, _selected);
+    const bool direct = DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance && db.indexType() != 0;
+    // A single record needs no indirect buffer, which the driver would have to read back.
+    if (db.isMultiDrawIndirect() && !(records == 1 && direct)) {
+        // The list as the draw buffers hold it is in their own indirect buffer already.
+        if (records == db.numDrawCommands() && isPlainOrder(_selected, records))
+            return db.draw(program, &_selected);
+        return _indirect->drawGathered(db, records);
+    }
+    // Base-instance drawing takes command lists one record at a time: each record's base
     // instance carries its draw ID, as the indirect path reads it.
-    VYX_CHECK_RETURN(DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance && db.indexType() != 0, false,
+    VYX_CHECK_RETURN(direct, false,
                      "Base-instance drawing of a command list needs an index type and the entry point");
     const int indexBytes = bytesFromInternalFormat(db.indexType());
-    const QVector<DrawElementsIndirectCommand>& commands = db.drawElementsIndirectCommands();
-    for (int c : qAsConst(_selected)) {
-        const DrawElementsIndirectCommand& cmd = commands[c];
+    const auto* gathered = reinterpret_cast<const DrawElementsIndirectCommand*>(_indirect->scratch.constData());
+    for (int r = 0; r < records; ++r) {
+        const DrawElementsIndirectCommand& cmd = gathered[r];
         DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance(
             db.primitiveType(), GLsizei(cmd.count), db.indexType(),
             reinterpret_cast<const void*>(quintptr(cmd.firstIndex) * quintptr(indexBytes)), GLsizei(cmd.instanceCount),
@@ -345,15 +352,31 @@ bool GPUModel::drawSimple(ShaderProgram* program, TextureManager* textureManager
 
 namespace GPUModelDetail {
 
-bool IndirectCache::drawSubset(const DrawBuffers& db, const QVector<int>& selected)
+int IndirectCache::gather(const DrawBuffers& db, const QVector<int>& selected)
+{
+    const DrawElementsIndirectCommand* commands = db.drawElementsIndirectCommands().constData();
+    scratch.resize(selected.size() * int(sizeof(DrawElementsIndirectCommand)));
+    auto* out = reinterpret_cast<DrawElementsIndirectCommand*>(scratch.data());
+    int records = 0;
+    for (int c : selected) {
+        const DrawElementsIndirectCommand& command = commands[c];
+        DrawElementsIndirectCommand* last = records ? out + records - 1 : nullptr;
+        if (last && last->count == command.count && last->firstIndex == command.firstIndex &&
+            last->baseVertex == command.baseVertex &&
+            quint64(last->baseInstance) + last->instanceCount == command.baseInstance &&
+            quint64(last->instanceCount) + command.instanceCount <= 0xFFFFFFFFu)
+            last->instanceCount += command.instanceCount;
+        else
+            out[records++] = command;
+    }
+    scratch.resize(records * int(sizeof(DrawElementsIndirectCommand)));
+    return records;
+}
+
+bool IndirectCache::drawGathered(const DrawBuffers& db, int records)
 {
     VYX_CHECK_RETURN(db.indexType() != 0 && !db.indexBO().isNull(), false,
                      "Indirect drawing of a command subset needs an index buffer");
-    const QVector<DrawElementsIndirectCommand>& commands = db.drawElementsIndirectCommands();
-    scratch.resize(selected.size() * int(sizeof(DrawElementsIndirectCommand)));
-    auto* out = reinterpret_cast<DrawElementsIndirectCommand*>(scratch.data());
-    for (int i = 0; i < selected.size(); ++i)
-        out[i] = commands[selected[i]];
     Entry& entry = entries[&db];
     if (entry.buffer.isNull()) {
         auto device = OpenGLDeviceContext::current();
@@ -365,12 +388,12 @@ bool IndirectCache::drawSubset(const DrawBuffers& db, const QVector<int>& select
     if (!indirect.isBound())
         return false;
     if (entry.records != scratch) {
-        if (!entry.buffer->uploadArbitraryData(scratch.constData(), selected.size(), GL_DYNAMIC_DRAW,
+        if (!entry.buffer->uploadArbitraryData(scratch.constData(), records, GL_DYNAMIC_DRAW,
                                                sizeof(DrawElementsIndirectCommand)))
             return false;
         entry.records = scratch;
     }
-    glMultiDrawElementsIndirect(db.primitiveType(), db.indexType(), nullptr, GLsizei(selected.size()),
+    glMultiDrawElementsIndirect(db.primitiveType(), db.indexType(), nullptr, GLsizei(records),
                                 sizeof(DrawElementsIndirectCommand));
     return true;
 }
