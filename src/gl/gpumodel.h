@@ -47,6 +47,12 @@ struct IndirectCache;
 // and index buffer) and unbinds everything before it returns, so consecutive draw calls start
 // from nothing bound. Drawables that use the same DrawBuffers or collections back to back are
 // therefore the cheap case: sort by flags and materials to get it.
+//
+// With base-instance or indirect drawing, selected commands that repeat one geometry over
+// consecutive base instances are issued as one instanced record: getDrawID() sees the same IDs,
+// gl_InstanceID alone does not. Culling keeps each transform's verdict and each command's
+// world-space box between frames and tests a drawable's whole box before its commands, so a
+// frame costs little more than what changed.
 class VYXGL_EXPORT GPUModel
 {
 public:
