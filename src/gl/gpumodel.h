@@ -278,7 +278,6 @@ private:
     void refreshBounds(DrawableBounds& bounds, int drawable);
     static void uniteBox(DrawableBounds& bounds, const WorldBox& box);
     void refreshVerdicts();
-    int visibilityCullExact();
     // The centre of the command's box (or its origin) in world space.
     QVector3D commandCentre(const Drawable& d, int command) const;
     bool draw(ShaderProgram* program, TextureManager* textureManager, const quint64& flags, const quint64& mask,

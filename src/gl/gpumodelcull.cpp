@@ -169,11 +169,26 @@ void GPUModel::refreshVerdicts()
 int GPUModel::visibilityCull()
 {
     _cullingApplied = true;
-    // A dirty transform keeps its commands until its matrix is fresh: only the exact walk knows.
-    if (_anyDirty)
-        return visibilityCullExact();
-    refreshVerdicts();
+    // A dirty transform keeps its commands until its matrix is fresh: only a walk up its chain
+    // knows. With every transform clean the cached verdicts stand.
+    const bool exact = _anyDirty;
+    if (!exact)
+        refreshVerdicts();
     const int transforms = _locals.size();
+    const auto culls = [&](int t) -> bool {
+        if (t < 0 || t >= transforms)
+            return true;
+        if (!exact)
+            return _hidden[size_t(t)] || _zeroScale[size_t(t)];
+        if (_visibility[t] == 2 || _visibility[t] == 3)
+            return true;
+        const int p = _parents[t];
+        if (p >= 0 && (_visibility[p] == 3 || isParentHidden(p)))
+            return true;
+        if (_dirty[t] || (p >= 0 && _dirty[p]))
+            return false;
+        return _zeroScale[size_t(t)];
+    };
     int newlyCulled = 0;
     for (Drawable& d : _drawables) {
         const int commands = d.transformRefs.size();
@@ -183,55 +198,16 @@ int GPUModel::visibilityCull()
             d.culledCount = commands;
             continue;
         }
-        if (_cullableCommands[size_t(d.id)] == 0 || d.culledCount == commands)
+        if (d.culledCount == commands || (!exact && _cullableCommands[size_t(d.id)] == 0))
             continue;
         const int* refs = d.transformRefs.constData();
         bool* culled = d.culled.data();
         for (int c = 0; c < commands; ++c) {
-            const int t = refs[c];
-            if (culled[c] || (t >= 0 && t < transforms && !_hidden[size_t(t)] && !_zeroScale[size_t(t)]))
+            if (culled[c] || !culls(refs[c]))
                 continue;
             culled[c] = true;
             ++d.culledCount;
             ++newlyCulled;
-        }
-    }
-    return newlyCulled;
-}
-
-int GPUModel::visibilityCullExact()
-{
-    const int transforms = _locals.size();
-    int newlyCulled = 0;
-    for (Drawable& d : _drawables) {
-        const int commands = d.transformRefs.size();
-        if (d.flags & kHiddenFlag) {
-            newlyCulled += commands - d.culledCount;
-            d.culled.fill(true, commands);
-            d.culledCount = commands;
-            continue;
-        }
-        for (int c = 0; c < commands; ++c) {
-            if (d.culled[c])
-                continue;
-            const int t = d.transformRefs[c];
-            bool cull;
-            if (t < 0 || t >= transforms || _visibility[t] == 2 || _visibility[t] == 3) {
-                cull = true;
-            } else {
-                const int p = _parents[t];
-                if (p >= 0 && (_visibility[p] == 3 || isParentHidden(p)))
-                    cull = true;
-                else if (_dirty[t] || (p >= 0 && _dirty[p]))
-                    cull = false; // waits for a fresh matrix
-                else
-                    cull = _zeroScale[size_t(t)];
-            }
-            if (cull) {
-                d.culled[c] = true;
-                ++d.culledCount;
-                ++newlyCulled;
-            }
         }
     }
     return newlyCulled;
