@@ -708,6 +708,10 @@ size_t GPUModel::memoryEstimateCPU() const
     bytes += transforms * (2 * sizeof(QMatrix4x4) + sizeof(QMatrix3x3) + 2 * sizeof(int) + 1);
     bytes += _boxes.size() * sizeof(BoundingBox) + _cameras.size() * sizeof(Camera);
     bytes += size_t(_drawableIds.size() + _drawableMaterials.size()) * sizeof(int);
+    // Culling's records: per transform, per drawable id and per command.
+    bytes += transforms * (sizeof(std::vector<int>) + 2) + _dirtyList.capacity() * sizeof(int);
+    bytes += _bounds.size() * (sizeof(DrawableBounds) + 3 * sizeof(int));
+    bytes += _worldBoxes.size() * (sizeof(WorldBox) + 1);
     return bytes;
 }
 

@@ -291,7 +291,10 @@ bool GPUModel::issueCommands(Drawable& d, ShaderProgram* program)
     if (!db.isMultiDrawIndirect() && !DrawBuffers::isBaseInstanceDrawing())
         return db.draw(program, &_selected);
     const int records = _indirect->gather(db, _selected);
-    const bool direct = DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance && db.indexType() != 0;
+    if (records < 0)
+        return false;
+    const bool direct = DrawBuffersEntryPoints::drawElementsInstancedBaseVertexBaseInstance && db.indexType() != 0 &&
+                        !db.indexBO().isNull();
     // A single record needs no indirect buffer, which the driver would have to read back.
     if (db.isMultiDrawIndirect() && !(records == 1 && direct)) {
         // The list as the draw buffers hold it is in their own indirect buffer already.
@@ -354,11 +357,13 @@ namespace GPUModelDetail {
 
 int IndirectCache::gather(const DrawBuffers& db, const QVector<int>& selected)
 {
-    const DrawElementsIndirectCommand* commands = db.drawElementsIndirectCommands().constData();
+    const QVector<DrawElementsIndirectCommand>& list = db.drawElementsIndirectCommands();
+    const DrawElementsIndirectCommand* commands = list.constData();
     scratch.resize(selected.size() * int(sizeof(DrawElementsIndirectCommand)));
     auto* out = reinterpret_cast<DrawElementsIndirectCommand*>(scratch.data());
     int records = 0;
     for (int c : selected) {
+        VYX_CHECK_RETURN(c >= 0 && c < list.size(), -1, "Draw command %d is not in the list of %d", c, list.size());
         const DrawElementsIndirectCommand& command = commands[c];
         DrawElementsIndirectCommand* last = records ? out + records - 1 : nullptr;
         if (last && last->count == command.count && last->firstIndex == command.firstIndex &&
