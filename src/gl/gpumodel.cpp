@@ -38,6 +38,19 @@ void mergeSort(QVector<T>& items, QVector<T>& scratch, int begin, int end, Less 
         items[i] = scratch[i];
 }
 
+// A zero row, or a zero basis vector: an object scaled to nothing draws nothing.
+bool scalesToNothing(const QMatrix4x4& world)
+{
+    const float* w = world.constData(); // column-major
+    const auto squared = [](float a, float b, float c, float d) { return a * a + b * b + c * c + d * d; };
+    for (int i = 0; i < 3; ++i) {
+        if (squared(w[i], w[4 + i], w[8 + i], w[12 + i]) < 1e-6f ||
+            squared(w[4 * i], w[4 * i + 1], w[4 * i + 2], 0.0f) < 1e-6f)
+            return true;
+    }
+    return false;
+}
+
 } // namespace
 
 GPUModel::GPUModel()
@@ -71,7 +84,15 @@ int GPUModel::appendDrawable(DrawBuffers* db, int materialIndex, InstanceDataCol
     _drawableIds.append(_drawables.size());
     _drawableMaterials.append(materialIndex);
     _materialMap[materialIndex].append(_drawables.size());
+    _materialOrderStale = true;
     _drawables.append(d);
+    _slotBase.push_back(int(_worldBoxes.size()));
+    _worldBoxes.resize(_worldBoxes.size() + size_t(commands));
+    _boxState.resize(_worldBoxes.size(), 0);
+    _bounds.emplace_back();
+    _hiddenCommands.push_back(0);
+    _cullableCommands.push_back(0);
+    _verdictsStale = true;
     return d.id;
 }
 
@@ -160,6 +181,7 @@ void GPUModel::sortDrawablesByFlags()
     for (int position = 0; position < _drawables.size(); ++position)
         _drawableIds[_drawables[position].id] = position;
     _materialMap.clear();
+    _materialOrderStale = true;
     for (int position = 0; position < _drawables.size(); ++position)
         _materialMap[_drawableMaterials[_drawables[position].id]].append(position);
     // The map lists each material's drawables in order of addition.
@@ -185,16 +207,23 @@ int GPUModel::addTransform(int parent, const QMatrix4x4& local)
 {
     VYX_CHECK_RETURN(parent == kInvalidTransformRef || isValidTransform(parent), kInvalidTransformRef,
                      "Parent transform %d does not exist", parent);
+    const int transform = _locals.size();
     _locals.append(local);
     _worlds.append(QMatrix4x4());
     _normals.append(QMatrix3x3());
     _parents.append(parent);
     _mirrored.append(false);
-    _dirty.append(true);
+    _dirty.append(false);
     _visibility.append(1);
     _transformUsers.append(QList<InstanceRef>());
-    _anyDirty = true;
-    return _locals.size() - 1;
+    _children.emplace_back();
+    if (parent >= 0)
+        _children[size_t(parent)].push_back(transform);
+    _hidden.push_back(0);
+    _zeroScale.push_back(0);
+    _verdictsStale = true;
+    markDirty(transform);
+    return transform;
 }
 
 bool GPUModel::setTransformParent(int transform, int parent)
@@ -203,9 +232,16 @@ bool GPUModel::setTransformParent(int transform, int parent)
     VYX_CHECK_RETURN(parent == kInvalidTransformRef || (isValidTransform(parent) && parent != transform &&
                                                         !isDescendant(parent, transform)),
                      false, "Transform %d cannot take %d as its parent", transform, parent);
+    const int previous = _parents[transform];
+    if (previous >= 0) {
+        std::vector<int>& siblings = _children[size_t(previous)];
+        siblings.erase(std::find(siblings.begin(), siblings.end(), transform));
+    }
+    if (parent >= 0)
+        _children[size_t(parent)].push_back(transform);
     _parents[transform] = parent;
-    _dirty[transform] = true;
-    _anyDirty = true;
+    _verdictsStale = true;
+    markDirty(transform);
     return true;
 }
 
@@ -238,8 +274,21 @@ void GPUModel::setLocalTransform(int transform, const QMatrix4x4& local)
 {
     VYX_CHECK_RETURN(isValidTransform(transform), , "No transform %d", transform);
     _locals[transform] = local;
-    _dirty[transform] = true;
+    markDirty(transform);
+}
+
+void GPUModel::markDirty(int transform)
+{
     _anyDirty = true;
+    if (_dirty[transform])
+        return;
+    _dirty[transform] = true;
+    if (_dirtyListFull)
+        return;
+    if (int(_dirtyList.size()) >= _locals.size())
+        _dirtyListFull = true;
+    else
+        _dirtyList.push_back(transform);
 }
 
 void GPUModel::setWorldTransform(int transform, const QMatrix4x4& m)
@@ -286,8 +335,10 @@ bool GPUModel::isTransformDirty(int transform) const
 
 void GPUModel::setVisibility(int transform, int state)
 {
-    if (VYX_CHECK(isValidTransform(transform), "No transform %d", transform))
-        _visibility[transform] = state;
+    if (!VYX_CHECK(isValidTransform(transform), "No transform %d", transform) || _visibility[transform] == state)
+        return;
+    _visibility[transform] = state;
+    _verdictsStale = true;
 }
 
 int GPUModel::visibility(int transform) const
@@ -317,17 +368,51 @@ bool GPUModel::updateTransforms()
     if (!_anyDirty)
         return false;
     const int count = _locals.size();
-    // A child of a changed transform moves with it.
-    for (int i = 0; i < count; ++i) {
-        if (!_dirty[i] && _parents[i] >= 0 && isTransformDirty(_parents[i]))
-            _dirty[i] = true;
+    if (_dirtyListFull) {
+        // A child of a changed transform moves with it.
+        for (int i = 0; i < count; ++i) {
+            if (!_dirty[i] && _parents[i] >= 0 && isTransformDirty(_parents[i]))
+                _dirty[i] = true;
+        }
+        for (int i = 0; i < count; ++i) {
+            if (_dirty[i])
+                updateTransform(i);
+        }
+    } else {
+        markDescendantsDirty();
+        std::sort(_dirtyList.begin(), _dirtyList.end());
+        for (int i : _dirtyList) {
+            if (_dirty[i])
+                updateTransform(i);
+        }
     }
-    for (int i = 0; i < count; ++i) {
-        if (_dirty[i])
-            updateTransform(i);
-    }
+    _dirtyList.clear();
+    _dirtyListFull = false;
     _anyDirty = false;
     return true;
+}
+
+void GPUModel::markDescendantsDirty()
+{
+    // Every transform still dirty is on the list; what lies below one joins it. A dirty child is
+    // on the list already and spreads to its own children when its turn comes.
+    const size_t listed = _dirtyList.size();
+    for (size_t k = 0; k < listed; ++k) {
+        if (!_dirty[_dirtyList[k]])
+            continue;
+        _chain.clear();
+        _chain.append(_dirtyList[k]);
+        while (!_chain.isEmpty()) {
+            const int t = _chain.takeLast();
+            for (int child : _children[size_t(t)]) {
+                if (_dirty[child])
+                    continue;
+                _dirty[child] = true;
+                _dirtyList.push_back(child);
+                _chain.append(child);
+            }
+        }
+    }
 }
 
 QMatrix4x4 GPUModel::updateTransform(int transform)
@@ -348,6 +433,11 @@ QMatrix4x4 GPUModel::updateTransform(int transform)
         const QVector3D b = _worlds[t].row(1).toVector3D().normalized();
         const QVector3D c = _worlds[t].row(2).toVector3D().normalized();
         _mirrored[t] = QVector3D::dotProduct(QVector3D::crossProduct(a, b), c) < 0.0f;
+        const quint8 zeroScale = scalesToNothing(_worlds[t]) ? 1 : 0;
+        if (_zeroScale[size_t(t)] != zeroScale) {
+            _zeroScale[size_t(t)] = zeroScale;
+            _verdictsStale = true;
+        }
         _dirty[t] = false;
         writeObjectMatrices(t);
     }
@@ -363,7 +453,10 @@ void GPUModel::writeObjectMatrices(int transform)
     const QMatrix3x3& normal = _normals[transform];
     for (const InstanceRef& ref : users) {
         const int position = drawableIndex(ref.drawable);
-        InstanceDataCollection* data = position >= 0 ? _drawables[position].objectData : nullptr;
+        if (position < 0)
+            continue;
+        refreshWorldBox(position, ref.command);
+        InstanceDataCollection* data = _drawables[position].objectData;
         if (!data)
             continue;
         data->set(ref.command, kModelMatrix, world.constData(), 16 * sizeof(float));
@@ -382,26 +475,28 @@ void GPUModel::useTransform(int drawable, int command, int transform)
     if (previous >= 0)
         _transformUsers[previous].removeAll(ref);
     d.transformRefs[command] = transform;
+    _verdictsStale = true;
+    refreshWorldBox(drawable, command);
     if (transform < 0)
         return;
     _transformUsers[transform].append(ref);
     // The new user needs the matrix even if the transform does not change again.
-    if (!_dirty[transform]) {
-        _dirty[transform] = true;
-        _anyDirty = true;
-    }
+    markDirty(transform);
 }
 
 void GPUModel::useBoundingBox(int drawable, int command, int box)
 {
-    if (VYX_CHECK(isCommandOf(drawable, command), "No command %d in drawable %d", command, drawable))
-        _drawables[drawable].boundingBoxRefs[command] = box;
+    if (!VYX_CHECK(isCommandOf(drawable, command), "No command %d in drawable %d", command, drawable))
+        return;
+    _drawables[drawable].boundingBoxRefs[command] = box;
+    refreshWorldBox(drawable, command);
 }
 
 void GPUModel::loadBoundingBoxes(const BoundingBox* boxes, int count)
 {
     VYX_CHECK_RETURN(boxes || count <= 0, , "No boxes given for %d", count);
     _boxes.assign(boxes, boxes + std::max(count, 0));
+    refreshWorldBoxes();
 }
 
 BoundingBox GPUModel::getBoundingBox(int box) const
@@ -606,6 +701,10 @@ size_t GPUModel::memoryEstimateCPU() const
     bytes += transforms * (2 * sizeof(QMatrix4x4) + sizeof(QMatrix3x3) + 2 * sizeof(int) + 1);
     bytes += _boxes.size() * sizeof(BoundingBox) + _cameras.size() * sizeof(Camera);
     bytes += size_t(_drawableIds.size() + _drawableMaterials.size()) * sizeof(int);
+    // Culling's records: per transform, per drawable id and per command.
+    bytes += transforms * (sizeof(std::vector<int>) + 2) + _dirtyList.capacity() * sizeof(int);
+    bytes += _bounds.size() * (sizeof(DrawableBounds) + 3 * sizeof(int));
+    bytes += _worldBoxes.size() * (sizeof(WorldBox) + 1);
     return bytes;
 }
 

@@ -47,6 +47,12 @@ struct IndirectCache;
 // and index buffer) and unbinds everything before it returns, so consecutive draw calls start
 // from nothing bound. Drawables that use the same DrawBuffers or collections back to back are
 // therefore the cheap case: sort by flags and materials to get it.
+//
+// With base-instance or indirect drawing, selected commands that repeat one geometry over
+// consecutive base instances are issued as one instanced record: getDrawID() sees the same IDs,
+// gl_InstanceID alone does not. Culling keeps each transform's verdict and each command's
+// world-space box between frames and tests a drawable's whole box before its commands, so a
+// frame costs little more than what changed.
 class VYXGL_EXPORT GPUModel
 {
 public:
@@ -249,6 +255,29 @@ private:
                        const void* data, size_t size, bool material);
     QMatrix4x4 updateTransform(int transform);
     void writeObjectMatrices(int transform);
+    void markDirty(int transform);
+    void markDescendantsDirty();
+    // Culling caches (gpumodelcull.cpp).
+    struct WorldBox
+    {
+        float lo[3];
+        float hi[3];
+    };
+    struct DrawableBounds
+    {
+        WorldBox box; // around every command's box, once holdsBox
+        bool holdsBox = false;
+        int boxed = 0; // commands with a box
+        int empty = 0; // commands whose box is empty
+        bool finite = true;
+        bool loose = false; // grown by edits since it was last fitted
+        bool stale = true;
+    };
+    void refreshWorldBox(int drawable, int command);
+    void refreshWorldBoxes();
+    void refreshBounds(DrawableBounds& bounds, int drawable);
+    static void uniteBox(DrawableBounds& bounds, const WorldBox& box);
+    void refreshVerdicts();
     // The centre of the command's box (or its origin) in world space.
     QVector3D commandCentre(const Drawable& d, int command) const;
     bool draw(ShaderProgram* program, TextureManager* textureManager, const quint64& flags, const quint64& mask,
@@ -289,6 +318,31 @@ private:
     QStringList _lightNames;
     bool _reflectedTransparency = false;
     bool _cullingApplied = false;
+
+    // Transforms marked dirty since the last update (a full scan replaces the list when it
+    // outgrows the transforms) and each transform's children, so an update visits only what
+    // moved.
+    std::vector<int> _dirtyList;
+    bool _dirtyListFull = false;
+    std::vector<std::vector<int>> _children;
+
+    // What culling and drawing would otherwise recompute per command and frame. Per transform:
+    // hidden by its own state 2 or 3 or an ancestor's 3; world matrix scaled to nothing. Per
+    // drawable id: commands hidden that way, commands a visibility cull of clean transforms
+    // takes, the first slot of its commands' world-space boxes and their union. Per slot: the
+    // box (state 0 none, 1 a box, 2 empty).
+    std::vector<quint8> _hidden;
+    std::vector<quint8> _zeroScale;
+    std::vector<int> _hiddenCommands;
+    std::vector<int> _cullableCommands;
+    bool _verdictsStale = true;
+    std::vector<int> _slotBase;
+    std::vector<WorldBox> _worldBoxes;
+    std::vector<quint8> _boxState;
+    std::vector<DrawableBounds> _bounds;
+    // Material keys in ascending order.
+    QList<int> _materialOrder;
+    bool _materialOrderStale = true;
 
     // Scratch lists: the commands one drawable draws; a dirty chain of transforms.
     QVector<int> _selected;

@@ -17,6 +17,7 @@
 #include "gl/vertexarrayobject.h"
 
 #include <algorithm>
+#include <numeric>
 
 namespace Tavren::Vyx {
 
@@ -97,102 +98,6 @@ struct GPUModel::BoundState
 };
 
 // ---------------------------------------------------------------------------------------------
-// Culling
-
-bool GPUModel::isCommandCulled(int drawable, int command) const
-{
-    return isCommandOf(drawable, command) && _drawables[drawable].culled[command];
-}
-
-int GPUModel::visibilityCull()
-{
-    _cullingApplied = true;
-    const int transforms = _locals.size();
-    int newlyCulled = 0;
-    for (Drawable& d : _drawables) {
-        const int commands = d.transformRefs.size();
-        if (d.flags & kHiddenFlag) {
-            newlyCulled += commands - d.culledCount;
-            d.culled.fill(true, commands);
-            d.culledCount = commands;
-            continue;
-        }
-        for (int c = 0; c < commands; ++c) {
-            if (d.culled[c])
-                continue;
-            const int t = d.transformRefs[c];
-            bool cull;
-            if (t < 0 || t >= transforms || _visibility[t] == 2 || _visibility[t] == 3) {
-                cull = true;
-            } else {
-                const int p = _parents[t];
-                if (p >= 0 && (_visibility[p] == 3 || isParentHidden(p))) {
-                    cull = true;
-                } else if (_dirty[t] || (p >= 0 && _dirty[p])) {
-                    cull = false; // waits for a fresh matrix
-                } else {
-                    // A zero row, or a zero basis vector: an object scaled to nothing draws nothing.
-                    const float* w = _worlds[t].constData(); // column-major
-                    const auto squared = [](float a, float b, float c, float d) { return a * a + b * b + c * c + d * d; };
-                    cull = false;
-                    for (int i = 0; i < 3 && !cull; ++i)
-                        cull = squared(w[i], w[4 + i], w[8 + i], w[12 + i]) < 1e-6f ||
-                               squared(w[4 * i], w[4 * i + 1], w[4 * i + 2], 0.0f) < 1e-6f;
-                }
-            }
-            if (cull) {
-                d.culled[c] = true;
-                ++d.culledCount;
-                ++newlyCulled;
-            }
-        }
-    }
-    return newlyCulled;
-}
-
-int GPUModel::frustumCull(const QMatrix4x4& viewProjection)
-{
-    _cullingApplied = true;
-    const Frustum worldFrustum(viewProjection);
-    int newlyCulled = 0;
-    for (Drawable& d : _drawables) {
-        for (int c = 0; c < d.transformRefs.size(); ++c) {
-            const int box = d.boundingBoxRefs[c];
-            if (d.culled[c] || !isValidBoundingBox(box))
-                continue;
-            const int t = d.transformRefs[c];
-            const BoundingBox& local = _boxes[size_t(box)];
-            if (!worldFrustum.intersects(isValidTransform(t) ? local.transformed(_worlds[t]) : local)) {
-                d.culled[c] = true;
-                ++d.culledCount;
-                ++newlyCulled;
-            }
-        }
-    }
-    return newlyCulled;
-}
-
-void GPUModel::resetCulling()
-{
-    for (Drawable& d : _drawables) {
-        if (d.culledCount == 0)
-            continue;
-        std::fill(d.culled.begin(), d.culled.end(), false);
-        d.culledCount = 0;
-    }
-}
-
-bool GPUModel::isDrawEmpty(quint64 flags, quint64 mask) const
-{
-    const bool simple = hasFeatureFlags(kSimpleDrawFeature);
-    for (const Drawable& d : _drawables) {
-        if ((d.flags & mask) == (flags & mask) && (simple || d.culledCount < d.transformRefs.size()))
-            return false;
-    }
-    return true;
-}
-
-// ---------------------------------------------------------------------------------------------
 // Drawing
 
 bool GPUModel::draw(ShaderProgram* program, TextureManager* textureManager, const quint64& flags,
@@ -255,12 +160,14 @@ bool GPUModel::draw(ShaderProgram* program, TextureManager* textureManager, cons
     }
     setUpPrimitiveRestart();
 
-    QList<int> order = materials;
-    if (order.isEmpty()) {
+    if (materials.isEmpty() && _materialOrderStale) {
         // Ascending material index, so the drawing order does not depend on hashing.
-        order = _materialMap.keys();
-        std::sort(order.begin(), order.end());
+        _materialOrder = _materialMap.keys();
+        std::sort(_materialOrder.begin(), _materialOrder.end());
+        _materialOrderStale = false;
     }
+    const QList<int> order = materials.isEmpty() ? _materialOrder : materials;
+    refreshVerdicts();
     bool result = true;
     BoundState bound;
     for (int material : qAsConst(order)) {
@@ -293,18 +200,26 @@ bool GPUModel::draw(ShaderProgram* program, TextureManager* textureManager, cons
 
 void GPUModel::selectCommands(const Drawable& d, const WindingType& winding, bool honourCulling)
 {
-    _selected.clear();
+    const int commands = d.transformRefs.size();
     const bool mirrorPass = winding == eWindingCCW || winding == eWindingCW;
-    for (int c = 0; c < d.transformRefs.size(); ++c) {
-        if (honourCulling && d.culled[c])
+    if (!mirrorPass && (!honourCulling || d.culledCount == 0) && _hiddenCommands[size_t(d.id)] == 0) {
+        // Nothing culled or hidden: every command, as they come.
+        _selected.resize(commands);
+        std::iota(_selected.begin(), _selected.end(), 0);
+        return;
+    }
+    _selected.clear();
+    const int* refs = d.transformRefs.constData();
+    const bool* culled = d.culled.constData();
+    const bool* mirrored = _mirrored.constData();
+    const int transforms = _locals.size();
+    for (int c = 0; c < commands; ++c) {
+        if (honourCulling && culled[c])
             continue;
-        const int t = d.transformRefs[c];
-        if (mirrorPass) {
-            if (isValidTransform(t) && _mirrored[t] == (winding == eWindingCW))
-                _selected.append(c);
-        } else if (!isValidTransform(t) || (_visibility[t] != 2 && _visibility[t] != 3 && !isParentHidden(t))) {
+        const int t = refs[c];
+        const bool valid = t >= 0 && t < transforms;
+        if (mirrorPass ? valid && mirrored[t] == (winding == eWindingCW) : !valid || !_hidden[size_t(t)])
             _selected.append(c);
-        }
     }
 }
 
@@ -372,18 +287,28 @@ bool GPUModel::drawMesh(Drawable& d, ShaderProgram* program, TextureManager* tex
 bool GPUModel::issueCommands(Drawable& d, ShaderProgram* program)
 {
     DrawBuffers& db = *d.drawBuffers;
-    if (db.isMultiDrawIndirect() && !isPlainOrder(_selected, db.numDrawCommands()))
-        return _indirect->drawSubset(db, _selected);
-    if (db.isMultiDrawIndirect() || !DrawBuffers::isBaseInstanceDrawing())
+    if (!db.isMultiDrawIndirect() && !DrawBuffers::isBaseInstanceDrawing())
         return db.draw(program, &_selected);
-    // Base-instance drawing takes command lists one command at a time: each command's base
+    const int records = _indirect->gather(db, _selected);
+    if (records < 0)
+        return false;
+    const bool direct = glDrawElementsInstancedBaseVertexBaseInstance && db.indexType() != 0 &&
+                        !db.indexBO().isNull();
+    // A single record needs no indirect buffer, which the driver would have to read back.
+    if (db.isMultiDrawIndirect() && !(records == 1 && direct)) {
+        // The list as the draw buffers hold it is in their own indirect buffer already.
+        if (records == db.numDrawCommands() && isPlainOrder(_selected, records))
+            return db.draw(program, &_selected);
+        return _indirect->drawGathered(db, records);
+    }
+    // Base-instance drawing takes command lists one record at a time: each record's base
     // instance carries its draw ID, as the indirect path reads it.
-    VYX_CHECK_RETURN(glDrawElementsInstancedBaseVertexBaseInstance && db.indexType() != 0, false,
+    VYX_CHECK_RETURN(direct, false,
                      "Base-instance drawing of a command list needs an index type and the entry point");
     const int indexBytes = bytesFromInternalFormat(db.indexType());
-    const QVector<DrawElementsIndirectCommand>& commands = db.drawElementsIndirectCommands();
-    for (int c : qAsConst(_selected)) {
-        const DrawElementsIndirectCommand& cmd = commands[c];
+    const auto* gathered = reinterpret_cast<const DrawElementsIndirectCommand*>(_indirect->scratch.constData());
+    for (int r = 0; r < records; ++r) {
+        const DrawElementsIndirectCommand& cmd = gathered[r];
         glDrawElementsInstancedBaseVertexBaseInstance(
             db.primitiveType(), GLsizei(cmd.count), db.indexType(),
             reinterpret_cast<const void*>(quintptr(cmd.firstIndex) * quintptr(indexBytes)), GLsizei(cmd.instanceCount),
@@ -429,15 +354,33 @@ bool GPUModel::drawSimple(ShaderProgram* program, TextureManager* textureManager
 
 namespace GPUModelDetail {
 
-bool IndirectCache::drawSubset(const DrawBuffers& db, const QVector<int>& selected)
+int IndirectCache::gather(const DrawBuffers& db, const QVector<int>& selected)
+{
+    const QVector<DrawElementsIndirectCommand>& list = db.drawElementsIndirectCommands();
+    const DrawElementsIndirectCommand* commands = list.constData();
+    scratch.resize(selected.size() * int(sizeof(DrawElementsIndirectCommand)));
+    auto* out = reinterpret_cast<DrawElementsIndirectCommand*>(scratch.data());
+    int records = 0;
+    for (int c : selected) {
+        VYX_CHECK_RETURN(c >= 0 && c < list.size(), -1, "Draw command %d is not in the list of %d", c, list.size());
+        const DrawElementsIndirectCommand& command = commands[c];
+        DrawElementsIndirectCommand* last = records ? out + records - 1 : nullptr;
+        if (last && last->count == command.count && last->firstIndex == command.firstIndex &&
+            last->baseVertex == command.baseVertex &&
+            quint64(last->baseInstance) + last->instanceCount == command.baseInstance &&
+            quint64(last->instanceCount) + command.instanceCount <= 0xFFFFFFFFu)
+            last->instanceCount += command.instanceCount;
+        else
+            out[records++] = command;
+    }
+    scratch.resize(records * int(sizeof(DrawElementsIndirectCommand)));
+    return records;
+}
+
+bool IndirectCache::drawGathered(const DrawBuffers& db, int records)
 {
     VYX_CHECK_RETURN(db.indexType() != 0 && !db.indexBO().isNull(), false,
                      "Indirect drawing of a command subset needs an index buffer");
-    const QVector<DrawElementsIndirectCommand>& commands = db.drawElementsIndirectCommands();
-    scratch.resize(selected.size() * int(sizeof(DrawElementsIndirectCommand)));
-    auto* out = reinterpret_cast<DrawElementsIndirectCommand*>(scratch.data());
-    for (int i = 0; i < selected.size(); ++i)
-        out[i] = commands[selected[i]];
     Entry& entry = entries[&db];
     if (entry.buffer.isNull()) {
         auto device = OpenGLDeviceContext::current();
@@ -449,12 +392,12 @@ bool IndirectCache::drawSubset(const DrawBuffers& db, const QVector<int>& select
     if (!indirect.isBound())
         return false;
     if (entry.records != scratch) {
-        if (!entry.buffer->uploadArbitraryData(scratch.constData(), selected.size(), GL_DYNAMIC_DRAW,
+        if (!entry.buffer->uploadArbitraryData(scratch.constData(), records, GL_DYNAMIC_DRAW,
                                                sizeof(DrawElementsIndirectCommand)))
             return false;
         entry.records = scratch;
     }
-    glMultiDrawElementsIndirect(db.primitiveType(), db.indexType(), nullptr, GLsizei(selected.size()),
+    glMultiDrawElementsIndirect(db.primitiveType(), db.indexType(), nullptr, GLsizei(records),
                                 sizeof(DrawElementsIndirectCommand));
     return true;
 }

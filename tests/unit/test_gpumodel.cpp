@@ -147,3 +147,80 @@ TEST(GPUModel, BoxesFrustaAndCamerasAgree)
     model.setCameraTransform(index, model.addTransform(-1, lift));
     EXPECT_TRUE(near(model.getCameraWorldSpaceMatrix(index), lift * camera.worldMatrix()));
 }
+
+// Culling keeps per-transform verdicts and world-space boxes between frames; whatever is edited,
+// a cull must agree with the verdicts recomputed from the public state.
+TEST(GPUModel, CullingFollowsEveryEditOfTransformsVisibilityAndBoxes)
+{
+    constexpr int kCommands = 40;
+    std::vector<DrawElementsIndirectCommand> commands(kCommands, DrawElementsIndirectCommand{3, 1, 0, 0, 0});
+    DrawBuffers buffers[2];
+    GPUModel model;
+    const BoundingBox boxes[] = {BoundingBox(QVector3D(-0.1f, -0.1f, 0), QVector3D(0.1f, 0.1f, 0)),
+                                 BoundingBox(QVector3D(0, 0, 0), QVector3D(0.5f, 0.2f, 0)), BoundingBox()};
+    model.loadBoundingBoxes(boxes, 3);
+    const int root = model.addTransform(-1, QMatrix4x4());
+    const int groups[] = {model.addTransform(root, QMatrix4x4()), model.addTransform(root, QMatrix4x4())};
+    std::vector<int> leaves;
+    for (int k = 0; k < 2; ++k) {
+        buffers[k].setDrawElementsIndirectCommands(commands.data(), kCommands);
+        const int id = model.add(&buffers[k], k, nullptr, nullptr, 0);
+        for (int c = 0; c < kCommands; ++c) {
+            QMatrix4x4 local;
+            local.translate(float(c % 8) / 4 - 1, float(c / 8) / 3 - 1);
+            leaves.push_back(model.addTransform(groups[c % 2], local));
+            model.useTransform(id, c, leaves.back());
+            model.useBoundingBox(id, c, c % 5 == 4 ? -1 : 0);
+        }
+    }
+    quint32 seed = 7;
+    const auto next = [&seed](int range) {
+        seed = seed * 1664525u + 1013904223u;
+        return int((seed >> 8) % quint32(range));
+    };
+    for (int step = 0; step < 600; ++step) {
+        SCOPED_TRACE(step);
+        const int leaf = leaves[size_t(next(int(leaves.size())))];
+        switch (next(6)) {
+        case 0: {
+            QMatrix4x4 local;
+            local.translate(float(next(96)) / 8 - 6, float(next(96)) / 8 - 6);
+            local.scale(next(8) == 0 ? 0.0f : 1.0f, 1, 1);
+            model.setLocalTransform(leaf, local);
+            break;
+        }
+        case 1: model.setVisibility(next(3) == 0 ? groups[next(2)] : leaf, next(4)); break;
+        case 2: model.setTransformParent(leaf, next(3) == 0 ? root : groups[next(2)]); break;
+        case 3: model.useBoundingBox(next(2), next(kCommands), next(4) - 1); break;
+        case 4: model.useTransform(next(2), next(kCommands), next(10) == 0 ? -1 : leaf); break;
+        default: {
+            QMatrix4x4 local;
+            local.translate(float(next(5)) / 4 - 0.5f, 0);
+            model.setLocalTransform(groups[next(2)], local);
+        }
+        }
+        model.updateTransforms();
+        model.resetCulling();
+        model.visibilityCull();
+        // Around everything, beside everything, or through the middle.
+        const float x[][2] = {{-3.5f, 3.5f}, {5, 7}, {-1, 0.5f}};
+        const int window = next(3);
+        QMatrix4x4 view;
+        view.ortho(x[window][0], x[window][1], -3.5f, 3.5f, -1, 1);
+        model.frustumCull(view);
+        const Frustum frustum(view);
+        for (int k = 0; k < 2; ++k) {
+            for (int c = 0; c < kCommands; ++c) {
+                const int t = model.drawable(k).transformRefs[c];
+                const int box = model.drawable(k).boundingBoxRefs[c];
+                bool expected = !model.isValidTransform(t) || !model.isVisible(t) || model.isParentHidden(t);
+                const QMatrix4x4 world = model.worldTransform(expected ? root : t);
+                for (int i = 0; i < 3; ++i)
+                    expected = expected || world.row(i).lengthSquared() < 1e-6f || world.column(i).toVector3D().lengthSquared() < 1e-6f;
+                if (!expected && model.isValidBoundingBox(box))
+                    expected = !frustum.intersects(model.getBoundingBox(box).transformed(world));
+                ASSERT_EQ(model.isCommandCulled(k, c), expected) << "drawable " << k << " command " << c;
+            }
+        }
+    }
+}

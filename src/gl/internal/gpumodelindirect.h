@@ -25,8 +25,14 @@ struct IndirectCache
         QByteArray records;
     };
 
-    // One glMultiDrawElementsIndirect of the selected commands, in the given order.
-    bool drawSubset(const DrawBuffers& db, const QVector<int>& selected);
+    // Copies the selected commands, in the given order, into scratch and returns how many
+    // records that made (-1, reported, for a command the list lacks). A command that repeats the
+    // previous record's geometry and takes the instances right after it joins that record: the
+    // draw IDs (base instance + instance) stay those of the separate commands, and the driver
+    // draws one instanced batch instead of many.
+    int gather(const DrawBuffers& db, const QVector<int>& selected);
+    // One glMultiDrawElementsIndirect of the gathered records.
+    bool drawGathered(const DrawBuffers& db, int records);
     size_t memoryEstimateGPU() const;
 
     QHash<const DrawBuffers*, Entry> entries;
