@@ -23,6 +23,15 @@ if(TOOL)
   endif()
 endif()
 
+# The package refuses a project that already uses the other Qt major (when that Qt is installed).
+math(EXPR other_major "11 - ${QT_MAJOR}")
+execute_process(COMMAND ${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/install/consumer -B ${WORK_DIR}/build-mixed
+  -DCMAKE_PREFIX_PATH=${prefix} -DVYX_OTHER_QT_MAJOR=${other_major} -DVYX_EXPECTED_QT_MAJOR=${QT_MAJOR}
+  RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+if(NOT result OR NOT output MATCHES "no Qt ${other_major} here|built with Qt ${QT_MAJOR}, but this project already uses Qt ${other_major}")
+  message(FATAL_ERROR "a consumer on Qt ${other_major} was not refused:\n${output}")
+endif()
+
 foreach(route cmake pkgconfig)
   set(build ${WORK_DIR}/build-${route})
   if(route STREQUAL "pkgconfig")
