@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(
   cmake g++ make python3 pkg-config
-  qtbase5-dev libqt5opengl5-dev
+  qtbase5-dev libqt5opengl5-dev qt6-base-dev libqt6opengl6-dev
   khronos-api libegl-dev libgl-dev libegl-mesa0 libgl1-mesa-dri
   libgtest-dev libgmock-dev libbenchmark-dev
   glslang-tools libstb-dev imagemagick libastcenc-dev astcenc

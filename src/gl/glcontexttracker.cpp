@@ -2,8 +2,11 @@
 
 #include "gl/internal/nativecontext.h"
 
-#include <QGLContext>
 #include <QOpenGLContext>
+#include <QtGlobal>
+#if QT_VERSION_MAJOR < 6
+#include <QGLContext>
+#endif
 
 namespace Tavren::Vyx {
 
@@ -39,7 +42,11 @@ void GLContextTracker::nativeContextChanged()
 
 void* currentQGLContext()
 {
+#if QT_VERSION_MAJOR < 6
     return const_cast<QGLContext*>(QGLContext::currentContext());
+#else
+    return nullptr; // Qt 6 has no QGLContext
+#endif
 }
 
 void* GLContextTracker::getCurrentContext()
@@ -47,8 +54,10 @@ void* GLContextTracker::getCurrentContext()
     // QGLContext::currentContext() is the wrapper of the current QOpenGLContext, so one read of
     // Qt's thread storage answers the first two steps; Qt's answer is always exact.
     if (QOpenGLContext* context = QOpenGLContext::currentContext()) {
+#if QT_VERSION_MAJOR < 6
         if (QGLContext* wrapper = QGLContext::fromOpenGLContext(context))
             return wrapper;
+#endif
         return context;
     }
     return currentNativeContext();

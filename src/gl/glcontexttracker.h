@@ -7,8 +7,8 @@
 namespace Tavren::Vyx {
 
 // Remembers the GL context an object was made in, so later use can be checked against it.
-// A context is identified by an untyped pointer: the current QGLContext, else the current
-// QOpenGLContext, else the native EGL context, else the GLX context; null when none is current.
+// A context is identified by an untyped pointer: the current QGLContext (Qt 5 only), else the
+// current QOpenGLContext, else the native EGL context, else the GLX context; null when none is current.
 class VYXGL_EXPORT GLContextTracker : public QObject
 {
 public:
@@ -32,7 +32,7 @@ private:
     void* _trackedContext = nullptr;
 };
 
-// The current QGLContext only (null when Qt has none current), for diagnostics.
+// The current QGLContext only (null when Qt has none current, and always on Qt 6), for diagnostics.
 void* currentQGLContext();
 
 } // namespace Tavren::Vyx

@@ -23,9 +23,12 @@ GLSLMacroProcessor::InstanceDataResolver& instanceDataResolver()
 // State of one top-level process() call, shared by its nested expansions.
 struct GLSLMacroProcessor::Expansion
 {
-    QRegExp macroPattern{QStringLiteral("^\\s*#macro\\s*([^\\s]*)\\s(.*)$")};
-    QRegExp includePattern{QStringLiteral("^#include *\"([^\"]*)\"")};
-    QRegExp instanceDataPattern{QStringLiteral("^#instancedata *\"([^\"]*)\"")};
+    // Unicode spaces and a dot that matches anything, as the patterns always meant.
+    static constexpr auto kOptions =
+        QRegularExpression::UseUnicodePropertiesOption | QRegularExpression::DotMatchesEverythingOption;
+    const QRegularExpression macroPattern{QStringLiteral("^\\s*#macro\\s*([^\\s]*)\\s(.*)$"), kOptions};
+    const QRegularExpression includePattern{QStringLiteral("^#include *\"([^\"]*)\""), kOptions};
+    const QRegularExpression instanceDataPattern{QStringLiteral("^#instancedata *\"([^\"]*)\""), kOptions};
     // Includes, macros and plans being expanded right now, outermost first.
     QStringList active;
 
@@ -134,15 +137,16 @@ QString GLSLMacroProcessor::processDefines(GLSLMacroProcessor* mp)
     return block;
 }
 
-void GLSLMacroProcessor::processLineMacro(QString& line, QRegExp& pattern, GLSLMacroProcessor* mp,
+void GLSLMacroProcessor::processLineMacro(QString& line, const QRegularExpression& pattern, GLSLMacroProcessor* mp,
                                           Expansion& expansion)
 {
-    if (pattern.indexIn(line) < 0)
+    const QRegularExpressionMatch match = pattern.match(line);
+    if (!match.hasMatch())
         return;
-    const QString name = pattern.cap(1);
+    const QString name = match.captured(1);
     auto it = mp->_macros.constFind(name);
     if (it == mp->_macros.constEnd()) {
-        line = pattern.cap(2);
+        line = match.captured(2);
         return;
     }
     if (!expansion.enter(QStringLiteral("#macro ") + name, QStringLiteral("macro")))
@@ -152,12 +156,12 @@ void GLSLMacroProcessor::processLineMacro(QString& line, QRegExp& pattern, GLSLM
     expansion.leave();
 }
 
-void GLSLMacroProcessor::processLineInclude(QString& line, QRegExp& pattern, GLSLMacroProcessor* mp,
+void GLSLMacroProcessor::processLineInclude(QString& line, const QRegularExpression& pattern, GLSLMacroProcessor* mp,
                                             Expansion& expansion)
 {
     if (!line.startsWith(QLatin1String("#include")))
         return;
-    const QString name = pattern.indexIn(line) >= 0 ? pattern.cap(1) : QString();
+    const QString name = pattern.match(line).captured(1);
     if (name.isEmpty()) {
         qWarning("Cannot extract include filename from '%s'", qPrintable(line));
         return;
@@ -177,14 +181,15 @@ void GLSLMacroProcessor::processLineInclude(QString& line, QRegExp& pattern, GLS
     qWarning("Failed to open include file '%s'", qPrintable(name));
 }
 
-void GLSLMacroProcessor::processLineMaterial(QString& line, QRegExp& pattern, GLSLMacroProcessor* mp,
+void GLSLMacroProcessor::processLineMaterial(QString& line, const QRegularExpression& pattern, GLSLMacroProcessor* mp,
                                              Expansion& expansion)
 {
     if (!line.startsWith(QLatin1String("#instancedata")))
         return;
-    if (pattern.indexIn(line) < 0 || !instanceDataResolver())
+    const QRegularExpressionMatch match = pattern.match(line);
+    if (!match.hasMatch() || !instanceDataResolver())
         return;
-    const QString planName = pattern.cap(1);
+    const QString planName = match.captured(1);
     QString glslh;
     if (!instanceDataResolver()(planName, &glslh))
         return;

@@ -5,7 +5,7 @@
 #include <QDir>
 #include <QList>
 #include <QMap>
-#include <QRegExp>
+#include <QRegularExpression>
 #include <QString>
 
 #include <functional>
@@ -48,9 +48,9 @@ private:
 
     static QString processSource(const QString& source, GLSLMacroProcessor* mp, Expansion& expansion);
     static QString processDefines(GLSLMacroProcessor* mp);
-    static void processLineMacro(QString& line, QRegExp& pattern, GLSLMacroProcessor* mp, Expansion& expansion);
-    static void processLineInclude(QString& line, QRegExp& pattern, GLSLMacroProcessor* mp, Expansion& expansion);
-    static void processLineMaterial(QString& line, QRegExp& pattern, GLSLMacroProcessor* mp, Expansion& expansion);
+    static void processLineMacro(QString& line, const QRegularExpression& pattern, GLSLMacroProcessor* mp, Expansion& expansion);
+    static void processLineInclude(QString& line, const QRegularExpression& pattern, GLSLMacroProcessor* mp, Expansion& expansion);
+    static void processLineMaterial(QString& line, const QRegularExpression& pattern, GLSLMacroProcessor* mp, Expansion& expansion);
 
     QMap<QString, QString> _macros;
     QMap<QString, QString> _defines;

@@ -1,21 +1,47 @@
-# Installs the built library into a scratch prefix, then configures, builds and runs a small
-# program against it with find_package(VyxGL), as a user of the package would.
+# Installs the built library into a scratch prefix, runs the installed tool from there, then
+# configures, builds and runs a small program against it twice, as users of the package would:
+# with find_package(VyxGL), and with pkg-config alone.
 file(REMOVE_RECURSE ${WORK_DIR})
-execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/prefix
-  RESULT_VARIABLE result)
-if(result)
-  message(FATAL_ERROR "install failed")
+set(prefix ${WORK_DIR}/prefix)
+
+function(run what)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+  if(result)
+    message(FATAL_ERROR "${what} failed (${result}):\n${output}")
+  endif()
+  set(output "${output}" PARENT_SCOPE)
+endfunction()
+
+run("install" ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+
+# The tool finds the library through its run path, not through the environment.
+unset(ENV{LD_LIBRARY_PATH})
+if(TOOL)
+  run("the installed vyxgl info" ${prefix}/${BINDIR}/vyxgl info)
+  if(NOT output MATCHES "GL version:")
+    message(FATAL_ERROR "the installed vyxgl info printed no GL version:\n${output}")
+  endif()
 endif()
-execute_process(COMMAND ${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/install/consumer -B ${WORK_DIR}/build
-  -DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix "-DCMAKE_CXX_FLAGS=${CONSUMER_FLAGS}" RESULT_VARIABLE result)
-if(result)
-  message(FATAL_ERROR "configuring the consumer failed")
+
+# The package refuses a project that already uses the other Qt major (when that Qt is installed).
+math(EXPR other_major "11 - ${QT_MAJOR}")
+execute_process(COMMAND ${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/install/consumer -B ${WORK_DIR}/build-mixed
+  -DCMAKE_PREFIX_PATH=${prefix} -DVYX_OTHER_QT_MAJOR=${other_major} -DVYX_EXPECTED_QT_MAJOR=${QT_MAJOR}
+  RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+if(NOT result OR NOT output MATCHES "no Qt ${other_major} here|built with Qt ${QT_MAJOR}, but this project already uses Qt ${other_major}")
+  message(FATAL_ERROR "a consumer on Qt ${other_major} was not refused:\n${output}")
 endif()
-execute_process(COMMAND ${CMAKE_COMMAND} --build ${WORK_DIR}/build RESULT_VARIABLE result)
-if(result)
-  message(FATAL_ERROR "building the consumer failed")
-endif()
-execute_process(COMMAND ${WORK_DIR}/build/consumer RESULT_VARIABLE result)
-if(result)
-  message(FATAL_ERROR "the consumer failed to run")
-endif()
+
+foreach(route cmake pkgconfig)
+  set(build ${WORK_DIR}/build-${route})
+  if(route STREQUAL "pkgconfig")
+    set(ENV{PKG_CONFIG_PATH} ${prefix}/${LIBDIR}/pkgconfig)
+    set(locate -DVYX_USE_PKGCONFIG=ON)
+  else()
+    set(locate -DCMAKE_PREFIX_PATH=${prefix})
+  endif()
+  run("configuring the ${route} consumer" ${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/install/consumer -B ${build}
+      ${locate} -DVYX_EXPECTED_QT_MAJOR=${QT_MAJOR} "-DCMAKE_CXX_FLAGS=${CONSUMER_FLAGS}")
+  run("building the ${route} consumer" ${CMAKE_COMMAND} --build ${build})
+  run("running the ${route} consumer" ${build}/consumer)
+endforeach()

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <memory>
 
+static_assert(QT_VERSION_MAJOR == VYX_EXPECTED_QT_MAJOR, "the package brought another Qt than the library's");
+
 bool drawQtFirst(QOpenGLFunctions* qt);
 bool drawVyxFirst(QOpenGLFunctions* qt);
 
