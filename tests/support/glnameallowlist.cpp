@@ -14,9 +14,11 @@ struct Allowance
     const char* reason;
 };
 
-// Every GL name a test leaves behind on purpose, and why.
+// Every GL name a test leaves behind on purpose, and why. An entry is a ceiling: buffers made by
+// glCreateBuffers (4.5 runs) are not seen, so the same test counts fewer there.
 const Allowance allowances[] = {
-    {nullptr, GLNameLedger::Buffer, 0, nullptr},
+    {"GLNamesTest.ABoundBufferRefusesToDieAndKeepsItsName", GLNameLedger::Buffer, 1,
+     "destroying a bound buffer is refused, so its destructor leaves the name"},
 };
 
 bool matches(const char* pattern, const QString& test)
@@ -31,7 +33,7 @@ int allowedLiveNames(const QString& test, GLNameLedger::Kind kind)
 {
     int names = 0;
     for (const Allowance& allowance : allowances)
-        if (allowance.test && allowance.kind == kind && matches(allowance.test, test))
+        if (allowance.kind == kind && matches(allowance.test, test))
             names += allowance.names;
     return names;
 }

@@ -26,7 +26,7 @@ public:
     std::array<int, KindCount> live() const;
 };
 
-// Names a test leaves behind on purpose: expected live names of that kind at its end.
+// Names of the kind a test may leave behind on purpose (glnameallowlist.cpp).
 int allowedLiveNames(const QString& test, GLNameLedger::Kind kind);
 
 } // namespace VyxTest
