@@ -4,6 +4,7 @@
 
 #include "quiet.h"
 
+#include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 
@@ -60,12 +61,19 @@ std::unique_ptr<InstanceDataPlan> makePlan(const QByteArray& spec)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     silenceMessages();
-    static QTemporaryDir scratch;
+    // tmpfs when there is one: include files come and go with every input.
+    static QTemporaryDir scratch(QDir(QStringLiteral("/dev/shm")).exists()
+                                     ? QStringLiteral("/dev/shm/vyx-fuzz-glsl-XXXXXX")
+                                     : QDir::tempPath() + QStringLiteral("/vyx-fuzz-glsl-XXXXXX"));
+    static GLSLMacroProcessor prototype = [] {
+        GLSLMacroProcessor made;
+        made.addIncludePath(scratch.path());
+        return made;
+    }();
     const QList<QByteArray> sections =
         QByteArray::fromRawData(reinterpret_cast<const char*>(data), int(size)).split('\0').mid(0, 24);
 
-    GLSLMacroProcessor mp;
-    mp.addIncludePath(scratch.path());
+    GLSLMacroProcessor mp = prototype;
     QStringList files;
     std::vector<std::unique_ptr<InstanceDataPlan>> plans;
     for (int i = 1; i < sections.size(); ++i) {
@@ -92,8 +100,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
     }
 
-    GLSLMacroProcessor::process(text(sections.value(0)), &mp);
-    GLSLMacroProcessor::process(text(sections.value(0)), nullptr);
+    // A bare source also goes through the default processor a null one stands for.
+    GLSLMacroProcessor::process(text(sections.value(0)), sections.size() == 1 && size % 2 ? nullptr : &mp);
 
     for (const auto& plan : plans)
         InstanceDataRegistry::Instance().unregisterPlan(plan->name());

@@ -33,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                                        GL_RG32F,   GL_R32F,        GL_RGBA16, GL_DEPTH_COMPONENT24};
     const uint32_t internalFormat = formats[data[0] % (sizeof formats / sizeof formats[0])];
     const bool cubeMap = data[1] & 1;
-    const uint32_t width = data[2] % 70, height = cubeMap ? width : data[3] % 70, levels = data[4] % 9;
+    const uint32_t width = data[2] % 40, height = cubeMap ? width : data[3] % 40, levels = data[4] % 8;
     const uint8_t* pixels = data + 5;
     const size_t pixelBytes = size - 5;
 

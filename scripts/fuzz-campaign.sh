@@ -41,23 +41,29 @@ configure "$asan" -DVYXGL_FUZZ_SANITIZE=ON
 export ASAN_OPTIONS="detect_leaks=0:allocator_may_return_null=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 # One target per job; each stops at its execution count, so a slow target does not hold the rest.
+# Every run keeps its own log, so running the campaign again resumes where it stopped.
+executions() { cat "$1"/fuzz-*.log 2> /dev/null | awk '/stat::number_of_executed_units/ {n += $2} END {print n + 0}'; }
 run_target() {
   local target="$1" dir="$work/$1"
   mkdir -p "$dir/corpus" "$dir/artifacts"
   cp -n "$root/fuzz/corpus/$target"/* "$dir/corpus/" 2> /dev/null || true
-  local dict=()
+  local dict=() log="$dir/fuzz-$(date +%s).log" remaining=$((runs - $(executions "$dir")))
   [ -f "$root/fuzz/dict/$target.dict" ] && dict=(-dict="$root/fuzz/dict/$target.dict")
-  "$fast/fuzz/$target" "$dir/corpus" "${dict[@]}" -runs="$runs" -max_total_time="$seconds" \
-    -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$dir/artifacts/" \
-    > "$dir/fuzz.log" 2>&1 || echo "$target: finding, see $dir/fuzz.log" >&2
+  # Generous timeout: the first shader llvmpipe compiles can take seconds on a loaded machine.
+  if [ "$remaining" -gt 0 ]; then
+    "$fast/fuzz/$target" "$dir/corpus" "${dict[@]}" -runs="$remaining" -max_total_time="$seconds" \
+      -timeout=60 -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$dir/artifacts/" \
+      > "$log" 2>&1 || echo "$target: finding, see $log" >&2
+  fi
   # The sanitizers check every input the plain run kept.
-  "$asan/fuzz/$target" -runs=0 -timeout=30 -artifact_prefix="$dir/artifacts/" "$dir/corpus" \
+  "$asan/fuzz/$target" -runs=0 -timeout=60 -artifact_prefix="$dir/artifacts/" "$dir/corpus" \
     > "$dir/replay.log" 2>&1 || echo "$target: sanitizer finding, see $dir/replay.log" >&2
-  printf '%s: %s executions, %s exec/s, %s artifacts\n' "$target" \
-    "$(grep -h 'stat::number_of_executed_units' "$dir/fuzz.log" | awk '{print $2}')" \
-    "$(grep -h 'stat::average_exec_per_sec' "$dir/fuzz.log" | awk '{print $2}')" \
+  local seconds_run
+  seconds_run="$(cat "$dir"/fuzz-*.log | grep -o 'Done [0-9]* runs in [0-9]* second' | awk '{s += $5} END {print s + 0}')"
+  printf '%s: %s executions in %s s, %s artifacts\n' "$target" "$(executions "$dir")" "$seconds_run" \
     "$(ls "$dir/artifacts" | wc -l)"
 }
 export -f run_target
 export work root runs seconds fast asan
+export -f executions
 printf '%s\n' "${targets[@]}" | xargs -P "$jobs" -I{} bash -c 'run_target {}'
