@@ -15,7 +15,7 @@ namespace {
 constexpr int kMaxExpansionDepth = 64;
 // Far beyond any real shader; stops macros and includes that each expand to several copies of
 // the next from doubling their way to an endless output.
-constexpr qint64 kMaxExpansionCharacters = qint64(16) << 20;
+constexpr qint64 kMaxExpansionCharacters = qint64(4) << 20;
 
 GLSLMacroProcessor::InstanceDataResolver& instanceDataResolver()
 {
