@@ -41,12 +41,19 @@ run_fuzzers() {
     local dict=()
     [ -f "$root/fuzz/dict/$target.dict" ] && dict=(-dict="$root/fuzz/dict/$target.dict")
     # The GL driver keeps allocations it never frees; the importer's own are checked by the tests.
+    # Timeouts are wall-clock time, generous for a loaded machine; the outer limit catches a
+    # fuzzer that deadlocks reporting one.
     local leaks=1
     [ "$target" = fuzz_gltf ] && leaks=0
-    ASAN_OPTIONS="detect_leaks=$leaks:allocator_may_return_null=1" UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
-      "$build/fuzz/$target" "$out/$target/corpus" "${dict[@]}" -max_total_time="$seconds" -timeout=25 \
-      -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$out/$target/artifacts/" \
-      > "$out/$target/log" 2>&1 &
+    (
+      status=0
+      ASAN_OPTIONS="detect_leaks=$leaks:allocator_may_return_null=1" UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
+        timeout -s KILL $((seconds + 600)) \
+        "$build/fuzz/$target" "$out/$target/corpus" "${dict[@]}" -max_total_time="$seconds" -timeout=120 \
+        -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$out/$target/artifacts/" \
+        > "$out/$target/log" 2>&1 || status=$?
+      echo "$status" > "$out/$target/status"
+    ) &
     running=$((running + 1))
     if [ "$running" -ge "$jobs" ]; then
       wait -n || true
@@ -58,8 +65,9 @@ run_fuzzers() {
     local executions
     executions="$(grep -h 'stat::number_of_executed_units' "$out/$target/log" | awk '{print $2}')"
     printf '%s: %s executions\n' "$target" "${executions:-no}"
-    if [ -z "$executions" ] && [ -z "$(ls "$out/$target/artifacts")" ]; then
+    if [ "$(cat "$out/$target/status")" != 0 ]; then
       failed=1
+      echo "== $target ended with status $(cat "$out/$target/status"); log tail:"
       tail -n 60 "$out/$target/log"
     fi
     local artifact
@@ -67,9 +75,7 @@ run_fuzzers() {
     for artifact in "$out/$target/artifacts"/{crash,leak,timeout,oom}-*; do
       [ -e "$artifact" ] || continue
       failed=1
-      echo "== $target found $(basename "$artifact"); log tail:"
-      tail -n 60 "$out/$target/log"
-      echo "== reproducer (base64; decode and run: $target <file>):"
+      echo "== $target reproducer $(basename "$artifact") (base64; decode and run: $target <file>):"
       base64 "$artifact"
     done
   done
