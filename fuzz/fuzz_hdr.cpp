@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     silenceMessages();
     HDRDecoder::setOverrunHandler(&keepGoing);
     HDRDecoder decoder(data, size);
-    if (!decoder.valid() || uint64_t(decoder.width()) * decoder.height() > (uint64_t(1) << 22))
+    if (!decoder.valid() || uint64_t(decoder.width()) * decoder.height() > (uint64_t(1) << 16))
         return 0;
     const size_t pixels = size_t(decoder.width()) * decoder.height();
     std::vector<float> rgb(pixels * 3);

@@ -26,3 +26,64 @@ export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:strict_string_checks=1:dete
 export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp:print_suppressions=0"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 run_suite "$root/build-asan" -DCMAKE_BUILD_TYPE=Debug -DVYXGL_SANITIZE=ON -DVYXGL_BUILD_BENCHMARKS=OFF -DVYXGL_QT_MAJOR=5
+
+# ---- fuzzing: every fuzz target for a bounded time, from the committed corpus ----
+# A finding fails the run; the reproducer is printed (base64) so it survives in the CI log.
+run_fuzzers() {
+  local build="$root/build-fuzz" seconds="${VYX_FUZZ_SECONDS:-60}" out="$root/build-fuzz/ci"
+  local targets=(fuzz_ktx fuzz_ktx_roundtrip fuzz_hdr fuzz_astc fuzz_glsl fuzz_gltf)
+  CXX=clang++ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVYXGL_BUILD_FUZZERS=ON \
+    -DVYXGL_FUZZ_SANITIZE=ON -DVYXGL_BUILD_TESTS=OFF -DVYXGL_BUILD_APPS=OFF -DVYXGL_BUILD_BENCHMARKS=OFF
+  cmake --build "$build" -j"$jobs" --target "${targets[@]}"
+  rm -rf "$out"
+  local target running=0 failed=0
+  for target in "${targets[@]}"; do
+    mkdir -p "$out/$target/corpus" "$out/$target/artifacts"
+    cp "$root/fuzz/corpus/$target"/* "$out/$target/corpus/"
+    cp "$root/fuzz/regressions/$target"/* "$out/$target/corpus/" 2> /dev/null || true
+    local dict=()
+    [ -f "$root/fuzz/dict/$target.dict" ] && dict=(-dict="$root/fuzz/dict/$target.dict")
+    # The GL driver keeps allocations it never frees; the importer's own are checked by the tests.
+    # Timeouts are wall-clock time, generous for a loaded machine; the outer limit catches a
+    # fuzzer that deadlocks reporting one.
+    local leaks=1
+    [ "$target" = fuzz_gltf ] && leaks=0
+    (
+      status=0
+      ASAN_OPTIONS="detect_leaks=$leaks:allocator_may_return_null=1" UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
+        timeout -s KILL $((seconds + 600)) \
+        "$build/fuzz/$target" "$out/$target/corpus" "${dict[@]}" -max_total_time="$seconds" -timeout=120 \
+        -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$out/$target/artifacts/" \
+        > "$out/$target/log" 2>&1 || status=$?
+      echo "$status" > "$out/$target/status"
+    ) &
+    running=$((running + 1))
+    if [ "$running" -ge "$jobs" ]; then
+      wait -n || true
+      running=$((running - 1))
+    fi
+  done
+  wait || true
+  for target in "${targets[@]}"; do
+    local executions
+    executions="$(grep -h 'stat::number_of_executed_units' "$out/$target/log" | awk '{print $2}')"
+    printf '%s: %s executions\n' "$target" "${executions:-no}"
+    if [ "$(cat "$out/$target/status")" != 0 ]; then
+      failed=1
+      echo "== $target ended with status $(cat "$out/$target/status"); log tail:"
+      tail -n 60 "$out/$target/log"
+    fi
+    local artifact
+    # Slow units are only noted; crashes, leaks, timeouts and memory blow-ups fail.
+    for artifact in "$out/$target/artifacts"/{crash,leak,timeout,oom}-*; do
+      [ -e "$artifact" ] || continue
+      failed=1
+      echo "== $target reproducer $(basename "$artifact") (base64; decode and run: $target <file>):"
+      base64 "$artifact"
+    done
+  done
+  return "$failed"
+}
+
+echo "== fuzzing =="
+run_fuzzers

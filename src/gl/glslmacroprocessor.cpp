@@ -1,8 +1,10 @@
 #include "gl/glslmacroprocessor.h"
 
+#include "core/logging.h"
 #include "core/resourcespath.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QStringList>
 
 namespace Tavren::Vyx {
@@ -11,6 +13,9 @@ namespace {
 
 // Deeper than any sane include tree; stops runaway expansion that the cycle check cannot see.
 constexpr int kMaxExpansionDepth = 64;
+// Far beyond any real shader; stops macros and includes that each expand to several copies of
+// the next from doubling their way to an endless output.
+constexpr qint64 kMaxExpansionCharacters = qint64(4) << 20;
 
 GLSLMacroProcessor::InstanceDataResolver& instanceDataResolver()
 {
@@ -31,6 +36,9 @@ struct GLSLMacroProcessor::Expansion
     const QRegularExpression instanceDataPattern{QStringLiteral("^#instancedata *\"([^\"]*)\""), kOptions};
     // Includes, macros and plans being expanded right now, outermost first.
     QStringList active;
+    // Characters produced so far, counted at every nesting level.
+    qint64 produced = 0;
+    bool exhausted = false;
 
     // False (and a warning) when expanding `key` would recurse.
     bool enter(const QString& key, const QString& what)
@@ -42,6 +50,13 @@ struct GLSLMacroProcessor::Expansion
         if (active.size() >= kMaxExpansionDepth) {
             qWarning("GLSL expansion deeper than %d levels at '%s'; line left as it is", kMaxExpansionDepth,
                      qPrintable(key));
+            return false;
+        }
+        if (produced > kMaxExpansionCharacters) {
+            if (!exhausted)
+                VYX_WARNING("GLSL expansion exceeds %lld characters at '%s'; further directives are left as they are",
+                            kMaxExpansionCharacters, qPrintable(key));
+            exhausted = true;
             return false;
         }
         active.append(key);
@@ -121,6 +136,7 @@ QString GLSLMacroProcessor::processSource(const QString& source, GLSLMacroProces
         processLineMaterial(line, expansion.instanceDataPattern, mp, expansion);
         result += line;
         result += QLatin1Char('\n');
+        expansion.produced += line.size() + 1;
         if (injectDefines && line.startsWith(QLatin1String("#version"))) {
             result += processDefines(mp);
             injectDefines = false;
@@ -169,8 +185,13 @@ void GLSLMacroProcessor::processLineInclude(QString& line, const QRegularExpress
     for (const QDir& dir : qAsConst(mp->_includePaths)) {
         const QString candidate = dir.filePath(name);
         QFile file(candidate);
-        if (!file.exists() || !file.open(QIODevice::ReadOnly))
+        // Devices and pipes never end; only plain files are read.
+        if (!QFileInfo(candidate).isFile() || !file.open(QIODevice::ReadOnly))
             continue;
+        if (file.size() > kMaxExpansionCharacters) {
+            VYX_WARNING("Include file '%s' is too large (%lld bytes)", qPrintable(candidate), qint64(file.size()));
+            return;
+        }
         const QString text = QString::fromLocal8Bit(file.readAll());
         if (!expansion.enter(candidate, QStringLiteral("include")))
             return;

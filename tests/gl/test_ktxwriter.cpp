@@ -110,5 +110,16 @@ TEST_F(KTXWriterTest, UnwritableTexturesAndFilesFail)
     VyxTest::MessageCapture capture;
     EXPECT_FALSE(SaveTextureAsKTX(&fine, QStringLiteral("/nonexistent-folder/x.ktx")));
     EXPECT_EQ(capture.texts(QtCriticalMsg).size(), 1);
+
+    // A level that does not halve the one before ends what a file can hold.
+    fine.bind();
+    glTexImage2D(GL_TEXTURE_2D, 1, GL_RGBA8, 3, 1, 0, GL_RGBA, GL_UNSIGNED_BYTE, nullptr);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, 1);
+    fine.unbind();
+    QByteArray bytes = TextureToKTX(&fine);
+    RawMemory memory(reinterpret_cast<unsigned char*>(bytes.data()), uint64_t(bytes.size()));
+    KTXParser parser(&memory);
+    EXPECT_TRUE(parser.parseImages());
+    EXPECT_EQ(parser.mipmapLevels(), 1u);
     EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }

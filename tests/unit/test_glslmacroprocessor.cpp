@@ -84,6 +84,21 @@ TEST(GLSLMacroProcessor, CyclicIncludesAndSelfExpandingMacrosStopWithAWarning)
     EXPECT_EQ(warnings[2], "Recursive macro ignored: '#macro LOOP' is already being expanded");
 }
 
+TEST(GLSLMacroProcessor, DevicesAndDoublingExpansionsCannotMakeEndlessOutput)
+{
+    GLSLMacroProcessor mp;
+    // Each macro expands to two copies of the next: 2^24 lines unless the output is bounded.
+    for (char name = 'A'; name < 'Y'; ++name)
+        mp.addMacro(QString(name), QStringLiteral("#macro %1 y\n#macro %1 y").arg(QChar(name + 1)));
+    MessageCapture capture;
+    EXPECT_EQ(GLSLMacroProcessor::process("#include \"/dev/zero\"", &mp), "#include \"/dev/zero\"\n");
+    EXPECT_LT(GLSLMacroProcessor::process("#macro A x", &mp).size(), 5 << 20);
+    const QStringList warnings = capture.texts(QtWarningMsg);
+    ASSERT_EQ(warnings.size(), 2);
+    EXPECT_EQ(warnings[0], "Failed to open include file '/dev/zero'");
+    EXPECT_TRUE(warnings[1].contains("GLSL expansion exceeds 4194304 characters at")) << warnings[1].toStdString();
+}
+
 TEST(GLSLMacroProcessor, InstanceDataLinesGoThroughTheInstalledResolver)
 {
     MessageCapture capture;
