@@ -28,12 +28,25 @@ GLSLMacroProcessor::InstanceDataResolver& instanceDataResolver()
 // State of one top-level process() call, shared by its nested expansions.
 struct GLSLMacroProcessor::Expansion
 {
-    // Unicode spaces and a dot that matches anything, as the patterns always meant.
-    static constexpr auto kOptions =
-        QRegularExpression::UseUnicodePropertiesOption | QRegularExpression::DotMatchesEverythingOption;
-    const QRegularExpression macroPattern{QStringLiteral("^\\s*#macro\\s*([^\\s]*)\\s(.*)$"), kOptions};
-    const QRegularExpression includePattern{QStringLiteral("^#include *\"([^\"]*)\""), kOptions};
-    const QRegularExpression instanceDataPattern{QStringLiteral("^#instancedata *\"([^\"]*)\""), kOptions};
+    // Compiled once per process: compiling them on every call cost more than the expansion.
+    // (Matching a shared pattern is thread-safe.)
+    struct Patterns
+    {
+        // Unicode spaces and a dot that matches anything, as the patterns always meant.
+        static constexpr auto kOptions =
+            QRegularExpression::UseUnicodePropertiesOption | QRegularExpression::DotMatchesEverythingOption;
+        const QRegularExpression macro{QStringLiteral("^\\s*#macro\\s*([^\\s]*)\\s(.*)$"), kOptions};
+        const QRegularExpression include{QStringLiteral("^#include *\"([^\"]*)\""), kOptions};
+        const QRegularExpression instanceData{QStringLiteral("^#instancedata *\"([^\"]*)\""), kOptions};
+    };
+    static const Patterns& patterns()
+    {
+        static const Patterns compiled;
+        return compiled;
+    }
+    const QRegularExpression& macroPattern = patterns().macro;
+    const QRegularExpression& includePattern = patterns().include;
+    const QRegularExpression& instanceDataPattern = patterns().instanceData;
     // Includes, macros and plans being expanded right now, outermost first.
     QStringList active;
     // Characters produced so far, counted at every nesting level.

@@ -245,7 +245,7 @@ bool SceneRenderer::renderShadows(GPUModel& model, const Camera& camera, const Q
     const QMatrix4x4 projection = camera.projectionMatrix(float(size.width()) / size.height());
     _d->shadowData.setShadowMapSize(_shadowMapSize);
     ShadowMapManager::processLights(lights, _d->shadowData, &view, &projection, hasBounds ? &bounds : nullptr);
-    if (!_d->shadowRenderer->render(_d->shadowData, model))
+    if (!_d->shadowRenderer->render(_d->shadowData, model, 0, 0, _d->manager))
         return fail(QStringLiteral("The shadow maps could not be rendered"));
     return true;
 }

@@ -192,7 +192,8 @@ bool ShadowMapRenderer::render(ShadowMapRenderData& data, const DrawFunction& dr
     });
 }
 
-bool ShadowMapRenderer::render(ShadowMapRenderData& data, GPUModel& model, quint64 flags, quint64 mask)
+bool ShadowMapRenderer::render(ShadowMapRenderData& data, GPUModel& model, quint64 flags, quint64 mask,
+                               TextureManager* textureManager)
 {
     if (!prepare(data.shadowMapSize(), std::max(1, data.projectorCount())))
         return false;
@@ -201,7 +202,7 @@ bool ShadowMapRenderer::render(ShadowMapRenderData& data, GPUModel& model, quint
         return false;
     bool drawn = true;
     const bool rendered = renderLayers(data, *program, [&](ShaderProgram&, const QMatrix4x4&) {
-        drawn = model.draw(program, flags, mask, GPUModel::eWindingNoCulling, false) && drawn;
+        drawn = model.draw(program, textureManager, flags, mask, GPUModel::eWindingNoCulling, false) && drawn;
     });
     return rendered && drawn;
 }

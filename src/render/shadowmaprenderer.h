@@ -15,6 +15,7 @@ class GPUModel;
 class ShaderProgram;
 class ShadowMapRenderData;
 class Texture;
+class TextureManager;
 
 // Renders the depth moments that the shadow lookups sample: for every projector of a render
 // data, the first and second moment of the nearest caster's depth into its layer of an RG32F
@@ -50,8 +51,10 @@ public:
     // transforms stay out, camera culling is ignored: casters outside the view still throw
     // shadows into it. Faces are not culled. The drawables drawn must share one object-data plan
     // with a mat4 "ModelMatrix", read by draw ID as the model's own shaders do; false, with
-    // nothing drawn, when they do not.
-    bool render(ShadowMapRenderData& data, GPUModel& model, quint64 flags = 0, quint64 mask = 0);
+    // nothing drawn, when they do not. `textureManager` is the one the model's texture tokens
+    // come from (null: TextureManager::Instance()), as for GPUModel::draw.
+    bool render(ShadowMapRenderData& data, GPUModel& model, quint64 flags = 0, quint64 mask = 0,
+                TextureManager* textureManager = nullptr);
 
     Texture* texture() const { return _moments.get(); }
 

@@ -4,6 +4,7 @@
 #include "gl/glloader.h"
 
 #include <map>
+#include <mutex>
 #include <utility>
 
 namespace VyxTest {
@@ -14,10 +15,13 @@ namespace {
 
 // Live names by kind, keyed by context too: unshared contexts hand out the same numbers.
 std::map<std::pair<void*, GLuint>, int> names[GLNameLedger::KindCount];
+// Tests create and delete names from threads with contexts of their own.
+std::mutex namesMutex;
 
 void made(Kind kind, GLsizei n, const GLuint* made)
 {
     void* context = Tavren::Vyx::GLContextTracker::currentContext();
+    const std::lock_guard<std::mutex> lock(namesMutex);
     for (GLsizei i = 0; made && i < n; ++i)
         if (made[i] != 0)
             ++names[kind][{context, made[i]}];
@@ -28,6 +32,7 @@ void deleted(Kind kind, GLsizei n, const GLuint* gone)
     void* context = Tavren::Vyx::GLContextTracker::currentContext();
     if (!context)
         return;
+    const std::lock_guard<std::mutex> lock(namesMutex);
     auto& live = names[kind];
     for (GLsizei i = 0; gone && i < n; ++i) {
         auto it = live.find({context, gone[i]});
@@ -141,6 +146,7 @@ GLNameLedger::~GLNameLedger()
 std::array<int, GLNameLedger::KindCount> GLNameLedger::live() const
 {
     std::array<int, KindCount> counts{};
+    const std::lock_guard<std::mutex> lock(namesMutex);
     for (int kind = 0; kind < KindCount; ++kind)
         for (const auto& entry : names[kind])
             counts[std::size_t(kind)] += entry.second;
