@@ -37,9 +37,9 @@ QString fileName(const QByteArray& name)
     return safe.isEmpty() || safe.startsWith(QLatin1Char('.')) ? QString() : safe;
 }
 
-std::unique_ptr<InstanceDataPlan> makePlan(const QByteArray& spec)
+std::unique_ptr<InstanceDataPlan> makePlan(const QByteArray& description)
 {
-    const QList<QByteArray> tokens = spec.split(' ');
+    const QList<QByteArray> tokens = description.split(' ');
     auto plan = std::make_unique<InstanceDataPlan>(text(tokens.value(0)));
     for (int i = 1; i < tokens.size(); ++i) {
         const QByteArray& token = tokens[i];
