@@ -4,6 +4,13 @@
 // and calls glDrawElements. The target is 1x1, so rasterising costs next to nothing. Prints the
 // ratios and the cost per changed transform at the end.
 //
+// llvmpipe runs the GPU's vertex work on the CPU, inside the draw calls, so the frames are also
+// measured two more ways: "driver-only" runs them again in a child process on Mesa's no-op
+// driver (GALLIUM_NOOP=1, unthreaded), where every GL call is validated and passed down as on
+// hardware and nothing is drawn: the CPU cost a GPU would leave; "stubbed" replaces the draw
+// calls themselves with no-ops: the submitting code alone, which flatters the hand loop, whose
+// per-draw validation disappears with its draws.
+//
 // The scene's objects share one triangle and take consecutive draw IDs, so the model draws each
 // drawable's commands as one instanced record; the "Separate" run numbers the draw IDs downwards
 // instead, which keeps every command a draw of its own, as a scene of distinct meshes would.
@@ -30,6 +37,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <string>
 #include <vector>
 
 using namespace Tavren::Vyx;
@@ -362,29 +370,75 @@ BENCHMARK(ModelMultiDrawIndirect)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond)
 BENCHMARK(ModelMultiDrawIndirectSeparate)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
 BENCHMARK(TransformUpdate)->Arg(100)->Arg(1000)->Unit(benchmark::kMicrosecond);
 
+constexpr const char* kDriverOnlyTag = "driver-only";
+constexpr const char* kFramePaths[] = {"HandLoop", "ModelUniformFallback", "ModelBaseInstance",
+                                       "ModelMultiDrawIndirect", "ModelMultiDrawIndirectSeparate"};
+
+// CPU time per frame of the real-draw runs on Mesa's no-op driver, from a child process (the
+// driver is chosen when the context is made); empty when it could not run.
+QMap<QString, double> driverOnlyTimes(const char* self, const std::vector<std::string>& forwarded)
+{
+    QMap<QString, double> times;
+    std::string command = "GALLIUM_NOOP=1 GALLIUM_THREAD=0 VYX_BENCH_DRIVER_ONLY=1 '" + std::string(self) + "'";
+    if (std::string(self).find('\'') != std::string::npos)
+        return times;
+    for (const std::string& arg : forwarded)
+        command += " '" + arg + "'";
+    command += " --benchmark_color=false '--benchmark_filter=^(HandLoop|Model[A-Za-z]*)/0$' 2>/dev/null";
+    FILE* child = popen(command.c_str(), "r");
+    if (!child)
+        return times;
+    char line[512];
+    while (std::fgets(line, sizeof line, child)) {
+        const QStringList words = QString::fromLatin1(line).simplified().split(' ');
+        if (words.size() == 3 && words[0] == kDriverOnlyTag)
+            times[words[1]] = words[2].toDouble();
+    }
+    pclose(child);
+    return times;
+}
+
 class RatioReporter : public VyxBench::CpuTimeReporter
 {
 public:
-    // Per path: CPU time per frame with real draws, with the draw calls stubbed out (what the
-    // submitting code costs), and the difference (llvmpipe's vertex work, which a GPU would take
-    // off the CPU); each as a ratio to the hand-written loop measured the same way.
-    void printSummary() const
+    // What a driver-only child hands its parent.
+    void printForParent() const
     {
+        std::printf("\n");
+        for (auto it = cpuTimes.cbegin(); it != cpuTimes.cend(); ++it)
+            std::printf("%s %s %.3f\n", kDriverOnlyTag, qPrintable(it.key()), it.value());
+    }
+
+    bool hasFrameRuns() const { return cpuTimes.contains("HandLoop/0"); }
+
+    // Per path, CPU time per frame on llvmpipe, on the no-op driver and with the draws stubbed
+    // out, each also as a ratio to the hand-written loop measured the same way.
+    void printSummary(const QMap<QString, double>& driverOnly) const
+    {
+        const auto ratio = [](double value, double hand) { return value >= 0 && hand > 0 ? value / hand : -1.0; };
+        const auto cell = [](double value, const char* format) {
+            char text[32] = "-";
+            if (value >= 0)
+                std::snprintf(text, sizeof text, format, value);
+            return std::string(text);
+        };
         const auto time = [this](const char* name, int stubbed) {
             return cpuTimes.value(QString("%1/%2").arg(name).arg(stubbed), -1.0);
         };
-        const double hand[] = {time("HandLoop", 0), time("HandLoop", 1)};
         std::printf("\nCPU time per frame (us) and relative to the hand-written loop (lower is faster):\n");
-        std::printf("  %-32s %10s %10s %10s %8s %8s\n", "", "real", "stubbed", "llvmpipe", "real/x", "stub/x");
-        for (const char* name : {"HandLoop", "ModelUniformFallback", "ModelBaseInstance", "ModelMultiDrawIndirect",
-                                 "ModelMultiDrawIndirectSeparate"}) {
-            const double real = time(name, 0), stubbed = time(name, 1);
-            if (real < 0 || stubbed < 0 || hand[0] <= 0 || hand[1] <= 0)
+        std::printf("  %-32s %10s %12s %10s %8s %10s %8s\n", "", "llvmpipe", "driver-only", "stubbed", "real/x",
+                    "driver/x", "stub/x");
+        const double hand[] = {time("HandLoop", 0), driverOnly.value("HandLoop/0", -1.0), time("HandLoop", 1)};
+        for (const char* name : kFramePaths) {
+            const double values[] = {time(name, 0), driverOnly.value(QString(name) + "/0", -1.0), time(name, 1)};
+            if (values[0] < 0 && values[2] < 0)
                 continue;
-            std::printf("  %-32s %10.1f %10.1f %10.1f %8.3f %8.3f\n", name, real, stubbed, real - stubbed, real / hand[0],
-                        stubbed / hand[1]);
+            std::printf("  %-32s %10s %12s %10s %8s %10s %8s\n", name, cell(values[0], "%.1f").c_str(),
+                        cell(values[1], "%.1f").c_str(), cell(values[2], "%.1f").c_str(),
+                        cell(ratio(values[0], hand[0]), "%.3f").c_str(), cell(ratio(values[1], hand[1]), "%.3f").c_str(),
+                        cell(ratio(values[2], hand[2]), "%.3f").c_str());
         }
-        std::printf("  target: ModelMultiDrawIndirect real/x at most 0.300\n");
+        std::printf("  target: ModelMultiDrawIndirect driver/x at most 0.300 (the CPU's share of a frame)\n");
         for (const char* n : {"100", "1000"}) {
             const QString name = QString("TransformUpdate/%1").arg(n);
             if (cpuTimes.contains(name))
@@ -397,10 +451,20 @@ public:
 
 int main(int argc, char** argv)
 {
+    // The child gets the caller's timing flags, not its filter.
+    std::vector<std::string> forwarded;
+    for (int i = 1; i < argc; ++i) {
+        if (std::string(argv[i]).rfind("--benchmark_min_time", 0) == 0)
+            forwarded.push_back(argv[i]);
+    }
+    const bool driverOnlyChild = qEnvironmentVariableIsSet("VYX_BENCH_DRIVER_ONLY");
     benchmark::Initialize(&argc, argv);
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.printSummary();
+    if (driverOnlyChild)
+        reporter.printForParent();
+    else if (reporter.hasFrameRuns())
+        reporter.printSummary(driverOnlyTimes(argv[0], forwarded));
     std::fflush(stdout);
     sharedScene.reset();
     OpenGLDeviceContext::resetContext();

@@ -346,6 +346,8 @@ private:
 
     // Scratch lists: the commands one drawable draws; a dirty chain of transforms.
     QVector<int> _selected;
+    // _selected is every command of the drawable in its own order.
+    bool _selectedWhole = false;
     QVector<int> _chain;
     // Indirect buffers for partial command lists, shared by copies.
     QSharedPointer<GPUModelDetail::IndirectCache> _indirect;

@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <utility>
 
 namespace Tavren::Vyx {
 
@@ -57,17 +58,6 @@ void applyWinding(GPUModel::WindingType winding)
     }
 }
 
-bool isPlainOrder(const QVector<int>& selected, int commands)
-{
-    if (selected.size() != commands)
-        return false;
-    for (int i = 0; i < commands; ++i) {
-        if (selected[i] != i)
-            return false;
-    }
-    return true;
-}
-
 } // namespace
 
 // What the previous drawable of a draw call left bound.
@@ -81,10 +71,12 @@ struct GPUModel::BoundState
     bool bindCollection(InstanceDataCollection*& slot, InstanceDataCollection* wanted, ShaderProgram* program,
                         TextureManager* manager)
     {
-        if (slot)
-            slot->unbind(program, manager);
-        slot = wanted;
-        return !wanted || wanted->bind(program, manager);
+        InstanceDataCollection* previous = std::exchange(slot, wanted);
+        if (wanted)
+            return wanted->rebind(previous, program, manager);
+        if (previous)
+            previous->unbind(program, manager);
+        return true;
     }
 
     void unbindAll(ShaderProgram* program, TextureManager* manager)
@@ -206,8 +198,10 @@ void GPUModel::selectCommands(const Drawable& d, const WindingType& winding, boo
         // Nothing culled or hidden: every command, as they come.
         _selected.resize(commands);
         std::iota(_selected.begin(), _selected.end(), 0);
+        _selectedWhole = true;
         return;
     }
+    _selectedWhole = false;
     _selected.clear();
     const int* refs = d.transformRefs.constData();
     const bool* culled = d.culled.constData();
@@ -249,6 +243,7 @@ bool GPUModel::drawMesh(Drawable& d, ShaderProgram* program, TextureManager* tex
                          [](const QPair<float, int>& a, const QPair<float, int>& b) { return a.first > b.first; });
         for (int i = 0; i < byDistance.size(); ++i)
             _selected[i] = byDistance[i].second;
+        _selectedWhole = false;
     }
 
     // Bind what differs from the previous drawable, in order: material data, object data, the
@@ -289,7 +284,7 @@ bool GPUModel::issueCommands(Drawable& d, ShaderProgram* program)
     DrawBuffers& db = *d.drawBuffers;
     if (!db.isMultiDrawIndirect() && !DrawBuffers::isBaseInstanceDrawing())
         return db.draw(program, &_selected);
-    const int records = _indirect->gather(db, _selected);
+    const int records = _indirect->gather(db, _selected, _selectedWhole);
     if (records < 0)
         return false;
     const bool direct = glDrawElementsInstancedBaseVertexBaseInstance && db.indexType() != 0 &&
@@ -297,7 +292,7 @@ bool GPUModel::issueCommands(Drawable& d, ShaderProgram* program)
     // A single record needs no indirect buffer, which the driver would have to read back.
     if (db.isMultiDrawIndirect() && !(records == 1 && direct)) {
         // The list as the draw buffers hold it is in their own indirect buffer already.
-        if (records == db.numDrawCommands() && isPlainOrder(_selected, records))
+        if (records == db.numDrawCommands() && _selectedWhole)
             return db.draw(program, &_selected);
         return _indirect->drawGathered(db, records);
     }
@@ -354,9 +349,14 @@ bool GPUModel::drawSimple(ShaderProgram* program, TextureManager* textureManager
 
 namespace GPUModelDetail {
 
-int IndirectCache::gather(const DrawBuffers& db, const QVector<int>& selected)
+int IndirectCache::gather(const DrawBuffers& db, const QVector<int>& selected, bool whole)
 {
     const QVector<DrawElementsIndirectCommand>& list = db.drawElementsIndirectCommands();
+    Entry* entry = whole ? &entries[&db] : nullptr;
+    if (entry && entry->wholeSource.constData() == list.constData() && entry->wholeSource.size() == list.size()) {
+        scratch = entry->wholeRecords;
+        return entry->wholeCount;
+    }
     const DrawElementsIndirectCommand* commands = list.constData();
     scratch.resize(selected.size() * int(sizeof(DrawElementsIndirectCommand)));
     auto* out = reinterpret_cast<DrawElementsIndirectCommand*>(scratch.data());
@@ -374,6 +374,11 @@ int IndirectCache::gather(const DrawBuffers& db, const QVector<int>& selected)
             out[records++] = command;
     }
     scratch.resize(records * int(sizeof(DrawElementsIndirectCommand)));
+    if (entry) {
+        entry->wholeSource = list;
+        entry->wholeRecords = scratch;
+        entry->wholeCount = records;
+    }
     return records;
 }
 

@@ -328,26 +328,41 @@ bool InstanceDataCollection::rewriteChanged()
         return true;
     std::sort(_dirtyRecords.begin(), _dirtyRecords.end());
     const GLintptr recordBytes = GLintptr(_plan->totalDataSize());
-    const GLintptr first = _dirtyRecords.front() * recordBytes;
-    const GLintptr end = (_dirtyRecords.back() + 1) * recordBytes;
+    // Neighbouring records go out as one range.
+    const auto forEachRun = [&](auto&& write) {
+        for (size_t i = 0; i < _dirtyRecords.size();) {
+            size_t last = i;
+            while (last + 1 < _dirtyRecords.size() && _dirtyRecords[last + 1] == _dirtyRecords[last] + 1)
+                ++last;
+            write(_dirtyRecords[i] * recordBytes, GLsizeiptr(last - i + 1) * recordBytes);
+            i = last + 1;
+        }
+    };
+    size_t runs = 0;
+    forEachRun([&runs](GLintptr, GLsizeiptr) { ++runs; });
     BufferObject* buffer = _uniformBufferObject->bufferObject().data();
     AutoBinder bound(buffer);
     const GLenum target = buffer->target();
+    // A few ranges are cheapest as plain writes, which also spare the driver a wait for draws
+    // still reading the buffer; many are written through one mapping of their span.
+    constexpr size_t kMostSubDataRuns = 4;
+    if (runs <= kMostSubDataRuns) {
+        forEachRun([&](GLintptr offset, GLsizeiptr length) {
+            glBufferSubData(target, offset, length, _data.constData() + offset);
+            _uploadedBytes += quint64(length);
+        });
+        return true;
+    }
+    const GLintptr first = _dirtyRecords.front() * recordBytes;
+    const GLintptr end = (_dirtyRecords.back() + 1) * recordBytes;
     auto* mapped = static_cast<char*>(
         glMapBufferRange(target, first, end - first, GL_MAP_WRITE_BIT | GL_MAP_FLUSH_EXPLICIT_BIT));
     VYX_CHECK_RETURN(mapped, false, "Could not map the buffer of plan '%s'", qPrintable(_plan->name()));
-    // Neighbouring records go out as one range.
-    for (size_t i = 0; i < _dirtyRecords.size();) {
-        size_t last = i;
-        while (last + 1 < _dirtyRecords.size() && _dirtyRecords[last + 1] == _dirtyRecords[last] + 1)
-            ++last;
-        const GLintptr offset = _dirtyRecords[i] * recordBytes;
-        const GLsizeiptr length = GLsizeiptr(last - i + 1) * recordBytes;
+    forEachRun([&](GLintptr offset, GLsizeiptr length) {
         std::memcpy(mapped + (offset - first), _data.constData() + offset, size_t(length));
         glFlushMappedBufferRange(target, offset - first, length);
         _uploadedBytes += quint64(length);
-        i = last + 1;
-    }
+    });
     glUnmapBuffer(target);
     return true;
 }
@@ -375,8 +390,7 @@ bool InstanceDataCollection::bind(ShaderProgram* program, TextureManager* manage
             program->setUniform(program->getUniformLocation(_plan->samplerIName()), _intTexture->unit());
         }
     }
-    if (!_textureTokens.isEmpty() && (manager = manager ? manager : TextureManager::Instance()))
-        manager->bind(_textureTokens);
+    handTokens(manager);
     return true;
 }
 
@@ -390,9 +404,40 @@ bool InstanceDataCollection::unbind(ShaderProgram* program, TextureManager* mana
         unbound = _intTexture->unbind();
         unbound = _floatTexture->unbind() && unbound;
     }
+    takeTokensBack(manager);
+    return unbound;
+}
+
+bool InstanceDataCollection::rebind(InstanceDataCollection* bound, ShaderProgram* program, TextureManager* manager)
+{
+    const bool sameBlock = bound && bound != this && _plan && bound->_plan == _plan &&
+                           _plan->mechanism() == InstanceDataPlan::eUniformBlock && !bound->_uniformBufferObject.isNull();
+    if (!sameBlock) {
+        const bool unbound = !bound || bound->unbind(program, manager);
+        return bind(program, manager) && unbound;
+    }
+    bound->takeTokensBack(manager);
+    if (getUniformBufferObject().isNull() || (_dirty && !upload())) {
+        bound->_uniformBufferObject->unbind(program);
+        return false;
+    }
+    if (!_uniformBufferObject->rebind(bound->_uniformBufferObject.data(),
+                                      program ? program : ShaderProgram::currentShaderProgram()))
+        return false;
+    handTokens(manager);
+    return true;
+}
+
+void InstanceDataCollection::handTokens(TextureManager* manager) const
+{
+    if (!_textureTokens.isEmpty() && (manager = manager ? manager : TextureManager::Instance()))
+        manager->bind(_textureTokens);
+}
+
+void InstanceDataCollection::takeTokensBack(TextureManager* manager) const
+{
     if (!_textureTokens.isEmpty() && (manager = manager ? manager : TextureManager::Instance()))
         manager->unbind(_textureTokens);
-    return unbound;
 }
 
 bool InstanceDataCollection::bind(TextureManager* manager)

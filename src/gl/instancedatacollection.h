@@ -26,7 +26,8 @@ class UniformBufferObject;
 // as the plan's uniform block, or as a texture buffer seen through a float and an integer view.
 // A bind uploads what changed since the last one. When the size is unchanged the buffer is
 // mapped and rewritten, never reallocated; when few records changed only their bytes are
-// written (explicitly flushed ranges), so a small edit of a large table costs a small upload.
+// written (a few ranges directly, more as explicitly flushed ranges of one mapping), so a small
+// edit of a large table costs a small upload.
 class VYXGL_EXPORT InstanceDataCollection : public QObject, public Bindable
 {
     Q_OBJECT
@@ -79,6 +80,9 @@ public:
     // the manager (the process-wide one when null and there are tokens).
     bool bind(ShaderProgram* program, TextureManager* manager);
     bool unbind(ShaderProgram* program, TextureManager* manager);
+    // The same as bound->unbind(program, manager) then bind(program, manager); a uniform block
+    // of the same plan takes over bound's binding point without releasing it in between.
+    bool rebind(InstanceDataCollection* bound, ShaderProgram* program, TextureManager* manager);
     bool bind(TextureManager* manager);
     bool bind() override;
     bool unbind() override;
@@ -94,6 +98,9 @@ private:
     void collectTokens();
     // Keeps the token stored in these 8 bytes for binding, unless it is the null token.
     void noteToken(const void* bytes);
+    // The records' tokens to the manager (the process-wide one when null), and back.
+    void handTokens(TextureManager* manager) const;
+    void takeTokensBack(TextureManager* manager) const;
     void markDirty(int record);
     void markAllDirty();
     bool makeBuffer();

@@ -45,6 +45,22 @@ struct UboContextData
         _bindingTable.fill(0, _maxUniformBlockBindings);
         _bindBuffersBase = glCapabilityFunction<PFNVYXGLBINDBUFFERSBASEPROC>(GLCapability::BindBuffersBase);
     }
+
+    // Binds buffer to the point now, or widens the batch that will.
+    void attach(const BufferObject& buffer, int binding)
+    {
+        if (-1 != _batchFirst) {
+            _batchFirst = std::min(_batchFirst, binding);
+            _batchLast = std::max(_batchLast, binding);
+            return;
+        }
+        // Reported only: the data may still be uploaded after binding.
+        static_cast<void>(VYX_CHECK_AS(buffer.valueCount() * buffer.valueSize() != 0,
+                                       "_bufferObject->valueCount() * _bufferObject->valueSize() != 0",
+                                       "glBindBufferRange() cannot take 0 as a size (%d,%d)", buffer.valueCount(),
+                                       int(buffer.valueSize())));
+        glBindBufferBase(GL_UNIFORM_BUFFER, GLuint(binding), buffer.getBO());
+    }
 };
 
 PerContextRecords<UboContextData>& uboContextRecords()
@@ -138,16 +154,7 @@ bool UniformBufferObject::bind(ShaderProgram* program)
         uboContextData._boundUniformBufferObjectCounts.insert(bufferObjectID, 1);
         uboContextData._bindingTable[newBinding] = bufferObjectID;
 
-        if (-1 == uboContextData._batchFirst) {
-            // Reported only: the data may still be uploaded after binding.
-            VYX_CHECK_CONTINUE(_bufferObject->valueCount() * _bufferObject->valueSize() != 0,
-                               "glBindBufferRange() cannot take 0 as a size (%d,%d)", _bufferObject->valueCount(),
-                               int(_bufferObject->valueSize()));
-            glBindBufferBase(GL_UNIFORM_BUFFER, GLuint(newBinding), bufferObjectID);
-        } else {
-            uboContextData._batchFirst = std::min(uboContextData._batchFirst, newBinding);
-            uboContextData._batchLast = std::max(uboContextData._batchLast, newBinding);
-        }
+        uboContextData.attach(*_bufferObject, newBinding);
         return newBinding;
     });
     if (binding < 0)
@@ -177,13 +184,48 @@ bool UniformBufferObject::unbind(ShaderProgram* /*program*/)
         if (--count.value() > 0)
             return true;
         const int binding = held.value();
-        bindings.erase(held);
-        counts.erase(count);
+        bindings.remove(bufferObjectID);
+        counts.remove(bufferObjectID);
         glBindBufferBase(GL_UNIFORM_BUFFER, GLuint(binding), 0);
         uboContextData._bindingTable[binding] = 0;
         uboContextData._freeUniformBlockBindings.insert(binding);
         return true;
     });
+}
+
+bool UniformBufferObject::rebind(UniformBufferObject* bound, ShaderProgram* program)
+{
+    if (!bound || bound == this || !program || bound->_bufferObject.isNull() || _bufferObject.isNull() ||
+        bound->_uniformBlockName != _uniformBlockName) {
+        const bool unbound = !bound || bound->unbind(program);
+        return (program ? bind(program) : bind()) && unbound;
+    }
+    const unsigned int releasedID = bound->_bufferObject->getBO();
+    const unsigned int takenID = _bufferObject->getBO();
+    const int blockIndex = program->getUniformBlockIndex(_uniformBlockName);
+    const bool tookOver = blockIndex >= 0 && withCurrentRecord([&](UboContextData& uboContextData) {
+        auto& bindings = uboContextData._uniformBufferObjectToUniformBlockBindingMaps;
+        auto& counts = uboContextData._boundUniformBufferObjectCounts;
+        const auto held = bindings.find(releasedID);
+        const auto count = counts.find(releasedID);
+        // Anything else is what unbind() and bind() would sort out between them.
+        if (held == bindings.end() || count == counts.end() || count.value() != 1 || bindings.contains(takenID) ||
+            currentProgramBinding(program, blockIndex) != held.value())
+            return false;
+        const int binding = held.value();
+        // remove() by key: erase() would walk the buckets to the next node, which nobody reads.
+        bindings.remove(releasedID);
+        counts.remove(releasedID);
+        bindings.insert(takenID, binding);
+        counts.insert(takenID, 1);
+        uboContextData._bindingTable[binding] = takenID;
+        uboContextData.attach(*_bufferObject, binding);
+        return true;
+    });
+    if (tookOver)
+        return true;
+    const bool unbound = bound->unbind(program);
+    return bind(program) && unbound;
 }
 
 bool UniformBufferObject::bind()

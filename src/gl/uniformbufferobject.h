@@ -35,6 +35,10 @@ public:
     bool bind(ShaderProgram* program);
     // Drops one reference; the binding point is freed when none is left.
     bool unbind(ShaderProgram* program);
+    // The same as bound->unbind(program) then bind(program). When bound alone holds a point
+    // that program's block uses and this buffer holds none, this buffer takes the point over
+    // with one glBindBufferBase, as a drawing loop switching tables wants.
+    bool rebind(UniformBufferObject* bound, ShaderProgram* program);
     // The same for the program bound in the current context.
     bool bind() override;
     bool unbind() override;

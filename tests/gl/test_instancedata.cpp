@@ -372,6 +372,22 @@ TEST_F(InstanceDataTest, UploadsRewriteOnlyChangedRecordsAndReallocateOnlyForANe
     }
     gpuCopy(collection);
 
+    // A few ranges are written directly, without a mapping.
+    for (int record : {10, 11, 500})
+        ASSERT_TRUE(collection.set(record, "id", id));
+    {
+        CallRecorder<&_ptrc_glMapBufferRange> mappings;
+        CallRecorder<&_ptrc_glBufferSubData> writes;
+        EXPECT_EQ(upload(collection), 3 * kRecordBytes);
+        EXPECT_EQ(mappings.count(), 0u);
+        std::vector<std::pair<GLintptr, GLsizeiptr>> ranges;
+        for (const auto& call : writes.calls())
+            ranges.emplace_back(std::get<1>(call), std::get<2>(call));
+        EXPECT_EQ(ranges, (std::vector<std::pair<GLintptr, GLsizeiptr>>{{10 * kRecordBytes, 2 * kRecordBytes},
+                                                                         {500 * kRecordBytes, kRecordBytes}}));
+    }
+    gpuCopy(collection);
+
     // Writing what is already there changes nothing; what the host vouches for is not uploaded.
     EXPECT_TRUE(collection.set(4, "id", id));
     EXPECT_FALSE(collection.isDirty());

@@ -103,6 +103,32 @@ TEST_F(UniformBufferObjectTest, OneBufferKeepsOneBindingUntilEveryProgramUnbinds
     EXPECT_TRUE(otherUbo->unbind(second.get()));
 }
 
+TEST_F(UniformBufferObjectTest, RebindHandsAPointOverOnlyWhenItsHolderIsDoneWithIt)
+{
+    auto program = colorsProgram(), other = colorsProgram();
+    auto first = colorsBuffer(), second = colorsBuffer(), third = colorsBuffer();
+    ASSERT_TRUE(first->bind(program.get()));
+    {
+        CallRecorder<&_ptrc_glBindBufferBase> bindBase;
+        ASSERT_TRUE(second->rebind(first.data(), program.get()));
+        EXPECT_EQ(bindBase.calls(), (std::vector<std::tuple<GLenum, GLuint, GLuint>>{
+                                        {GL_UNIFORM_BUFFER, 0, second->bufferObject()->getBO()}}))
+            << "no detour through buffer 0";
+    }
+    EXPECT_EQ(second->uniformBlockBinding(), 0);
+    EXPECT_EQ(programBinding(*program), 0);
+
+    // Still bound for another program: the point stays, as unbind() then bind() would leave it.
+    ASSERT_TRUE(second->bind(other.get()));
+    ASSERT_TRUE(third->rebind(second.data(), program.get()));
+    EXPECT_EQ(boundAt(0), second->bufferObject()->getBO());
+    EXPECT_EQ(third->uniformBlockBinding(), 1);
+    EXPECT_EQ(programBinding(*program), 1);
+    EXPECT_TRUE(second->unbind(other.get()) && third->unbind(program.get()));
+    EXPECT_EQ(boundAt(0), 0u);
+    EXPECT_TRUE((capture.texts(QtCriticalMsg) + capture.texts(QtWarningMsg)).isEmpty());
+}
+
 TEST_F(UniformBufferObjectTest, MisuseIsReported)
 {
     auto program = colorsProgram();

@@ -7,10 +7,11 @@
 
 #include <cstddef>
 
+#include "gl/drawbuffers.h"
+
 namespace Tavren::Vyx {
 
 class BufferObject;
-class DrawBuffers;
 
 namespace GPUModelDetail {
 
@@ -23,6 +24,12 @@ struct IndirectCache
     {
         QSharedPointer<BufferObject> buffer;
         QByteArray records;
+        // The last gather of the whole list in its own order, and the list it was made from:
+        // holding the list keeps its data alive, so an unchanged data pointer means unchanged
+        // commands.
+        QVector<DrawElementsIndirectCommand> wholeSource;
+        QByteArray wholeRecords;
+        int wholeCount = 0;
     };
 
     // Copies the selected commands, in the given order, into scratch and returns how many
@@ -30,7 +37,8 @@ struct IndirectCache
     // previous record's geometry and takes the instances right after it joins that record: the
     // draw IDs (base instance + instance) stay those of the separate commands, and the driver
     // draws one instanced batch instead of many.
-    int gather(const DrawBuffers& db, const QVector<int>& selected);
+    // whole says that selected is every command in order, which is gathered once per list.
+    int gather(const DrawBuffers& db, const QVector<int>& selected, bool whole);
     // One glMultiDrawElementsIndirect of the gathered records.
     bool drawGathered(const DrawBuffers& db, int records);
     size_t memoryEstimateGPU() const;
