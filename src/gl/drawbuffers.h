@@ -82,8 +82,8 @@ public:
     bool setMultiDrawIndirect(bool enable);
     bool isMultiDrawIndirect() const { return _useMultiDrawIndirect; }
 
-    QSharedPointer<VertexArrayObject> VAO() const { return _vao; }
-    QSharedPointer<BufferObject> indexBO() const { return _boIndex; }
+    const QSharedPointer<VertexArrayObject>& VAO() const { return _vao; }
+    const QSharedPointer<BufferObject>& indexBO() const { return _boIndex; }
     unsigned int numVerts() const { return _vertexCount; }
     int numIndexes() const { return _indexCount; }
     unsigned int indexType() const { return _indexType; }

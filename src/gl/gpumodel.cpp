@@ -211,6 +211,7 @@ int GPUModel::addTransform(int parent, const QMatrix4x4& local)
     _locals.append(local);
     _worlds.append(QMatrix4x4());
     _normals.append(QMatrix3x3());
+    _normalsStale.append(false);
     _parents.append(parent);
     _mirrored.append(false);
     _dirty.append(false);
@@ -316,7 +317,16 @@ QMatrix4x4 GPUModel::worldTransform(int transform)
 
 QMatrix3x3 GPUModel::normalTransform(int transform) const
 {
-    return isValidTransform(transform) ? _normals[transform] : QMatrix3x3();
+    return isValidTransform(transform) ? freshNormal(transform) : QMatrix3x3();
+}
+
+const QMatrix3x3& GPUModel::freshNormal(int transform) const
+{
+    if (_normalsStale[transform]) {
+        _normals[transform] = _worlds[transform].normalMatrix();
+        _normalsStale[transform] = false;
+    }
+    return _normals[transform];
 }
 
 bool GPUModel::isTransformMirrored(int transform) const
@@ -428,7 +438,7 @@ QMatrix4x4 GPUModel::updateTransform(int transform)
         const int t = _chain[k];
         const int parent = _parents[t];
         _worlds[t] = parent >= 0 ? _worlds[parent] * _locals[t] : _locals[t];
-        _normals[t] = _worlds[t].normalMatrix();
+        _normalsStale[t] = true;
         const QVector3D a = _worlds[t].row(0).toVector3D().normalized();
         const QVector3D b = _worlds[t].row(1).toVector3D().normalized();
         const QVector3D c = _worlds[t].row(2).toVector3D().normalized();
@@ -450,7 +460,6 @@ void GPUModel::writeObjectMatrices(int transform)
     if (users.isEmpty())
         return;
     const QMatrix4x4& world = _worlds[transform];
-    const QMatrix3x3& normal = _normals[transform];
     for (const InstanceRef& ref : users) {
         const int position = drawableIndex(ref.drawable);
         if (position < 0)
@@ -461,7 +470,7 @@ void GPUModel::writeObjectMatrices(int transform)
             continue;
         data->set(ref.command, kModelMatrix, world.constData(), 16 * sizeof(float));
         if (data->plan() && data->plan()->contains(kModelNormalMatrix))
-            data->set(ref.command, kModelNormalMatrix, normal.constData(), 9 * sizeof(float));
+            data->set(ref.command, kModelNormalMatrix, freshNormal(transform).constData(), 9 * sizeof(float));
     }
 }
 

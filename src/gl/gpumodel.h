@@ -255,6 +255,8 @@ private:
                        const void* data, size_t size, bool material);
     QMatrix4x4 updateTransform(int transform);
     void writeObjectMatrices(int transform);
+    // The normal matrix of the cached world matrix, made now if that changed since.
+    const QMatrix3x3& freshNormal(int transform) const;
     void markDirty(int transform);
     void markDescendantsDirty();
     // Culling caches (gpumodelcull.cpp).
@@ -300,7 +302,9 @@ private:
 
     QVector<QMatrix4x4> _locals;
     QVector<QMatrix4x4> _worlds;
-    QVector<QMatrix3x3> _normals;
+    // Normal matrices are made when asked for: most object plans do not carry one.
+    mutable QVector<QMatrix3x3> _normals;
+    mutable QVector<bool> _normalsStale;
     QVector<int> _parents;
     QVector<bool> _mirrored;
     QVector<bool> _dirty;

@@ -228,7 +228,7 @@ size_t InstanceDataCollection::gpuBytes() const
     return qMax(bytes, size_t(kSlotBytes));
 }
 
-QSharedPointer<UniformBufferObject> InstanceDataCollection::getUniformBufferObject()
+const QSharedPointer<UniformBufferObject>& InstanceDataCollection::getUniformBufferObject()
 {
     if (_uniformBufferObject.isNull() && _plan)
         makeBuffer();

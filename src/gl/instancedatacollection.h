@@ -70,7 +70,7 @@ public:
     bool isDirty() const { return _dirty; }
 
     // Made on the first call with a current context and device context; null otherwise.
-    QSharedPointer<UniformBufferObject> getUniformBufferObject();
+    const QSharedPointer<UniformBufferObject>& getUniformBufferObject();
     // The two views of the texture-buffer mechanism; null before the buffer is made.
     Texture* floatTexture() const { return _floatTexture.get(); }
     Texture* intTexture() const { return _intTexture.get(); }

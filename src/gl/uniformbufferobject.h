@@ -28,7 +28,7 @@ public:
     // Bindings still held are not released.
     ~UniformBufferObject() override;
 
-    QSharedPointer<BufferObject> bufferObject() const { return _bufferObject; }
+    const QSharedPointer<BufferObject>& bufferObject() const { return _bufferObject; }
     QString blockName() const { return _uniformBlockName; }
 
     // Gives the buffer a binding point in the current context and points program's block at it.

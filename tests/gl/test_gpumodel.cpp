@@ -370,11 +370,18 @@ TEST_F(GPUModelTest, BindsOnlyWhatChangesBetweenDrawables)
     render();
     CallRecorder<&_ptrc_glBindVertexArray> bindVertexArray;
     CallRecorder<&_ptrc_glUniform1iv> slotUniforms;
+    CallRecorder<&_ptrc_glBindBufferBase> bindBase;
     ASSERT_TRUE(render());
     // All drawables share one vertex array: bound once, unbound once.
     EXPECT_EQ(bindVertexArray.count(), 2u);
     // Drawables 0 and 5 share material 0 (and so on): the texture manager is bound once per material.
     EXPECT_EQ(slotUniforms.count(), size_t(kMaterials));
+    // Each material or object table takes over the point of the one before: one call per change,
+    // and points are emptied only after the last drawable.
+    EXPECT_EQ(bindBase.count(), size_t(kMaterials + kDrawables + 2));
+    const auto emptied = std::count_if(bindBase.calls().begin(), bindBase.calls().end(),
+                                       [](const auto& call) { return std::get<2>(call) == 0u; });
+    EXPECT_EQ(emptied, 2);
 }
 
 TEST_F(GPUModelTest, ATransformEditUploadsOnlyTheRecordsOfItsUsers)
