@@ -1,6 +1,7 @@
 #include "gl/glcontexttracker.h"
 
 #include "gl/internal/nativecontext.h"
+#include "gl/internal/percontextrecords.h"
 
 #include <QOpenGLContext>
 #include <QtGlobal>
@@ -38,6 +39,11 @@ void* GLContextTracker::currentContext()
 void GLContextTracker::nativeContextChanged()
 {
     forgetCurrentNativeContext();
+}
+
+void GLContextTracker::contextDestroyed(void* context)
+{
+    forgetContextRecords(context);
 }
 
 void* currentQGLContext()

@@ -25,6 +25,12 @@ public:
     // up in the libraries' own handles (dlopen and dlsym) rather than through the process's
     // symbols or eglGetProcAddress/glXGetProcAddress: call it on that thread after each switch.
     static void nativeContextChanged();
+    // Drops what the library keeps per context (binding points held, capability answers, ...) for
+    // context, as currentContext() identified it, so that a context made later at the same
+    // address starts afresh. Needed only for contexts destroyed where the library cannot see:
+    // eglDestroyContext and glXDestroyContext through the process's symbols and the destruction
+    // of Qt contexts are noticed already.
+    static void contextDestroyed(void* context);
 
 private:
     static void* getCurrentContext();

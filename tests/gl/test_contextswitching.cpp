@@ -3,6 +3,7 @@
 #include "gl/bufferobject.h"
 #include "gl/glcontexttracker.h"
 #include "gl/headlesscontext.h"
+#include "gl/internal/percontextrecords.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/texture.h"
 #include "gl/uniformbufferobject.h"
@@ -110,6 +111,23 @@ TEST_F(ContextSwitchingTest, AlternatingContextsKeepTheirUnitsAndBindingPointsAp
     EXPECT_EQ(GLContextTracker::currentContext(), nullptr);
     ASSERT_TRUE(context.makeCurrent());
     first.unbind();
+}
+
+TEST_F(ContextSwitchingTest, DestroyingAContextDropsItsRecords)
+{
+    // Otherwise a context made later at the same address would inherit them (binding points
+    // held, capability answers of another GL version).
+    PerContextRecords<int> records;
+    const auto read = [](int& value) { return value; };
+    auto other = std::make_unique<HeadlessGLContext>();
+    ASSERT_TRUE(other->create() && other->makeCurrent());
+    void* const key = GLContextTracker::currentContext();
+    records.withCurrent([](int& value) { return value = 42; });
+    other->doneCurrent();
+    EXPECT_EQ(records.with(key, read), 42) << "released, not destroyed";
+    other.reset();
+    EXPECT_EQ(records.with(key, read), 0);
+    ASSERT_TRUE(context.makeCurrent());
 }
 
 TEST_F(ContextSwitchingTest, ThreadsWithContextsOfTheirOwnKeepThemApart)

@@ -48,6 +48,17 @@ TEST(PerContextRecords, KeysRecordsByContextAndCreatesThemOnFirstUse)
     EXPECT_EQ(records.with(nullptr, count), 2);
     records.forget(&a);
     EXPECT_EQ(records.with(&a, count), 1);
+    // Every map forgets a destroyed context: when the host says so, or when its Qt object goes.
+    PerContextRecords<int> others;
+    others.with(&b, count);
+    GLContextTracker::contextDestroyed(&b);
+    EXPECT_EQ(records.with(&b, count) + others.with(&b, count), 2);
+    {
+        QObject qtContext;
+        forgetContextRecordsWith(&qtContext, &a);
+        EXPECT_EQ(records.with(&a, count), 2);
+    }
+    EXPECT_EQ(records.with(&a, count), 1);
     GLContextTracker tracker;
     tracker.trackCurrentContext();
     EXPECT_TRUE(tracker.check());

@@ -1,6 +1,7 @@
 #include "gl/internal/nativecontext.h"
 
 #include "core/vyxexport.h"
+#include "gl/internal/percontextrecords.h"
 
 #include <EGL/egl.h>
 #include <GL/glx.h>
@@ -187,7 +188,10 @@ VYXGL_EXPORT EGLBoolean eglBindAPI(EGLenum api)
 VYXGL_EXPORT EGLBoolean eglDestroyContext(EGLDisplay display, EGLContext context)
 {
     static const auto next = nextSymbol<decltype(&eglDestroyContext)>(eglLibrary, "eglDestroyContext");
-    return forwardAndForget(next, display, context);
+    const EGLBoolean destroyed = forwardAndForget(next, display, context);
+    if (destroyed)
+        forgetContextRecords(context);
+    return destroyed;
 }
 
 VYXGL_EXPORT EGLBoolean eglTerminate(EGLDisplay display)
@@ -222,6 +226,7 @@ VYXGL_EXPORT void glXDestroyContext(Display* display, GLXContext context)
     if (next)
         next(display, context);
     forgetCurrentNativeContext();
+    forgetContextRecords(context);
 }
 
 VYXGL_EXPORT __GLXextFuncPtr glXGetProcAddressARB(const GLubyte* name)

@@ -9,7 +9,8 @@ namespace Tavren::Vyx {
 // library defines eglMakeCurrent, eglReleaseThread, eglBindAPI, eglDestroyContext, eglTerminate,
 // glXMakeCurrent and glXMakeContextCurrent itself, forwards them to the real ones and forgets
 // the thread's answer afterwards; eglGetProcAddress and glXGetProcAddress(ARB) hand out those
-// forwarders for the same names; a fork forgets too. The cached answer is used only when
+// forwarders for the same names; a fork forgets too. The two destroy calls also drop the
+// library's per-context records of the context they destroy. The cached answer is used only when
 // every one of those names resolves to the library in this process (nothing earlier in the
 // symbol search order, such as a preloaded library, defines them), and not at all when
 // VYX_NATIVE_CONTEXT_CACHE is "0".

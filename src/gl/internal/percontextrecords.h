@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/vyxexport.h"
 #include "gl/glcontexttracker.h"
 
 #include <QBasicMutex>
@@ -7,7 +8,24 @@
 
 #include <mutex>
 
+class QObject;
+
 namespace Tavren::Vyx {
+
+// Drops the records every PerContextRecords keeps for context. Contexts destroyed through
+// eglDestroyContext or glXDestroyContext, and Qt contexts, are forgotten this way by themselves, so
+// a context made later at the same address starts afresh.
+VYXGL_EXPORT void forgetContextRecords(void* context);
+// Forgets context's records when owner is destroyed.
+VYXGL_EXPORT void forgetContextRecordsWith(QObject* owner, void* context);
+
+namespace PerContextRecordsDetail {
+using Forget = void (*)(void* records, void* context);
+VYXGL_EXPORT void enrol(void* records, Forget forget);
+VYXGL_EXPORT void withdraw(void* records);
+// A context got its first record somewhere: a current Qt context is watched from now on.
+VYXGL_EXPORT void noteNewContext(void* context);
+} // namespace PerContextRecordsDetail
 
 // Process-wide records, one per GL context, created on first use. Every access holds the
 // map's own mutex; work done with no context current lands in the null context's record.
@@ -15,6 +33,16 @@ template <typename Record>
 class PerContextRecords
 {
 public:
+    PerContextRecords()
+    {
+        PerContextRecordsDetail::enrol(this, [](void* records, void* context) {
+            static_cast<PerContextRecords*>(records)->forget(context);
+        });
+    }
+    ~PerContextRecords() { PerContextRecordsDetail::withdraw(this); }
+    PerContextRecords(const PerContextRecords&) = delete;
+    PerContextRecords& operator=(const PerContextRecords&) = delete;
+
     // Calls fn(Record&) on the current context's record and returns what it returns.
     template <typename Fn>
     decltype(auto) withCurrent(Fn&& fn)
@@ -26,7 +54,7 @@ public:
     decltype(auto) with(void* context, Fn&& fn)
     {
         std::lock_guard<QBasicMutex> locker(_mutex);
-        return fn(_entries[reinterpret_cast<quintptr>(context)].record);
+        return fn(entryFor(context).record);
     }
 
     // As withCurrent, but a context's record is first passed to prepare(Record&, void* context)
@@ -36,7 +64,7 @@ public:
     {
         void* context = GLContextTracker::currentContext();
         std::lock_guard<QBasicMutex> locker(_mutex);
-        Entry& entry = _entries[reinterpret_cast<quintptr>(context)];
+        Entry& entry = entryFor(context);
         if (!entry.prepared) {
             prepare(entry.record, context);
             entry.prepared = true;
@@ -57,6 +85,17 @@ private:
         Record record;
         bool prepared = false;
     };
+
+    // Under the lock.
+    Entry& entryFor(void* context)
+    {
+        const quintptr key = reinterpret_cast<quintptr>(context);
+        auto found = _entries.find(key);
+        if (found != _entries.end())
+            return *found;
+        PerContextRecordsDetail::noteNewContext(context);
+        return *_entries.insert(key, Entry());
+    }
 
     // Locks inline: taken on every bind.
     QBasicMutex _mutex;
