@@ -23,7 +23,10 @@ run_suite "$root/build-test-qt6" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVYXGL_QT_MA
 echo "== sanitizer build, Qt 5 =="
 # Leaks inside the GL driver are the driver's; ours are not suppressed.
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:strict_string_checks=1:detect_stack_use_after_return=1"
-export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp:print_suppressions=0"
+# LeakSanitizer's scan of thread-local storage can crash its tracer at a test process's exit
+# (seen with this glibc whenever the process layout shifts), so TLS is not scanned: that can only
+# add reports (blocks held from TLS alone, suppressed by name), never hide one.
+export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp:print_suppressions=0:use_tls=0"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 run_suite "$root/build-asan" -DCMAKE_BUILD_TYPE=Debug -DVYXGL_SANITIZE=ON -DVYXGL_BUILD_BENCHMARKS=OFF -DVYXGL_QT_MAJOR=5
 

@@ -353,9 +353,6 @@ TEST_F(ShaderProgramTest, SecondProcessLinksFromTheBinaryTheFirstWrote)
     auto runHelper = [&](bool reversed) {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert("VYX_SHADER_CACHE_HELPER_DIR", folder.path());
-        // LeakSanitizer's tracer can crash stopping the driver's threads at the helper's exit;
-        // this test is about the cache, and leaks are checked in this process.
-        environment.insert("ASAN_OPTIONS", environment.value("ASAN_OPTIONS") + ":detect_leaks=0");
         if (reversed)
             environment.insert("VYX_SHADER_CACHE_HELPER_REVERSED", "1");
         QStringList arguments = {"--gtest_filter=ShaderProgramTest.CacheHelperProcess"};
