@@ -67,12 +67,6 @@ protected:
         indices->unbind();
     }
 
-    void TearDown() override
-    {
-        target.reset();
-        GLTest::TearDown();
-    }
-
     void clear() const { target->clear(1.0f); }
     std::vector<int> columns() const { return target->channel(0); }
     // Draw calls, batches and indices counted since the last look.
@@ -166,7 +160,17 @@ TEST_F(DrawBuffersTest, UniformFallbackDrawsEveryCommandWithItsOwnID)
     EXPECT_FALSE(buffers->draw(nullptr, &outOfRange));
     EXPECT_EQ(DrawBuffers::getAndResetTotalDrawCalls(), 0u);
     EXPECT_EQ(capture.bodies(QtCriticalMsg).size(), 1);
-    buffers->unbind();
+
+    // Rebinding another list restores the index buffer of its own vertex array.
+    clear();
+    auto second = commandList();
+    const QVector<int> left = {0}, right = {3};
+    ASSERT_TRUE(buffers->draw(shader.get(), &left));
+    ASSERT_TRUE(second->rebind(buffers.get()));
+    second->VAO()->enableShaderProgramArrays(shader.get());
+    ASSERT_TRUE(second->draw(shader.get(), &right));
+    EXPECT_EQ(columns(), (std::vector<int>{8, 255, 255, 11}));
+    EXPECT_TRUE(second->unbind());
     EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
 
@@ -295,22 +299,6 @@ TEST_F(DrawBuffersTest, CommandsUniformBufferPacksTheFirstListWithStd140Stride)
     glGetBufferSubData(GL_UNIFORM_BUFFER, 64, 64, words.data());
     glBindBuffer(GL_UNIFORM_BUFFER, 0);
     EXPECT_EQ(words, (std::vector<GLuint>{6, 1, 0, 8, 10, 0, 0, 0, 6, 1, 6, 8, 11, 0, 0, 0}));
-}
-
-TEST_F(DrawBuffersTest, RebindRestoresTheIndexBufferOfTheNewVertexArray)
-{
-    auto shader = program(false, 0);
-    auto first = commandList();
-    auto second = commandList();
-    const QVector<int> left = {0}, right = {3};
-    bindFor(*first, shader.get());
-    ASSERT_TRUE(first->draw(shader.get(), &left));
-    ASSERT_TRUE(second->rebind(first.get()));
-    second->VAO()->enableShaderProgramArrays(shader.get());
-    ASSERT_TRUE(second->draw(shader.get(), &right));
-    EXPECT_EQ(columns(), (std::vector<int>{8, 255, 255, 11}));
-    EXPECT_TRUE(second->unbind());
-    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
 
 TEST_F(DrawBuffersTest, FullscreenQuadIsCachedPerDeviceContextAndCoversTheTarget)

@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 using namespace Tavren::Vyx;
@@ -101,7 +102,18 @@ protected:
         materialPlan.addMember(InstanceDataPlan::eVec4, "Tint");
         InstanceDataRegistry::Instance().registerPlan(&materialPlan);
         target = std::make_unique<StencilTarget>();
-        buildGeometry();
+        auto device = OpenGLDeviceContext::current();
+        const GLuint indices[] = {0, 1, 2, 0, 2, 3};
+        indexBuffer = device->newBuffer();
+        indexBuffer->setTarget(GL_ELEMENT_ARRAY_BUFFER);
+        indexBuffer->bind();
+        indexBuffer->uploadGLuintData(indices, 6, GL_STATIC_DRAW);
+        indexBuffer->unbind();
+        auto vertices = device->newBuffer();
+        vertices->setTarget(GL_ARRAY_BUFFER);
+        vao = device->newVAO();
+        vao->upload("va_Vertex", vertices, QVector<float>{-0.5f, -0.5f, 0.5f, -0.5f, 0.5f, 0.5f, -0.5f, 0.5f}, 2,
+                    GL_STATIC_DRAW);
         buildModel();
     }
 
@@ -113,25 +125,6 @@ protected:
         target.reset();
         DrawBuffers::useBaseInstanceDrawing(false);
         GLTest::TearDown();
-    }
-
-    void buildGeometry()
-    {
-        const float corners[] = {-0.5f, -0.5f, 0.5f, -0.5f, 0.5f, 0.5f, -0.5f, 0.5f};
-        const GLuint indices[] = {0, 1, 2, 0, 2, 3};
-        auto device = OpenGLDeviceContext::current();
-        auto vertices = device->newBuffer();
-        vertices->setTarget(GL_ARRAY_BUFFER);
-        vertices->bind();
-        vertices->upload(corners, 8, GL_STATIC_DRAW);
-        vertices->unbind();
-        indexBuffer = device->newBuffer();
-        indexBuffer->setTarget(GL_ELEMENT_ARRAY_BUFFER);
-        indexBuffer->bind();
-        indexBuffer->uploadGLuintData(indices, 6, GL_STATIC_DRAW);
-        indexBuffer->unbind();
-        vao = device->newVAO();
-        vao->registerBO("va_Vertex", vertices, 2, GL_FLOAT);
     }
 
     // Three levels: a root that maps the grid onto the target, one transform per row, one per
@@ -156,12 +149,9 @@ protected:
             record.set("Tint", tint, sizeof(tint));
             materials.push_back(new InstanceDataCollection(materialPlan.name(), {record}));
         }
-        const std::vector<DrawElementsIndirectCommand> commands = [] {
-            std::vector<DrawElementsIndirectCommand> list;
-            for (int c = 0; c < kCommands; ++c)
-                list.push_back({6, 1, 0, 0, quint32(c)});
-            return list;
-        }();
+        std::vector<DrawElementsIndirectCommand> commands;
+        for (int c = 0; c < kCommands; ++c)
+            commands.push_back({6, 1, 0, 0, quint32(c)});
         for (int k = 0; k < kDrawables; ++k) {
             auto* db = new DrawBuffers;
             db->setVAO(vao);
@@ -221,8 +211,14 @@ protected:
         model.updateTransforms();
         model.resetCulling();
         model.visibilityCull();
+        return draw(model, 0, 0, winding, true);
+    }
+
+    template <typename... Args>
+    bool draw(GPUModel& m, Args... args)
+    {
         program->bind();
-        const bool drawn = model.draw(program.get(), &manager, 0, 0, winding, true);
+        const bool drawn = m.draw(program.get(), &manager, args...);
         program->unbind();
         return drawn;
     }
@@ -245,6 +241,11 @@ protected:
         return ::testing::AssertionFailure() << "drawable " << k << " command " << c << " at (" << p.x() << ", "
                                              << p.y() << ") holds " << qPrintable(actual.name(QColor::HexArgb))
                                              << ", expected " << qPrintable(expected.name(QColor::HexArgb));
+    }
+    void expectShown(std::initializer_list<std::tuple<int, int, bool>> cases)
+    {
+        for (const auto& [k, c, drawn] : cases)
+            EXPECT_TRUE(shows(k, c, drawn));
     }
 
     template <typename Test>
@@ -273,12 +274,19 @@ protected:
 
 TEST_F(GPUModelTest, DrawsEveryObjectWithItsMaterialWhereItsWorldMatrixPutsIt)
 {
+    model.setContainsReflectedTransparency(true);
     onEveryPath([&] {
         ASSERT_TRUE(render());
         for (int k : {0, 3, 4, 7})
-            for (int c : {0, 17, 31})
-                EXPECT_TRUE(shows(k, c, true));
+            expectShown({{k, 0, true}, {k, 17, true}, {k, 31, true}});
         EXPECT_EQ(target->pixel(0, 0), QColor(0, 0, 0, 0)) << "the gap between objects stays clear";
+        // Reflected transparency tags each material's pixels in the stencil.
+        for (int k = 0; k < kDrawables; ++k) {
+            const QPoint p = probe(k, 9);
+            EXPECT_EQ(target->stencil(p.x(), p.y()), k % kMaterials + 1) << "drawable " << k;
+        }
+        EXPECT_EQ(target->stencil(0, 0), 0);
+        EXPECT_FALSE(glIsEnabled(GL_STENCIL_TEST)) << "the draw switched the stencil test on and off again";
 
         // Moving a row carries its objects; the world matrix the probe reads agrees.
         QMatrix4x4 moved = model.localTransform(rows[5]);
@@ -290,7 +298,7 @@ TEST_F(GPUModelTest, DrawsEveryObjectWithItsMaterialWhereItsWorldMatrixPutsIt)
     });
 }
 
-TEST_F(GPUModelTest, HiddenZeroScaledAndFrustumCulledObjectsLeaveNoPixels)
+TEST_F(GPUModelTest, HiddenZeroScaledCulledAndBackFacingObjectsLeaveNoPixels)
 {
     const int object = model.drawable(1).transformRefs[2];
     model.setVisibility(object, 2);                      // one object
@@ -300,96 +308,59 @@ TEST_F(GPUModelTest, HiddenZeroScaledAndFrustumCulledObjectsLeaveNoPixels)
     flat.scale(0, 1, 1);
     model.setLocalTransform(model.drawable(2).transformRefs[5], flat);
     model.addFlags(GPUModel::kHiddenFlag, 7);
+    const int mirroredObject = model.drawable(0).transformRefs[4];
+    QMatrix4x4 mirror = model.localTransform(mirroredObject);
+    mirror.scale(-1, 1, 1);
+    model.setLocalTransform(mirroredObject, mirror);
     onEveryPath([&] {
         ASSERT_TRUE(render());
-        EXPECT_TRUE(shows(1, 2, false));
-        EXPECT_TRUE(shows(1, 3, true));
-        EXPECT_TRUE(shows(3, 0, false));
-        EXPECT_TRUE(shows(3, 15, false));
-        EXPECT_TRUE(shows(3, 16, true));
-        EXPECT_TRUE(shows(4, 20, true));
-        EXPECT_TRUE(shows(2, 5, false));
-        EXPECT_TRUE(shows(7, 0, false));
+        expectShown({{1, 2, false}, {1, 3, true}, {3, 0, false}, {3, 15, false}, {3, 16, true}, {4, 20, true},
+                     {2, 5, false}, {7, 0, false}});
         EXPECT_TRUE(model.isCommandCulled(2, 5)) << "zero scale is culled, not only invisible";
 
         // A frustum around the left half culls the right half, though the draw itself shows all.
         QMatrix4x4 leftHalf;
         leftHalf.ortho(-1, 0, -1, 1, -1, 1);
         model.frustumCull(leftHalf);
-        program->bind();
         target->clear();
-        ASSERT_TRUE(model.draw(program.get(), &manager, 0, 0, GPUModel::eWindingNoCulling, true));
-        EXPECT_TRUE(shows(0, 0, true));
-        EXPECT_TRUE(shows(0, 15, false));
-        EXPECT_TRUE(shows(5, 24, false));
+        ASSERT_TRUE(draw(model, 0, 0, GPUModel::eWindingNoCulling, true));
+        expectShown({{0, 0, true}, {0, 15, false}, {5, 24, false}});
         // A pass that ignores culling still keeps hidden objects hidden.
         target->clear();
-        ASSERT_TRUE(model.draw(program.get(), &manager, 0, 0, GPUModel::eWindingNoCulling, false));
-        EXPECT_TRUE(shows(0, 15, true));
-        EXPECT_TRUE(shows(1, 2, false));
-        program->unbind();
-    });
-}
+        ASSERT_TRUE(draw(model, 0, 0, GPUModel::eWindingNoCulling, false));
+        expectShown({{0, 15, true}, {1, 2, false}});
 
-TEST_F(GPUModelTest, MirroredObjectsDrawOnlyInTheClockwisePass)
-{
-    const int mirroredObject = model.drawable(0).transformRefs[4];
-    QMatrix4x4 mirror = model.localTransform(mirroredObject);
-    mirror.scale(-1, 1, 1);
-    model.setLocalTransform(mirroredObject, mirror);
-    onEveryPath([&] {
+        // Mirrored objects draw only in the clockwise pass.
         ASSERT_TRUE(render(GPUModel::eWindingCCW));
         EXPECT_TRUE(model.isTransformMirrored(mirroredObject));
-        EXPECT_TRUE(shows(0, 4, false));
-        EXPECT_TRUE(shows(0, 5, true));
+        expectShown({{0, 4, false}, {0, 5, true}});
         ASSERT_TRUE(render(GPUModel::eWindingCW));
-        EXPECT_TRUE(shows(0, 4, true));
-        EXPECT_TRUE(shows(0, 5, false));
+        expectShown({{0, 4, true}, {0, 5, false}});
         EXPECT_TRUE(glIsEnabled(GL_CULL_FACE));
         glDisable(GL_CULL_FACE);
     });
 }
 
-TEST_F(GPUModelTest, ReflectedTransparencyTagsEachMaterialsPixelsInTheStencil)
+TEST_F(GPUModelTest, RedrawsBindOnlyWhatChangesAndUploadOnlyTheEditedRecords)
 {
-    model.setContainsReflectedTransparency(true);
-    onEveryPath([&] {
+    ASSERT_TRUE(usePath(eUniformFallback));
+    ASSERT_TRUE(render());
+    {
+        CallRecorder<&_ptrc_glBindVertexArray> bindVertexArray;
+        CallRecorder<&_ptrc_glUniform1iv> slotUniforms;
+        CallRecorder<&_ptrc_glBindBufferBase> bindBase;
         ASSERT_TRUE(render());
-        for (int k = 0; k < kDrawables; ++k) {
-            const QPoint p = probe(k, 9);
-            EXPECT_EQ(target->stencil(p.x(), p.y()), k % kMaterials + 1) << "drawable " << k;
-        }
-        EXPECT_EQ(target->stencil(0, 0), 0);
-        EXPECT_FALSE(glIsEnabled(GL_STENCIL_TEST)) << "the draw switched the stencil test on and off again";
-    });
-}
-
-TEST_F(GPUModelTest, BindsOnlyWhatChangesBetweenDrawables)
-{
-    ASSERT_TRUE(usePath(eUniformFallback));
-    render();
-    CallRecorder<&_ptrc_glBindVertexArray> bindVertexArray;
-    CallRecorder<&_ptrc_glUniform1iv> slotUniforms;
-    CallRecorder<&_ptrc_glBindBufferBase> bindBase;
-    ASSERT_TRUE(render());
-    // All drawables share one vertex array: bound once, unbound once.
-    EXPECT_EQ(bindVertexArray.count(), 2u);
-    // Drawables 0 and 5 share material 0 (and so on): the texture manager is bound once per material.
-    EXPECT_EQ(slotUniforms.count(), size_t(kMaterials));
-    // Each material or object table takes over the point of the one before: one call per change,
-    // and points are emptied only after the last drawable.
-    EXPECT_EQ(bindBase.count(), size_t(kMaterials + kDrawables + 2));
-    const auto emptied = std::count_if(bindBase.calls().begin(), bindBase.calls().end(),
-                                       [](const auto& call) { return std::get<2>(call) == 0u; });
-    EXPECT_EQ(emptied, 2);
-}
-
-TEST_F(GPUModelTest, ATransformEditUploadsOnlyTheRecordsOfItsUsers)
-{
-    ASSERT_TRUE(usePath(eUniformFallback));
-    ASSERT_TRUE(render());
+        // All drawables share one vertex array: bound once, unbound once.
+        EXPECT_EQ(bindVertexArray.count(), 2u);
+        // Drawables 0 and 5 share material 0 (and so on): the texture manager is bound once per material.
+        EXPECT_EQ(slotUniforms.count(), size_t(kMaterials));
+        // A table takes over the point of the one before; points are emptied only after the last drawable.
+        EXPECT_EQ(bindBase.count(), size_t(kMaterials + kDrawables + 2));
+        const auto emptied = std::count_if(bindBase.calls().begin(), bindBase.calls().end(),
+                                           [](const auto& call) { return std::get<2>(call) == 0u; });
+        EXPECT_EQ(emptied, 2);
+    }
     EXPECT_FALSE(model.updateTransforms()) << "nothing changed";
-    const size_t record = objectPlan.totalDataSize();
     const int transform = model.drawable(3).transformRefs[7];
     QMatrix4x4 local = model.localTransform(transform);
     local.translate(0, 0.1f);
@@ -400,7 +371,7 @@ TEST_F(GPUModelTest, ATransformEditUploadsOnlyTheRecordsOfItsUsers)
     CallRecorder<&_ptrc_glMapBuffer> mappedWhole;
     ASSERT_TRUE(render());
     ASSERT_EQ(written.count(), 1u);
-    EXPECT_EQ(size_t(std::get<2>(written.calls()[0])), record);
+    EXPECT_EQ(size_t(std::get<2>(written.calls()[0])), objectPlan.totalDataSize());
     EXPECT_EQ(reallocated.count() + mapped.count() + mappedWhole.count(), 0u);
 }
 
@@ -412,9 +383,7 @@ TEST_F(GPUModelTest, BackToFrontDrawablesDrawTheirFarthestCommandsFirst)
     view.translate(-3, 0, 0); // the eye at (3, 0, 0), right of the grid
     model.resetCulling();
     CallRecorder<&_ptrc_glUniform1ui> drawIDs;
-    program->bind();
-    ASSERT_TRUE(model.draw(program.get(), &manager, 0, 0, GPUModel::eWindingNoCulling, &view, true));
-    program->unbind();
+    ASSERT_TRUE(draw(model, 0, 0, GPUModel::eWindingNoCulling, &view, true));
     std::vector<float> distances;
     for (const auto& call : drawIDs.calls()) {
         if (distances.size() == size_t(kCommands))
@@ -426,9 +395,7 @@ TEST_F(GPUModelTest, BackToFrontDrawablesDrawTheirFarthestCommandsFirst)
     EXPECT_TRUE(std::is_sorted(distances.rbegin(), distances.rend()));
     // Without a view the order is the command order.
     drawIDs.calls().clear();
-    program->bind();
-    ASSERT_TRUE(model.draw(program.get(), &manager, 0, 0));
-    program->unbind();
+    ASSERT_TRUE(draw(model, 0, 0));
     EXPECT_EQ(std::get<1>(drawIDs.calls()[1]), 1u);
 }
 
@@ -444,13 +411,11 @@ TEST_F(GPUModelTest, PropertiesReachEveryInstanceUnderTheirName)
     EXPECT_TRUE(model.setObjectProperty("Lifted", "ModelMatrix", lifted.constData(), 64));
     model.resetCulling();
     target->clear();
-    program->bind();
-    ASSERT_TRUE(model.draw(program.get(), &manager, 0, 0));
-    program->unbind();
+    ASSERT_TRUE(draw(model, 0, 0));
     // Drawables 2 and 7 share material 2's record.
+    const QColor c = materialColour(2);
     for (int k : {2, 7}) {
         const QPoint p = probe(k, 0);
-        const QColor c = materialColour(2);
         EXPECT_EQ(target->pixel(p.x(), p.y()), QColor(c.red() / 2, c.green() / 2, c.blue() / 2, 255)) << k;
     }
     // Lifted by 0.6 of a cell: off its old pixel, onto the one above.
@@ -462,9 +427,18 @@ TEST_F(GPUModelTest, PropertiesReachEveryInstanceUnderTheirName)
     EXPECT_EQ(capture.texts(QtCriticalMsg).size(), 1);
 }
 
-TEST_F(GPUModelTest, SimpleFeatureDrawsWholeDrawablesWithTheirOwnBindings)
+TEST_F(GPUModelTest, SimpleFeatureDrawsWholeDrawablesAndAnEmptyModelNothing)
 {
     ASSERT_TRUE(usePath(eUniformFallback));
+    GPUModel empty;
+    {
+        CallRecorder<&_ptrc_glDrawElementsBaseVertex> drawn;
+        EXPECT_EQ(empty.visibilityCull(), 0);
+        EXPECT_TRUE(empty.isCullingApplied());
+        EXPECT_TRUE(empty.isDrawEmpty(0, 0));
+        EXPECT_TRUE(empty.draw(program.get(), &manager, 0, 0));
+        EXPECT_EQ(drawn.count(), 0u);
+    }
     GPUModel simple;
     simple.setDeleteOnClear(false);
     DrawBuffers whole;
@@ -477,22 +451,8 @@ TEST_F(GPUModelTest, SimpleFeatureDrawsWholeDrawablesWithTheirOwnBindings)
     simple.addSimple(&whole, 3, materials[1], &matrix, 2);
     simple.addSimple(&whole, 3, materials[3], &matrix, 1);
     simple.setFeatureFlags(simple.getFeatureFlags() | GPUModel::kSimpleDrawFeature);
-    program->bind();
     // The mask picks the second drawable only; it covers the middle of the target.
-    ASSERT_TRUE(simple.draw(program.get(), &manager, 1, 3));
-    program->unbind();
+    ASSERT_TRUE(draw(simple, 1, 3));
     EXPECT_EQ(target->pixel(kSize / 2, kSize / 2), materialColour(3));
     EXPECT_EQ(target->pixel(2, 2), QColor(0, 0, 0, 0));
-}
-
-TEST_F(GPUModelTest, EmptyModelDrawsNothingAndSucceeds)
-{
-    ASSERT_TRUE(usePath(eUniformFallback));
-    GPUModel empty;
-    CallRecorder<&_ptrc_glDrawElementsBaseVertex> drawn;
-    EXPECT_EQ(empty.visibilityCull(), 0);
-    EXPECT_TRUE(empty.isCullingApplied());
-    EXPECT_TRUE(empty.isDrawEmpty(0, 0));
-    EXPECT_TRUE(empty.draw(program.get(), &manager, 0, 0));
-    EXPECT_EQ(drawn.count(), 0u);
 }

@@ -176,8 +176,8 @@ protected:
     // by draw ID, bit for bit.
     void readsEveryMemberBack(InstanceDataPlan::MechanismType mechanism, bool vec4Storage)
     {
-        SCOPED_TRACE(vec4Storage ? "vec4 storage" : "natural packing");
         InstanceDataPlan plan(QStringLiteral("Every%1%2").arg(int(mechanism)).arg(int(vec4Storage)));
+        SCOPED_TRACE(qPrintable(plan.name() + (vec4Storage ? ": vec4 storage" : ": natural packing")));
         plan.setMechanism(mechanism);
         plan.setUseVec4Storage(vec4Storage);
         for (const Member& member : kMembers)
@@ -260,16 +260,11 @@ protected:
 
 } // namespace
 
-TEST_F(InstanceDataTest, UniformBlockReadsEveryMemberOfEveryRecordBack)
+TEST_F(InstanceDataTest, EveryMechanismReadsEveryMemberOfEveryRecordBack)
 {
-    readsEveryMemberBack(InstanceDataPlan::eUniformBlock, false);
-    readsEveryMemberBack(InstanceDataPlan::eUniformBlock, true);
-}
-
-TEST_F(InstanceDataTest, TextureBufferReadsEveryMemberOfEveryRecordBack)
-{
-    readsEveryMemberBack(InstanceDataPlan::eTextureBuffer, false);
-    readsEveryMemberBack(InstanceDataPlan::eTextureBuffer, true);
+    for (auto mechanism : {InstanceDataPlan::eUniformBlock, InstanceDataPlan::eTextureBuffer})
+        for (bool vec4Storage : {false, true})
+            readsEveryMemberBack(mechanism, vec4Storage);
 }
 
 TEST_F(InstanceDataTest, TablesPastTheUniformBlockLimitTravelAsTextureBuffers)
