@@ -3,7 +3,6 @@
 
 #include <QByteArray>
 #include <QFile>
-#include <QFileInfo>
 
 #include <benchmark/benchmark.h>
 
@@ -161,7 +160,7 @@ int main(int argc, char** argv)
     // The shared test data sits beside the checkout, as for the tests.
     QString dataDir = qEnvironmentVariable("VYX_TEST_DATA_DIR");
     if (dataDir.isEmpty())
-        dataDir = QFileInfo(QStringLiteral(__FILE__)).absolutePath() + "/../../shared/testdata";
+        dataDir = QStringLiteral(VYX_BENCH_DATA_DIR);
     const char* files[] = {"loadersgl_royal_esplanade_256_latlong.hdr", "commonsimg_body_wave_blender.hdr",
                            "radiance_pinterp_nested-header.hdr", "radiance_v_gradient_noformat.hdr"};
     for (const char* file : files) {

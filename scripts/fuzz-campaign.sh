@@ -24,11 +24,10 @@ shift $((OPTIND - 1))
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] || targets=(fuzz_ktx fuzz_ktx_roundtrip fuzz_hdr fuzz_astc fuzz_glsl fuzz_gltf)
 
-launcher=()
-command -v ccache > /dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+source "$root/scripts/cmake-cache.sh"
 configure() {
   local dir="$1"; shift
-  CXX=clang++ cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" -DVYXGL_BUILD_FUZZERS=ON \
+  CXX=clang++ cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${compiler_cache[@]}" -DVYXGL_BUILD_FUZZERS=ON \
     -DVYXGL_BUILD_TESTS=OFF -DVYXGL_BUILD_APPS=OFF -DVYXGL_BUILD_BENCHMARKS=OFF "$@" > /dev/null
   cmake --build "$dir" -j"$jobs" --target "${targets[@]}" > /dev/null
 }

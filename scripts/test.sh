@@ -1,18 +1,35 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs every test three times: in a normal build against Qt 5, in one against
-# Qt 6, and in a Qt 5 build with AddressSanitizer and UndefinedBehaviorSanitizer. Each run covers
-# the GL tests on a 4.5 core context and again on a reduced 3.2 core one.
+# Qt 6, and in a Qt 5 build with AddressSanitizer and UndefinedBehaviorSanitizer, then fuzzes every
+# parser for a minute. Each run covers the GL tests on a 4.5 core context and again on a reduced
+# 3.2 core one.
+#
+#   scripts/test.sh           everything, as CI runs it
+#   scripts/test.sh --quick   the Qt 6 build and its whole suite only, for day-to-day work
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+quick=0
+case "${1:-}" in
+  --quick) quick=1 ;;
+  "") ;;
+  *) echo "usage: scripts/test.sh [--quick]" >&2; exit 2 ;;
+esac
 bash "$root/scripts/setup.sh"
+source "$root/scripts/cmake-cache.sh"
 jobs="$(nproc)"
 
 run_suite() {
   local build="$1"; shift
-  cmake -S "$root" -B "$build" "$@"
+  cmake -S "$root" -B "$build" "${compiler_cache[@]}" "$@"
   cmake --build "$build" -j"$jobs"
   (cd "$build" && ctest --output-on-failure -j"$jobs" --timeout 600)
 }
+
+if ((quick)); then
+  echo "== normal build, Qt 6 =="
+  run_suite "$root/build-test-qt6" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVYXGL_QT_MAJOR=6
+  exit 0
+fi
 
 echo "== normal build, Qt 5 =="
 run_suite "$root/build-test" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVYXGL_QT_MAJOR=5
@@ -35,7 +52,7 @@ run_suite "$root/build-asan" -DCMAKE_BUILD_TYPE=Debug -DVYXGL_SANITIZE=ON -DVYXG
 run_fuzzers() {
   local build="$root/build-fuzz" seconds="${VYX_FUZZ_SECONDS:-60}" out="$root/build-fuzz/ci"
   local targets=(fuzz_ktx fuzz_ktx_roundtrip fuzz_hdr fuzz_astc fuzz_glsl fuzz_gltf)
-  CXX=clang++ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVYXGL_BUILD_FUZZERS=ON \
+  CXX=clang++ cmake -S "$root" -B "$build" "${compiler_cache[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVYXGL_BUILD_FUZZERS=ON \
     -DVYXGL_FUZZ_SANITIZE=ON -DVYXGL_BUILD_TESTS=OFF -DVYXGL_BUILD_APPS=OFF -DVYXGL_BUILD_BENCHMARKS=OFF
   cmake --build "$build" -j"$jobs" --target "${targets[@]}"
   rm -rf "$out"

@@ -6,6 +6,7 @@
 #include "render/gltfimporter.h"
 #include "render/scenerenderer.h"
 #include "support/gltest.h"
+#include "support/testenvironment.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -115,7 +116,7 @@ TEST_F(SceneRenderTest, DemoMatchesItsReferenceAndTheBoxShadowsTheGround)
     ASSERT_FALSE(image.isNull()) << qPrintable(renderer->errorString());
     EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 
-    const QImage reference(QStringLiteral(VYX_TEST_SOURCE_DIR "/gl/data/demo-160x90.png"));
+    const QImage reference(VyxTest::testSourcePath(QStringLiteral("gl/data/demo-160x90.png")));
     ASSERT_EQ(reference.size(), kSize);
     const QImage expected = reference.convertToFormat(QImage::Format_RGB32);
     double total = 0;

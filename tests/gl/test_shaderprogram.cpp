@@ -7,6 +7,7 @@
 #include "support/glhelpers.h"
 #include "support/gltest.h"
 #include "support/messagecapture.h"
+#include "support/testenvironment.h"
 
 #include <QColor>
 #include <QCoreApplication>
@@ -360,7 +361,7 @@ TEST_F(ShaderProgramTest, SecondProcessLinksFromTheBinaryTheFirstWrote)
             arguments << "--reduced-profile";
         QProcess helper;
         helper.setProcessEnvironment(environment);
-        helper.start(VYX_TEST_HELPER_PROCESS, arguments);
+        helper.start(VyxTest::glTestProgram(), arguments);
         EXPECT_TRUE(helper.waitForFinished(120000));
         const QString output = QString::fromLocal8Bit(helper.readAllStandardOutput());
         EXPECT_EQ(helper.exitCode(), 0) << output.toStdString();

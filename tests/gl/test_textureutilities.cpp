@@ -4,10 +4,11 @@
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "gl/textureutilities.h"
+#include "support/callrecorder.h"
 #include "support/glhelpers.h"
 #include "support/gltest.h"
-#include "support/callrecorder.h"
 #include "support/messagecapture.h"
+#include "support/testenvironment.h"
 
 #include <QProcess>
 
@@ -232,7 +233,7 @@ TEST(TextureUtilitiesExit, ProcessThatDrewWithTheQuadExitsCleanly)
     QProcess helper;
     helper.setProcessEnvironment(environment);
     helper.setProcessChannelMode(QProcess::MergedChannels);
-    helper.start(VYX_TEST_HELPER_PROCESS, {"--gtest_filter=TextureUtilitiesExit.HelperProcess"});
+    helper.start(VyxTest::glTestProgram(), {"--gtest_filter=TextureUtilitiesExit.HelperProcess"});
     ASSERT_TRUE(helper.waitForFinished(120000));
     const std::string output = helper.readAll().toStdString();
     EXPECT_EQ(helper.exitStatus(), QProcess::NormalExit) << output;

@@ -47,6 +47,16 @@ QString testDataPath(const QString& relative)
     return QStringLiteral(VYX_TEST_DATA_DIR "/") + relative;
 }
 
+QString testSourcePath(const QString& relative)
+{
+    return QStringLiteral(VYX_TEST_SOURCE_DIR "/") + relative;
+}
+
+QString glTestProgram()
+{
+    return QStringLiteral(VYX_TEST_HELPER_PROCESS);
+}
+
 QByteArray readTestData(const QString& relative)
 {
     QFile file(testDataPath(relative));

@@ -18,6 +18,10 @@ const char* reducedProfileExtensionOverride();
 const char* hiddenExtensions();
 
 QString testDataPath(const QString& relative);
+// A file of the test sources (tests/...).
+QString testSourcePath(const QString& relative);
+// The GL test program itself, for tests that run a helper process.
+QString glTestProgram();
 // A test data file's bytes; empty when it cannot be read.
 QByteArray readTestData(const QString& relative);
 // Writes `bytes` to `path` and returns the path.
