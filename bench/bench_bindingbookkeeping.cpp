@@ -4,15 +4,15 @@
 // holds its binding point. Each runs with the library's headless EGL
 // context current and again with a Qt context current; the Qt runs need an X display (Xvfb will
 // do) and are skipped without one.
-#include "gl/bufferobject.h"
-#include "gl/glcontexttracker.h"
+#include "gl/drawing/opengldevicecontext.h"
 #include "gl/glloader.h"
-#include "gl/glutilities.h"
-#include "gl/headlesscontext.h"
-#include "gl/opengldevicecontext.h"
-#include "gl/shaderprogram.h"
-#include "gl/texture.h"
-#include "gl/uniformbufferobject.h"
+#include "gl/objects/bufferobject.h"
+#include "gl/objects/texture.h"
+#include "gl/objects/uniformbufferobject.h"
+#include "gl/platform/glcontexttracker.h"
+#include "gl/platform/glutilities.h"
+#include "gl/platform/headlesscontext.h"
+#include "gl/shaders/shaderprogram.h"
 
 #include <QGuiApplication>
 #include <QOffscreenSurface>

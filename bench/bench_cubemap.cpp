@@ -2,13 +2,13 @@
 // 256^2 cube map, then the diffuse N.L map, the SH irradiance, and the prefiltered specular map
 // with the BRDF table. Argument 0 is the 256x128 test file, 1 a 2048x1024 image made here.
 // SHOverNDotL times both diffuse paths in one run and reports their ratio.
+#include "gl/drawing/opengldevicecontext.h"
+#include "gl/environment/okuimagecubemaputils.h"
 #include "gl/glloader.h"
-#include "gl/glutilities.h"
-#include "gl/headlesscontext.h"
-#include "gl/okuimagecubemaputils.h"
-#include "gl/opengldevicecontext.h"
-#include "gl/texture.h"
-#include "gl/textureio.h"
+#include "gl/objects/texture.h"
+#include "gl/platform/glutilities.h"
+#include "gl/platform/headlesscontext.h"
+#include "gl/textureio/textureio.h"
 
 #include <benchmark/benchmark.h>
 

@@ -2,15 +2,15 @@
 // against the hand-written loop that sets a model-matrix uniform and calls glDrawElements per
 // object. The target is 1x1, so rasterising costs next to nothing. Prints the ratios at the end.
 #include "benchtarget.h"
-#include "gl/bufferobject.h"
-#include "gl/drawbuffers.h"
+#include "gl/drawing/drawbuffers.h"
+#include "gl/drawing/opengldevicecontext.h"
 #include "gl/glloader.h"
-#include "gl/glslmacroprocessor.h"
-#include "gl/glutilities.h"
-#include "gl/headlesscontext.h"
-#include "gl/opengldevicecontext.h"
-#include "gl/shaderprogram.h"
-#include "gl/vertexarrayobject.h"
+#include "gl/objects/bufferobject.h"
+#include "gl/objects/vertexarrayobject.h"
+#include "gl/platform/glutilities.h"
+#include "gl/platform/headlesscontext.h"
+#include "gl/shaders/glslmacroprocessor.h"
+#include "gl/shaders/shaderprogram.h"
 
 #include <benchmark/benchmark.h>
 

@@ -15,18 +15,18 @@
 // drawable's commands as one instanced record; the "Separate" run numbers the draw IDs downwards
 // instead, which keeps every command a draw of its own, as a scene of distinct meshes would.
 #include "benchtarget.h"
-#include "gl/bufferobject.h"
-#include "gl/drawbuffers.h"
+#include "gl/drawing/drawbuffers.h"
+#include "gl/drawing/opengldevicecontext.h"
 #include "gl/glloader.h"
-#include "gl/glslmacroprocessor.h"
-#include "gl/glutilities.h"
-#include "gl/gpumodel.h"
-#include "gl/headlesscontext.h"
-#include "gl/instancedata.h"
-#include "gl/instancedatacollection.h"
-#include "gl/opengldevicecontext.h"
-#include "gl/shaderprogram.h"
-#include "gl/vertexarrayobject.h"
+#include "gl/instancedata/instancedata.h"
+#include "gl/instancedata/instancedatacollection.h"
+#include "gl/model/gpumodel.h"
+#include "gl/objects/bufferobject.h"
+#include "gl/objects/vertexarrayobject.h"
+#include "gl/platform/glutilities.h"
+#include "gl/platform/headlesscontext.h"
+#include "gl/shaders/glslmacroprocessor.h"
+#include "gl/shaders/shaderprogram.h"
 
 #include <benchmark/benchmark.h>
 

@@ -1,5 +1,5 @@
 // Decoding speed of run-length encoded RGBE pictures: ours against stb_image's stbi_loadf.
-#include "gl/hdrdecoder.h"
+#include "gl/textureio/hdrdecoder.h"
 
 #include <QByteArray>
 #include <QFile>

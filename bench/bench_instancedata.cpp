@@ -3,12 +3,12 @@
 // baseline re-uploads the whole table after the same changes. Counters give the bytes written
 // to the GPU per changed record. On llvmpipe the buffer lives in CPU memory, so the figures are
 // the CPU cost of the copies a driver would DMA.
+#include "gl/drawing/opengldevicecontext.h"
 #include "gl/glloader.h"
-#include "gl/glutilities.h"
-#include "gl/headlesscontext.h"
-#include "gl/instancedatacollection.h"
-#include "gl/opengldevicecontext.h"
-#include "gl/shaderprogram.h"
+#include "gl/instancedata/instancedatacollection.h"
+#include "gl/platform/glutilities.h"
+#include "gl/platform/headlesscontext.h"
+#include "gl/shaders/shaderprogram.h"
 
 #include <benchmark/benchmark.h>
 

@@ -2,11 +2,11 @@
 // slopes, so many pixels take the edge paths), wall time with glFinish: on llvmpipe this is the
 // rasteriser running the fragment shaders on the CPU. Baseline: the plain copy (mode none)
 // through the same full-screen quad.
+#include "gl/drawing/opengldevicecontext.h"
 #include "gl/glloader.h"
-#include "gl/glutilities.h"
-#include "gl/headlesscontext.h"
-#include "gl/opengldevicecontext.h"
-#include "gl/texture.h"
+#include "gl/objects/texture.h"
+#include "gl/platform/glutilities.h"
+#include "gl/platform/headlesscontext.h"
 #include "render/postprocess.h"
 
 #include <benchmark/benchmark.h>

@@ -1,10 +1,10 @@
 // Cold compile-and-link of a program against a warm cachedLoadLink() of the same program.
 // Each iteration does one of each and reports both times and their ratio as counters.
-#include "gl/glslmacroprocessor.h"
-#include "gl/glutilities.h"
-#include "gl/headlesscontext.h"
-#include "gl/shadercachemanager.h"
-#include "gl/shaderprogram.h"
+#include "gl/platform/glutilities.h"
+#include "gl/platform/headlesscontext.h"
+#include "gl/shaders/glslmacroprocessor.h"
+#include "gl/shaders/shadercachemanager.h"
+#include "gl/shaders/shaderprogram.h"
 
 #include <QElapsedTimer>
 #include <QFile>

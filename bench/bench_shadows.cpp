@@ -11,13 +11,13 @@
 // uniform and one draw per box, or (path 2, where the context has it) with one multi-draw
 // indirect call per drawable, draw IDs from the base instance.
 #include "benchtarget.h"
-#include "gl/drawbuffers.h"
-#include "gl/gpumodel.h"
-#include "gl/instancedata.h"
-#include "gl/instancedatacollection.h"
-#include "gl/shaderprogram.h"
-#include "gl/shadowmapmanager.h"
-#include "gl/shadowmapmanagerculling.h"
+#include "gl/drawing/drawbuffers.h"
+#include "gl/instancedata/instancedata.h"
+#include "gl/instancedata/instancedatacollection.h"
+#include "gl/model/gpumodel.h"
+#include "gl/shaders/shaderprogram.h"
+#include "gl/shadows/shadowmapmanager.h"
+#include "gl/shadows/shadowmapmanagerculling.h"
 #include "render/shadowmaprenderer.h"
 
 #include <benchmark/benchmark.h>

@@ -3,14 +3,14 @@
 // a hand loop that binds the same textures to units with glActiveTexture/glBindTexture. Past the
 // driver's unit count the hand loop wraps round the units and the sampler manager runs out of
 // them: neither reaches every texture in one draw there, the array manager does.
-#include "gl/array2dtexturemanager.h"
 #include "gl/glloader.h"
-#include "gl/glslmacroprocessor.h"
-#include "gl/glutilities.h"
-#include "gl/headlesscontext.h"
-#include "gl/samplertexturemanager.h"
-#include "gl/shaderprogram.h"
-#include "gl/texture.h"
+#include "gl/objects/texture.h"
+#include "gl/platform/glutilities.h"
+#include "gl/platform/headlesscontext.h"
+#include "gl/shaders/glslmacroprocessor.h"
+#include "gl/shaders/shaderprogram.h"
+#include "gl/textures/array2dtexturemanager.h"
+#include "gl/textures/samplertexturemanager.h"
 
 #include <benchmark/benchmark.h>
 

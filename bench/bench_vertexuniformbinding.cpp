@@ -1,12 +1,12 @@
 // Per-draw cost of re-enabling a program's arrays on a vertex array that is already set up for
 // it. Binding a uniform buffer that holds its binding point is in bench_bindingbookkeeping.
-#include "gl/bufferobject.h"
+#include "gl/drawing/opengldevicecontext.h"
 #include "gl/glloader.h"
-#include "gl/glutilities.h"
-#include "gl/headlesscontext.h"
-#include "gl/opengldevicecontext.h"
-#include "gl/shaderprogram.h"
-#include "gl/vertexarrayobject.h"
+#include "gl/objects/bufferobject.h"
+#include "gl/objects/vertexarrayobject.h"
+#include "gl/platform/glutilities.h"
+#include "gl/platform/headlesscontext.h"
+#include "gl/shaders/shaderprogram.h"
 
 #include <benchmark/benchmark.h>
 

@@ -1,11 +1,11 @@
 #pragma once
 
-#include "gl/bufferobject.h"
+#include "gl/drawing/opengldevicecontext.h"
 #include "gl/glloader.h"
-#include "gl/glutilities.h"
-#include "gl/headlesscontext.h"
-#include "gl/opengldevicecontext.h"
-#include "gl/vertexarrayobject.h"
+#include "gl/objects/bufferobject.h"
+#include "gl/objects/vertexarrayobject.h"
+#include "gl/platform/glutilities.h"
+#include "gl/platform/headlesscontext.h"
 
 #include <benchmark/benchmark.h>
 

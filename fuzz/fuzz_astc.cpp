@@ -1,4 +1,4 @@
-#include "gl/astcfile.h"
+#include "gl/textureio/astcfile.h"
 
 #include "quiet.h"
 

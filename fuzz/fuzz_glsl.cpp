@@ -1,6 +1,6 @@
-#include "gl/glslmacroprocessor.h"
-#include "gl/instancedata.h"
-#include "gl/instancedataplan.h"
+#include "gl/instancedata/instancedata.h"
+#include "gl/instancedata/instancedataplan.h"
+#include "gl/shaders/glslmacroprocessor.h"
 
 #include "quiet.h"
 

@@ -1,8 +1,8 @@
-#include "gl/glutilities.h"
-#include "gl/gpumodel.h"
-#include "gl/headlesscontext.h"
-#include "gl/opengldevicecontext.h"
-#include "gl/samplertexturemanager.h"
+#include "gl/drawing/opengldevicecontext.h"
+#include "gl/model/gpumodel.h"
+#include "gl/platform/glutilities.h"
+#include "gl/platform/headlesscontext.h"
+#include "gl/textures/samplertexturemanager.h"
 #include "render/gltfimporter.h"
 
 #include "quiet.h"

@@ -1,4 +1,4 @@
-#include "gl/hdrdecoder.h"
+#include "gl/textureio/hdrdecoder.h"
 
 #include "quiet.h"
 

@@ -1,5 +1,5 @@
 #include "core/memory.h"
-#include "gl/ktxparser.h"
+#include "gl/textureio/ktxparser.h"
 
 #include "quiet.h"
 

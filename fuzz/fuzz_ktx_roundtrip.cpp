@@ -1,7 +1,7 @@
 #include "core/memory.h"
 #include "gl/glloader.h"
-#include "gl/internal/ktxencoder.h"
-#include "gl/ktxparser.h"
+#include "gl/textureio/internal/ktxencoder.h"
+#include "gl/textureio/ktxparser.h"
 
 #include "quiet.h"
 

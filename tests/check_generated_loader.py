@@ -25,9 +25,9 @@ def check_up_to_date(root, out_dir):
     subprocess.run([sys.executable, os.path.join(root, "tools", "gen_gl_loader.py"),
                     "/usr/share/khronos-api/gl.xml", out_dir], check=True)
     for name in GENERATED:
-        committed = os.path.join(root, "src", "gl", "generated", name)
+        committed = os.path.join(root, "src", "gl", "platform", "generated", name)
         check(os.path.exists(committed) and filecmp.cmp(committed, os.path.join(out_dir, name), shallow=False),
-              "src/gl/generated/%s is not what tools/gen_gl_loader.py generates; rerun it" % name)
+              "src/gl/platform/generated/%s is not what tools/gen_gl_loader.py generates; rerun it" % name)
 
 
 def check_loader_headers(enums, loader, names):

@@ -3,7 +3,7 @@
 
     gen_gl_loader.py [gl.xml] [output directory]
 
-Defaults: /usr/share/khronos-api/gl.xml and the src/gl/generated directory of this
+Defaults: /usr/share/khronos-api/gl.xml and the src/gl/platform/generated directory of this
 repository. Output depends only on gl.xml, so regenerating from the same
 registry reproduces the committed files byte for byte.
 """
@@ -324,7 +324,7 @@ def write_header(reg, core, ext_entry_points, out):
                  "// this header sits beside the system's or Qt's GL headers in either order; glnames.h\n"
                  "// maps the plain names onto the pointers.\n")
     lines.append("\n#include <cstddef>\n#include <cstdint>\n\n#include \"core/vyxexport.h\"\n"
-                 "#include \"gl/generated/glenums.h\"\n#include \"gl/glentrypoints.h\"\n\n")
+                 "#include \"gl/platform/generated/glenums.h\"\n#include \"gl/platform/glentrypoints.h\"\n\n")
     lines.append("#if defined(_WIN32) && !defined(_WIN64)\n#define VYX_APIENTRY __stdcall\n"
                  "#else\n#define VYX_APIENTRY\n#endif\n\n")
     for text in reg.type_closure(needed_types):
@@ -358,14 +358,14 @@ def write_names(core, ext_entry_points, out):
                  "// names as functions, so mark them as included and keep them out.\n")
     for guard in SYSTEM_HEADER_GUARDS:
         lines.append("#ifndef %s\n#define %s 1\n#endif\n" % (guard, guard))
-    lines.append("\n#include \"gl/generated/glloader.h\"\n\n")
+    lines.append("\n#include \"gl/platform/generated/glloader.h\"\n\n")
     for name in core + ext_entry_points:
         lines.append("#define %s _ptrc_%s\n" % (name, name))
     out.write("".join(lines))
 
 
 def write_source(reg, core, out):
-    lines = [GENERATED_NOTE, "#include \"gl/generated/glloader.h\"\n\n#include <cstring>\n\n"]
+    lines = [GENERATED_NOTE, "#include \"gl/platform/generated/glloader.h\"\n\n#include <cstring>\n\n"]
     lines.append("extern \"C\" {\n\n")
     for name in core + [n for _, names in LOADER_EXTENSIONS for n in names]:
         lines.append("%s _ptrc_%s = nullptr;\n" % (reg.commands[name].pfn(), name))
@@ -429,7 +429,7 @@ def write_source(reg, core, out):
 
 def write_table(reg, out):
     table = reg.entry_point_table()
-    lines = [GENERATED_NOTE, "#include \"gl/glentrypoints.h\"\n\n#include <cstring>\n\n"
+    lines = [GENERATED_NOTE, "#include \"gl/platform/glentrypoints.h\"\n\n#include <cstring>\n\n"
              "namespace Tavren {\nnamespace Vyx {\n\nnamespace {\n\n"
              "// Sorted by name (byte order) for the binary search below.\n"
              "const GLEntryPointInfo entryPoints[] = {\n"]
@@ -472,7 +472,7 @@ def generate(registry_path, out_dir):
 def main(argv):
     here = os.path.dirname(os.path.abspath(__file__))
     registry = argv[1] if len(argv) > 1 else DEFAULT_REGISTRY
-    out_dir = argv[2] if len(argv) > 2 else os.path.join(here, "..", "src", "gl", "generated")
+    out_dir = argv[2] if len(argv) > 2 else os.path.join(here, "..", "src", "gl", "platform", "generated")
     generate(registry, out_dir)
     return 0
 

@@ -1,12 +1,12 @@
 // vyxgl convert: an environment picture to a cube map and its image-based-lighting companions.
 #include "commands.h"
 
-#include "gl/headlesscontext.h"
-#include "gl/ktxwriter.h"
-#include "gl/okuimagecubemaputils.h"
-#include "gl/texture.h"
-#include "gl/textureio.h"
-#include "gl/textureutilities.h"
+#include "gl/environment/okuimagecubemaputils.h"
+#include "gl/objects/texture.h"
+#include "gl/platform/headlesscontext.h"
+#include "gl/textureio/ktxwriter.h"
+#include "gl/textureio/textureio.h"
+#include "gl/textureio/textureutilities.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>

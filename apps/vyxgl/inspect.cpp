@@ -2,12 +2,12 @@
 #include "commands.h"
 
 #include "core/memory.h"
-#include "gl/astcfile.h"
-#include "gl/gpumodel.h"
-#include "gl/hdrdecoder.h"
-#include "gl/headlesscontext.h"
-#include "gl/ktxparser.h"
-#include "gl/samplertexturemanager.h"
+#include "gl/model/gpumodel.h"
+#include "gl/platform/headlesscontext.h"
+#include "gl/textureio/astcfile.h"
+#include "gl/textureio/hdrdecoder.h"
+#include "gl/textureio/ktxparser.h"
+#include "gl/textures/samplertexturemanager.h"
 #include "render/gltfimporter.h"
 
 #include <QCoreApplication>

@@ -1,10 +1,10 @@
 #include "commands.h"
 
+#include "gl/drawing/opengldevicecontext.h"
 #include "gl/glloader.h"
-#include "gl/glutilities.h"
-#include "gl/headlesscontext.h"
-#include "gl/opengldevicecontext.h"
-#include "gl/texturemanager.h"
+#include "gl/platform/glutilities.h"
+#include "gl/platform/headlesscontext.h"
+#include "gl/textures/texturemanager.h"
 
 #include <QCoreApplication>
 

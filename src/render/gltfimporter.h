@@ -1,7 +1,7 @@
 #pragma once
 
 #include "core/vyxexport.h"
-#include "gl/shadowmapmanager.h"
+#include "gl/shadows/shadowmapmanager.h"
 
 #include <QString>
 #include <QStringList>

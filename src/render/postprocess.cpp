@@ -2,11 +2,11 @@
 
 #include "core/logging.h"
 #include "gl/glloader.h"
-#include "gl/internal/smaalookup.h"
-#include "gl/internal/texturesetup.h"
-#include "gl/shaderprogram.h"
-#include "gl/texture.h"
-#include "gl/textureutilities.h"
+#include "gl/objects/internal/texturesetup.h"
+#include "gl/objects/texture.h"
+#include "gl/shaders/shaderprogram.h"
+#include "gl/textureio/textureutilities.h"
+#include "render/internal/smaalookup.h"
 
 #include <QVariant>
 

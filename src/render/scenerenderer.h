@@ -1,7 +1,7 @@
 #pragma once
 
 #include "core/vyxexport.h"
-#include "gl/okuimagecubemaputils.h"
+#include "gl/environment/okuimagecubemaputils.h"
 
 #include <QImage>
 #include <QSize>

@@ -1,17 +1,17 @@
 #include "render/shadowmaprenderer.h"
 
 #include "core/logging.h"
-#include "gl/bindable.h"
-#include "gl/drawbuffers.h"
-#include "gl/framebufferobject.h"
+#include "gl/drawing/drawbuffers.h"
 #include "gl/glloader.h"
-#include "gl/glslmacroprocessor.h"
-#include "gl/gpumodel.h"
-#include "gl/instancedatacollection.h"
-#include "gl/instancedataplan.h"
-#include "gl/shaderprogram.h"
-#include "gl/shadowmapmanager.h"
-#include "gl/texture.h"
+#include "gl/instancedata/instancedatacollection.h"
+#include "gl/instancedata/instancedataplan.h"
+#include "gl/model/gpumodel.h"
+#include "gl/objects/framebufferobject.h"
+#include "gl/objects/texture.h"
+#include "gl/platform/bindable.h"
+#include "gl/shaders/glslmacroprocessor.h"
+#include "gl/shaders/shaderprogram.h"
+#include "gl/shadows/shadowmapmanager.h"
 
 #include <algorithm>
 #include <cmath>

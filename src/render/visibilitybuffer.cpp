@@ -2,11 +2,11 @@
 
 #include "core/logging.h"
 #include "gl/glloader.h"
-#include "gl/glutilities.h"
-#include "gl/internal/glcapabilities.h"
-#include "gl/internal/texturesetup.h"
-#include "gl/shaderprogram.h"
-#include "gl/texture.h"
+#include "gl/objects/internal/texturesetup.h"
+#include "gl/objects/texture.h"
+#include "gl/platform/glutilities.h"
+#include "gl/platform/internal/glcapabilities.h"
+#include "gl/shaders/shaderprogram.h"
 
 #include <QVariant>
 

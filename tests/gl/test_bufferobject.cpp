@@ -1,6 +1,6 @@
-#include "gl/bufferobject.h"
+#include "gl/drawing/opengldevicecontext.h"
 #include "gl/glloader.h"
-#include "gl/opengldevicecontext.h"
+#include "gl/objects/bufferobject.h"
 #include "support/callrecorder.h"
 #include "support/glhelpers.h"
 #include "support/gltest.h"

@@ -1,12 +1,12 @@
 // The context identifier must follow every switch of the current context, however it is made:
 // a stale one hands one context's texture unit or binding point to another.
-#include "gl/bufferobject.h"
-#include "gl/glcontexttracker.h"
-#include "gl/headlesscontext.h"
-#include "gl/internal/percontextrecords.h"
-#include "gl/opengldevicecontext.h"
-#include "gl/texture.h"
-#include "gl/uniformbufferobject.h"
+#include "gl/drawing/opengldevicecontext.h"
+#include "gl/objects/bufferobject.h"
+#include "gl/objects/texture.h"
+#include "gl/objects/uniformbufferobject.h"
+#include "gl/platform/glcontexttracker.h"
+#include "gl/platform/headlesscontext.h"
+#include "gl/platform/internal/percontextrecords.h"
 #include "support/glhelpers.h"
 #include "support/gltest.h"
 

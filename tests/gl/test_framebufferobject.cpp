@@ -1,6 +1,6 @@
-#include "gl/framebufferobject.h"
 #include "gl/glloader.h"
-#include "gl/texture.h"
+#include "gl/objects/framebufferobject.h"
+#include "gl/objects/texture.h"
 #include "support/glhelpers.h"
 #include "support/gltest.h"
 #include "support/messagecapture.h"

@@ -1,8 +1,8 @@
 // The fixture fails a test that ends with GL names still live, except those listed in
 // support/glnameallowlist.cpp; this is the listed case the library leaves behind on purpose.
-#include "gl/bufferobject.h"
+#include "gl/drawing/opengldevicecontext.h"
 #include "gl/glloader.h"
-#include "gl/opengldevicecontext.h"
+#include "gl/objects/bufferobject.h"
 #include "support/glhelpers.h"
 #include "support/gltest.h"
 #include "support/messagecapture.h"

@@ -1,9 +1,9 @@
 #include "core/memory.h"
 #include "gl/glloader.h"
-#include "gl/ktxparser.h"
-#include "gl/ktxwriter.h"
-#include "gl/texture.h"
-#include "gl/textureio.h"
+#include "gl/objects/texture.h"
+#include "gl/textureio/ktxparser.h"
+#include "gl/textureio/ktxwriter.h"
+#include "gl/textureio/textureio.h"
 #include "support/gltest.h"
 #include "support/messagecapture.h"
 

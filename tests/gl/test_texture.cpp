@@ -1,5 +1,5 @@
 #include "gl/glloader.h"
-#include "gl/texture.h"
+#include "gl/objects/texture.h"
 #include "support/callrecorder.h"
 #include "support/glhelpers.h"
 #include "support/gltest.h"

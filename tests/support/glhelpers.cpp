@@ -1,7 +1,7 @@
 #include "support/glhelpers.h"
 
-#include "gl/shaderprogram.h"
-#include "gl/texture.h"
+#include "gl/objects/texture.h"
+#include "gl/shaders/shaderprogram.h"
 
 #include <QFile>
 

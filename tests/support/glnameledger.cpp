@@ -1,7 +1,7 @@
 #include "support/glnameledger.h"
 
-#include "gl/glcontexttracker.h"
 #include "gl/glloader.h"
+#include "gl/platform/glcontexttracker.h"
 
 #include <map>
 #include <mutex>

@@ -1,7 +1,7 @@
 #include "support/gltest.h"
 
-#include "gl/glutilities.h"
-#include "gl/opengldevicecontext.h"
+#include "gl/drawing/opengldevicecontext.h"
+#include "gl/platform/glutilities.h"
 
 #include <cstdlib>
 

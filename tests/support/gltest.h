@@ -1,6 +1,6 @@
 #pragma once
 
-#include "gl/headlesscontext.h"
+#include "gl/platform/headlesscontext.h"
 #include "support/glnameledger.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "gl/astcfile.h"
+#include "gl/textureio/astcfile.h"
 
 #include "support/messagecapture.h"
 #include "support/testenvironment.h"

@@ -1,7 +1,7 @@
-#include "gl/bindable.h"
-#include "gl/glcontexttracker.h"
-#include "gl/internal/percontextrecords.h"
-#include "gl/opengldevicecontext.h"
+#include "gl/drawing/opengldevicecontext.h"
+#include "gl/platform/bindable.h"
+#include "gl/platform/glcontexttracker.h"
+#include "gl/platform/internal/percontextrecords.h"
 #include "support/messagecapture.h"
 
 #include <gtest/gtest.h>

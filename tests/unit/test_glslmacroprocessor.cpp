@@ -1,4 +1,4 @@
-#include "gl/glslmacroprocessor.h"
+#include "gl/shaders/glslmacroprocessor.h"
 #include "support/messagecapture.h"
 #include "support/testenvironment.h"
 

@@ -1,8 +1,8 @@
-#include "gl/boundingbox.h"
-#include "gl/camera.h"
-#include "gl/drawbuffers.h"
-#include "gl/gpumodel.h"
-#include "gl/plane.h"
+#include "gl/drawing/boundingbox.h"
+#include "gl/drawing/camera.h"
+#include "gl/drawing/drawbuffers.h"
+#include "gl/drawing/plane.h"
+#include "gl/model/gpumodel.h"
 #include "support/messagecapture.h"
 
 #include <gtest/gtest.h>

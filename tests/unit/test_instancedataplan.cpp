@@ -1,7 +1,7 @@
-#include "gl/glslmacroprocessor.h"
-#include "gl/instancedata.h"
-#include "gl/instancedatacollection.h"
-#include "gl/instancedataplan.h"
+#include "gl/instancedata/instancedata.h"
+#include "gl/instancedata/instancedatacollection.h"
+#include "gl/instancedata/instancedataplan.h"
+#include "gl/shaders/glslmacroprocessor.h"
 #include "support/messagecapture.h"
 
 #include <QVector4D>

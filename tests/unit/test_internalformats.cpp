@@ -1,5 +1,5 @@
 #include "gl/glloader.h"
-#include "gl/glutilities.h"
+#include "gl/platform/glutilities.h"
 #include "support/messagecapture.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "gl/ktxparser.h"
+#include "gl/textureio/ktxparser.h"
 
 #include "core/memory.h"
 #include "support/messagecapture.h"

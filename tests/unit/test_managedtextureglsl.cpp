@@ -1,6 +1,6 @@
 // The texture-manager GLSL that llvmpipe cannot compile (bindless handles, the GLSL 4.00 form of
 // the array manager), checked offline with glslangValidator where it is installed.
-#include "gl/glslmacroprocessor.h"
+#include "gl/shaders/glslmacroprocessor.h"
 
 #include <QFile>
 #include <QProcess>

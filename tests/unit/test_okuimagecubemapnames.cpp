@@ -1,4 +1,4 @@
-#include "gl/okuimagecubemaputils.h"
+#include "gl/environment/okuimagecubemaputils.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "gl/shadercachemanager.h"
+#include "gl/shaders/shadercachemanager.h"
 #include "support/messagecapture.h"
 
 #include <QFile>

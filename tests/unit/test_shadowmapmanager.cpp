@@ -1,4 +1,4 @@
-#include "gl/shadowmapmanager.h"
+#include "gl/shadows/shadowmapmanager.h"
 #include "support/messagecapture.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "gl/textureformat.h"
+#include "gl/objects/textureformat.h"
 
 #include <gtest/gtest.h>
 

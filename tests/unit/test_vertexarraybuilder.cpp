@@ -1,4 +1,4 @@
-#include "gl/vertexarraybuilder.h"
+#include "gl/objects/vertexarraybuilder.h"
 #include "support/messagecapture.h"
 
 #include <gtest/gtest.h>
