@@ -2,10 +2,11 @@
 //   vyxgl [info]   make a headless GL context and report what the library sees in it
 
 #include "commands.h"
+#include "messages.h"
 #include "gl/glloader.h"
-#include "gl/glutilities.h"
-#include "gl/headlesscontext.h"
-#include "gl/internal/glcapabilities.h"
+#include "gl/platform/glutilities.h"
+#include "gl/platform/headlesscontext.h"
+#include "gl/platform/internal/glcapabilities.h"
 
 #include <cstdio>
 #include <cstring>
@@ -69,7 +70,8 @@ void printUsage()
                 "  render  render a glTF scene, or the built-in demo, to a PNG\n"
                 "  inspect what a texture file or glTF scene holds\n"
                 "  convert an environment picture to a cube map and its lighting maps\n"
-                "  (vyxgl COMMAND --help for each command's options)\n"
+                "  (vyxgl COMMAND --help for each command's options; --verbose anywhere shows the\n"
+                "  library's notes too)\n"
                 "  info   create a headless GL context and report the GL version, renderer,\n"
                 "         loader result and the optional functions and extensions the library\n"
                 "         chooses its paths by (default)\n");
@@ -79,6 +81,7 @@ void printUsage()
 
 int main(int argc, char** argv)
 {
+    installToolMessageHandler(takeVerboseFlag(argc, argv));
     const char* command = argc > 1 ? argv[1] : "info";
     if (std::strcmp(command, "info") == 0)
         return runInfo();

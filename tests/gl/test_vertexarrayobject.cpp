@@ -1,8 +1,8 @@
-#include "gl/bufferobject.h"
-#include "gl/glcontexttracker.h"
-#include "gl/opengldevicecontext.h"
-#include "gl/shaderprogram.h"
-#include "gl/vertexarrayobject.h"
+#include "gl/drawing/opengldevicecontext.h"
+#include "gl/objects/bufferobject.h"
+#include "gl/objects/vertexarrayobject.h"
+#include "gl/platform/glcontexttracker.h"
+#include "gl/shaders/shaderprogram.h"
 #include "support/callrecorder.h"
 #include "support/glhelpers.h"
 #include "support/gltest.h"
@@ -124,13 +124,17 @@ TEST_F(VertexArrayObjectTest, RebindTakesOverAndDestroyingABoundArrayIsReportedI
     EXPECT_FALSE(first->isBound());
     EXPECT_TRUE(capture.messages().empty());
 
-    // Both destructor checks print, then destroy() refuses a bound array and leaves its name.
+    // Releasing a bound array: destroy() refuses and leaves its name, so both destructor checks
+    // print and its own destroy() refuses again.
     const GLuint name = second->getVAO();
     second.reset();
+    const QString boundOnDestroy =
+        assertionText("false == this->_vaoBound", "Vertex Array Object is already bound on destroy");
     EXPECT_EQ(capture.bodies(QtCriticalMsg),
-              (QStringList{assertionText("false == this->_vaoBound", "Vertex Array Object is bound during class destructor"),
+              (QStringList{boundOnDestroy,
+                           assertionText("false == this->_vaoBound", "Vertex Array Object is bound during class destructor"),
                            assertionText("0u == this->_vao", "Vertex Array Object needs to be destroied before class destructor"),
-                           assertionText("false == this->_vaoBound", "Vertex Array Object is already bound on destroy")}));
+                           boundOnDestroy}));
     EXPECT_TRUE(glIsVertexArray(name));
     glBindVertexArray(0);
     glDeleteVertexArrays(1, &name);
@@ -221,10 +225,8 @@ TEST_F(VertexArrayObjectTest, NamesDieWithTheirObjectsInTheContextThatMadeThem)
     EXPECT_EQ(VertexArrayObject::NumAlive() + BufferObject::NumAlive(), 0);
     for (GLuint name : names)
         EXPECT_FALSE(glIsVertexArray(name)) << name;
-    const QString undestroyed =
-        assertionText("0u == this->_vao", "Vertex Array Object needs to be destroied before class destructor");
-    EXPECT_EQ(capture.bodies(QtCriticalMsg), (QStringList{undestroyed, undestroyed, undestroyed}));
-    capture.clear();
+    // The device context's owner releases each name before the object dies: nothing to report.
+    EXPECT_TRUE(capture.messages().empty());
 
     // Dying while another context is current must not delete that context's vertex array.
     auto vao = OpenGLDeviceContext::current()->newVAO();
@@ -234,7 +236,7 @@ TEST_F(VertexArrayObjectTest, NamesDieWithTheirObjectsInTheContextThatMadeThem)
     ASSERT_TRUE(otherContext.create() && otherContext.makeCurrent());
     EXPECT_FALSE(vao->getContextTracker()->check());
     vao.reset();
-    EXPECT_EQ(capture.bodies(QtCriticalMsg), QStringList{undestroyed});
+    EXPECT_TRUE(capture.messages().empty());
     ASSERT_TRUE(context.makeCurrent());
     EXPECT_TRUE(glIsVertexArray(name));
     glDeleteVertexArrays(1, &name);
