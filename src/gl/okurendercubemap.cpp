@@ -7,6 +7,7 @@
 #include "gl/framebufferobject.h"
 #include "gl/glloader.h"
 #include "gl/glslmacroprocessor.h"
+#include "gl/internal/texturesetup.h"
 #include "gl/okuimagecubemaputils.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
@@ -110,8 +111,7 @@ bool OkuRenderCubemapBase::buildCube()
 {
     if (_cube)
         return true;
-    const QSharedPointer<OpenGLDeviceContext> device = OpenGLDeviceContext::current();
-    VYX_CHECK_RETURN(!device.isNull(), false, "No OpenGLDeviceContext to make the cube with");
+    const QSharedPointer<OpenGLDeviceContext> device = passDeviceContext();
     QSharedPointer<DrawBuffers> cube(new DrawBuffers());
     QSharedPointer<VertexArrayObject> vertexArray = device->newVAO();
     cube->setVAO(vertexArray);

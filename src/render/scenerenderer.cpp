@@ -253,7 +253,7 @@ bool SceneRenderer::renderShadows(GPUModel& model, const Camera& camera, const Q
 bool SceneRenderer::drawSky(const QMatrix4x4& viewProjection)
 {
     ShaderProgram& sky = *_d->skyProgram;
-    auto quad = OpenGLDeviceContext::current()->fullscreenQuad();
+    auto quad = passDeviceContext()->fullscreenQuad();
     if (!quad || !sky.bind())
         return false;
     _d->environment->bind();

@@ -2,9 +2,17 @@
 
 #include "gl/bindable.h"
 #include "gl/glloader.h"
+#include "gl/opengldevicecontext.h"
 #include "gl/texture.h"
 
 namespace Tavren::Vyx {
+
+QSharedPointer<OpenGLDeviceContext> passDeviceContext()
+{
+    if (OpenGLDeviceContext::current().isNull())
+        OpenGLDeviceContext::resetContext();
+    return OpenGLDeviceContext::current();
+}
 
 PixelStoreGuard::PixelStoreGuard(unsigned int parameter, int value)
     : _parameter(parameter)

@@ -1,11 +1,18 @@
 #pragma once
 
+#include <QSharedPointer>
+
 #include <functional>
 #include <memory>
 
 namespace Tavren::Vyx {
 
+class OpenGLDeviceContext;
 class Texture;
+
+// The device context whose quad, cube and buffers a render pass draws with; a host that has not
+// installed one gets one here, so passes work after initializeGLFunctions() alone.
+QSharedPointer<OpenGLDeviceContext> passDeviceContext();
 
 // Sets a pixel-store parameter (GL_UNPACK_ALIGNMENT, ...) for the length of a scope and puts
 // back the value it found.
