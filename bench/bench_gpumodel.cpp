@@ -25,6 +25,7 @@
 #include "gl/objects/vertexarrayobject.h"
 #include "gl/platform/glutilities.h"
 #include "gl/platform/headlesscontext.h"
+#include "gl/platform/internal/glcapabilities.h"
 #include "gl/shaders/glslmacroprocessor.h"
 #include "gl/shaders/shaderprogram.h"
 
@@ -216,13 +217,14 @@ public:
         _elements = _ptrc_glDrawElements;
         _baseVertex = _ptrc_glDrawElementsBaseVertex;
         _indirect = _ptrc_glMultiDrawElementsIndirect;
-        _baseInstance = _ptrc_glDrawElementsInstancedBaseVertexBaseInstance;
         _ptrc_glDrawElements = [](GLenum, GLsizei, GLenum, const void*) {};
         _ptrc_glDrawElementsBaseVertex = [](GLenum, GLsizei, GLenum, const void*, GLint) {};
         _ptrc_glMultiDrawElementsIndirect = [](GLenum, GLenum, const void*, GLsizei, GLsizei) {};
-        if (_baseInstance)
-            _ptrc_glDrawElementsInstancedBaseVertexBaseInstance = [](GLenum, GLsizei, GLenum, const void*, GLsizei,
-                                                                     GLint, GLuint) {};
+        if (hasGLCapability(kBaseInstance)) {
+            PFNVYXGLDRAWELEMENTSINSTANCEDBASEVERTEXBASEINSTANCEPROC noDraw = [](GLenum, GLsizei, GLenum, const void*,
+                                                                                GLsizei, GLint, GLuint) {};
+            _baseInstance = replaceGLCapability(kBaseInstance, reinterpret_cast<void*>(noDraw));
+        }
     }
     ~DrawsStubbed()
     {
@@ -231,7 +233,8 @@ public:
         _ptrc_glDrawElements = _elements;
         _ptrc_glDrawElementsBaseVertex = _baseVertex;
         _ptrc_glMultiDrawElementsIndirect = _indirect;
-        _ptrc_glDrawElementsInstancedBaseVertexBaseInstance = _baseInstance;
+        if (_baseInstance)
+            replaceGLCapability(kBaseInstance, _baseInstance);
     }
     DrawsStubbed(const DrawsStubbed&) = delete;
     DrawsStubbed& operator=(const DrawsStubbed&) = delete;
@@ -241,7 +244,8 @@ private:
     PFNVYXGLDRAWELEMENTSPROC _elements = nullptr;
     PFNVYXGLDRAWELEMENTSBASEVERTEXPROC _baseVertex = nullptr;
     PFNVYXGLMULTIDRAWELEMENTSINDIRECTPROC _indirect = nullptr;
-    PFNVYXGLDRAWELEMENTSINSTANCEDBASEVERTEXBASEINSTANCEPROC _baseInstance = nullptr;
+    static constexpr GLCapability kBaseInstance = GLCapability::DrawElementsInstancedBaseVertexBaseInstance;
+    void* _baseInstance = nullptr;
 };
 
 template <typename Frame>

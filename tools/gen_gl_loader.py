@@ -58,7 +58,6 @@ LOADER_EXTENSIONS = [
     ("GL_ARB_texture_cube_map_array", []),
     ("GL_ARB_shader_atomic_counters", ["glGetActiveAtomicCounterBufferiv"]),
     ("GL_ARB_shader_image_load_store", ["glBindImageTexture", "glMemoryBarrier"]),
-    ("GL_ARB_base_instance", ["glDrawArraysInstancedBaseInstance", "glDrawElementsInstancedBaseVertexBaseInstance"]),
 ]
 
 CORE_LOADER_VERSION = (3, 2)

@@ -50,7 +50,6 @@ int runInfo()
         {"GL_ARB_texture_cube_map_array", ogl_ext_ARB_texture_cube_map_array},
         {"GL_ARB_shader_atomic_counters", ogl_ext_ARB_shader_atomic_counters},
         {"GL_ARB_shader_image_load_store", ogl_ext_ARB_shader_image_load_store},
-        {"GL_ARB_base_instance", ogl_ext_ARB_base_instance},
     };
     for (const auto& flag : flags)
         std::printf("  %-34s %d\n", flag.name, flag.flag);

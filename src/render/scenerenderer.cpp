@@ -3,20 +3,21 @@
 #include "core/logging.h"
 #include "gl/drawing/camera.h"
 #include "gl/drawing/drawbuffers.h"
-#include "gl/glloader.h"
-#include "gl/shaders/glslmacroprocessor.h"
-#include "gl/model/gpumodel.h"
-#include "gl/instancedata/instancedataplan.h"
-#include "gl/objects/internal/texturesetup.h"
+#include "gl/drawing/internal/passdevicecontext.h"
 #include "gl/drawing/opengldevicecontext.h"
+#include "gl/glloader.h"
+#include "gl/instancedata/instancedataplan.h"
+#include "gl/model/gpumodel.h"
+#include "gl/objects/internal/texturesetup.h"
+#include "gl/objects/texture.h"
+#include "gl/objects/vertexarrayobject.h"
+#include "gl/shaders/glslmacroprocessor.h"
 #include "gl/shaders/shaderprogram.h"
 #include "gl/shadows/shadowmapmanager.h"
 #include "gl/shadows/shadowmapmanagerculling.h"
-#include "gl/objects/texture.h"
-#include "gl/textures/texturemanager.h"
 #include "gl/textureio/textureio.h"
 #include "gl/textureio/textureutilities.h"
-#include "gl/objects/vertexarrayobject.h"
+#include "gl/textures/texturemanager.h"
 #include "render/gltfimporter.h"
 #include "render/shadowmaprenderer.h"
 
@@ -253,7 +254,7 @@ bool SceneRenderer::renderShadows(GPUModel& model, const Camera& camera, const Q
 bool SceneRenderer::drawSky(const QMatrix4x4& viewProjection)
 {
     ShaderProgram& sky = *_d->skyProgram;
-    auto quad = OpenGLDeviceContext::current()->fullscreenQuad();
+    auto quad = passDeviceContext()->fullscreenQuad();
     if (!quad || !sky.bind())
         return false;
     _d->environment->bind();

@@ -16,6 +16,7 @@
 
 using namespace Tavren::Vyx;
 using VyxTest::CallRecorder;
+using VyxTest::CapabilityRecorder;
 using VyxTest::MessageCapture;
 
 namespace {
@@ -199,7 +200,9 @@ TEST_F(DrawBuffersTest, SingleDrawsGiveEveryInstanceItsOwnIDOnBothPaths)
     clear();
     bindFor(*buffers, baseInstanceShader.get());
     {
-        CallRecorder<&_ptrc_glDrawElementsInstancedBaseVertexBaseInstance> drawCalls;
+        CapabilityRecorder<GLCapability::DrawElementsInstancedBaseVertexBaseInstance,
+                           PFNVYXGLDRAWELEMENTSINSTANCEDBASEVERTEXBASEINSTANCEPROC>
+            drawCalls;
         ASSERT_TRUE(buffers->draw(baseInstanceShader.get()));
         ASSERT_EQ(drawCalls.count(), 1u);
         EXPECT_EQ(drawCalls.calls()[0], std::make_tuple(GLenum(GL_TRIANGLES), 6, GLenum(GL_UNSIGNED_INT),
@@ -217,7 +220,8 @@ TEST_F(DrawBuffersTest, SingleDrawsGiveEveryInstanceItsOwnIDOnBothPaths)
     clear();
     bindFor(*arrays, baseInstanceShader.get());
     {
-        CallRecorder<&_ptrc_glDrawArraysInstancedBaseInstance> drawCalls;
+        CapabilityRecorder<GLCapability::DrawArraysInstancedBaseInstance, PFNVYXGLDRAWARRAYSINSTANCEDBASEINSTANCEPROC>
+            drawCalls;
         ASSERT_TRUE(arrays->draw());
         EXPECT_EQ(drawCalls.calls(), (std::vector<std::tuple<GLenum, GLint, GLsizei, GLsizei, GLuint>>{
                                          {GL_TRIANGLES, 16, 6, 4, GLuint(kIDBase)}}));

@@ -53,7 +53,6 @@ TEST_F(GLTest, LoaderResolvesEveryCoreEntryPointAndFlagsFollowTheDriver)
         {"GL_ARB_shader_atomic_counters", ogl_ext_ARB_shader_atomic_counters,
          reinterpret_cast<void*>(_ptrc_glGetActiveAtomicCounterBufferiv)},
         {"GL_ARB_shader_image_load_store", ogl_ext_ARB_shader_image_load_store, reinterpret_cast<void*>(_ptrc_glBindImageTexture)},
-        {"GL_ARB_base_instance", ogl_ext_ARB_base_instance, reinterpret_cast<void*>(_ptrc_glDrawArraysInstancedBaseInstance)},
     };
     // A listed extension has flag 1 and every entry point found.
     for (const auto& [name, flag, firstEntryPoint] : rows) {

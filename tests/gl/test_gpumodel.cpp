@@ -304,8 +304,9 @@ TEST_F(GPUModelTest, HiddenZeroScaledCulledAndBackFacingObjectsLeaveNoPixels)
     model.setVisibility(object, 2);                      // one object
     model.setVisibility(rows[6], 3);                     // row 6 = drawable 3, commands 0-15
     model.setVisibility(rows[9], 2);                     // hides the row's own commands only: it has none
+    // Scaled to nothing on every axis: with no depth offset its z row is empty, which culls it.
     QMatrix4x4 flat = model.localTransform(model.drawable(2).transformRefs[5]);
-    flat.scale(0, 1, 1);
+    flat.scale(0);
     model.setLocalTransform(model.drawable(2).transformRefs[5], flat);
     model.addFlags(GPUModel::kHiddenFlag, 7);
     const int mirroredObject = model.drawable(0).transformRefs[4];

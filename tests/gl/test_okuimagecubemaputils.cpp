@@ -1,8 +1,10 @@
+#include "gl/drawing/opengldevicecontext.h"
 #include "gl/environment/okuimagecubemaputils.h"
 #include "gl/environment/okurendercubemap.h"
 #include "gl/glloader.h"
 #include "gl/objects/texture.h"
 #include "gl/platform/glutilities.h"
+#include "gl/platform/headlesscontext.h"
 #include "gl/textureio/textureio.h"
 #include "support/glhelpers.h"
 #include "support/gltest.h"
@@ -418,4 +420,44 @@ TEST_F(CubemapTest, SphereMapsDirectionXYAndColourSpacesConvert)
                   GL_RGBA16F);
         EXPECT_NEAR(faceTexels(converted.get(), 3)[0], space.second, 1e-3f) << space.first;
     }
+}
+
+// A host that only made a context current and initialised the library: the cube passes make the
+// device context they draw with, as the texture passes do.
+TEST(CubemapAfterInitialisationAlone, EveryPassRunsWithoutADeviceContext)
+{
+    HeadlessGLContext context;
+    ASSERT_TRUE(context.create() && context.makeCurrent());
+    ASSERT_TRUE(initializeGLFunctions());
+    ASSERT_TRUE(OpenGLDeviceContext::current().isNull());
+    const std::vector<float> grey = [] {
+        std::vector<float> texels;
+        for (int i = 0; i < 8 * 6; ++i)
+            texels.insert(texels.end(), {0.7f, 0.7f, 0.7f, 1.0f});
+        return texels;
+    }();
+    std::unique_ptr<Texture> flat = make2D(8, 6, GL_RGBA32F, grey.data());
+    std::unique_ptr<Texture> cube = makeCube(8, [](const QVector3D&) { return QVector3D(0.7f, 0.7f, 0.7f); });
+    struct Pass
+    {
+        const char* name;
+        std::function<Texture*()> run;
+    };
+    const Pass passes[] = {
+        {"lat-long", [&] { return createGLCubemapFromTexture(flat.get(), SourceLatLong, 4, ColorSpaceLinear); }},
+        {"cross", [&] { return createGLCubemapFromTexture(flat.get(), SourceCross, 4, ColorSpaceLinear); }},
+        {"sphere", [&] { return createGLCubemapFromTexture(flat.get(), SourceSphere, 4, ColorSpaceLinear); }},
+        {"blur", [&] { return createGLCubemapBlurFromGLCubemap(cube.get(), 4, 1, 0); }},
+        {"N.L", [&] { return createGLCubemapNDotLFromGLCubemap(cube.get(), 4, 1, 0, 1.0f); }},
+        {"prefiltered", [&] { return createPrefilteredEnvMapFromGLCubemap(cube.get(), 4, 1, 8); }},
+    };
+    for (const Pass& pass : passes) {
+        SCOPED_TRACE(pass.name);
+        std::unique_ptr<Texture> result(pass.run());
+        ASSERT_TRUE(result);
+        forEachTexel(result.get(), 0, [](const QVector3D&, const float* texel) { ASSERT_NEAR(texel[1], 0.7f, 1e-3f); });
+    }
+    std::unique_ptr<Texture> table(createPreintegratedBRDFTable(8, 16));
+    EXPECT_TRUE(table);
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }

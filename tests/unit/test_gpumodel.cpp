@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 
 using namespace Tavren::Vyx;
 
@@ -45,13 +46,83 @@ TEST(GPUModel, SortingByFlagsIsStableAndKeepsIdsAndMaterialsValid)
     EXPECT_EQ(model.materialDrawables(7), (QVector<int>{3, 2}));    // ids 0, 2
     EXPECT_EQ(model.materialDrawables(2), (QVector<int>{0, 1, 4})); // ids 1, 3, 4
 
-    // Raising a flag past the next drawable's breaks the order again.
-    model.setFlags(4, 0);
-    EXPECT_TRUE(model.isUnsorted());
     // addSimple files under material 0 whatever it is given.
     GPUModel simple;
     simple.addSimple(&buffers[0], 3, nullptr, nullptr, 0);
     EXPECT_EQ(simple.materials(), QList<int>{0});
+}
+
+// Only add() marks the model unsorted: drawables whose flags are edited afterwards keep their
+// place, unless a later add() asks for a sort anyway.
+TEST(GPUModel, FlagEditsLeaveTheOrderToAdd)
+{
+    struct Case
+    {
+        const char* edit;
+        std::function<void(GPUModel&, DrawBuffers*)> apply;
+    };
+    const Case cases[] = {
+        {"set", [](GPUModel& m, DrawBuffers* b) { m.set(0, b, nullptr, nullptr, 9, ~quint64(0)); }},
+        {"setFlags", [](GPUModel& m, DrawBuffers*) { m.setFlags(9, 0); }},
+        {"addFlags", [](GPUModel& m, DrawBuffers*) { m.addFlags(8, 0); }},
+        {"removeFlags", [](GPUModel& m, DrawBuffers*) { m.removeFlags(2, 1); }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.edit);
+        DrawBuffers buffers[4];
+        GPUModel model;
+        for (quint64 flags : {1, 2, 3})
+            model.add(&buffers[flags - 1], 0, nullptr, nullptr, flags);
+        c.apply(model, &buffers[0]);
+        EXPECT_FALSE(model.isUnsorted());
+        model.sortDrawablesByFlags();
+        for (int position = 0; position < 3; ++position)
+            EXPECT_EQ(model.drawable(position).id, position);
+
+        model.add(&buffers[3], 0, nullptr, nullptr, 0);
+        EXPECT_TRUE(model.isUnsorted());
+        model.sortDrawablesByFlags();
+        for (int position = 1; position < 4; ++position)
+            EXPECT_LE(model.getFlags(position - 1), model.getFlags(position));
+    }
+}
+
+// A clean transform under a dirty ancestor is stale: asking for any world matrix brings its
+// chain up to date, and leaves nothing behind for updateTransforms() to miss.
+TEST(GPUModel, WorldTransformsAreFreshWhicheverIsAskedFirst)
+{
+    const auto translation = [](float x, float y) {
+        QMatrix4x4 m;
+        m.translate(x, y, 0);
+        return m;
+    };
+    const auto expectedWorld = [](const GPUModel& model, int t) {
+        QMatrix4x4 world;
+        for (; t >= 0; t = model.transformParent(t))
+            world = model.localTransform(t) * world;
+        return world;
+    };
+    enum { eRoot, eChild, eSibling, eGrandchild, eCount };
+    for (int asked = eRoot; asked < eCount; ++asked) {
+        SCOPED_TRACE(asked);
+        GPUModel model;
+        const int root = model.addTransform(-1, translation(1, 0));
+        const int child = model.addTransform(root, translation(0, 0));
+        model.addTransform(root, translation(2, 2)); // sibling
+        model.addTransform(child, translation(0, 1)); // grandchild
+        model.updateTransforms();
+
+        model.setLocalTransform(root, translation(0, 3));
+        EXPECT_TRUE(model.isTransformDirty(child));
+        EXPECT_TRUE(near(model.worldTransform(asked), expectedWorld(model, asked)));
+        for (int t = eRoot; t < eCount; ++t)
+            EXPECT_TRUE(near(model.worldTransform(t), expectedWorld(model, t))) << "transform " << t;
+        model.updateTransforms();
+        for (int t = eRoot; t < eCount; ++t) {
+            EXPECT_FALSE(model.isTransformDirty(t)) << "transform " << t;
+            EXPECT_TRUE(near(model.worldTransform(t), expectedWorld(model, t))) << "transform " << t;
+        }
+    }
 }
 
 TEST(GPUModel, TransformHierarchyKeepsItsOperandOrderAndRefusesCycles)
@@ -148,6 +219,27 @@ TEST(GPUModel, BoxesFrustaAndCamerasAgree)
     EXPECT_TRUE(near(model.getCameraWorldSpaceMatrix(index), lift * camera.worldMatrix()));
 }
 
+// Zero scale culls by the world matrix's first three rows, translation included: an object
+// flattened along x but moved along it keeps a row and is drawn (as nothing).
+TEST(GPUModel, ZeroScaleCullsOnlyAnEmptyRow)
+{
+    QMatrix4x4 movedFlat, flat;
+    movedFlat.translate(1, 0, 0);
+    movedFlat.scale(0, 1, 1);
+    flat.scale(0, 1, 1);
+    const DrawElementsIndirectCommand commands[2] = {{3, 1, 0, 0, 0}, {3, 1, 0, 0, 1}};
+    DrawBuffers buffers;
+    buffers.setDrawElementsIndirectCommands(commands, 2);
+    GPUModel model;
+    const int id = model.add(&buffers, 0, nullptr, nullptr, 0);
+    model.useTransform(id, 0, model.addTransform(-1, movedFlat));
+    model.useTransform(id, 1, model.addTransform(-1, flat));
+    model.updateTransforms();
+    EXPECT_EQ(model.visibilityCull(), 1);
+    EXPECT_FALSE(model.isCommandCulled(0, 0));
+    EXPECT_TRUE(model.isCommandCulled(0, 1));
+}
+
 // Culling keeps per-transform verdicts and world-space boxes between frames; whatever is edited,
 // a cull must agree with the verdicts recomputed from the public state.
 TEST(GPUModel, CullingFollowsEveryEditOfTransformsVisibilityAndBoxes)
@@ -216,7 +308,7 @@ TEST(GPUModel, CullingFollowsEveryEditOfTransformsVisibilityAndBoxes)
                 bool expected = !model.isValidTransform(t) || !model.isVisible(t) || model.isParentHidden(t);
                 const QMatrix4x4 world = model.worldTransform(expected ? root : t);
                 for (int i = 0; i < 3; ++i)
-                    expected = expected || world.row(i).lengthSquared() < 1e-6f || world.column(i).toVector3D().lengthSquared() < 1e-6f;
+                    expected = expected || world.row(i).lengthSquared() < 1e-6f;
                 if (!expected && model.isValidBoundingBox(box))
                     expected = !frustum.intersects(model.getBoundingBox(box).transformed(world));
                 ASSERT_EQ(model.isCommandCulled(k, c), expected) << "drawable " << k << " command " << c;

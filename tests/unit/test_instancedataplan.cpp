@@ -182,3 +182,40 @@ TEST(InstanceDataPlan, MisuseOfRecordsAndCollectionsIsReportedAndChangesNothing)
     EXPECT_EQ(listed.size(), 3);
     EXPECT_FALSE(InstanceData().set("colour", value, sizeof(value)));
 }
+
+// A token for a member that is not a texture: the type is reported first and the call goes on;
+// the token goes in only where its 8 bytes fit.
+TEST(InstanceDataPlan, TokensForOtherMembersAreReportedByTypeThenStoredWhereTheyFit)
+{
+    InstanceDataPlan plan("Tokens");
+    plan.addMember(InstanceDataPlan::eFloat, "f");
+    plan.addMember(InstanceDataPlan::eVec2, "uv");
+    plan.addMember(InstanceDataPlan::eTexture, "albedo");
+    registered(&plan);
+    const char* typeCheck = "InstanceDataPlan::eTexture == _plan->dataType(dataName)";
+    struct Case
+    {
+        const char* member;
+        bool stored;
+        QStringList reports;
+    };
+    const Case cases[] = {
+        {"f", false,
+         {assertionText(typeCheck, "InstanceData::setTexture( 'f') call on data type 13"),
+          assertionText("size > 0 && size <= member->size",
+                        "InstanceData::setTexture( 'f') : 8 bytes do not fit a member of 4 bytes")}},
+        {"uv", true, {assertionText(typeCheck, "InstanceData::setTexture( 'uv') call on data type 14")}},
+        {"albedo", true, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.member);
+        InstanceData record("Tokens");
+        MessageCapture capture;
+        EXPECT_EQ(record.setToken(c.member, TextureToken(0x1234567890ull)), c.stored);
+        EXPECT_EQ(capture.bodies(QtCriticalMsg), c.reports);
+        EXPECT_EQ(record.textureTokens().size(), c.stored ? 1 : 0);
+        quint64 token = 0;
+        if (c.stored && record.get(c.member, &token, sizeof(token)))
+            EXPECT_EQ(token, 0x1234567890ull);
+    }
+}

@@ -57,8 +57,7 @@ void DrawBuffers::setup(GLSLMacroProcessor* mp)
 
 bool DrawBuffers::isBaseInstanceDrawingSupported()
 {
-    return glDrawArraysInstancedBaseInstance && glDrawElementsInstancedBaseVertexBaseInstance &&
-           hasGLCapability(GLCapability::DrawArraysInstancedBaseInstance) &&
+    return hasGLCapability(GLCapability::DrawArraysInstancedBaseInstance) &&
            hasGLCapability(GLCapability::DrawElementsInstancedBaseVertexBaseInstance) &&
            hasGLCapability(GLCapability::ShaderDrawParameters);
 }
@@ -344,20 +343,24 @@ bool DrawBuffers::drawBaseInstance()
     if (_boIndex) {
         if (!checkIndexed())
             return false;
-        VYX_CHECK_RETURN(glDrawElementsInstancedBaseVertexBaseInstance, false,
+        const auto drawElementsBaseInstance =
+            glCapabilityFunction<PFNVYXGLDRAWELEMENTSINSTANCEDBASEVERTEXBASEINSTANCEPROC>(
+                GLCapability::DrawElementsInstancedBaseVertexBaseInstance);
+        VYX_CHECK_RETURN(drawElementsBaseInstance, false,
                          "glDrawElementsInstancedBaseVertexBaseInstance is not available");
-        glDrawElementsInstancedBaseVertexBaseInstance(_primitiveType, _indexCount, _indexType,
-                                                      byteOffset(_indexBufferOffset), _instanceCount, _baseVertex,
-                                                      static_cast<GLuint>(_drawIDBase));
+        drawElementsBaseInstance(_primitiveType, _indexCount, _indexType, byteOffset(_indexBufferOffset),
+                                 _instanceCount, _baseVertex, static_cast<GLuint>(_drawIDBase));
         totalDrawCalls += 1;
         totalDrawBatches += 1;
         totalDrawIndices += static_cast<quint64>(_indexCount);
         return true;
     }
     VYX_CHECK_RETURN(0 != this->_vertexCount, false, "Index count is not setup on draw");
-    VYX_CHECK_RETURN(glDrawArraysInstancedBaseInstance, false, "glDrawArraysInstancedBaseInstance is not available");
-    glDrawArraysInstancedBaseInstance(_primitiveType, _baseVertex, _vertexCount, _instanceCount,
-                                      static_cast<GLuint>(_drawIDBase));
+    const auto drawArraysBaseInstance = glCapabilityFunction<PFNVYXGLDRAWARRAYSINSTANCEDBASEINSTANCEPROC>(
+        GLCapability::DrawArraysInstancedBaseInstance);
+    VYX_CHECK_RETURN(drawArraysBaseInstance, false, "glDrawArraysInstancedBaseInstance is not available");
+    drawArraysBaseInstance(_primitiveType, _baseVertex, _vertexCount, _instanceCount,
+                           static_cast<GLuint>(_drawIDBase));
     totalDrawCalls += 1;
     totalDrawBatches += 1;
     return true;

@@ -1,5 +1,6 @@
 #include "gl/drawing/opengldevicecontext.h"
 
+#include "gl/drawing/internal/passdevicecontext.h"
 #include "gl/objects/bufferobject.h"
 #include "gl/objects/uniformbufferobject.h"
 #include "gl/objects/vertexarrayobject.h"
@@ -59,6 +60,13 @@ QSharedPointer<OpenGLDeviceContext> OpenGLDeviceContext::current()
 void OpenGLDeviceContext::resetContext()
 {
     installedDeviceContext() = QSharedPointer<OpenGLDeviceContext>::create();
+}
+
+QSharedPointer<OpenGLDeviceContext> passDeviceContext()
+{
+    if (OpenGLDeviceContext::current().isNull())
+        OpenGLDeviceContext::resetContext();
+    return OpenGLDeviceContext::current();
 }
 
 } // namespace Tavren::Vyx

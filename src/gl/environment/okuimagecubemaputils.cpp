@@ -2,6 +2,7 @@
 
 #include "core/logging.h"
 #include "gl/drawing/drawbuffers.h"
+#include "gl/drawing/internal/passdevicecontext.h"
 #include "gl/drawing/opengldevicecontext.h"
 #include "gl/environment/okurendercubemap.h"
 #include "gl/glloader.h"
@@ -270,8 +271,7 @@ Texture* createPreintegratedBRDFTable(unsigned int size, int samples)
 {
     VYX_CHECK_RETURN(size >= 1 && size <= 4096, nullptr, "BRDF table size %u is not within 1 ... 4096", size);
     VYX_CHECK_RETURN(samples >= 1, nullptr, "%d samples per texel are too few", samples);
-    const QSharedPointer<OpenGLDeviceContext> device = OpenGLDeviceContext::current();
-    VYX_CHECK_RETURN(!device.isNull(), nullptr, "No OpenGLDeviceContext to draw the full-screen quad");
+    const QSharedPointer<OpenGLDeviceContext> device = passDeviceContext();
     ShaderProgram program;
     program.addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("preintegratedBRDFTableVS.glslc"));
     program.addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("preintegratedBRDFTableFS.glslc"));

@@ -2,6 +2,7 @@
 
 #include "core/logging.h"
 #include "gl/drawing/drawbuffers.h"
+#include "gl/drawing/internal/passdevicecontext.h"
 #include "gl/drawing/opengldevicecontext.h"
 #include "gl/environment/okuimagecubemaputils.h"
 #include "gl/glloader.h"
@@ -110,8 +111,7 @@ bool OkuRenderCubemapBase::buildCube()
 {
     if (_cube)
         return true;
-    const QSharedPointer<OpenGLDeviceContext> device = OpenGLDeviceContext::current();
-    VYX_CHECK_RETURN(!device.isNull(), false, "No OpenGLDeviceContext to make the cube with");
+    const QSharedPointer<OpenGLDeviceContext> device = passDeviceContext();
     QSharedPointer<DrawBuffers> cube(new DrawBuffers());
     QSharedPointer<VertexArrayObject> vertexArray = device->newVAO();
     cube->setVAO(vertexArray);

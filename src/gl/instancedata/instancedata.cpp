@@ -141,14 +141,16 @@ bool InstanceData::storeToken(int offset, const TextureToken& token)
 
 bool InstanceData::setToken(const QString& name, const TextureToken& token)
 {
+    // The type is reported first and the call goes on, as raw bytes do through set(); the token
+    // goes in only where its bytes fit.
+    if (_plan) {
+        const InstanceDataPlan::DataType type = _plan->dataType(name);
+        VYX_CHECK_AS(InstanceDataPlan::eTexture == type, "InstanceDataPlan::eTexture == _plan->dataType(dataName)",
+                     "InstanceData::setTexture( '%s') call on data type %d", qPrintable(name), int(type));
+    }
     const InstanceDataPlan::MemberLayout* member =
         checkedMember(_plan, name, sizeof(token.token), "InstanceData::setTexture");
-    if (!member)
-        return false;
-    // Reported; the token still goes in, as raw bytes do through set().
-    VYX_CHECK_AS(InstanceDataPlan::eTexture == member->type, "InstanceDataPlan::eTexture == _plan->dataType(dataName)",
-                 "InstanceData::setTexture( '%s') call on data type %d", qPrintable(name), int(member->type));
-    return storeToken(member->offset, token);
+    return member && storeToken(member->offset, token);
 }
 
 bool InstanceData::setTexture(const QString& name, Texture* texture, TextureManager* manager)

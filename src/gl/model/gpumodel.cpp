@@ -38,14 +38,13 @@ void mergeSort(QVector<T>& items, QVector<T>& scratch, int begin, int end, Less 
         items[i] = scratch[i];
 }
 
-// A zero row, or a zero basis vector: an object scaled to nothing draws nothing.
+// A zero row (translation included) marks an object scaled to nothing. A flattened basis
+// vector alone does not: the object is kept, and draws nothing on its own.
 bool scalesToNothing(const QMatrix4x4& world)
 {
     const float* w = world.constData(); // column-major
-    const auto squared = [](float a, float b, float c, float d) { return a * a + b * b + c * c + d * d; };
     for (int i = 0; i < 3; ++i) {
-        if (squared(w[i], w[4 + i], w[8 + i], w[12 + i]) < 1e-6f ||
-            squared(w[4 * i], w[4 * i + 1], w[4 * i + 2], 0.0f) < 1e-6f)
+        if (w[i] * w[i] + w[4 + i] * w[4 + i] + w[8 + i] * w[8 + i] + w[12 + i] * w[12 + i] < 1e-6f)
             return true;
     }
     return false;
@@ -119,14 +118,6 @@ void GPUModel::set(int drawable, DrawBuffers* db, InstanceDataCollection* materi
     d.materialData = materialData;
     d.objectData = objectData;
     d.flags = (d.flags & ~mask) | (flags & mask);
-    noteFlagsChanged(drawable);
-}
-
-void GPUModel::noteFlagsChanged(int drawable)
-{
-    if ((drawable > 0 && _drawables[drawable - 1].flags > _drawables[drawable].flags) ||
-        (drawable + 1 < _drawables.size() && _drawables[drawable].flags > _drawables[drawable + 1].flags))
-        _unsorted = true;
 }
 
 void GPUModel::setFlags(quint64 flags)
@@ -138,8 +129,8 @@ void GPUModel::setFlags(quint64 flags)
 void GPUModel::setFlags(quint64 flags, int drawable)
 {
     VYX_CHECK_RETURN(isDrawableIndex(drawable), , "No drawable %d", drawable);
+    // Edited drawables keep their place; only add() asks for a sort.
     _drawables[drawable].flags = flags;
-    noteFlagsChanged(drawable);
 }
 
 void GPUModel::addFlags(quint64 flags)
@@ -312,7 +303,28 @@ QMatrix4x4 GPUModel::localTransform(int transform) const
 
 QMatrix4x4 GPUModel::worldTransform(int transform)
 {
-    return isValidTransform(transform) ? updateTransform(transform) : QMatrix4x4();
+    if (!isValidTransform(transform))
+        return QMatrix4x4();
+    if (!_anyDirty)
+        return _worlds[transform];
+    // A clean transform under a dirty ancestor holds a stale matrix: recompute from the topmost
+    // dirty ancestor down. Whatever hangs below a recomputed transform off this chain is marked
+    // dirty, so that it follows at the next ask or updateTransforms().
+    int top = -1;
+    for (int t = transform; t >= 0; t = _parents[t]) {
+        if (_dirty[t])
+            top = t;
+    }
+    if (top < 0)
+        return _worlds[transform];
+    for (int t = transform;; t = _parents[t]) {
+        for (int child : _children[size_t(t)])
+            markDirty(child);
+        markDirty(t);
+        if (t == top)
+            break;
+    }
+    return updateTransform(transform);
 }
 
 QMatrix3x3 GPUModel::normalTransform(int transform) const

@@ -114,8 +114,8 @@ public:
     void removeFlags(quint64 flags, int drawable);
     quint64 getFlags(int drawable) const;
     static bool flagsLessThan(const Drawable& a, const Drawable& b) { return a.flags < b.flags; }
-    // Stable; ids and the material map follow the drawables. Does nothing unless an add or a
-    // flag edit broke the order.
+    // Stable; ids and the material map follow the drawables. Does nothing unless an add() broke
+    // the order: drawables whose flags were edited stay where they are.
     void sortDrawablesByFlags();
     bool isUnsorted() const { return _unsorted; }
     // -1 for an unknown id.
@@ -250,7 +250,6 @@ private:
     bool isCommandOf(int drawable, int command) const;
     int appendDrawable(DrawBuffers* db, int materialIndex, InstanceDataCollection* materialData,
                        InstanceDataCollection* objectData, const quint64& flags, bool perCommand);
-    void noteFlagsChanged(int drawable);
     bool writeProperty(const QHash<QString, QList<InstanceRef>>& names, const QString& name, const QString& property,
                        const void* data, size_t size, bool material);
     QMatrix4x4 updateTransform(int transform);

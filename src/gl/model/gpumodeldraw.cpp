@@ -5,6 +5,7 @@
 #include "gl/platform/bindable.h"
 #include "gl/objects/bufferobject.h"
 #include "gl/drawing/drawbuffers.h"
+#include "gl/platform/internal/glcapabilities.h"
 #include "gl/platform/internal/percontextrecords.h"
 #include "gl/glloader.h"
 #include "gl/platform/glutilities.h"
@@ -287,8 +288,10 @@ bool GPUModel::issueCommands(Drawable& d, ShaderProgram* program)
     const int records = _indirect->gather(db, _selected, _selectedWhole);
     if (records < 0)
         return false;
-    const bool direct = glDrawElementsInstancedBaseVertexBaseInstance && db.indexType() != 0 &&
-                        !db.indexBO().isNull();
+    const auto drawElementsBaseInstance =
+        glCapabilityFunction<PFNVYXGLDRAWELEMENTSINSTANCEDBASEVERTEXBASEINSTANCEPROC>(
+            GLCapability::DrawElementsInstancedBaseVertexBaseInstance);
+    const bool direct = drawElementsBaseInstance && db.indexType() != 0 && !db.indexBO().isNull();
     // A single record needs no indirect buffer, which the driver would have to read back.
     if (db.isMultiDrawIndirect() && !(records == 1 && direct)) {
         // The list as the draw buffers hold it is in their own indirect buffer already.
@@ -304,7 +307,7 @@ bool GPUModel::issueCommands(Drawable& d, ShaderProgram* program)
     const auto* gathered = reinterpret_cast<const DrawElementsIndirectCommand*>(_indirect->scratch.constData());
     for (int r = 0; r < records; ++r) {
         const DrawElementsIndirectCommand& cmd = gathered[r];
-        glDrawElementsInstancedBaseVertexBaseInstance(
+        drawElementsBaseInstance(
             db.primitiveType(), GLsizei(cmd.count), db.indexType(),
             reinterpret_cast<const void*>(quintptr(cmd.firstIndex) * quintptr(indexBytes)), GLsizei(cmd.instanceCount),
             GLint(cmd.baseVertex), cmd.baseInstance);

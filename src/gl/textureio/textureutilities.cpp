@@ -2,6 +2,7 @@
 
 #include "core/logging.h"
 #include "gl/drawing/drawbuffers.h"
+#include "gl/drawing/internal/passdevicecontext.h"
 #include "gl/drawing/opengldevicecontext.h"
 #include "gl/glloader.h"
 #include "gl/objects/framebufferobject.h"
@@ -56,21 +57,13 @@ ShaderProgram* makeTextureShader(std::unique_ptr<ShaderProgram> program, bool wi
     return nullptr;
 }
 
-// The device context whose quad the passes draw; a host that never installed one gets one here.
-QSharedPointer<OpenGLDeviceContext> deviceContext()
-{
-    if (OpenGLDeviceContext::current().isNull())
-        OpenGLDeviceContext::resetContext();
-    return OpenGLDeviceContext::current();
-}
-
 // ProcessTexture, telling whether the destination really received the pass.
 bool runTexturePass(ShaderProgram* shader, const QHash<QString, QVariant>& uniforms, Texture* source,
                     Texture* destination)
 {
     VYX_CHECK_RETURN(shader && source && destination, false,
                      "ProcessTexture needs a shader, a source and a destination");
-    const QSharedPointer<DrawBuffers> quad = deviceContext()->fullscreenQuad();
+    const QSharedPointer<DrawBuffers> quad = passDeviceContext()->fullscreenQuad();
     VYX_CHECK_RETURN(quad && quad->VAO(), false, "No full-screen quad to draw");
     const QSharedPointer<VertexArrayObject> vertexArray = quad->VAO();
     VYX_CHECK_GL_ERROR(); // errors of earlier work are not this pass's

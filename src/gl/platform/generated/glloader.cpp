@@ -330,8 +330,6 @@ PFNVYXGLPATCHPARAMETERIPROC _ptrc_glPatchParameteri = nullptr;
 PFNVYXGLGETACTIVEATOMICCOUNTERBUFFERIVPROC _ptrc_glGetActiveAtomicCounterBufferiv = nullptr;
 PFNVYXGLBINDIMAGETEXTUREPROC _ptrc_glBindImageTexture = nullptr;
 PFNVYXGLMEMORYBARRIERPROC _ptrc_glMemoryBarrier = nullptr;
-PFNVYXGLDRAWARRAYSINSTANCEDBASEINSTANCEPROC _ptrc_glDrawArraysInstancedBaseInstance = nullptr;
-PFNVYXGLDRAWELEMENTSINSTANCEDBASEVERTEXBASEINSTANCEPROC _ptrc_glDrawElementsInstancedBaseVertexBaseInstance = nullptr;
 
 int ogl_ext_ARB_draw_indirect = 0;
 int ogl_ext_ARB_multi_draw_indirect = 0;
@@ -339,7 +337,6 @@ int ogl_ext_ARB_tessellation_shader = 0;
 int ogl_ext_ARB_texture_cube_map_array = 0;
 int ogl_ext_ARB_shader_atomic_counters = 0;
 int ogl_ext_ARB_shader_image_load_store = 0;
-int ogl_ext_ARB_base_instance = 0;
 
 } // extern "C"
 
@@ -388,14 +385,6 @@ int load_ARB_shader_image_load_store()
     int missing = 0;
     missing += resolve(_ptrc_glBindImageTexture, "glBindImageTexture");
     missing += resolve(_ptrc_glMemoryBarrier, "glMemoryBarrier");
-    return missing;
-}
-
-int load_ARB_base_instance()
-{
-    int missing = 0;
-    missing += resolve(_ptrc_glDrawArraysInstancedBaseInstance, "glDrawArraysInstancedBaseInstance");
-    missing += resolve(_ptrc_glDrawElementsInstancedBaseVertexBaseInstance, "glDrawElementsInstancedBaseVertexBaseInstance");
     return missing;
 }
 
@@ -735,7 +724,6 @@ const ExtensionRow extensionRows[] = {
     {"GL_ARB_texture_cube_map_array", &ogl_ext_ARB_texture_cube_map_array, nullptr},
     {"GL_ARB_shader_atomic_counters", &ogl_ext_ARB_shader_atomic_counters, load_ARB_shader_atomic_counters},
     {"GL_ARB_shader_image_load_store", &ogl_ext_ARB_shader_image_load_store, load_ARB_shader_image_load_store},
-    {"GL_ARB_base_instance", &ogl_ext_ARB_base_instance, load_ARB_base_instance},
 };
 
 int cachedMajor = 0;

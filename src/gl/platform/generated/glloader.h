@@ -1456,8 +1456,6 @@ VYXGL_EXPORT extern PFNVYXGLPATCHPARAMETERIPROC _ptrc_glPatchParameteri;
 VYXGL_EXPORT extern PFNVYXGLGETACTIVEATOMICCOUNTERBUFFERIVPROC _ptrc_glGetActiveAtomicCounterBufferiv;
 VYXGL_EXPORT extern PFNVYXGLBINDIMAGETEXTUREPROC _ptrc_glBindImageTexture;
 VYXGL_EXPORT extern PFNVYXGLMEMORYBARRIERPROC _ptrc_glMemoryBarrier;
-VYXGL_EXPORT extern PFNVYXGLDRAWARRAYSINSTANCEDBASEINSTANCEPROC _ptrc_glDrawArraysInstancedBaseInstance;
-VYXGL_EXPORT extern PFNVYXGLDRAWELEMENTSINSTANCEDBASEVERTEXBASEINSTANCEPROC _ptrc_glDrawElementsInstancedBaseVertexBaseInstance;
 
 VYXGL_EXPORT extern int ogl_ext_ARB_draw_indirect;
 VYXGL_EXPORT extern int ogl_ext_ARB_multi_draw_indirect;
@@ -1465,7 +1463,6 @@ VYXGL_EXPORT extern int ogl_ext_ARB_tessellation_shader;
 VYXGL_EXPORT extern int ogl_ext_ARB_texture_cube_map_array;
 VYXGL_EXPORT extern int ogl_ext_ARB_shader_atomic_counters;
 VYXGL_EXPORT extern int ogl_ext_ARB_shader_image_load_store;
-VYXGL_EXPORT extern int ogl_ext_ARB_base_instance;
 
 enum { ogl_LOAD_FAILED = 0, ogl_LOAD_SUCCEEDED = 1 };
 

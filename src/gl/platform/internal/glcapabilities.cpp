@@ -136,4 +136,16 @@ void* glCapability(GLCapability capability)
     return value;
 }
 
+void* replaceGLCapability(GLCapability capability, void* value)
+{
+    const std::size_t index = std::size_t(capability);
+    void* replaced = glCapability(capability);
+    answers().with(GLContextTracker::currentContext(), [&](Answers& answers) {
+        answers.values[index] = value;
+        answers.known[index] = true;
+        return true;
+    });
+    return replaced;
+}
+
 } // namespace Tavren::Vyx

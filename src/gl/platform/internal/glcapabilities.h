@@ -69,6 +69,11 @@ VYXGL_EXPORT QString glCapabilityOrigin(GLCapability capability);
 // context has it; null when it lacks it.
 VYXGL_EXPORT void* glCapability(GLCapability capability);
 
+// Puts value in place of the current context's answer and returns the answer it replaced: a test
+// stands a recording shim in for an optional entry point this way, as it does for a loader
+// pointer, and a null value withholds the capability on this context.
+VYXGL_EXPORT void* replaceGLCapability(GLCapability capability, void* value);
+
 inline bool hasGLCapability(GLCapability capability)
 {
     return glCapability(capability) != nullptr;
