@@ -365,7 +365,7 @@ int IndirectCache::gather(const DrawBuffers& db, const QVector<int>& selected, b
     auto* out = reinterpret_cast<DrawElementsIndirectCommand*>(scratch.data());
     int records = 0;
     for (int c : selected) {
-        VYX_CHECK_RETURN(c >= 0 && c < list.size(), -1, "Draw command %d is not in the list of %d", c, list.size());
+        VYX_CHECK_RETURN(c >= 0 && c < list.size(), -1, "Draw command %d is not in the list of %d", c, int(list.size()));
         const DrawElementsIndirectCommand& command = commands[c];
         DrawElementsIndirectCommand* last = records ? out + records - 1 : nullptr;
         if (last && last->count == command.count && last->firstIndex == command.firstIndex &&
