@@ -98,26 +98,6 @@ void setVectors(GLint location, const QVector<QVector3D>& values)
 // Uniform locations of the shading and sky programs, looked up once when they link.
 struct SceneUniforms
 {
-    explicit SceneUniforms(const ShaderProgram& p)
-        : lightCount(p.getUniformLocation(QStringLiteral("u_LightCount")))
-        , lightType(p.getUniformLocation(QStringLiteral("u_LightType")))
-        , lightRange(p.getUniformLocation(QStringLiteral("u_LightRange")))
-        , lightCone(p.getUniformLocation(QStringLiteral("u_LightCone")))
-        , lightColor(p.getUniformLocation(QStringLiteral("u_LightColor")))
-        , lightPosition(p.getUniformLocation(QStringLiteral("u_LightPosition")))
-        , lightDirection(p.getUniformLocation(QStringLiteral("u_LightDirection")))
-        , irradianceSH(p.getUniformLocation(QStringLiteral("u_IrradianceSH")))
-        , viewProjection(p.getUniformLocation(QStringLiteral("u_ViewProjection")))
-        , cameraPosition(p.getUniformLocation(QStringLiteral("u_CameraPosition")))
-        , exposure(p.getUniformLocation(QStringLiteral("u_Exposure")))
-        , environmentIntensity(p.getUniformLocation(QStringLiteral("u_EnvironmentIntensity")))
-        , prefilteredLevels(p.getUniformLocation(QStringLiteral("u_PrefilteredLevels")))
-        , prefilteredMap(p.getUniformLocation(QStringLiteral("u_PrefilteredMap")))
-        , brdfTable(p.getUniformLocation(QStringLiteral("u_BRDFTable")))
-        , shadowsEnabled(p.getUniformLocation(QStringLiteral("u_ShadowsEnabled")))
-        , shadowMapDepthSampler(p.getUniformLocation(QStringLiteral("u_ShadowMapDepthSampler")))
-    {
-    }
     GLint lightCount, lightType, lightRange, lightCone, lightColor, lightPosition, lightDirection, irradianceSH;
     GLint viewProjection, cameraPosition, exposure, environmentIntensity, prefilteredLevels, prefilteredMap;
     GLint brdfTable, shadowsEnabled, shadowMapDepthSampler;
@@ -125,13 +105,6 @@ struct SceneUniforms
 
 struct SkyUniforms
 {
-    explicit SkyUniforms(const ShaderProgram& p)
-        : inverseViewProjection(p.getUniformLocation(QStringLiteral("u_InverseViewProjection")))
-        , environment(p.getUniformLocation(QStringLiteral("u_Environment")))
-        , environmentIntensity(p.getUniformLocation(QStringLiteral("u_EnvironmentIntensity")))
-        , exposure(p.getUniformLocation(QStringLiteral("u_Exposure")))
-    {
-    }
     GLint inverseViewProjection, environment, environmentIntensity, exposure;
 };
 
@@ -142,8 +115,8 @@ struct SceneRenderer::Private
     TextureManager* manager = nullptr;
     GLSLMacroProcessor macros;
     std::unique_ptr<ShaderProgram> sceneProgram, skyProgram;
-    std::unique_ptr<SceneUniforms> sceneUniforms;
-    std::unique_ptr<SkyUniforms> skyUniforms;
+    SceneUniforms sceneUniforms = {};
+    SkyUniforms skyUniforms = {};
     std::unique_ptr<ShadowMapRenderer> shadowRenderer;
     ShadowMapRenderData shadowData;
     std::unique_ptr<Texture> environment, prefiltered, brdfTable;
@@ -260,8 +233,19 @@ bool SceneRenderer::prepare()
     sky.addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("SceneToneMap.glslc"));
     if (!sky.link())
         return fail(QStringLiteral("The sky program does not link: %1").arg(sky.log()));
-    _d->sceneUniforms = std::make_unique<SceneUniforms>(scene);
-    _d->skyUniforms = std::make_unique<SkyUniforms>(sky);
+    const auto in = [](const ShaderProgram& program) {
+        return [&program](const char* name) { return GLint(program.getUniformLocation(QLatin1String(name))); };
+    };
+    const auto at = in(scene);
+    _d->sceneUniforms = {at("u_LightCount"),      at("u_LightType"),      at("u_LightRange"),
+                         at("u_LightCone"),       at("u_LightColor"),     at("u_LightPosition"),
+                         at("u_LightDirection"),  at("u_IrradianceSH"),   at("u_ViewProjection"),
+                         at("u_CameraPosition"),  at("u_Exposure"),       at("u_EnvironmentIntensity"),
+                         at("u_PrefilteredLevels"), at("u_PrefilteredMap"), at("u_BRDFTable"),
+                         at("u_ShadowsEnabled"),  at("u_ShadowMapDepthSampler")};
+    const auto skyAt = in(sky);
+    _d->skyUniforms = {skyAt("u_InverseViewProjection"), skyAt("u_Environment"), skyAt("u_EnvironmentIntensity"),
+                       skyAt("u_Exposure")};
     glGetIntegerv(GL_MAX_TEXTURE_IMAGE_UNITS, &_d->textureUnits);
     _d->shadowRenderer = std::make_unique<ShadowMapRenderer>();
     _d->shadowRenderer->setBlurRadius(1);
@@ -293,7 +277,7 @@ bool SceneRenderer::drawSky(const QMatrix4x4& viewProjection)
     auto quad = passDeviceContext()->fullscreenQuad();
     if (!quad || !sky.bind())
         return false;
-    const SkyUniforms& at = *_d->skyUniforms;
+    const SkyUniforms& at = _d->skyUniforms;
     _d->environment->bind();
     sky.setUniform(at.inverseViewProjection, QVariant(viewProjection.inverted()));
     sky.setUniform(at.environment, _d->environment->unit());
@@ -360,7 +344,7 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
         types << GLint(light->type() == ShadowMapLight::Directional ? 2 : light->type() == ShadowMapLight::Spot ? 1 : 0);
         ranges << (punctual ? punctual->range : 0.0f);
     }
-    const SceneUniforms& at = *_d->sceneUniforms;
+    const SceneUniforms& at = _d->sceneUniforms;
     scene.setUniform(at.lightCount, int(types.size()));
     if (!types.isEmpty()) {
         glUniform1iv(at.lightType, GLsizei(types.size()), types.constData());
@@ -420,8 +404,12 @@ QImage SceneRenderer::renderToImage(GPUModel& model, const Camera& camera, const
     }
     {
         AutoBinder bound(_d->drawTarget.get());
+        if (!bound.isBound()) {
+            fail(QStringLiteral("Cannot bind the render target"));
+            return QImage();
+        }
         glViewport(0, 0, size.width(), size.height());
-        if (!bound.isBound() || !render(model, camera, size))
+        if (!render(model, camera, size))
             return QImage();
     }
     GLuint readFrom = _d->drawTarget->getFBO();
