@@ -36,6 +36,7 @@
 #include "gl/drawing/opengldevicecontext.h"
 #include "gl/drawing/plane.h"
 #include "gl/platform/rangedvalue.h"
+#include "gl/platform/renderstateguard.h"
 #include "gl/textures/samplertexturemanager.h"
 #include "gl/shaders/shadercachemanager.h"
 #include "gl/shaders/shaderprogram.h"

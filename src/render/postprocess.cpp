@@ -4,6 +4,7 @@
 #include "gl/glloader.h"
 #include "gl/objects/internal/texturesetup.h"
 #include "gl/objects/texture.h"
+#include "gl/shaders/glslmacroprocessor.h"
 #include "gl/shaders/shaderprogram.h"
 #include "gl/textureio/textureutilities.h"
 #include "render/internal/smaalookup.h"
@@ -14,55 +15,20 @@ namespace Tavren::Vyx {
 
 namespace {
 
-const char* const kCopySource = R"(#version 150
-uniform sampler2D u_Src;
-out vec4 out_FragColor;
-void main() { out_FragColor = texelFetch(u_Src, ivec2(gl_FragCoord.xy), 0); }
-)";
-
-const char* const kFxaaSource = R"(#version 150
-#include "FXAA.glslh"
-uniform sampler2D u_Src;
-in vec2 vo_TexCoord;
-out vec4 out_FragColor;
-void main()
-{
-    out_FragColor = FxaaPixelShader(vo_TexCoord, u_Src, 1.0 / vec2(textureSize(u_Src, 0)), 0.75, 0.166, 0.0833);
-}
-)";
-
-// %1: the edge detection function.
-const char* const kSmaaEdgeSource = R"(#version 150
-#include "SMAA.glslh"
-uniform sampler2D u_Src;
-out vec4 out_FragColor;
-void main() { out_FragColor = vec4(%1(ivec2(gl_FragCoord.xy), u_Src), 0.0, 0.0); }
-)";
-
-const char* const kSmaaWeightSource = R"(#version 150
-#include "SMAA.glslh"
-uniform sampler2D u_Src;
-uniform sampler2D u_Area;
-uniform sampler2D u_Search;
-out vec4 out_FragColor;
-void main() { out_FragColor = SMAABlendingWeightCalculation(ivec2(gl_FragCoord.xy), u_Src, u_Area, u_Search); }
-)";
-
-const char* const kSmaaBlendSource = R"(#version 150
-#include "SMAA.glslh"
-uniform sampler2D u_Src;
-uniform sampler2D u_Blend;
-out vec4 out_FragColor;
-void main() { out_FragColor = SMAANeighborhoodBlending(ivec2(gl_FragCoord.xy), u_Src, u_Blend); }
-)";
-
-std::unique_ptr<ShaderProgram> buildProgram(const QString& fragment, const char* library)
+// `edgeDetection` names the SMAA edge function for the edge pass, null for the others.
+std::unique_ptr<ShaderProgram> buildProgram(const char* fragment, const char* library,
+                                            const char* edgeDetection = nullptr)
 {
     auto program = std::make_unique<ShaderProgram>();
+    GLSLMacroProcessor macros;
+    if (edgeDetection)
+        macros.addDefine(QStringLiteral("SMAA_EDGE_DETECTION"), QString::fromLatin1(edgeDetection));
+    program->setMacroProcessor(&macros);
     program->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("passthroughVS.glslc"));
-    program->addShader(GL_FRAGMENT_SHADER, fragment);
+    program->addShaderFromFile(GL_FRAGMENT_SHADER, QString::fromLatin1(fragment));
     if (library)
         program->addShaderFromFile(GL_FRAGMENT_SHADER, QString::fromLatin1(library));
+    program->setMacroProcessor(nullptr);
     program->setFragDataLocations({QStringLiteral("out_FragColor")});
     VYX_CHECK_RETURN(program->compile() && program->link(), nullptr, "Anti-aliasing program failed to build:\n%s",
                      qPrintable(program->log()));
@@ -144,12 +110,12 @@ ShaderProgram* PostProcess::program(Mode mode, int pass)
     std::unique_ptr<ShaderProgram>& slot = _resources->programs[index];
     if (!slot) {
         switch (index) {
-        case 0: slot = buildProgram(QString::fromLatin1(kCopySource), nullptr); break;
-        case 1: slot = buildProgram(QString::fromLatin1(kFxaaSource), "FXAA.glslc"); break;
-        case 2: slot = buildProgram(QString::fromLatin1(kSmaaEdgeSource).arg("SMAALumaEdgeDetection"), nullptr); break;
-        case 3: slot = buildProgram(QString::fromLatin1(kSmaaEdgeSource).arg("SMAAColorEdgeDetection"), nullptr); break;
-        case 4: slot = buildProgram(QString::fromLatin1(kSmaaWeightSource), nullptr); break;
-        default: slot = buildProgram(QString::fromLatin1(kSmaaBlendSource), nullptr); break;
+        case 0: slot = buildProgram("PostProcess_Copy.frag", nullptr); break;
+        case 1: slot = buildProgram("PostProcess_FXAA.frag", "FXAA.glslc"); break;
+        case 2: slot = buildProgram("PostProcess_SMAAEdges.frag", nullptr, "SMAALumaEdgeDetection"); break;
+        case 3: slot = buildProgram("PostProcess_SMAAEdges.frag", nullptr, "SMAAColorEdgeDetection"); break;
+        case 4: slot = buildProgram("PostProcess_SMAAWeights.frag", nullptr); break;
+        default: slot = buildProgram("PostProcess_SMAABlend.frag", nullptr); break;
         }
     }
     return slot.get();

@@ -8,9 +8,12 @@
 #include "gl/glloader.h"
 #include "gl/instancedata/instancedataplan.h"
 #include "gl/model/gpumodel.h"
+#include "gl/objects/framebufferobject.h"
 #include "gl/objects/internal/texturesetup.h"
 #include "gl/objects/texture.h"
 #include "gl/objects/vertexarrayobject.h"
+#include "gl/platform/bindable.h"
+#include "gl/platform/renderstateguard.h"
 #include "gl/shaders/glslmacroprocessor.h"
 #include "gl/shaders/shaderprogram.h"
 #include "gl/shadows/shadowmapmanager.h"
@@ -24,6 +27,7 @@
 #include <QVariantList>
 #include <QtMath>
 
+#include <algorithm>
 #include <cmath>
 
 namespace Tavren::Vyx {
@@ -36,45 +40,31 @@ constexpr int kPrefilteredSize = 128;
 constexpr int kPrefilteredLevels = 6;
 constexpr int kBRDFTableSize = 64;
 
-// Owns one framebuffer and its renderbuffers.
-struct RenderTarget
+// A framebuffer with a colour and, for drawing, a depth renderbuffer, multisampled when asked.
+std::unique_ptr<FramebufferObject> makeTarget(const QSize& size, int samples, bool depth)
 {
-    GLuint framebuffer = 0;
-    GLuint renderbuffers[2] = {};
-    QSize size;
-    int samples = 0;
+    auto target = std::make_unique<FramebufferObject>();
+    AutoBinder bound(target.get());
+    const bool made = bound.isBound() &&
+                      target->createRenderbuffer(GL_COLOR_ATTACHMENT0, GL_RGBA8, size.width(), size.height(), samples) &&
+                      (!depth || target->createRenderbuffer(GL_DEPTH_ATTACHMENT, GL_DEPTH_COMPONENT24, size.width(),
+                                                            size.height(), samples)) &&
+                      target->isComplete();
+    return made ? std::move(target) : nullptr;
+}
 
-    ~RenderTarget() { release(); }
-    void release()
-    {
-        if (framebuffer)
-            glDeleteFramebuffers(1, &framebuffer);
-        glDeleteRenderbuffers(2, renderbuffers);
-        framebuffer = 0;
-        renderbuffers[0] = renderbuffers[1] = 0;
+// The model's lights the renderer takes, in the model's order; entries that are no
+// ShadowMapLight stay as nulls for the shadow code to report.
+QVector<const ShadowMapLight*> modelLights(const GPUModel& model)
+{
+    QVector<const ShadowMapLight*> lights;
+    for (int i = 0; i < std::min(model.lightCount(), SceneRenderer::kMaxLights); ++i) {
+        QVariant light;
+        model.getLight(i, light);
+        lights.append(qobject_cast<const ShadowMapLight*>(light.value<QObject*>()));
     }
-    bool make(const QSize& wanted, int wantedSamples, bool depth)
-    {
-        if (framebuffer && size == wanted && samples == wantedSamples)
-            return true;
-        release();
-        size = wanted;
-        samples = wantedSamples;
-        glGenFramebuffers(1, &framebuffer);
-        glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
-        glGenRenderbuffers(depth ? 2 : 1, renderbuffers);
-        const GLenum formats[] = {GL_RGBA8, GL_DEPTH_COMPONENT24};
-        const GLenum attachments[] = {GL_COLOR_ATTACHMENT0, GL_DEPTH_ATTACHMENT};
-        for (int i = 0; i < (depth ? 2 : 1); ++i) {
-            glBindRenderbuffer(GL_RENDERBUFFER, renderbuffers[i]);
-            glRenderbufferStorageMultisample(GL_RENDERBUFFER, samples > 1 ? samples : 0, formats[i], size.width(),
-                                             size.height());
-            glFramebufferRenderbuffer(GL_FRAMEBUFFER, attachments[i], GL_RENDERBUFFER, renderbuffers[i]);
-        }
-        glBindRenderbuffer(GL_RENDERBUFFER, 0);
-        return glCheckFramebufferStatus(GL_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE;
-    }
-};
+    return lights;
+}
 
 // Linear sky radiance (Y up) for the procedural environment.
 QVector3D skyRadiance(const QVector3D& d, const QVector3D& sun)
@@ -99,12 +89,24 @@ float toSRGB(float linear)
     return linear <= 0.0031308f ? linear * 12.92f : 1.055f * std::pow(linear, 1.0f / 2.4f) - 0.055f;
 }
 
-void setVectors(ShaderProgram& program, const char* name, const QVector<QVector3D>& values)
+void setVectors(GLint location, const QVector<QVector3D>& values)
 {
-    const GLint location = glGetUniformLocation(program.shaderProgramID(), name);
     if (location >= 0 && !values.isEmpty())
         glUniform3fv(location, GLsizei(values.size()), reinterpret_cast<const GLfloat*>(values.constData()));
 }
+
+// Uniform locations of the shading and sky programs, looked up once when they link.
+struct SceneUniforms
+{
+    GLint lightCount, lightType, lightRange, lightCone, lightColor, lightPosition, lightDirection, irradianceSH;
+    GLint viewProjection, cameraPosition, exposure, environmentIntensity, prefilteredLevels, prefilteredMap;
+    GLint brdfTable, shadowsEnabled, shadowMapDepthSampler;
+};
+
+struct SkyUniforms
+{
+    GLint inverseViewProjection, environment, environmentIntensity, exposure;
+};
 
 } // namespace
 
@@ -113,11 +115,17 @@ struct SceneRenderer::Private
     TextureManager* manager = nullptr;
     GLSLMacroProcessor macros;
     std::unique_ptr<ShaderProgram> sceneProgram, skyProgram;
+    SceneUniforms sceneUniforms = {};
+    SkyUniforms skyUniforms = {};
     std::unique_ptr<ShadowMapRenderer> shadowRenderer;
     ShadowMapRenderData shadowData;
     std::unique_ptr<Texture> environment, prefiltered, brdfTable;
     Utils::IrradianceSH sh;
-    RenderTarget drawTarget, resolveTarget;
+    std::unique_ptr<FramebufferObject> drawTarget, resolveTarget;
+    QSize targetSize;
+    int targetSamples = 0;
+    // Units of the texture-image stage, for parking the unused shadow sampler on the last one.
+    GLint textureUnits = 16;
 };
 
 SceneRenderer::SceneRenderer(TextureManager* manager)
@@ -135,15 +143,17 @@ bool SceneRenderer::fail(const QString& message)
     return false;
 }
 
-bool SceneRenderer::setEnvironmentCubemap(Texture* cubemap)
+bool SceneRenderer::setEnvironmentCubemap(std::unique_ptr<Texture> cubemap)
 {
-    _d->environment.reset(cubemap);
-    if (!cubemap)
+    _d->environment = std::move(cubemap);
+    Texture* environment = _d->environment.get();
+    if (!environment)
         return fail(QStringLiteral("No environment cube map"));
-    _d->prefiltered.reset(Utils::createPrefilteredEnvMapFromGLCubemap(cubemap, kPrefilteredSize, kPrefilteredLevels));
+    _d->prefiltered.reset(
+        Utils::createPrefilteredEnvMapFromGLCubemap(environment, kPrefilteredSize, kPrefilteredLevels));
     if (!_d->brdfTable)
         _d->brdfTable.reset(Utils::createPreintegratedBRDFTable(kBRDFTableSize, 256));
-    _d->sh = Utils::computeIrradianceSHFromGLCubemap(cubemap);
+    _d->sh = Utils::computeIrradianceSHFromGLCubemap(environment);
     if (!_d->prefiltered || !_d->brdfTable || !_d->sh.valid)
         return fail(QStringLiteral("The lighting maps of the environment could not be made"));
     return true;
@@ -159,7 +169,8 @@ bool SceneRenderer::setEnvironmentFile(const QString& path, Utils::OkuImageCubem
     if (type == Utils::SourceLatLong && !FlipY(raw))
         return fail(QStringLiteral("Cannot flip the environment '%1'").arg(path));
     source.reset(raw);
-    return setEnvironmentCubemap(Utils::createGLCubemapFromTexture(source.get(), type, 256, Utils::ColorSpaceLinear));
+    return setEnvironmentCubemap(
+        std::unique_ptr<Texture>(Utils::createGLCubemapFromTexture(source.get(), type, 256, Utils::ColorSpaceLinear)));
 }
 
 bool SceneRenderer::setProceduralSky(const QVector3D& sunDirection)
@@ -183,8 +194,8 @@ bool SceneRenderer::setProceduralSky(const QVector3D& sunDirection)
     std::unique_ptr<Texture> source(QImageToTexture(sky, false, info));
     if (!source)
         return fail(QStringLiteral("Cannot make the sky texture"));
-    return setEnvironmentCubemap(Utils::createGLCubemapFromTexture(source.get(), Utils::SourceLatLong, 128,
-                                                                  Utils::ColorSpaceLinear));
+    return setEnvironmentCubemap(std::unique_ptr<Texture>(
+        Utils::createGLCubemapFromTexture(source.get(), Utils::SourceLatLong, 128, Utils::ColorSpaceLinear)));
 }
 
 bool SceneRenderer::prepare()
@@ -222,6 +233,20 @@ bool SceneRenderer::prepare()
     sky.addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("SceneToneMap.glslc"));
     if (!sky.link())
         return fail(QStringLiteral("The sky program does not link: %1").arg(sky.log()));
+    const auto in = [](const ShaderProgram& program) {
+        return [&program](const char* name) { return GLint(program.getUniformLocation(QLatin1String(name))); };
+    };
+    const auto at = in(scene);
+    _d->sceneUniforms = {at("u_LightCount"),      at("u_LightType"),      at("u_LightRange"),
+                         at("u_LightCone"),       at("u_LightColor"),     at("u_LightPosition"),
+                         at("u_LightDirection"),  at("u_IrradianceSH"),   at("u_ViewProjection"),
+                         at("u_CameraPosition"),  at("u_Exposure"),       at("u_EnvironmentIntensity"),
+                         at("u_PrefilteredLevels"), at("u_PrefilteredMap"), at("u_BRDFTable"),
+                         at("u_ShadowsEnabled"),  at("u_ShadowMapDepthSampler")};
+    const auto skyAt = in(sky);
+    _d->skyUniforms = {skyAt("u_InverseViewProjection"), skyAt("u_Environment"), skyAt("u_EnvironmentIntensity"),
+                       skyAt("u_Exposure")};
+    glGetIntegerv(GL_MAX_TEXTURE_IMAGE_UNITS, &_d->textureUnits);
     _d->shadowRenderer = std::make_unique<ShadowMapRenderer>();
     _d->shadowRenderer->setBlurRadius(1);
     return true;
@@ -229,15 +254,10 @@ bool SceneRenderer::prepare()
 
 bool SceneRenderer::renderShadows(GPUModel& model, const Camera& camera, const QSize& size)
 {
-    QVariantList lights;
-    bool anyCaster = false;
-    for (int i = 0; i < std::min(model.lightCount(), kMaxLights); ++i) {
-        QVariant light;
-        model.getLight(i, light);
-        lights.append(light);
-        auto* shadowLight = qobject_cast<ShadowMapLight*>(light.value<QObject*>());
-        anyCaster = anyCaster || (shadowLight && shadowLight->shadowCaster() && shadowLight->on());
-    }
+    const QVector<const ShadowMapLight*> lights = modelLights(model);
+    const bool anyCaster = std::any_of(lights.begin(), lights.end(), [](const ShadowMapLight* light) {
+        return light && light->shadowCaster() && light->on();
+    });
     if (!_shadows || !anyCaster)
         return true;
     QPair<QVector3D, QVector3D> bounds;
@@ -257,11 +277,12 @@ bool SceneRenderer::drawSky(const QMatrix4x4& viewProjection)
     auto quad = passDeviceContext()->fullscreenQuad();
     if (!quad || !sky.bind())
         return false;
+    const SkyUniforms& at = _d->skyUniforms;
     _d->environment->bind();
-    sky.setUniform(QStringLiteral("u_InverseViewProjection"), QVariant(viewProjection.inverted()));
-    sky.setUniform(QStringLiteral("u_Environment"), QVariant(_d->environment->unit()));
-    sky.setUniform(QStringLiteral("u_EnvironmentIntensity"), QVariant(_environmentIntensity));
-    sky.setUniform(QStringLiteral("u_Exposure"), QVariant(std::exp2(_exposure)));
+    sky.setUniform(at.inverseViewProjection, QVariant(viewProjection.inverted()));
+    sky.setUniform(at.environment, _d->environment->unit());
+    sky.setUniform(at.environmentIntensity, QVariant(_environmentIntensity));
+    sky.setUniform(at.exposure, QVariant(std::exp2(_exposure)));
     glDepthMask(GL_FALSE);
     bool drawn = quad->bind() && quad->VAO()->enableShaderProgramArrays(&sky) && quad->draw(&sky);
     quad->unbind();
@@ -274,10 +295,9 @@ bool SceneRenderer::drawSky(const QMatrix4x4& viewProjection)
 bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& size)
 {
     _error.clear();
-    // Environment set-up and shadow passes use their own targets: come back to the caller's.
-    GLint framebuffer = 0, viewport[4] = {};
-    glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &framebuffer);
-    glGetIntegerv(GL_VIEWPORT, viewport);
+    // Environment set-up and shadow passes use targets of their own; the caller's come back
+    // before the scene is drawn, and all of its state once the frame is done.
+    const RenderStateGuard callerState;
     if (!prepare())
         return false;
     if (!_d->environment && !setProceduralSky(QVector3D(0.4f, 0.8f, 0.3f)))
@@ -291,12 +311,12 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
     const QMatrix4x4 view = camera.viewMatrix();
     const QMatrix4x4 viewProjection = camera.projectionMatrix(float(size.width()) / size.height()) * view;
     model.frustumCull(viewProjection);
-    glBindFramebuffer(GL_FRAMEBUFFER, GLuint(framebuffer));
-    glViewport(viewport[0], viewport[1], viewport[2], viewport[3]);
+    callerState.restore();
     glClearColor(0, 0, 0, 1);
     glClearDepth(1);
     glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
     glDisable(GL_BLEND);
+    glDisable(GL_CULL_FACE);
     glDisable(GL_DEPTH_TEST);
     if (!drawSky(viewProjection))
         return fail(QStringLiteral("The sky could not be drawn"));
@@ -306,16 +326,13 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
     ShaderProgram& scene = *_d->sceneProgram;
     if (!scene.bind())
         return fail(QStringLiteral("The shading program could not be bound"));
-    QVector<QVector3D> colours, positions, directions, cones;
+    QVector<QVector3D> colours, positions, directions;
     QVector<GLint> types;
-    QVector<GLfloat> ranges;
-    for (int i = 0; i < std::min(model.lightCount(), kMaxLights); ++i) {
-        QVariant value;
-        model.getLight(i, value);
-        auto* light = qobject_cast<ShadowMapLight*>(value.value<QObject*>());
+    QVector<GLfloat> ranges, cones;
+    for (const ShadowMapLight* light : modelLights(model)) {
         if (!light)
             continue;
-        auto* punctual = qobject_cast<PunctualLight*>(light);
+        auto* punctual = qobject_cast<const PunctualLight*>(light);
         const QMatrix4x4& m = light->transform();
         const QVector3D along = m.mapVector(QVector3D(0, 0, light->type() == ShadowMapLight::Directional ? 1 : -1));
         colours << (light->on() ? (punctual ? punctual->color * punctual->intensity : QVector3D(1, 1, 1)) : QVector3D());
@@ -323,49 +340,43 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
         directions << along.normalized();
         const float outer = light->spotCutoff() > 0 ? light->spotCutoff() : float(M_PI);
         const float inner = punctual ? std::min(punctual->innerConeAngle, outer * 0.999f) : outer * 0.8f;
-        cones << QVector3D(std::cos(inner), std::cos(outer), 0);
+        cones << std::cos(inner) << std::cos(outer);
         types << GLint(light->type() == ShadowMapLight::Directional ? 2 : light->type() == ShadowMapLight::Spot ? 1 : 0);
         ranges << (punctual ? punctual->range : 0.0f);
     }
-    const GLuint id = scene.shaderProgramID();
-    glUniform1i(glGetUniformLocation(id, "u_LightCount"), GLint(types.size()));
+    const SceneUniforms& at = _d->sceneUniforms;
+    scene.setUniform(at.lightCount, int(types.size()));
     if (!types.isEmpty()) {
-        glUniform1iv(glGetUniformLocation(id, "u_LightType"), GLsizei(types.size()), types.constData());
-        glUniform1fv(glGetUniformLocation(id, "u_LightRange"), GLsizei(ranges.size()), ranges.constData());
-        QVector<GLfloat> cone2;
-        for (const QVector3D& c : qAsConst(cones))
-            cone2 << c.x() << c.y();
-        glUniform2fv(glGetUniformLocation(id, "u_LightCone"), GLsizei(cones.size()), cone2.constData());
+        glUniform1iv(at.lightType, GLsizei(types.size()), types.constData());
+        scene.setUniform(at.lightRange, ranges);
+        glUniform2fv(at.lightCone, GLsizei(types.size()), cones.constData());
     }
-    setVectors(scene, "u_LightColor", colours);
-    setVectors(scene, "u_LightPosition", positions);
-    setVectors(scene, "u_LightDirection", directions);
-    setVectors(scene, "u_IrradianceSH", QVector<QVector3D>(std::begin(_d->sh.coefficients), std::end(_d->sh.coefficients)));
-    scene.setUniform(QStringLiteral("u_ViewProjection"), QVariant(viewProjection));
-    scene.setUniform(QStringLiteral("u_CameraPosition"), QVariant(camera.worldMatrix().column(3).toVector3D()));
-    scene.setUniform(QStringLiteral("u_Exposure"), QVariant(std::exp2(_exposure)));
-    scene.setUniform(QStringLiteral("u_EnvironmentIntensity"), QVariant(_environmentIntensity));
-    scene.setUniform(QStringLiteral("u_PrefilteredLevels"), QVariant(float(kPrefilteredLevels)));
+    setVectors(at.lightColor, colours);
+    setVectors(at.lightPosition, positions);
+    setVectors(at.lightDirection, directions);
+    setVectors(at.irradianceSH, QVector<QVector3D>(std::begin(_d->sh.coefficients), std::end(_d->sh.coefficients)));
+    scene.setUniform(at.viewProjection, QVariant(viewProjection));
+    scene.setUniform(at.cameraPosition, QVariant(camera.worldMatrix().column(3).toVector3D()));
+    scene.setUniform(at.exposure, QVariant(std::exp2(_exposure)));
+    scene.setUniform(at.environmentIntensity, QVariant(_environmentIntensity));
+    scene.setUniform(at.prefilteredLevels, QVariant(float(kPrefilteredLevels)));
     // The 2D table first: texture-manager slots that are not in use point at the lowest unit,
     // which must then hold no other sampler type.
     _d->brdfTable->bind();
     _d->prefiltered->bind();
-    scene.setUniform(QStringLiteral("u_PrefilteredMap"), QVariant(_d->prefiltered->unit()));
-    scene.setUniform(QStringLiteral("u_BRDFTable"), QVariant(_d->brdfTable->unit()));
+    scene.setUniform(at.prefilteredMap, _d->prefiltered->unit());
+    scene.setUniform(at.brdfTable, _d->brdfTable->unit());
     const bool shadowed = _shadows && _d->shadowData.projectionTexture() && _d->shadowData.projectorCount() > 0;
-    scene.setUniform(QStringLiteral("u_ShadowsEnabled"), QVariant(int(shadowed)));
-    const QVariant shadowData = QVariant::fromValue<QObject*>(&_d->shadowData);
+    scene.setUniform(at.shadowsEnabled, int(shadowed));
     if (shadowed) {
-        ShadowMapManager::bind(&scene, shadowData);
+        ShadowMapManager::bind(&scene, _d->shadowData);
     } else {
         // The unused shadow sampler must not share a unit with a sampler of another type.
-        GLint units = 16;
-        glGetIntegerv(GL_MAX_TEXTURE_IMAGE_UNITS, &units);
-        scene.setUniform(QStringLiteral("u_ShadowMapDepthSampler"), QVariant(int(units - 1)));
+        scene.setUniform(at.shadowMapDepthSampler, int(_d->textureUnits - 1));
     }
     const bool drawn = model.draw(&scene, _d->manager, 0, 0, GPUModel::eWindingNoCulling, &view, true);
     if (shadowed)
-        ShadowMapManager::unbind(&scene, shadowData);
+        ShadowMapManager::unbind(&scene, _d->shadowData);
     _d->brdfTable->unbind();
     _d->prefiltered->unbind();
     scene.unbind();
@@ -378,38 +389,44 @@ QImage SceneRenderer::renderToImage(GPUModel& model, const Camera& camera, const
         fail(QStringLiteral("Image size %1x%2 is out of range").arg(size.width()).arg(size.height()));
         return QImage();
     }
-    GLint previous = 0, viewport[4] = {};
-    glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &previous);
-    glGetIntegerv(GL_VIEWPORT, viewport);
+    const RenderStateGuard callerState;
     const int samples = std::max(_samples, 1);
-    bool ok = _d->drawTarget.make(size, samples, true) && (samples == 1 || _d->resolveTarget.make(size, 1, false));
-    QImage image;
-    if (!ok) {
-        fail(QStringLiteral("Cannot make a %1x%2 render target").arg(size.width()).arg(size.height()));
-    } else {
-            glBindFramebuffer(GL_FRAMEBUFFER, _d->drawTarget.framebuffer);
-        glViewport(0, 0, size.width(), size.height());
-        if (render(model, camera, size)) {
-            GLuint readFrom = _d->drawTarget.framebuffer;
-            if (samples > 1) {
-                glBindFramebuffer(GL_READ_FRAMEBUFFER, _d->drawTarget.framebuffer);
-                glBindFramebuffer(GL_DRAW_FRAMEBUFFER, _d->resolveTarget.framebuffer);
-                glBlitFramebuffer(0, 0, size.width(), size.height(), 0, 0, size.width(), size.height(),
-                                  GL_COLOR_BUFFER_BIT, GL_NEAREST);
-                readFrom = _d->resolveTarget.framebuffer;
-            }
-            glBindFramebuffer(GL_FRAMEBUFFER, readFrom);
-            image = QImage(size, QImage::Format_RGBA8888);
-            {
-                PixelStoreGuard alignment(GL_PACK_ALIGNMENT, 4);
-                glReadPixels(0, 0, size.width(), size.height(), GL_RGBA, GL_UNSIGNED_BYTE, image.bits());
-            }
-            image = image.mirrored(); // GL's first row is the bottom one
-        }
+    if (!_d->drawTarget || _d->targetSize != size || _d->targetSamples != samples) {
+        _d->drawTarget = makeTarget(size, samples, true);
+        _d->resolveTarget = samples > 1 ? makeTarget(size, 1, false) : nullptr;
+        _d->targetSize = size;
+        _d->targetSamples = samples;
     }
-    glBindFramebuffer(GL_FRAMEBUFFER, GLuint(previous));
-    glViewport(viewport[0], viewport[1], viewport[2], viewport[3]);
-    return image;
+    if (!_d->drawTarget || (samples > 1 && !_d->resolveTarget)) {
+        _d->drawTarget.reset();
+        fail(QStringLiteral("Cannot make a %1x%2 render target").arg(size.width()).arg(size.height()));
+        return QImage();
+    }
+    {
+        AutoBinder bound(_d->drawTarget.get());
+        if (!bound.isBound()) {
+            fail(QStringLiteral("Cannot bind the render target"));
+            return QImage();
+        }
+        glViewport(0, 0, size.width(), size.height());
+        if (!render(model, camera, size))
+            return QImage();
+    }
+    GLuint readFrom = _d->drawTarget->getFBO();
+    if (samples > 1) {
+        glBindFramebuffer(GL_READ_FRAMEBUFFER, readFrom);
+        glBindFramebuffer(GL_DRAW_FRAMEBUFFER, _d->resolveTarget->getFBO());
+        glBlitFramebuffer(0, 0, size.width(), size.height(), 0, 0, size.width(), size.height(), GL_COLOR_BUFFER_BIT,
+                          GL_NEAREST);
+        readFrom = _d->resolveTarget->getFBO();
+    }
+    glBindFramebuffer(GL_READ_FRAMEBUFFER, readFrom);
+    QImage image(size, QImage::Format_RGBA8888);
+    {
+        PixelStoreGuard alignment(GL_PACK_ALIGNMENT, 4);
+        glReadPixels(0, 0, size.width(), size.height(), GL_RGBA, GL_UNSIGNED_BYTE, image.bits());
+    }
+    return image.mirrored(); // GL's first row is the bottom one
 }
 
 } // namespace Tavren::Vyx

@@ -34,7 +34,7 @@ public:
     SceneRenderer& operator=(const SceneRenderer&) = delete;
 
     // Takes the cube map and derives the lighting maps from it.
-    bool setEnvironmentCubemap(Texture* cubemap);
+    bool setEnvironmentCubemap(std::unique_ptr<Texture> cubemap);
     // A 2D environment picture (lat-long, cross or sphere) of any format the loaders read.
     bool setEnvironmentFile(const QString& path, OkuImageCubemapUtils::OkuImageCubemapSourceType type);
     // A clear daytime sky lit from towards `sun` (a direction towards the sun, Y up).
@@ -48,7 +48,9 @@ public:
     // Samples of the image renderToImage() draws (1 = no multisampling).
     void setSamples(int samples) { _samples = samples; }
 
-    // Draws into the framebuffer bound now, whose size the viewport must already have.
+    // Draws into the framebuffer bound now, whose size the viewport must already have. The
+    // framebuffers, viewport, blend, depth, culling and clear state are as the caller left them
+    // afterwards (see RenderStateGuard); the bound program and textures are unbound.
     bool render(GPUModel& model, const Camera& camera, const QSize& size);
     // Draws into the renderer's own target and reads it back; null on failure.
     QImage renderToImage(GPUModel& model, const Camera& camera, const QSize& size);

@@ -9,6 +9,7 @@
 #include "gl/objects/framebufferobject.h"
 #include "gl/objects/texture.h"
 #include "gl/platform/bindable.h"
+#include "gl/platform/renderstateguard.h"
 #include "gl/shaders/glslmacroprocessor.h"
 #include "gl/shaders/shaderprogram.h"
 #include "gl/shadows/shadowmapmanager.h"
@@ -20,63 +21,9 @@ namespace Tavren::Vyx {
 
 namespace {
 
-const char* const kMomentsVertex = R"(#version 150
-uniform mat4 u_ShadowMapProjector;
-uniform mat4 u_ModelMatrix;
-in vec4 va_Vertex;
-void main() { gl_Position = u_ShadowMapProjector * (u_ModelMatrix * va_Vertex); }
-)";
-
-// A model's commands find their world matrix in their object data, by draw ID.
-const char* const kModelMomentsVertex = R"(#version 150
-#include "VyxUtilities.glslh"
-#instancedata "%1"
-uniform mat4 u_ShadowMapProjector;
-in vec4 va_Vertex;
-void main() { gl_Position = u_ShadowMapProjector * (getModelMatrix() * va_Vertex); }
-)";
-
-// Depth in the projector's normalised range, as the lookup computes it. The derivative term keeps
-// surfaces that slope away from the light from shadowing themselves; the constant keeps the
-// variance the lookup derives (second moment minus the squared first, in single precision)
-// above its rounding noise, which would otherwise speckle lit surfaces with shadow.
-const char* const kMomentsFragment = R"(#version 150
-out vec4 o_Moments;
-void main() {
-    float depth = gl_FragCoord.z * 2.0 - 1.0;
-    float dx = dFdx(depth);
-    float dy = dFdy(depth);
-    o_Moments = vec4(depth, depth * depth + 0.25 * (dx * dx + dy * dy) + 1e-6, 0.0, 0.0);
-}
-)";
-
-// One triangle that covers the target, without vertex data.
-const char* const kFullscreenVertex = R"(#version 150
-void main() {
-    gl_Position = vec4(gl_VertexID == 1 ? 3.0 : -1.0, gl_VertexID == 2 ? 3.0 : -1.0, 0.0, 1.0);
-}
-)";
-
 constexpr int kMaxBlurRadius = 16;
 
 // Weights of taps 0..radius, so that the 2 * radius + 1 taps sum to one.
-const char* const kBlurFragment = R"(#version 150
-uniform sampler2DArray u_Source;
-uniform int u_Layer;
-uniform ivec2 u_Step;
-uniform int u_Radius;
-uniform float u_Weights[17];
-out vec4 o_Moments;
-void main() {
-    ivec2 last = textureSize(u_Source, 0).xy - 1;
-    ivec2 texel = ivec2(gl_FragCoord.xy);
-    vec2 sum = vec2(0.0);
-    for (int k = -u_Radius; k <= u_Radius; ++k)
-        sum += u_Weights[abs(k)] * texelFetch(u_Source, ivec3(clamp(texel + k * u_Step, ivec2(0), last), u_Layer), 0).rg;
-    o_Moments = vec4(sum, 0.0, 0.0);
-}
-)";
-
 QVector<float> gaussianWeights(int radius)
 {
     const float sigma = std::max(radius * 0.5f, 0.5f);
@@ -97,11 +44,11 @@ std::unique_ptr<ShaderProgram> linked(std::unique_ptr<ShaderProgram> program)
     return program;
 }
 
-std::unique_ptr<ShaderProgram> linked(const char* vertex, const char* fragment)
+std::unique_ptr<ShaderProgram> linked(const char* vertexFile, const char* fragmentFile)
 {
     auto program = std::make_unique<ShaderProgram>();
-    program->addShader(GL_VERTEX_SHADER, QString::fromLatin1(vertex));
-    program->addShader(GL_FRAGMENT_SHADER, QString::fromLatin1(fragment));
+    program->addShaderFromFile(GL_VERTEX_SHADER, QString::fromLatin1(vertexFile));
+    program->addShaderFromFile(GL_FRAGMENT_SHADER, QString::fromLatin1(fragmentFile));
     return linked(std::move(program));
 }
 
@@ -111,29 +58,6 @@ std::unique_ptr<Texture> momentsArray(int size, int layers)
     texture->create3D(GL_TEXTURE_2D_ARRAY, GL_RG32F, size, size, layers);
     return texture;
 }
-
-// State the renderer changes and puts back.
-struct SavedState
-{
-    SavedState()
-    {
-        glGetIntegerv(GL_FRAMEBUFFER_BINDING, &framebuffer);
-        glGetIntegerv(GL_VIEWPORT, viewport);
-        glGetFloatv(GL_COLOR_CLEAR_VALUE, clearColour);
-    }
-    ~SavedState()
-    {
-        glBindFramebuffer(GL_FRAMEBUFFER, GLuint(framebuffer));
-        glViewport(viewport[0], viewport[1], viewport[2], viewport[3]);
-        glClearColor(clearColour[0], clearColour[1], clearColour[2], clearColour[3]);
-    }
-    GLint framebuffer = 0;
-    GLint viewport[4] = {};
-    GLfloat clearColour[4] = {};
-    AutoEnabler depthTest{GL_DEPTH_TEST};
-    AutoDisabler blend{GL_BLEND};
-    AutoDisabler cullFace{GL_CULL_FACE};
-};
 
 } // namespace
 
@@ -154,8 +78,8 @@ bool ShadowMapRenderer::prepare(int size, int layers)
 {
     VYX_CHECK_RETURN(size > 0 && size <= 16384, false, "Shadow map size %d outside 1 to 16384", size);
     if (!_momentsProgram) {
-        _momentsProgram = linked(kMomentsVertex, kMomentsFragment);
-        _blurProgram = linked(kFullscreenVertex, kBlurFragment);
+        _momentsProgram = linked("ShadowMap_Moments.vert", "ShadowMap_Moments.frag");
+        _blurProgram = linked("ShadowMap_Fullscreen.vert", "ShadowMap_Blur.frag");
         _framebuffer = std::make_unique<FramebufferObject>();
         glGenVertexArrays(1, &_emptyVertexArray);
     }
@@ -231,13 +155,14 @@ ShaderProgram* ShadowMapRenderer::modelProgram(const GPUModel& model, quint64 fl
         return _modelProgram.get();
     GLSLMacroProcessor macros;
     DrawBuffers::setup(&macros);
+    macros.addMacro(QStringLiteral("SHADOW_MAP_OBJECT_DATA"), QStringLiteral("#instancedata \"%1\"").arg(plan->name()));
     auto program = std::make_unique<ShaderProgram>();
     program->setMacroProcessor(&macros);
-    program->addShader(GL_VERTEX_SHADER, QString::fromLatin1(kModelMomentsVertex).arg(plan->name()));
+    program->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("ShadowMap_ModelMoments.vert"));
     program->addShader(GL_VERTEX_SHADER, plan->glslc());
     program->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("VyxUtilities.vert"));
     program->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("VyxUtilities.glslc"));
-    program->addShader(GL_FRAGMENT_SHADER, QString::fromLatin1(kMomentsFragment));
+    program->addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("ShadowMap_Moments.frag"));
     program->setMacroProcessor(nullptr);
     _modelProgram = linked(std::move(program));
     _modelProgramKey = _modelProgram ? key : QString();
@@ -248,7 +173,10 @@ bool ShadowMapRenderer::renderLayers(ShadowMapRenderData& data, ShaderProgram& p
 {
     const int size = data.shadowMapSize();
     data.setProjectionTexture(_moments.get());
-    SavedState saved;
+    RenderStateGuard saved;
+    glEnable(GL_DEPTH_TEST);
+    glDisable(GL_BLEND);
+    glDisable(GL_CULL_FACE);
     if (!_framebuffer->bind())
         return false;
     bool complete = _framebuffer->attach(_depth.get(), GL_DEPTH_ATTACHMENT, 0);

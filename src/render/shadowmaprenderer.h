@@ -42,9 +42,8 @@ public:
     int blurRadius() const { return _blurRadius; }
 
     // Renders data.projectorCount() layers of data.shadowMapSize() squared texels into the
-    // renderer's own texture, which it makes the data's projection texture. Restores the bound
-    // framebuffer, viewport, clear colour and depth-test, blend and face-culling states; leaves
-    // the depth function LESS, depth writes on and the clear depth 1.
+    // renderer's own texture, which it makes the data's projection texture. Restores what
+    // RenderStateGuard records (framebuffers, viewport, blend, depth and culling state, clear values).
     bool render(ShadowMapRenderData& data, const DrawFunction& draw);
     // The same for the model's drawables whose flags match (flags & mask), say mask
     // GPUModel::kSortBackToFrontFlag to leave out the transparent ones. Hidden drawables and

@@ -157,3 +157,41 @@ TEST_F(FramebufferObjectTest, MisuseIsRefusedAndNamesAreNotLeaked)
     EXPECT_TRUE(glIsFramebuffer(adoptedName));
     glDeleteFramebuffers(1, &adoptedName);
 }
+
+TEST_F(FramebufferObjectTest, RenderbuffersAreMultisampledOwnedAndChecked)
+{
+    GLuint colourName = 0;
+    {
+        FramebufferObject fbo;
+        ASSERT_TRUE(fbo.bind());
+        ASSERT_TRUE(fbo.createRenderbuffer(GL_COLOR_ATTACHMENT0, GL_RGBA8, 8, 4, 4));
+        ASSERT_TRUE(fbo.createRenderbuffer(GL_DEPTH_ATTACHMENT, GL_DEPTH_COMPONENT24, 8, 4, 4));
+        EXPECT_TRUE(fbo.isComplete());
+        EXPECT_EQ(fbo.drawBuffers(), QVector<unsigned int>{GL_COLOR_ATTACHMENT0});
+        EXPECT_EQ(attachmentParameter(GL_DEPTH_ATTACHMENT, GL_FRAMEBUFFER_ATTACHMENT_OBJECT_TYPE), GL_RENDERBUFFER);
+        colourName = GLuint(attachmentParameter(GL_COLOR_ATTACHMENT0, GL_FRAMEBUFFER_ATTACHMENT_OBJECT_NAME));
+        glBindRenderbuffer(GL_RENDERBUFFER, colourName);
+        GLint samples = 0, width = 0;
+        glGetRenderbufferParameteriv(GL_RENDERBUFFER, GL_RENDERBUFFER_SAMPLES, &samples);
+        glGetRenderbufferParameteriv(GL_RENDERBUFFER, GL_RENDERBUFFER_WIDTH, &width);
+        glBindRenderbuffer(GL_RENDERBUFFER, 0);
+        EXPECT_GE(samples, 4);
+        EXPECT_EQ(width, 8);
+
+        // Detaching deletes the renderbuffer; the point is free again.
+        const GLuint depthName = GLuint(attachmentParameter(GL_DEPTH_ATTACHMENT, GL_FRAMEBUFFER_ATTACHMENT_OBJECT_NAME));
+        EXPECT_EQ(fbo.detach(GL_DEPTH_ATTACHMENT), nullptr);
+        EXPECT_FALSE(glIsRenderbuffer(depthName));
+        EXPECT_FALSE(fbo.hasAttachment(GL_DEPTH_ATTACHMENT));
+
+        // Refused: an occupied point, an empty size, more samples than GL has.
+        EXPECT_FALSE(fbo.createRenderbuffer(GL_COLOR_ATTACHMENT0, GL_RGBA8, 8, 4));
+        EXPECT_FALSE(fbo.createRenderbuffer(GL_COLOR_ATTACHMENT1, GL_RGBA8, 0, 4));
+        EXPECT_FALSE(fbo.createRenderbuffer(GL_COLOR_ATTACHMENT1, GL_RGBA8, 8, 4, glInteger(GL_MAX_SAMPLES) + 1));
+        EXPECT_FALSE(fbo.hasAttachment(GL_COLOR_ATTACHMENT1));
+        EXPECT_EQ(capture.bodies(QtCriticalMsg).size(), 3);
+        EXPECT_TRUE(fbo.unbind());
+    }
+    EXPECT_FALSE(glIsRenderbuffer(colourName)) << "the framebuffer deletes what it made";
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}

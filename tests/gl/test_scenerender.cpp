@@ -5,6 +5,7 @@
 #include "render/demoscene.h"
 #include "render/gltfimporter.h"
 #include "render/scenerenderer.h"
+#include "support/glhelpers.h"
 #include "support/gltest.h"
 #include "support/testenvironment.h"
 
@@ -135,6 +136,63 @@ TEST_F(SceneRenderTest, DemoMatchesItsReferenceAndTheBoxShadowsTheGround)
     const QPoint shadowed = pixelOf(QVector3D(-4.35f, 0, -0.9f)), lit = pixelOf(QVector3D(0.5f, 0, 2.6f));
     ASSERT_TRUE(QRect(QPoint(), kSize).contains(shadowed) && QRect(QPoint(), kSize).contains(lit));
     EXPECT_LT(qGray(image.pixel(shadowed)) + 25, qGray(image.pixel(lit)));
+}
+
+// The state a host sets around a viewport draw, as one comparable record.
+struct CallerState
+{
+    static CallerState current()
+    {
+        CallerState s;
+        s.values = {VyxTest::glInteger(GL_DRAW_FRAMEBUFFER_BINDING), VyxTest::glInteger(GL_READ_FRAMEBUFFER_BINDING),
+                    VyxTest::glInteger(GL_DEPTH_FUNC), glIsEnabled(GL_BLEND), glIsEnabled(GL_DEPTH_TEST),
+                    glIsEnabled(GL_CULL_FACE), VyxTest::glInteger(GL_DEPTH_WRITEMASK)};
+        GLint viewport[4];
+        GLfloat clear[4];
+        glGetIntegerv(GL_VIEWPORT, viewport);
+        glGetFloatv(GL_COLOR_CLEAR_VALUE, clear);
+        s.values.insert(s.values.end(), viewport, viewport + 4);
+        for (GLfloat c : clear)
+            s.values.push_back(int(c * 100));
+        return s;
+    }
+    std::vector<int> values;
+};
+
+TEST_F(SceneRenderTest, RenderLeavesTheCallersStateAsItFoundIt)
+{
+    ASSERT_TRUE(importer.loadFromMemory(DemoScene::glb(), QString(), model, &lights));
+    Camera camera = model.getCamera(0);
+    camera.setWorldMatrix(model.getCameraWorldSpaceMatrix(0));
+    renderer->setShadowMapSize(256);
+    renderer->setSamples(1);
+
+    VyxTest::ColourTarget target(kSize.width(), kSize.height(), 0.0f);
+    GLuint readFramebuffer = 0;
+    glGenFramebuffers(1, &readFramebuffer);
+    glBindFramebuffer(GL_READ_FRAMEBUFFER, readFramebuffer);
+    glViewport(0, 0, kSize.width(), kSize.height());
+    glEnable(GL_BLEND);
+    glDisable(GL_DEPTH_TEST);
+    glEnable(GL_CULL_FACE);
+    glDepthMask(GL_FALSE);
+    glDepthFunc(GL_GREATER);
+    glClearColor(0.25f, 0.5f, 0.75f, 1.0f);
+    const CallerState before = CallerState::current();
+
+    // The first frame prepares programs, the environment and shadow targets; the second only draws.
+    for (int frame = 0; frame < 2; ++frame) {
+        SCOPED_TRACE(frame);
+        ASSERT_TRUE(renderer->render(model, camera, kSize)) << qPrintable(renderer->errorString());
+        EXPECT_EQ(CallerState::current().values, before.values);
+        EXPECT_FALSE(renderer->renderToImage(model, camera, QSize(32, 18)).isNull());
+        EXPECT_EQ(CallerState::current().values, before.values);
+    }
+    glBindFramebuffer(GL_READ_FRAMEBUFFER, VyxTest::glInteger(GL_DRAW_FRAMEBUFFER_BINDING));
+    const std::vector<int> red = target.channel(0);
+    EXPECT_GT(*std::max_element(red.begin(), red.end()), 0) << "the scene went into the caller's target";
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+    glDeleteFramebuffers(1, &readFramebuffer);
 }
 
 TEST_F(SceneRenderTest, ModelsFromTheTestModelPackageRenderWithoutGLErrors)

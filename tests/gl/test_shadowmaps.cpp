@@ -307,8 +307,9 @@ TEST_F(ShadowMapsTest, BindRefusesWhatIsNotRenderDataWithATexture)
         {QVariant::fromValue<QObject*>(&unrelated), "NULL != renderData", "NULL render data used"},
         {QVariant::fromValue<QObject*>(&withoutTexture), "NULL != texture", "NULL render data texture used"},
     };
+    using Operation = bool (*)(ShaderProgram*, const QVariant&);
     for (const auto& c : cases)
-        for (auto operation : {&ShadowMapManager::bind, &ShadowMapManager::unbind}) {
+        for (Operation operation : {Operation(&ShadowMapManager::bind), Operation(&ShadowMapManager::unbind)}) {
             MessageCapture capture;
             testing::internal::CaptureStdout();
             EXPECT_FALSE(operation(nullptr, c.variant));

@@ -90,6 +90,7 @@ bool FramebufferObject::destroy()
 {
     // A bound framebuffer keeps its name rather than vanish under its binding.
     VYX_CHECK_RETURN(false == this->_fboBound, false, "Framebuffer Object is already bound on destroy");
+    deleteRenderbuffers();
     if (_fbo != 0 && _managed)
         glDeleteFramebuffers(1, &_fbo);
     _fbo = 0;
@@ -99,6 +100,8 @@ bool FramebufferObject::destroy()
 
 void FramebufferObject::setFBO(unsigned int fbo)
 {
+    if (_fbo != fbo)
+        deleteRenderbuffers();
     if (_managed && _fbo != 0 && _fbo != fbo)
         glDeleteFramebuffers(1, &_fbo);
     _fbo = fbo;
@@ -152,6 +155,8 @@ bool FramebufferObject::checkNewAttachment(Texture* texture, unsigned int attach
 bool FramebufferObject::checkPointFree(unsigned int attachmentPoint)
 {
     return VYX_CHECK(false == this->_attachments.contains(attachmentPoint),
+                     "Framebuffer Object already has attachment at %d", attachmentPoint) &&
+           VYX_CHECK(false == this->_renderbuffers.contains(attachmentPoint),
                      "Framebuffer Object already has attachment at %d", attachmentPoint);
 }
 
@@ -227,6 +232,13 @@ Texture* FramebufferObject::detach(unsigned int attachmentPoint)
 {
     VYX_CHECK_RETURN(0u != this->_fbo, nullptr, "Framebuffer Object is NULL on detach");
     VYX_CHECK_RETURN(true == this->_fboBound, nullptr, "Framebuffer Object is not bound on detach");
+    if (_renderbuffers.contains(attachmentPoint)) {
+        glFramebufferRenderbuffer(GL_FRAMEBUFFER, attachmentPoint, GL_RENDERBUFFER, 0);
+        const GLuint name = _renderbuffers.take(attachmentPoint);
+        glDeleteRenderbuffers(1, &name);
+        _drawBuffers.removeAll(attachmentPoint);
+        return nullptr;
+    }
     VYX_CHECK_RETURN(true == this->_attachments.contains(attachmentPoint), nullptr,
                      "Framebuffer Object has nothing attached to attachment at %d", attachmentPoint);
     VYX_CHECK_RETURN(true == this->_attachmentLevels.contains(attachmentPoint), nullptr,
@@ -289,6 +301,41 @@ Texture* FramebufferObject::createTexture3D(unsigned int attachmentPoint, unsign
     return texture.release();
 }
 
+bool FramebufferObject::createRenderbuffer(unsigned int attachmentPoint, unsigned int internalFormat, int width,
+                                           int height, int samples)
+{
+    if (!checkAttachable() || !checkPointFree(attachmentPoint))
+        return false;
+    GLint maxSize = 0, maxSamples = 0;
+    glGetIntegerv(GL_MAX_RENDERBUFFER_SIZE, &maxSize);
+    glGetIntegerv(GL_MAX_SAMPLES, &maxSamples);
+    VYX_CHECK_RETURN(width > 0 && height > 0 && width <= maxSize && height <= maxSize, false,
+                     "Renderbuffer size %dx%d outside 1 to %d", width, height, int(maxSize));
+    VYX_CHECK_RETURN(samples >= 0 && samples <= maxSamples, false, "Renderbuffer samples %d outside 0 to %d", samples,
+                     int(maxSamples));
+    GLuint name = 0;
+    glGenRenderbuffers(1, &name);
+    glBindRenderbuffer(GL_RENDERBUFFER, name);
+    glRenderbufferStorageMultisample(GL_RENDERBUFFER, samples > 1 ? samples : 0, internalFormat, width, height);
+    glBindRenderbuffer(GL_RENDERBUFFER, 0);
+    glFramebufferRenderbuffer(GL_FRAMEBUFFER, attachmentPoint, GL_RENDERBUFFER, name);
+    _renderbuffers.insert(attachmentPoint, name);
+    if (isColourPoint(attachmentPoint))
+        _drawBuffers.append(attachmentPoint);
+    return true;
+}
+
+void FramebufferObject::deleteRenderbuffers()
+{
+    // Deleting a renderbuffer detaches it from the framebuffer, bound or not.
+    for (auto it = _renderbuffers.constBegin(); it != _renderbuffers.constEnd(); ++it) {
+        const GLuint name = it.value();
+        glDeleteRenderbuffers(1, &name);
+        _drawBuffers.removeAll(it.key());
+    }
+    _renderbuffers.clear();
+}
+
 bool FramebufferObject::setDrawBuffers()
 {
     if (!checkAttachable())
@@ -299,7 +346,7 @@ bool FramebufferObject::setDrawBuffers()
 
 bool FramebufferObject::hasAttachment(unsigned int attachmentPoint) const
 {
-    return _attachments.contains(attachmentPoint);
+    return _attachments.contains(attachmentPoint) || _renderbuffers.contains(attachmentPoint);
 }
 
 Texture* FramebufferObject::attachment(unsigned int attachmentPoint) const
@@ -311,7 +358,7 @@ Texture* FramebufferObject::attachment(unsigned int attachmentPoint) const
 
 QList<unsigned int> FramebufferObject::attachmentPoints() const
 {
-    return _attachments.keys();
+    return _attachments.keys() + _renderbuffers.keys();
 }
 
 int FramebufferObject::NumAlive()

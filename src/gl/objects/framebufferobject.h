@@ -14,6 +14,7 @@ class Texture;
 
 // One GL framebuffer object and the textures attached to it. Attachments change only while
 // the framebuffer is bound. Textures are not owned: detach() hands them back to the caller.
+// Renderbuffers are made by the framebuffer itself and die with their attachment.
 class VYXGL_EXPORT FramebufferObject : public QObject, public Bindable
 {
     Q_OBJECT
@@ -44,7 +45,8 @@ public:
     // Attaches over whatever is at the point: layered textures whole, others as attach() does.
     bool attachUpdate(Texture* texture, unsigned int attachmentPoint, int level);
 
-    // Removes the attachment and returns its texture, null when there was none.
+    // Removes the attachment and returns its texture, null when there was none or it was a
+    // renderbuffer (which is deleted).
     Texture* detach(unsigned int attachmentPoint);
     void detachAll();
     // As detach(), then hands the texture to the keeper of temporary textures; returns it
@@ -59,6 +61,12 @@ public:
                              unsigned int type, int width, int height);
     Texture* createTexture3D(unsigned int attachmentPoint, unsigned int internalFormat, unsigned int format,
                              unsigned int type, int width, int height, int depth);
+
+    // A new renderbuffer of the format and size, multisampled when samples > 1, attached at the
+    // point. It belongs to the framebuffer: detach() and the destructor delete it.
+    bool createRenderbuffer(unsigned int attachmentPoint, unsigned int internalFormat, int width, int height,
+                            int samples = 0);
+    bool hasRenderbuffer(unsigned int attachmentPoint) const { return _renderbuffers.contains(attachmentPoint); }
 
     // glDrawBuffers with the colour attachment points in the order they were attached.
     bool setDrawBuffers();
@@ -85,11 +93,13 @@ private:
     // Bound, the point free and a texture given.
     bool checkNewAttachment(Texture* texture, unsigned int attachmentPoint);
     void recordAttachment(Texture* texture, unsigned int attachmentPoint, int level);
+    void deleteRenderbuffers();
 
     unsigned int _fbo = 0;
     bool _fboBound = false;
     QHash<unsigned int, Texture*> _attachments;
     QHash<unsigned int, int> _attachmentLevels;
+    QHash<unsigned int, unsigned int> _renderbuffers;
     QVector<unsigned int> _drawBuffers;
     bool _managed = false;
 };

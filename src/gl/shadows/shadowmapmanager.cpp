@@ -77,17 +77,6 @@ ShadowMapRenderData* resolveRenderData(const QVariant& dataVariant)
     return renderData;
 }
 
-// The render data, provided it has a texture to bind.
-ShadowMapRenderData* resolveWithTexture(const QVariant& dataVariant)
-{
-    ShadowMapRenderData* renderData = resolveRenderData(dataVariant);
-    if (!renderData)
-        return nullptr;
-    Texture* texture = renderData->projectionTexture();
-    VYX_CHECK_RETURN(NULL != texture, nullptr, "NULL render data texture used");
-    return renderData;
-}
-
 } // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -181,22 +170,30 @@ bool ShadowMapManager::processLights(const QVariant& lights, RenderData& data)
 bool ShadowMapManager::processLights(const QVariant& lights, RenderData& data, const QMatrix4x4* view,
                                      const QMatrix4x4* projection, const QPair<QVector3D, QVector3D>* sceneBounds)
 {
-    setupSextant();
-    const int lightCapacity = int(data.projectorInfos.size());
-    const int projectorCapacity = int(data.transforms.size());
-
     if (lights.isNull()) {
+        setupSextant();
         const bool changed = data._lightCount != 0;
         data._lightCount = 0;
         return changed;
     }
+    QVector<const Light*> typed;
+    for (const QVariant& light : lightList(lights))
+        typed.append(qobject_cast<const Light*>(light.value<QObject*>()));
+    return processLights(typed, data, view, projection, sceneBounds);
+}
+
+bool ShadowMapManager::processLights(const QVector<const Light*>& list, RenderData& data, const QMatrix4x4* view,
+                                     const QMatrix4x4* projection, const QPair<QVector3D, QVector3D>* sceneBounds)
+{
+    setupSextant();
+    const int lightCapacity = int(data.projectorInfos.size());
+    const int projectorCapacity = int(data.transforms.size());
 
     ShadowMapManagerCulling culling;
     culling.setupCameras(view, projection);
     culling.setupScene(sceneBounds);
     culling.setupPost();
 
-    const QVariantList list = lightList(lights);
     if (list.size() > lightCapacity)
         VYX_DEBUG("More lights %d than shadow projection supports %d. Ignoring top most.", int(list.size()),
                   lightCapacity);
@@ -208,7 +205,7 @@ bool ShadowMapManager::processLights(const QVariant& lights, RenderData& data, c
         const RenderData::ProjectorInfo before = projectorInfo;
         projectorInfo = {0u, quint32(projectorIndex)};
         // Records past the last light are reset too, so stale lights read as unshadowed.
-        const Light* light = i < list.size() ? qobject_cast<const Light*>(list[i].value<QObject*>()) : nullptr;
+        const Light* light = i < list.size() ? list[i] : nullptr;
         if (i < list.size() && VYX_CHECK_AS(light != nullptr, "NULL != light", "Light %d is NULL", i)
             && projectorIndex < projectorCapacity && light->on() && light->shadowCaster()) {
             bool invertible = false;
@@ -250,8 +247,16 @@ bool ShadowMapManager::processLights(const QVariant& lights, RenderData& data, c
 
 bool ShadowMapManager::bind(ShaderProgram* program, const QVariant& dataVariant)
 {
-    RenderData* renderData = resolveWithTexture(dataVariant);
-    if (!renderData || !renderData->projectionTexture()->bind())
+    RenderData* renderData = resolveRenderData(dataVariant);
+    return renderData && bind(program, *renderData);
+}
+
+bool ShadowMapManager::bind(ShaderProgram* program, RenderData& data)
+{
+    RenderData* renderData = &data;
+    Texture* texture = renderData->projectionTexture();
+    VYX_CHECK_RETURN(NULL != texture, false, "NULL render data texture used");
+    if (!texture->bind())
         return false;
     if (!program)
         return true;
@@ -278,10 +283,17 @@ bool ShadowMapManager::bind(ShaderProgram* program, const QVariant& dataVariant)
     return true;
 }
 
-bool ShadowMapManager::unbind(ShaderProgram*, const QVariant& dataVariant)
+bool ShadowMapManager::unbind(ShaderProgram* program, const QVariant& dataVariant)
 {
-    RenderData* renderData = resolveWithTexture(dataVariant);
-    return renderData && renderData->projectionTexture()->unbind();
+    RenderData* renderData = resolveRenderData(dataVariant);
+    return renderData && unbind(program, *renderData);
+}
+
+bool ShadowMapManager::unbind(ShaderProgram*, RenderData& data)
+{
+    Texture* texture = data.projectionTexture();
+    VYX_CHECK_RETURN(NULL != texture, false, "NULL render data texture used");
+    return texture->unbind();
 }
 
 } // namespace Tavren::Vyx

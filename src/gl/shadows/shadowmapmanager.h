@@ -124,10 +124,16 @@ public:
     static bool processLights(const QVariant& lights, RenderData& data, const QMatrix4x4* view,
                               const QMatrix4x4* projection, const QPair<QVector3D, QVector3D>* sceneBounds);
     static bool processLights(const QVariant& lights, RenderData& data);
+    // The same for lights the caller already holds as lights; a null entry is reported and skipped.
+    static bool processLights(const QVector<const Light*>& lights, RenderData& data, const QMatrix4x4* view = nullptr,
+                              const QMatrix4x4* projection = nullptr,
+                              const QPair<QVector3D, QVector3D>* sceneBounds = nullptr);
 
     // Binds the projection texture and, with a program, sets the shadow uniforms.
     static bool bind(ShaderProgram* program, const QVariant& renderData);
     static bool unbind(ShaderProgram* program, const QVariant& renderData);
+    static bool bind(ShaderProgram* program, RenderData& renderData);
+    static bool unbind(ShaderProgram* program, RenderData& renderData);
 
     static void setVarianceClamping(float clamp);
     static float varianceClamping();

@@ -20,30 +20,6 @@ namespace Tavren::Vyx {
 
 namespace {
 
-const char* const kFlipYSource = R"(#version 150
-uniform sampler2D u_Src;
-in vec2 vo_TexCoord;
-out vec4 out_FragColor;
-void main()
-{
-    out_FragColor = texture(u_Src, vec2(vo_TexCoord.x, 1.0 - vo_TexCoord.y));
-}
-)";
-
-const char* const kRemapColorRangeSource = R"(#version 150
-uniform sampler2D u_Src;
-uniform float u_lowValue;
-uniform float u_highValue;
-in vec2 vo_TexCoord;
-out vec4 out_FragColor;
-void main()
-{
-    vec4 color = texture(u_Src, vo_TexCoord);
-    color.rgb = max(color.rgb * (u_highValue - u_lowValue) + u_lowValue, vec3(0.0));
-    out_FragColor = color;
-}
-)";
-
 ShaderProgram* makeTextureShader(std::unique_ptr<ShaderProgram> program, bool withLog)
 {
     program->setFragDataLocations({QStringLiteral("out_FragColor")});
@@ -120,11 +96,11 @@ bool runTexturePass(ShaderProgram* shader, const QHash<QString, QVariant>& unifo
 
 // Runs a one-texture pass into a fresh copy and, when it worked, puts the copy in the caller's
 // pointer; on any failure the caller keeps the texture it had.
-bool reworkTexture(Texture*& texture, const char* fragmentSource, const QHash<QString, QVariant>& uniforms)
+bool reworkTexture(Texture*& texture, const char* fragmentFile, const QHash<QString, QVariant>& uniforms)
 {
     VYX_CHECK_RETURN(GL_TEXTURE_2D == texture->target(), false,
                      "Only 2D textures can be reworked (target 0x%X)", texture->target());
-    const std::unique_ptr<ShaderProgram> shader(MakeTextureShaderFromString(QString::fromLatin1(fragmentSource)));
+    const std::unique_ptr<ShaderProgram> shader(MakeTextureShaderFromFile(QString::fromLatin1(fragmentFile)));
     if (!shader)
         return false;
     std::unique_ptr<Texture> copy(WritableCopyOfTexture(texture, 0, 0));
@@ -229,7 +205,7 @@ bool FlipY(Texture*& texture)
 {
     if (!texture)
         return false;
-    return reworkTexture(texture, kFlipYSource, {});
+    return reworkTexture(texture, "TextureUtilities_FlipY.frag", {});
 }
 
 bool RemapColorRange(Texture*& texture, float low, float high)
@@ -238,7 +214,7 @@ bool RemapColorRange(Texture*& texture, float low, float high)
         return false;
     const QHash<QString, QVariant> uniforms = {{QStringLiteral("u_lowValue"), QVariant(low)},
                                                {QStringLiteral("u_highValue"), QVariant(high)}};
-    return reworkTexture(texture, kRemapColorRangeSource, uniforms);
+    return reworkTexture(texture, "TextureUtilities_RemapColorRange.frag", uniforms);
 }
 
 } // namespace Tavren::Vyx
