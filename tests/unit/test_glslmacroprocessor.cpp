@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 using Tavren::Vyx::GLSLMacroProcessor;
 using VyxTest::MessageCapture;
 using VyxTest::writeFile;
@@ -40,6 +42,31 @@ TEST(GLSLMacroProcessor, MacrosUseTheirTextOrTheDefaultAndMayExpandToIncludes)
     const QString expanded = GLSLMacroProcessor::process("#macro NAME default", &mp);
     EXPECT_TRUE(expanded.startsWith("#ifndef VYX_NOISE2D_GLSLH\n")) << expanded.toStdString();
     EXPECT_TRUE(expanded.contains("float snoise(vec2 p);"));
+}
+
+TEST(GLSLMacroProcessor, MacroLinesSplitAsThePatternSaysWhateverTheWhiteSpace)
+{
+    GLSLMacroProcessor mp;
+    mp.addMacro("M", "m");
+    const std::pair<QString, QString> cases[] = {
+        {"\t\v\f\r #macro M x", "m\n"},
+        {"#macro\tM\tdefault words", "m\n"},
+        {"#macroM x", "m\n"},
+        // Without a space after it the name is empty, and the default text is what follows the keyword.
+        {"#macro  M", "M\n"},
+        {"#macro   ", "\n"},
+        {"#macroM", "#macroM\n"},
+        {"x #macro M y", "x #macro M y\n"},
+        {"#macro NONE a b", "a b\n"},
+        {"#macro \x1c x", "x\n"},
+        // Beyond ASCII, white space is what the pattern's Unicode properties make it.
+        {"#macro\u2003M x", "m\n"},
+        {QChar(0x85) + QString("#macro M\u00a0x"), "m\n"},
+        {QChar(0x180e) + QString("#macro M x"), "m\n"},
+        {"#macro NONE d\u00e9faut", "d\u00e9faut\n"},
+    };
+    for (const auto& [line, expanded] : cases)
+        EXPECT_EQ(GLSLMacroProcessor::process(line, &mp), expanded) << line.toStdString();
 }
 
 TEST(GLSLMacroProcessor, IncludesResolveAlongThePathsAndReportWhatTheyCannot)
@@ -97,6 +124,20 @@ TEST(GLSLMacroProcessor, DevicesAndDoublingExpansionsCannotMakeEndlessOutput)
     ASSERT_EQ(warnings.size(), 2);
     EXPECT_EQ(warnings[0], "Failed to open include file '/dev/zero'");
     EXPECT_TRUE(warnings[1].contains("GLSL expansion exceeds 4194304 characters at")) << warnings[1].toStdString();
+
+    // A smaller limit stops the expansion sooner and refuses larger include files.
+    QTemporaryDir dir;
+    writeFile(dir.filePath("Big.glslh"), QByteArray(1001, 'x'));
+    writeFile(dir.filePath("Small.glslh"), QByteArray(1000, 'x'));
+    mp.addIncludePath(dir.path());
+    mp.setExpansionLimit(1000);
+    EXPECT_LT(GLSLMacroProcessor::process("#macro A x", &mp).size(), 1000);
+    EXPECT_EQ(GLSLMacroProcessor::process("#include \"Big.glslh\"", &mp), "#include \"Big.glslh\"\n");
+    EXPECT_EQ(GLSLMacroProcessor::process("#include \"Small.glslh\"", &mp).size(), 1001);
+    const QStringList limited = capture.texts(QtWarningMsg).mid(2);
+    ASSERT_EQ(limited.size(), 2);
+    EXPECT_TRUE(limited[0].contains("GLSL expansion exceeds 1000 characters at")) << limited[0].toStdString();
+    EXPECT_TRUE(limited[1].endsWith("Big.glslh' is too large (1001 bytes)")) << limited[1].toStdString();
 }
 
 TEST(GLSLMacroProcessor, InstanceDataLinesGoThroughTheInstalledResolver)

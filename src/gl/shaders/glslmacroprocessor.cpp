@@ -7,15 +7,14 @@
 #include <QFileInfo>
 #include <QStringList>
 
+#include <optional>
+
 namespace Tavren::Vyx {
 
 namespace {
 
 // Deeper than any sane include tree; stops runaway expansion that the cycle check cannot see.
 constexpr int kMaxExpansionDepth = 64;
-// Far beyond any real shader; stops macros and includes that each expand to several copies of
-// the next from doubling their way to an endless output.
-constexpr qint64 kMaxExpansionCharacters = qint64(4) << 20;
 
 GLSLMacroProcessor::InstanceDataResolver& instanceDataResolver()
 {
@@ -47,11 +46,17 @@ struct GLSLMacroProcessor::Expansion
     const QRegularExpression& macroPattern = patterns().macro;
     const QRegularExpression& includePattern = patterns().include;
     const QRegularExpression& instanceDataPattern = patterns().instanceData;
+    const qint64 limit;
     // Includes, macros and plans being expanded right now, outermost first.
     QStringList active;
     // Characters produced so far, counted at every nesting level.
     qint64 produced = 0;
     bool exhausted = false;
+
+    explicit Expansion(qint64 limit)
+        : limit(limit)
+    {
+    }
 
     // False (and a warning) when expanding `key` would recurse.
     bool enter(const QString& key, const QString& what)
@@ -65,10 +70,10 @@ struct GLSLMacroProcessor::Expansion
                      qPrintable(key));
             return false;
         }
-        if (produced > kMaxExpansionCharacters) {
+        if (produced > limit) {
             if (!exhausted)
                 VYX_WARNING("GLSL expansion exceeds %lld characters at '%s'; further directives are left as they are",
-                            kMaxExpansionCharacters, qPrintable(key));
+                            limit, qPrintable(key));
             exhausted = true;
             return false;
         }
@@ -109,6 +114,11 @@ void GLSLMacroProcessor::addIncludePath(const QString& path)
     _includePaths.append(QDir(path));
 }
 
+void GLSLMacroProcessor::setExpansionLimit(qint64 characters)
+{
+    _expansionLimit = characters;
+}
+
 void GLSLMacroProcessor::setInstanceDataResolver(const InstanceDataResolver& resolver)
 {
     instanceDataResolver() = resolver;
@@ -122,6 +132,55 @@ bool needsProcessing(const QString& source, const GLSLMacroProcessor* mp)
            source.contains(QLatin1String("#instancedata")) || (mp && !mp->defines().isEmpty());
 }
 
+// False for a line no directive can apply to.
+bool mayHoldDirective(QStringView line)
+{
+    return line.contains(QLatin1String("#macro")) || line.startsWith(QLatin1String("#include")) ||
+           line.startsWith(QLatin1String("#instancedata"));
+}
+
+bool isAsciiSpace(QChar c)
+{
+    return c == QLatin1Char(' ') || (c >= QLatin1Char('\t') && c <= QLatin1Char('\r'));
+}
+
+enum class MacroLine { Other, Macro, NeedsPattern };
+
+// The macro pattern's verdict on an ASCII line, reached without running it: a match costs several
+// allocations, and nested macros are made of little else. Other lines are left to the pattern and
+// its Unicode idea of white space.
+MacroLine parseMacroLine(QStringView line, QStringView* name, QStringView* text)
+{
+    for (QChar c : line)
+        if (c.unicode() >= 0x80)
+            return MacroLine::NeedsPattern;
+    const qsizetype size = line.size();
+    qsizetype at = 0;
+    while (at < size && isAsciiSpace(line[at]))
+        ++at;
+    if (!line.mid(at).startsWith(QLatin1String("#macro")))
+        return MacroLine::Other;
+    const qsizetype keywordEnd = at + 6;
+    qsizetype nameStart = keywordEnd;
+    while (nameStart < size && isAsciiSpace(line[nameStart]))
+        ++nameStart;
+    qsizetype nameEnd = nameStart;
+    while (nameEnd < size && !isAsciiSpace(line[nameEnd]))
+        ++nameEnd;
+    if (nameEnd < size) {
+        *name = line.mid(nameStart, nameEnd - nameStart);
+        *text = line.mid(nameEnd + 1);
+        return MacroLine::Macro;
+    }
+    // No space after the name: the pattern backs off to an empty name, separated by the last
+    // space after the keyword, if there is one.
+    if (nameStart == keywordEnd)
+        return MacroLine::Other;
+    *name = line.mid(nameStart, 0);
+    *text = line.mid(nameStart);
+    return MacroLine::Macro;
+}
+
 } // namespace
 
 QString GLSLMacroProcessor::process(const QString& source, GLSLMacroProcessor* mp)
@@ -129,9 +188,14 @@ QString GLSLMacroProcessor::process(const QString& source, GLSLMacroProcessor* m
     if (!needsProcessing(source, mp))
         return source;
 
-    GLSLMacroProcessor temporary;
-    Expansion expansion;
-    return processSource(source, mp ? mp : &temporary, expansion);
+    if (mp) {
+        Expansion expansion(mp->_expansionLimit);
+        return processSource(source, mp, expansion);
+    }
+    // Made only when needed: finding the default include folder reads the program's path.
+    GLSLMacroProcessor defaults;
+    Expansion expansion(defaults._expansionLimit);
+    return processSource(source, &defaults, expansion);
 }
 
 QString GLSLMacroProcessor::processSource(const QString& source, GLSLMacroProcessor* mp, Expansion& expansion)
@@ -142,11 +206,21 @@ QString GLSLMacroProcessor::processSource(const QString& source, GLSLMacroProces
     bool injectDefines = !mp->_defines.isEmpty();
     QString result;
     result.reserve(source.size());
-    const QStringList lines = source.split(QLatin1Char('\n'));
-    for (QString line : lines) {
-        processLineMacro(line, expansion.macroPattern, mp, expansion);
-        processLineInclude(line, expansion.includePattern, mp, expansion);
-        processLineMaterial(line, expansion.instanceDataPattern, mp, expansion);
+    // Lines are views of the source: a string for every line cost more than the expansion itself
+    // in nested macros.
+    const QStringView text(source);
+    for (qsizetype start = 0;;) {
+        const qsizetype end = source.indexOf(QLatin1Char('\n'), start);
+        QStringView line = text.mid(start, (end < 0 ? text.size() : end) - start);
+        QString expanded;
+        if (mayHoldDirective(line)) {
+            // The source outlives the line, which the steps only read or replace: no copy needed.
+            expanded = QString::fromRawData(line.data(), line.size());
+            processLineMacro(expanded, expansion.macroPattern, mp, expansion);
+            processLineInclude(expanded, expansion.includePattern, mp, expansion);
+            processLineMaterial(expanded, expansion.instanceDataPattern, mp, expansion);
+            line = expanded;
+        }
         result += line;
         result += QLatin1Char('\n');
         expansion.produced += line.size() + 1;
@@ -154,8 +228,10 @@ QString GLSLMacroProcessor::processSource(const QString& source, GLSLMacroProces
             result += processDefines(mp);
             injectDefines = false;
         }
+        if (end < 0)
+            return result;
+        start = end + 1;
     }
-    return result;
 }
 
 QString GLSLMacroProcessor::processDefines(GLSLMacroProcessor* mp)
@@ -169,16 +245,28 @@ QString GLSLMacroProcessor::processDefines(GLSLMacroProcessor* mp)
 void GLSLMacroProcessor::processLineMacro(QString& line, const QRegularExpression& pattern, GLSLMacroProcessor* mp,
                                           Expansion& expansion)
 {
-    const QRegularExpressionMatch match = pattern.match(line);
-    if (!match.hasMatch())
+    QStringView name, defaultText;
+    const MacroLine kind = parseMacroLine(line, &name, &defaultText);
+    if (kind == MacroLine::Other)
         return;
-    const QString name = match.captured(1);
-    auto it = mp->_macros.constFind(name);
+    // Made only when the pattern runs: even an empty match allocates.
+    std::optional<QRegularExpressionMatch> match;
+    if (kind == MacroLine::NeedsPattern) {
+        match = pattern.match(line);
+        if (!match->hasMatch())
+            return;
+        name = match->capturedView(1);
+        defaultText = match->capturedView(2);
+    }
+    // Looked up without a copy of the name.
+    auto it = mp->_macros.constFind(QString::fromRawData(name.data(), name.size()));
     if (it == mp->_macros.constEnd()) {
-        line = match.captured(2);
+        line = defaultText.toString();
         return;
     }
-    if (!expansion.enter(QStringLiteral("#macro ") + name, QStringLiteral("macro")))
+    QString key = QStringLiteral("#macro ");
+    key += name;
+    if (!expansion.enter(key, QStringLiteral("macro")))
         return;
     const QString text = it.value();
     line = processSource(text, mp, expansion);
@@ -198,10 +286,11 @@ void GLSLMacroProcessor::processLineInclude(QString& line, const QRegularExpress
     for (const QDir& dir : qAsConst(mp->_includePaths)) {
         const QString candidate = dir.filePath(name);
         QFile file(candidate);
-        // Devices and pipes never end; only plain files are read.
-        if (!QFileInfo(candidate).isFile() || !file.open(QIODevice::ReadOnly))
+        // Devices and pipes never end; only plain files are read. The file is read whole at once,
+        // so a read buffer would only be one more copy.
+        if (!QFileInfo(candidate).isFile() || !file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
             continue;
-        if (file.size() > kMaxExpansionCharacters) {
+        if (file.size() > expansion.limit) {
             VYX_WARNING("Include file '%s' is too large (%lld bytes)", qPrintable(candidate), qint64(file.size()));
             return;
         }

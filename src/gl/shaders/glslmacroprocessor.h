@@ -32,6 +32,13 @@ public:
     void removeDefine(const QString& name);
     // Searched after the default paths.
     void addIncludePath(const QString& path);
+    // Characters one process() call may produce, counted at every nesting level: past them further
+    // directives are left as they are (with one warning), and include files larger are refused.
+    // The default is far beyond any real shader; it stops macros and includes that each expand to
+    // several copies of the next from doubling their way to an endless output.
+    static constexpr qint64 kDefaultExpansionLimit = qint64(4) << 20;
+    void setExpansionLimit(qint64 characters);
+    qint64 expansionLimit() const { return _expansionLimit; }
 
     const QMap<QString, QString>& macros() const { return _macros; }
     const QMap<QString, QString>& defines() const { return _defines; }
@@ -55,6 +62,7 @@ private:
     QMap<QString, QString> _macros;
     QMap<QString, QString> _defines;
     QList<QDir> _includePaths;
+    qint64 _expansionLimit = kDefaultExpansionLimit;
 };
 
 } // namespace Tavren::Vyx
