@@ -31,12 +31,8 @@ struct ContextObjects
     ContextObjects()
     {
         texture.create2D(GL_TEXTURE_2D, GL_RGBA8, 2, 2);
-        auto buffer = OpenGLDeviceContext::current()->newBuffer();
-        buffer->setTarget(GL_UNIFORM_BUFFER);
-        buffer->bind();
-        buffer->upload(QVector<float>(4, 1.0f), GL_STATIC_DRAW);
-        buffer->unbind();
-        uniforms = OpenGLDeviceContext::current()->newUniformBuffer("Colors", buffer);
+        const float ones[4] = {1, 1, 1, 1};
+        uniforms = OpenGLDeviceContext::current()->newUniformBuffer("Colors", VyxTest::newBuffer(GL_UNIFORM_BUFFER, ones, 4));
     }
 
     // Binds both and expects the current context's first unit and binding point, in its GL too.
