@@ -106,12 +106,7 @@ TEST_F(PostProcessTest, SmoothsEdgesKeepsInteriorsAndThinLines)
     auto destination = texture(nullptr);
     PostProcess post;
 
-    struct Case
-    {
-        PostProcess::Mode mode;
-        bool colourEdges;
-        const char* crop;
-    };
+    struct Case { PostProcess::Mode mode; bool colourEdges; const char* crop; };
     for (const Case& c : {Case{PostProcess::eFXAA, false, "aa_fxaa.png"}, Case{PostProcess::eSMAA, false, "aa_smaa.png"},
                           Case{PostProcess::eSMAA, true, nullptr}, Case{PostProcess::eNone, false, nullptr}}) {
         SCOPED_TRACE(c.crop ? c.crop : (c.colourEdges ? "smaa colour edges" : "none"));
