@@ -94,6 +94,21 @@ int glInteger(unsigned int query)
     return value;
 }
 
+std::unique_ptr<Tavren::Vyx::Texture> texture2D(int width, int height, unsigned int internalFormat, unsigned int type,
+                                                const void* texels)
+{
+    auto texture = std::make_unique<Tavren::Vyx::Texture>();
+    texture->create2D(GL_TEXTURE_2D, internalFormat, width, height);
+    if (texels) {
+        texture->bind();
+        glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
+        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, GL_RGBA, type, texels);
+        glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+        texture->unbind();
+    }
+    return texture;
+}
+
 QSharedPointer<Tavren::Vyx::BufferObject> newBuffer(unsigned int target, const void* values, int count, size_t valueSize)
 {
     auto buffer = Tavren::Vyx::OpenGLDeviceContext::current()->newBuffer();

@@ -41,6 +41,9 @@ private:
 };
 
 int glInteger(unsigned int query);
+// A 2D texture of the size and internal format; level 0 taken from RGBA `texels` of `type` when given.
+std::unique_ptr<Tavren::Vyx::Texture> texture2D(int width, int height, unsigned int internalFormat, unsigned int type = 0,
+                                                const void* texels = nullptr);
 // A buffer of the current device context for `target`, holding `count` values of `valueSize`
 // bytes when `values` is given.
 QSharedPointer<Tavren::Vyx::BufferObject> newBuffer(unsigned int target, const void* values = nullptr, int count = 0,
