@@ -25,13 +25,6 @@ protected:
         return value;
     }
 
-    static std::unique_ptr<Texture> colourTexture(int width = 4, int height = 4)
-    {
-        auto texture = std::make_unique<Texture>();
-        texture->create2D(GL_TEXTURE_2D, GL_RGBA8, width, height);
-        return texture;
-    }
-
     VyxTest::MessageCapture capture;
 };
 
@@ -82,7 +75,7 @@ TEST_F(FramebufferObjectTest, LayersAndUpdatesAttachWhatGLReports)
     ASSERT_TRUE(fbo.bind());
     Texture array;
     array.create3D(GL_TEXTURE_2D_ARRAY, GL_RGBA8, 4, 4, 3);
-    auto flat = colourTexture();
+    auto flat = VyxTest::texture2D(4, 4, GL_RGBA8);
 
     EXPECT_FALSE(fbo.attach(&array, GL_COLOR_ATTACHMENT0, 0));
     EXPECT_FALSE(fbo.attachLayers(flat.get(), GL_COLOR_ATTACHMENT0, 0));
@@ -123,7 +116,7 @@ TEST_F(FramebufferObjectTest, LayersAndUpdatesAttachWhatGLReports)
 
 TEST_F(FramebufferObjectTest, MisuseIsRefusedAndNamesAreNotLeaked)
 {
-    auto texture = colourTexture();
+    auto texture = VyxTest::texture2D(4, 4, GL_RGBA8);
     // Managed names are proven deleted by the fixture's name ledger; an adopted one must stay.
     GLuint adoptedName = 0;
     glGenFramebuffers(1, &adoptedName);

@@ -71,14 +71,7 @@ std::unique_ptr<Texture> makeCube(int size, const Radiance& radiance)
 
 std::unique_ptr<Texture> make2D(int width, int height, unsigned int internalFormat, const float* rgba = nullptr)
 {
-    auto texture = std::make_unique<Texture>();
-    texture->create2D(GL_TEXTURE_2D, internalFormat, width, height);
-    if (rgba) {
-        texture->bind();
-        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, GL_RGBA, GL_FLOAT, rgba);
-        texture->unbind();
-    }
-    return texture;
+    return VyxTest::texture2D(width, height, internalFormat, GL_FLOAT, rgba);
 }
 
 std::unique_ptr<Texture> loadEsplanade()

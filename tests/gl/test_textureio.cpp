@@ -38,13 +38,7 @@ using VyxTest::writeFile;
 
 namespace {
 
-// The final passes draw the device context's quad, which must go while the context is current.
-class TextureIOTest : public VyxTest::GLTest
-{
-protected:
-    void SetUp() override { GLTest::SetUp(), OpenGLDeviceContext::resetContext(); }
-    void TearDown() override { OpenGLDeviceContext::resetContext(), GLTest::TearDown(); }
-};
+using TextureIOTest = VyxTest::GLTest;
 
 // Rows of `rowBytes` taken `stride` apart, unpadded; last row first is what FlipY leaves in GL.
 std::vector<unsigned char> rows(const unsigned char* file, int count, int rowBytes, int stride, bool lastFirst = true)

@@ -28,12 +28,7 @@ protected:
     static Texture* checker()
     {
         const GLubyte texels[] = {0, 0, 0, 255, 255, 255, 255, 255, 255, 0, 0, 128, 0, 0, 255, 255};
-        auto* texture = new Texture();
-        texture->create2D(GL_TEXTURE_2D, GL_RGBA8, 2, 2);
-        texture->bind();
-        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, 2, 2, GL_RGBA, GL_UNSIGNED_BYTE, texels);
-        texture->unbind();
-        return texture;
+        return VyxTest::texture2D(2, 2, GL_RGBA8, GL_UNSIGNED_BYTE, texels).release();
     }
 
     static std::vector<int> texels(Texture* texture, int count)
@@ -101,13 +96,7 @@ TEST_F(TextureUtilitiesTest, FlipYReplacesTheTextureByAFlippedCopyInItsFormat)
 {
     const GLubyte rows[] = {10, 20, 30, 40, 200, 210, 220, 230};
     for (GLenum internalFormat : {GLenum(GL_RGBA8), GLenum(GL_RGB8), GLenum(GL_SRGB8_ALPHA8), GLenum(GL_SRGB8)}) {
-        Texture* texture = new Texture();
-        texture->create2D(GL_TEXTURE_2D, internalFormat, 1, 2);
-        texture->bind();
-        glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
-        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, 1, 2, GL_RGBA, GL_UNSIGNED_BYTE, rows);
-        glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-        texture->unbind();
+        Texture* texture = VyxTest::texture2D(1, 2, internalFormat, GL_UNSIGNED_BYTE, rows).release();
         Texture* const original = texture;
         const int alive = Texture::NumAlive();
         ASSERT_TRUE(FlipY(texture)) << std::hex << internalFormat;
