@@ -239,12 +239,8 @@ TEST_P(ManagedTextureDrawTest, AShaderReachesTokensOfEveryKindSizeAndFormat)
     picture.fill(QColor(40, 90, 160));
     ASSERT_TRUE(picture.save(dir.filePath("picture.png")));
     add(manager->tokenForImage(dir.filePath("picture.png"), {}));
-    {
-        QFile broken(dir.filePath("broken.png"));
-        ASSERT_TRUE(broken.open(QIODevice::WriteOnly));
-        broken.write("\x89PNG but not really");
-    }
-    const TextureToken brokenToken = manager->tokenForImage(dir.filePath("broken.png"), {});
+    const TextureToken brokenToken =
+        manager->tokenForImage(VyxTest::writeFile(dir.filePath("broken.png"), "\x89PNG but not really"), {});
     columns.push_back(columnFor(brokenToken, manager->textureForColor(Qt::white)));
     columns.push_back(invalidColumn(TextureToken()));
     columns.push_back(invalidColumn(TextureToken(5000)));

@@ -10,6 +10,7 @@
 #include "support/glhelpers.h"
 #include "support/gltest.h"
 #include "support/messagecapture.h"
+#include "support/testenvironment.h"
 
 #include <QDir>
 #include <QFile>
@@ -122,12 +123,7 @@ TEST_F(TextureManagerTest, ImageTokensFollowTheFileNotItsSpelling)
 TEST_F(TextureManagerTest, ACorruptImageStandsInWhiteUntilItLoads)
 {
     QTemporaryDir dir;
-    const QString path = dir.filePath("broken.png");
-    {
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("not a picture at all");
-    }
+    const QString path = VyxTest::writeFile(dir.filePath("broken.png"), "not a picture at all");
     const TextureToken token = manager.tokenForImage(path, {});
     Texture* white = manager.textureForColor(Qt::white);
     MessageCapture capture;
