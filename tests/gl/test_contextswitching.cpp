@@ -9,6 +9,7 @@
 #include "gl/platform/internal/percontextrecords.h"
 #include "support/glhelpers.h"
 #include "support/gltest.h"
+#include "support/messagecapture.h"
 
 #include <EGL/egl.h>
 #include <dlfcn.h>
@@ -97,6 +98,11 @@ TEST_F(ContextSwitchingTest, AlternatingContextsKeepTheirUnitsAndBindingPointsAp
         EXPECT_EQ(GLContextTracker::currentContext(), other.nativeContext());
         second->bindFirstFree();
         second->unbind();
+        {
+            VyxTest::MessageCapture capture;
+            EXPECT_EQ(first.texture.unit(), -1) << "held in the other context only";
+            EXPECT_EQ(capture.texts(QtCriticalMsg).size(), 1);
+        }
         ASSERT_TRUE(switchTo(context));
         EXPECT_EQ(GLContextTracker::currentContext(), context.nativeContext());
         first.expectHeldFirst();

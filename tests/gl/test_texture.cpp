@@ -94,35 +94,6 @@ TEST_F(TextureTest, UnitsGoLowestFirstAreReusedAndRunOut)
     EXPECT_TRUE(capture.bodies(QtCriticalMsg).isEmpty());
 }
 
-TEST_F(TextureTest, EachContextHandsOutItsOwnUnits)
-{
-    auto first = newTexture2D();
-    auto second = newTexture2D();
-    ASSERT_TRUE(first->bind());
-    ASSERT_TRUE(second->bind());
-
-    Tavren::Vyx::HeadlessGLContext other;
-    ASSERT_TRUE(other.create());
-    ASSERT_TRUE(other.makeCurrent());
-    {
-        auto inOther = newTexture2D();
-        ASSERT_TRUE(inOther->bind());
-        EXPECT_EQ(inOther->unit(), 0);
-        EXPECT_EQ(boundOnUnit(0), static_cast<GLint>(inOther->textureID()));
-        EXPECT_EQ(second->unit(), -1);
-        EXPECT_TRUE(inOther->unbind());
-    }
-    ASSERT_TRUE(context.makeCurrent());
-    EXPECT_EQ(second->unit(), 1);
-    EXPECT_EQ(boundOnUnit(1), static_cast<GLint>(second->textureID()));
-    ASSERT_TRUE(first->bind());
-    EXPECT_EQ(first->unit(), 0);
-    EXPECT_TRUE(first->unbind());
-    EXPECT_TRUE(first->unbind());
-    EXPECT_TRUE(second->unbind());
-    EXPECT_EQ(capture.bodies(QtCriticalMsg).size(), 1);
-}
-
 TEST_F(TextureTest, CreateOperationsMakeTheStorageAsked)
 {
     using VyxTest::levelParameter;
