@@ -9,6 +9,7 @@
 #include "gl/platform/internal/percontextrecords.h"
 #include "support/glhelpers.h"
 #include "support/gltest.h"
+#include "support/messagecapture.h"
 
 #include <EGL/egl.h>
 #include <dlfcn.h>
@@ -31,12 +32,8 @@ struct ContextObjects
     ContextObjects()
     {
         texture.create2D(GL_TEXTURE_2D, GL_RGBA8, 2, 2);
-        auto buffer = OpenGLDeviceContext::current()->newBuffer();
-        buffer->setTarget(GL_UNIFORM_BUFFER);
-        buffer->bind();
-        buffer->upload(QVector<float>(4, 1.0f), GL_STATIC_DRAW);
-        buffer->unbind();
-        uniforms = OpenGLDeviceContext::current()->newUniformBuffer("Colors", buffer);
+        const float ones[4] = {1, 1, 1, 1};
+        uniforms = OpenGLDeviceContext::current()->newUniformBuffer("Colors", VyxTest::newBuffer(GL_UNIFORM_BUFFER, ones, 4));
     }
 
     // Binds both and expects the current context's first unit and binding point, in its GL too.
@@ -101,6 +98,11 @@ TEST_F(ContextSwitchingTest, AlternatingContextsKeepTheirUnitsAndBindingPointsAp
         EXPECT_EQ(GLContextTracker::currentContext(), other.nativeContext());
         second->bindFirstFree();
         second->unbind();
+        {
+            VyxTest::MessageCapture capture;
+            EXPECT_EQ(first.texture.unit(), -1) << "held in the other context only";
+            EXPECT_EQ(capture.texts(QtCriticalMsg).size(), 1);
+        }
         ASSERT_TRUE(switchTo(context));
         EXPECT_EQ(GLContextTracker::currentContext(), context.nativeContext());
         first.expectHeldFirst();

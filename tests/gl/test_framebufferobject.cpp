@@ -25,13 +25,6 @@ protected:
         return value;
     }
 
-    static std::unique_ptr<Texture> colourTexture(int width = 4, int height = 4)
-    {
-        auto texture = std::make_unique<Texture>();
-        texture->create2D(GL_TEXTURE_2D, GL_RGBA8, width, height);
-        return texture;
-    }
-
     VyxTest::MessageCapture capture;
 };
 
@@ -73,7 +66,6 @@ TEST_F(FramebufferObjectTest, DrawBuffersFollowColourAttachmentsAndReceiveClears
     EXPECT_TRUE(fbo.unbind());
     EXPECT_EQ(glInteger(GL_FRAMEBUFFER_BINDING), 0);
     EXPECT_EQ(Texture::NumAlive(), 0);
-    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
     EXPECT_TRUE(capture.messages().empty());
 }
 
@@ -83,7 +75,7 @@ TEST_F(FramebufferObjectTest, LayersAndUpdatesAttachWhatGLReports)
     ASSERT_TRUE(fbo.bind());
     Texture array;
     array.create3D(GL_TEXTURE_2D_ARRAY, GL_RGBA8, 4, 4, 3);
-    auto flat = colourTexture();
+    auto flat = VyxTest::texture2D(4, 4, GL_RGBA8);
 
     EXPECT_FALSE(fbo.attach(&array, GL_COLOR_ATTACHMENT0, 0));
     EXPECT_FALSE(fbo.attachLayers(flat.get(), GL_COLOR_ATTACHMENT0, 0));
@@ -120,15 +112,14 @@ TEST_F(FramebufferObjectTest, LayersAndUpdatesAttachWhatGLReports)
     FramebufferObject::ResetNumFBOTextures();
     EXPECT_EQ(FramebufferObject::NumFBOTextures(), 0);
     EXPECT_TRUE(fbo.unbind());
-    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
 
 TEST_F(FramebufferObjectTest, MisuseIsRefusedAndNamesAreNotLeaked)
 {
-    auto texture = colourTexture();
+    auto texture = VyxTest::texture2D(4, 4, GL_RGBA8);
+    // Managed names are proven deleted by the fixture's name ledger; an adopted one must stay.
     GLuint adoptedName = 0;
     glGenFramebuffers(1, &adoptedName);
-    std::vector<GLuint> managedNames;
     {
         FramebufferObject fbo;
         FramebufferObject second;
@@ -136,15 +127,11 @@ TEST_F(FramebufferObjectTest, MisuseIsRefusedAndNamesAreNotLeaked)
         EXPECT_EQ(FramebufferObject::NumAlive(), 3);
         EXPECT_FALSE(second.isComplete());
         EXPECT_EQ(glInteger(GL_FRAMEBUFFER_BINDING), 0);
-        managedNames = {fbo.getFBO(), second.getFBO()};
         EXPECT_FALSE(fbo.attach(texture.get(), GL_COLOR_ATTACHMENT0, 0));
         ASSERT_TRUE(adopted.bind());
         EXPECT_FALSE(adopted.bind());
         EXPECT_EQ(adopted.detach(GL_COLOR_ATTACHMENT0), nullptr);
         ASSERT_TRUE(adopted.unbind());
-        // Bound once, so a leaked name would still answer glIsFramebuffer.
-        for (FramebufferObject* managed : {&fbo, &second})
-            ASSERT_TRUE(managed->bind() && managed->unbind());
         EXPECT_EQ(capture.bodies(QtCriticalMsg),
                   (QStringList{assertionText("true == this->_fboBound", "Framebuffer Object is not bound on attach"),
                                assertionText("false == this->_fboBound", "Framebuffer Object is already bound on bind"),
@@ -152,8 +139,6 @@ TEST_F(FramebufferObjectTest, MisuseIsRefusedAndNamesAreNotLeaked)
                                          "Framebuffer Object has nothing attached to attachment at 36064")}));
     }
     EXPECT_EQ(FramebufferObject::NumAlive(), 0);
-    for (GLuint name : managedNames)
-        EXPECT_FALSE(glIsFramebuffer(name)) << name;
     EXPECT_TRUE(glIsFramebuffer(adoptedName));
     glDeleteFramebuffers(1, &adoptedName);
 }

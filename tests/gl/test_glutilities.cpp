@@ -1,9 +1,11 @@
 #include "gl/glloader.h"
+#include "gl/objects/texture.h"
 #include "gl/platform/bindable.h"
 #include "gl/platform/glcontexttracker.h"
 #include "gl/platform/glutilities.h"
 #include "gl/platform/internal/glcapabilities.h"
 #include "support/callrecorder.h"
+#include "support/glhelpers.h"
 #include "support/gltest.h"
 #include "support/messagecapture.h"
 
@@ -202,10 +204,9 @@ TEST_F(GLTest, GuardsRestoreTheStateTheyFound)
 
 TEST_F(GLTest, FramebufferDumpNamesBindingAndAttachments)
 {
-    GLuint framebuffer = 0, texture = 0;
-    glGenTextures(1, &texture);
-    glBindTexture(GL_TEXTURE_2D, texture);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, 4, 4, 0, GL_RGBA, GL_UNSIGNED_BYTE, nullptr);
+    const std::unique_ptr<Texture> colour = VyxTest::texture2D(4, 4, GL_RGBA8);
+    const GLuint texture = colour->textureID();
+    GLuint framebuffer = 0;
     glGenFramebuffers(1, &framebuffer);
     glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
     glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
@@ -219,7 +220,6 @@ TEST_F(GLTest, FramebufferDumpNamesBindingAndAttachments)
         << line.toStdString();
     glBindFramebuffer(GL_FRAMEBUFFER, 0);
     glDeleteFramebuffers(1, &framebuffer);
-    glDeleteTextures(1, &texture);
 }
 
 TEST_F(GLTest, DebugOutputReachesQDebug)

@@ -40,55 +40,6 @@ QColor materialColour(int material)
     return QColor(40 + material * 50, 255 - material * 45, (material * 97) % 256);
 }
 
-// RGBA8 colour with depth and stencil, bound and set as the viewport while alive.
-class StencilTarget
-{
-public:
-    StencilTarget()
-    {
-        glGenRenderbuffers(2, _renderbuffers);
-        glGenFramebuffers(1, &_framebuffer);
-        glBindFramebuffer(GL_FRAMEBUFFER, _framebuffer);
-        const GLenum formats[] = {GL_RGBA8, GL_DEPTH24_STENCIL8};
-        const GLenum attachments[] = {GL_COLOR_ATTACHMENT0, GL_DEPTH_STENCIL_ATTACHMENT};
-        for (int i = 0; i < 2; ++i) {
-            glBindRenderbuffer(GL_RENDERBUFFER, _renderbuffers[i]);
-            glRenderbufferStorage(GL_RENDERBUFFER, formats[i], kSize, kSize);
-            glFramebufferRenderbuffer(GL_FRAMEBUFFER, attachments[i], GL_RENDERBUFFER, _renderbuffers[i]);
-        }
-        glViewport(0, 0, kSize, kSize);
-        clear();
-    }
-    ~StencilTarget()
-    {
-        glBindFramebuffer(GL_FRAMEBUFFER, 0);
-        glDeleteFramebuffers(1, &_framebuffer);
-        glDeleteRenderbuffers(2, _renderbuffers);
-    }
-    void clear() const
-    {
-        glClearColor(0, 0, 0, 0);
-        glClearStencil(0);
-        glClear(GL_COLOR_BUFFER_BIT | GL_STENCIL_BUFFER_BIT);
-    }
-    QColor pixel(int x, int y) const
-    {
-        unsigned char rgba[4] = {};
-        glReadPixels(x, y, 1, 1, GL_RGBA, GL_UNSIGNED_BYTE, rgba);
-        return QColor(rgba[0], rgba[1], rgba[2], rgba[3]);
-    }
-    int stencil(int x, int y) const
-    {
-        unsigned char value = 0;
-        glReadPixels(x, y, 1, 1, GL_STENCIL_INDEX, GL_UNSIGNED_BYTE, &value);
-        return value;
-    }
-
-private:
-    GLuint _framebuffer = 0;
-    GLuint _renderbuffers[2] = {};
-};
-
 class GPUModelTest : public VyxTest::GLTest
 {
 protected:
@@ -101,19 +52,12 @@ protected:
         materialPlan.addMember(InstanceDataPlan::eTexture, "Albedo");
         materialPlan.addMember(InstanceDataPlan::eVec4, "Tint");
         InstanceDataRegistry::Instance().registerPlan(&materialPlan);
-        target = std::make_unique<StencilTarget>();
-        auto device = OpenGLDeviceContext::current();
+        target = std::make_unique<VyxTest::ColourTarget>(kSize, kSize, 0.0f, true);
         const GLuint indices[] = {0, 1, 2, 0, 2, 3};
-        indexBuffer = device->newBuffer();
-        indexBuffer->setTarget(GL_ELEMENT_ARRAY_BUFFER);
-        indexBuffer->bind();
-        indexBuffer->uploadGLuintData(indices, 6, GL_STATIC_DRAW);
-        indexBuffer->unbind();
-        auto vertices = device->newBuffer();
-        vertices->setTarget(GL_ARRAY_BUFFER);
-        vao = device->newVAO();
-        vao->upload("va_Vertex", vertices, QVector<float>{-0.5f, -0.5f, 0.5f, -0.5f, 0.5f, 0.5f, -0.5f, 0.5f}, 2,
-                    GL_STATIC_DRAW);
+        indexBuffer = VyxTest::newBuffer(GL_ELEMENT_ARRAY_BUFFER, indices, 6);
+        vao = OpenGLDeviceContext::current()->newVAO();
+        vao->upload("va_Vertex", VyxTest::newBuffer(GL_ARRAY_BUFFER),
+                    QVector<float>{-0.5f, -0.5f, 0.5f, -0.5f, 0.5f, 0.5f, -0.5f, 0.5f}, 2, GL_STATIC_DRAW);
         buildModel();
     }
 
@@ -207,7 +151,7 @@ protected:
 
     bool render(GPUModel::WindingType winding = GPUModel::eWindingNoCulling)
     {
-        target->clear();
+        target->clear(0);
         model.updateTransforms();
         model.resetCulling();
         model.visibilityCull();
@@ -261,7 +205,7 @@ protected:
     InstanceDataPlan objectPlan{"GMObject"};
     InstanceDataPlan materialPlan{"GMMaterial"};
     SamplerTextureManager manager;
-    std::unique_ptr<StencilTarget> target;
+    std::unique_ptr<VyxTest::ColourTarget> target;
     QSharedPointer<BufferObject> indexBuffer;
     QSharedPointer<VertexArrayObject> vao;
     std::vector<int> rows;
@@ -294,7 +238,6 @@ TEST_F(GPUModelTest, DrawsEveryObjectWithItsMaterialWhereItsWorldMatrixPutsIt)
         model.setLocalTransform(rows[5], moved);
         ASSERT_TRUE(render());
         EXPECT_TRUE(shows(2, 20, true));
-        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
     });
 }
 
@@ -323,11 +266,11 @@ TEST_F(GPUModelTest, HiddenZeroScaledCulledAndBackFacingObjectsLeaveNoPixels)
         QMatrix4x4 leftHalf;
         leftHalf.ortho(-1, 0, -1, 1, -1, 1);
         model.frustumCull(leftHalf);
-        target->clear();
+        target->clear(0);
         ASSERT_TRUE(draw(model, 0, 0, GPUModel::eWindingNoCulling, true));
         expectShown({{0, 0, true}, {0, 15, false}, {5, 24, false}});
         // A pass that ignores culling still keeps hidden objects hidden.
-        target->clear();
+        target->clear(0);
         ASSERT_TRUE(draw(model, 0, 0, GPUModel::eWindingNoCulling, false));
         expectShown({{0, 15, true}, {1, 2, false}});
 
@@ -411,7 +354,7 @@ TEST_F(GPUModelTest, PropertiesReachEveryInstanceUnderTheirName)
     lifted.translate(0, 1.0f);
     EXPECT_TRUE(model.setObjectProperty("Lifted", "ModelMatrix", lifted.constData(), 64));
     model.resetCulling();
-    target->clear();
+    target->clear(0);
     ASSERT_TRUE(draw(model, 0, 0));
     // Drawables 2 and 7 share material 2's record.
     const QColor c = materialColour(2);

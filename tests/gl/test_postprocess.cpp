@@ -83,14 +83,7 @@ class PostProcessTest : public VyxTest::GLTest
 protected:
     static std::unique_ptr<Texture> texture(const std::vector<GLubyte>* texels)
     {
-        auto result = std::make_unique<Texture>();
-        result->create2D(GL_TEXTURE_2D, GL_RGBA8, kSize, kSize);
-        if (texels) {
-            result->bind();
-            glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, kSize, kSize, GL_RGBA, GL_UNSIGNED_BYTE, texels->data());
-            result->unbind();
-        }
-        return result;
+        return VyxTest::texture2D(kSize, kSize, GL_RGBA8, GL_UNSIGNED_BYTE, texels ? texels->data() : nullptr);
     }
 };
 
@@ -106,12 +99,7 @@ TEST_F(PostProcessTest, SmoothsEdgesKeepsInteriorsAndThinLines)
     auto destination = texture(nullptr);
     PostProcess post;
 
-    struct Case
-    {
-        PostProcess::Mode mode;
-        bool colourEdges;
-        const char* crop;
-    };
+    struct Case { PostProcess::Mode mode; bool colourEdges; const char* crop; };
     for (const Case& c : {Case{PostProcess::eFXAA, false, "aa_fxaa.png"}, Case{PostProcess::eSMAA, false, "aa_smaa.png"},
                           Case{PostProcess::eSMAA, true, nullptr}, Case{PostProcess::eNone, false, nullptr}}) {
         SCOPED_TRACE(c.crop ? c.crop : (c.colourEdges ? "smaa colour edges" : "none"));

@@ -72,24 +72,13 @@ protected:
         for (const auto& face : kFaces)
             for (int corner : {face[0], face[1], face[2], face[0], face[2], face[3]})
                 indices.push_back(GLuint(corner));
-        auto device = OpenGLDeviceContext::current();
-        auto vertices = device->newBuffer();
-        vertices->setTarget(GL_ARRAY_BUFFER);
-        vertices->bind();
-        vertices->upload(corners, 24, GL_STATIC_DRAW);
-        vertices->unbind();
-        auto indexBuffer = device->newBuffer();
-        indexBuffer->setTarget(GL_ELEMENT_ARRAY_BUFFER);
-        indexBuffer->bind();
-        indexBuffer->uploadGLuintData(indices.data(), 36, GL_STATIC_DRAW);
-        indexBuffer->unbind();
-        auto vao = device->newVAO();
-        vao->registerBO("va_Vertex", vertices, 3, GL_FLOAT);
+        auto vao = OpenGLDeviceContext::current()->newVAO();
+        vao->registerBO("va_Vertex", VyxTest::newBuffer(GL_ARRAY_BUFFER, corners, 24), 3, GL_FLOAT);
 
         auto* db = new DrawBuffers;
         db->setVAO(vao);
         db->setPrimitiveType(GL_TRIANGLES);
-        db->setIndexedDraw(indexBuffer, 36, GL_UNSIGNED_INT);
+        db->setIndexedDraw(VyxTest::newBuffer(GL_ELEMENT_ARRAY_BUFFER, indices.data(), 36), 36, GL_UNSIGNED_INT);
         const DrawElementsIndirectCommand commands[] = {{36, 1, 0, 0, 0}, {36, 1, 0, 0, 1}};
         db->setDrawElementsIndirectCommands(commands, 2);
         const BoundingBox unitCube(QVector3D(-0.5f, -0.5f, -0.5f), QVector3D(0.5f, 0.5f, 0.5f));
@@ -296,12 +285,7 @@ TEST_F(ShadowMapsTest, BindRefusesWhatIsNotRenderDataWithATexture)
 {
     QObject unrelated;
     ShadowMapRenderData withoutTexture;
-    const struct
-    {
-        QVariant variant;
-        const char* condition;
-        const char* message;
-    } cases[] = {
+    const struct { QVariant variant; const char* condition; const char* message; } cases[] = {
         {QVariant(), "false == dataVariant.isNull()", "NULL render data variant used"},
         {QVariant(7), "true == dataVariant.canConvert<QObject*>()", "render data is not a 'QObject*' type is 'int'"},
         {QVariant::fromValue<QObject*>(&unrelated), "NULL != renderData", "NULL render data used"},

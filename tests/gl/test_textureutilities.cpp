@@ -28,12 +28,7 @@ protected:
     static Texture* checker()
     {
         const GLubyte texels[] = {0, 0, 0, 255, 255, 255, 255, 255, 255, 0, 0, 128, 0, 0, 255, 255};
-        auto* texture = new Texture();
-        texture->create2D(GL_TEXTURE_2D, GL_RGBA8, 2, 2);
-        texture->bind();
-        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, 2, 2, GL_RGBA, GL_UNSIGNED_BYTE, texels);
-        texture->unbind();
-        return texture;
+        return VyxTest::texture2D(2, 2, GL_RGBA8, GL_UNSIGNED_BYTE, texels).release();
     }
 
     static std::vector<int> texels(Texture* texture, int count)
@@ -60,7 +55,6 @@ TEST_F(TextureUtilitiesTest, SolidColourTruncatesToBytes)
     EXPECT_EQ(texels(texture, 1), (std::vector<int>{255, 127, 0, 254}));
     EXPECT_EQ(VyxTest::glInteger(GL_UNPACK_ALIGNMENT), 4);
     delete texture;
-    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
 
 TEST_F(TextureUtilitiesTest, WritableCopyTakesSizeFormatAndParameters)
@@ -94,39 +88,23 @@ TEST_F(TextureUtilitiesTest, WritableCopyTakesSizeFormatAndParameters)
     const GLint format = levelParameter(copy, GL_TEXTURE_INTERNAL_FORMAT);
     EXPECT_TRUE(format == GL_RGBA || format == GL_RGBA8) << std::hex << format;
     delete copy;
-    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
 
-TEST_F(TextureUtilitiesTest, FlipYReplacesTheTextureByAFlippedCopy)
+// The texture is replaced by a flipped copy (the original deleted) in its own format: also ones
+// the internal-format tables do not list, and sRGB storage, which must not darken.
+TEST_F(TextureUtilitiesTest, FlipYReplacesTheTextureByAFlippedCopyInItsFormat)
 {
-    Texture* texture = checker();
-    Texture* original = texture;
-    const int alive = Texture::NumAlive();
-    ASSERT_TRUE(FlipY(texture));
-    EXPECT_NE(texture, original);
-    EXPECT_EQ(Texture::NumAlive(), alive);
-    EXPECT_EQ(texels(texture, 4),
-              (std::vector<int>{255, 0, 0, 128, 0, 0, 255, 255, 0, 0, 0, 255, 255, 255, 255, 255}));
-    delete texture;
-    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
-}
-
-TEST_F(TextureUtilitiesTest, FlipYKeepsFormatsFilesBringAndSRGBValues)
-{
-    // Formats the internal-format tables do not list, and sRGB storage, which must not darken.
     const GLubyte rows[] = {10, 20, 30, 40, 200, 210, 220, 230};
-    for (GLenum internalFormat : {GLenum(GL_RGB8), GLenum(GL_SRGB8_ALPHA8), GLenum(GL_SRGB8)}) {
-        Texture* texture = new Texture();
-        texture->create2D(GL_TEXTURE_2D, internalFormat, 1, 2);
-        texture->bind();
-        glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
-        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, 1, 2, GL_RGBA, GL_UNSIGNED_BYTE, rows);
-        glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-        texture->unbind();
+    for (GLenum internalFormat : {GLenum(GL_RGBA8), GLenum(GL_RGB8), GLenum(GL_SRGB8_ALPHA8), GLenum(GL_SRGB8)}) {
+        Texture* texture = VyxTest::texture2D(1, 2, internalFormat, GL_UNSIGNED_BYTE, rows).release();
+        Texture* const original = texture;
+        const int alive = Texture::NumAlive();
         ASSERT_TRUE(FlipY(texture)) << std::hex << internalFormat;
+        EXPECT_NE(texture, original);
+        EXPECT_EQ(Texture::NumAlive(), alive);
         EXPECT_EQ(levelParameter(texture, GL_TEXTURE_INTERNAL_FORMAT), GLint(internalFormat));
         const std::vector<int> flipped = texels(texture, 2);
-        const bool hasAlpha = internalFormat == GL_SRGB8_ALPHA8;
+        const bool hasAlpha = internalFormat == GL_SRGB8_ALPHA8 || internalFormat == GL_RGBA8;
         EXPECT_EQ(flipped, (std::vector<int>{200, 210, 220, hasAlpha ? 230 : 255, 10, 20, 30, hasAlpha ? 40 : 255}))
             << std::hex << internalFormat;
         delete texture;
@@ -208,7 +186,6 @@ TEST_F(TextureUtilitiesTest, FailedPassesLeaveTheSourceAsItWas)
             delete texture;
         }
     }
-    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
 
 // Run as a child process by the test below: a host that draws with the cached quad and simply

@@ -40,13 +40,8 @@ protected:
 
     static QSharedPointer<UniformBufferObject> colorsBuffer(float red = 0, float green = 0, float blue = 0, float alpha = 0)
     {
-        auto buffer = OpenGLDeviceContext::current()->newBuffer();
-        buffer->setTarget(GL_UNIFORM_BUFFER);
         const float colour[4] = {red, green, blue, alpha};
-        buffer->bind();
-        buffer->upload(colour, 4, GL_STATIC_DRAW);
-        buffer->unbind();
-        return OpenGLDeviceContext::current()->newUniformBuffer("Colors", buffer);
+        return OpenGLDeviceContext::current()->newUniformBuffer("Colors", VyxTest::newBuffer(GL_UNIFORM_BUFFER, colour, 4));
     }
 
     static GLuint boundAt(int binding)
@@ -244,9 +239,8 @@ TEST_F(UniformBufferObjectTest, ShaderReadsTheBlockAndObjectsAreReleased)
         auto ubo = colorsBuffer(0.2f, 0.4f, 0.6f, 1.0f);
         VyxTest::ColourTarget target(4, 4);
         auto vao = OpenGLDeviceContext::current()->newVAO();
-        auto positions = OpenGLDeviceContext::current()->newBuffer();
-        positions->setTarget(GL_ARRAY_BUFFER);
-        ASSERT_TRUE(vao->upload("va_Vertex", positions, QVector<float>{-1, -1, 3, -1, -1, 3}, 2, GL_STATIC_DRAW));
+        ASSERT_TRUE(vao->upload("va_Vertex", VyxTest::newBuffer(GL_ARRAY_BUFFER), QVector<float>{-1, -1, 3, -1, -1, 3}, 2,
+                                GL_STATIC_DRAW));
         ASSERT_TRUE(program->bind() && ubo->bind() && vao->bind());
         ASSERT_TRUE(vao->enableShaderProgramArrays(program.get()));
         glDrawArrays(GL_TRIANGLES, 0, 3);
@@ -256,5 +250,4 @@ TEST_F(UniformBufferObjectTest, ShaderReadsTheBlockAndObjectsAreReleased)
         EXPECT_EQ(UniformBufferObject::NumAlive(), 1);
     }
     EXPECT_EQ(UniformBufferObject::NumAlive() + VertexArrayObject::NumAlive() + BufferObject::NumAlive(), 0);
-    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }

@@ -33,14 +33,7 @@ class VertexArrayObjectTest : public VyxTest::GLTest
 protected:
     static QSharedPointer<BufferObject> arrayBuffer(const void* data = nullptr, int bytes = 0)
     {
-        auto buffer = OpenGLDeviceContext::current()->newBuffer();
-        buffer->setTarget(GL_ARRAY_BUFFER);
-        if (data) {
-            buffer->bind();
-            buffer->uploadArbitraryData(data, bytes, GL_STATIC_DRAW, 1);
-            buffer->unbind();
-        }
-        return buffer;
+        return VyxTest::newBuffer(GL_ARRAY_BUFFER, data, bytes, 1);
     }
 
     // A triangle covering the target, each vertex with the same id and weight bytes.
@@ -189,7 +182,6 @@ TEST_F(VertexArrayObjectTest, DrawsIntegerAndNormalisedAttributes)
     ASSERT_TRUE(vao->unbind());
     shader->unbind();
     EXPECT_EQ(target.count({200, 100, 51, 255}), 64);
-    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
 
 TEST_F(VertexArrayObjectTest, UploadsReachTheRegisteredBuffer)
@@ -206,9 +198,9 @@ TEST_F(VertexArrayObjectTest, UploadsReachTheRegisteredBuffer)
     EXPECT_TRUE(capture.messages().empty());
 }
 
+// The fixture's name ledger proves the names went; here, that nothing is reported on the way.
 TEST_F(VertexArrayObjectTest, NamesDieWithTheirObjectsInTheContextThatMadeThem)
 {
-    std::vector<GLuint> names;
     {
         auto shader = program();
         std::vector<QSharedPointer<VertexArrayObject>> vaos;
@@ -218,14 +210,11 @@ TEST_F(VertexArrayObjectTest, NamesDieWithTheirObjectsInTheContextThatMadeThem)
             ASSERT_TRUE(vaos.back()->bind());
             ASSERT_TRUE(vaos.back()->enableShaderProgramArrays(shader.get()));
             ASSERT_TRUE(vaos.back()->unbind());
-            names.push_back(vaos.back()->getVAO());
         }
         EXPECT_EQ(std::make_pair(VertexArrayObject::NumAlive(), BufferObject::NumAlive()), std::make_pair(3, 9));
     }
     EXPECT_EQ(VertexArrayObject::NumAlive() + BufferObject::NumAlive(), 0);
-    for (GLuint name : names)
-        EXPECT_FALSE(glIsVertexArray(name)) << name;
-    // The device context's owner releases each name before the object dies: nothing to report.
+    // The device context's owner releases each name before the object dies.
     EXPECT_TRUE(capture.messages().empty());
 
     // Dying while another context is current must not delete that context's vertex array.

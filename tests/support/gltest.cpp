@@ -3,6 +3,8 @@
 #include "gl/drawing/opengldevicecontext.h"
 #include "gl/platform/glutilities.h"
 
+#include "gl/glloader.h"
+
 #include <cstdlib>
 
 namespace VyxTest {
@@ -21,6 +23,9 @@ void GLTest::TearDown()
     // Cached objects (the full-screen quad) must go while their context is still current.
     if (context.isValid())
         context.makeCurrent();
+    // No test may leave an error behind in the context it ran on.
+    if (_ledger)
+        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
     Tavren::Vyx::OpenGLDeviceContext::resetContext();
 }
 

@@ -1,4 +1,3 @@
-#include "gl/drawing/opengldevicecontext.h"
 #include "gl/platform/bindable.h"
 #include "gl/platform/glcontexttracker.h"
 #include "gl/platform/internal/percontextrecords.h"
@@ -62,15 +61,4 @@ TEST(PerContextRecords, KeysRecordsByContextAndCreatesThemOnFirstUse)
     GLContextTracker tracker;
     tracker.trackCurrentContext();
     EXPECT_TRUE(tracker.check());
-}
-
-TEST(OpenGLDeviceContext, ResetInstallsAFreshInstance)
-{
-    EXPECT_TRUE(OpenGLDeviceContext::current().isNull());
-    OpenGLDeviceContext::resetContext();
-    QSharedPointer<OpenGLDeviceContext> first = OpenGLDeviceContext::current();
-    ASSERT_FALSE(first.isNull());
-    EXPECT_EQ(OpenGLDeviceContext::current(), first);
-    OpenGLDeviceContext::resetContext();
-    EXPECT_NE(OpenGLDeviceContext::current(), first);
 }

@@ -56,11 +56,7 @@ TEST(GPUModel, SortingByFlagsIsStableAndKeepsIdsAndMaterialsValid)
 // place, unless a later add() asks for a sort anyway.
 TEST(GPUModel, FlagEditsLeaveTheOrderToAdd)
 {
-    struct Case
-    {
-        const char* edit;
-        std::function<void(GPUModel&, DrawBuffers*)> apply;
-    };
+    struct Case { const char* edit; std::function<void(GPUModel&, DrawBuffers*)> apply; };
     const Case cases[] = {
         {"set", [](GPUModel& m, DrawBuffers* b) { m.set(0, b, nullptr, nullptr, 9, ~quint64(0)); }},
         {"setFlags", [](GPUModel& m, DrawBuffers*) { m.setFlags(9, 0); }},
@@ -183,11 +179,7 @@ TEST(GPUModel, BoxesFrustaAndCamerasAgree)
     camera.setFieldOfView(90);
     camera.lookAt(QVector3D(0, 0, 5), QVector3D(), QVector3D(0, 1, 0));
     const Frustum frustum(camera.projectionMatrix(1.0f) * camera.viewMatrix());
-    struct Case
-    {
-        QVector3D centre;
-        bool inside;
-    };
+    struct Case { QVector3D centre; bool inside; };
     const Case cases[] = {
         {QVector3D(0, 0, 0), true},      {QVector3D(0, 0, 8), false},   // behind the eye
         {QVector3D(0, 0, -9), false},    {QVector3D(0, 0, -5.5f), true}, // past far / straddling it

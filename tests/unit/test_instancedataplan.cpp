@@ -193,12 +193,7 @@ TEST(InstanceDataPlan, TokensForOtherMembersAreReportedByTypeThenStoredWhereThey
     plan.addMember(InstanceDataPlan::eTexture, "albedo");
     registered(&plan);
     const char* typeCheck = "InstanceDataPlan::eTexture == _plan->dataType(dataName)";
-    struct Case
-    {
-        const char* member;
-        bool stored;
-        QStringList reports;
-    };
+    struct Case { const char* member; bool stored; QStringList reports; };
     const Case cases[] = {
         {"f", false,
          {assertionText(typeCheck, "InstanceData::setTexture( 'f') call on data type 13"),

@@ -165,12 +165,7 @@ TEST(KTXParser, KeyValueEntries)
 
 TEST(KTXParser, BrokenFilesAreReported)
 {
-    struct Case
-    {
-        const char* file;
-        bool parsesHeader;
-        const char* message;
-    };
+    struct Case { const char* file; bool parsesHeader; const char* message; };
     const Case cases[] = {
         {"sevmeyer_eof_at_0bytes.ktx", false, "KTX file 'f' is shorter than its 64-byte header"},
         {"sevmeyer_eof_at_31bytes.ktx", false, "KTX file 'f' is shorter than its 64-byte header"},

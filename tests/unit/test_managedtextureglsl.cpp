@@ -28,12 +28,7 @@ void main()
 }
 )";
 
-struct Case
-{
-    const char* file;
-    const char* versionMacro;
-    bool debugAndQueryLod;
-};
+struct Case { const char* file; const char* versionMacro; bool debugAndQueryLod; };
 
 } // namespace
 
