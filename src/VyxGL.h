@@ -55,3 +55,5 @@
 #include "render/postprocess.h"
 #include "render/shadowmaprenderer.h"
 #include "render/visibilitybuffer.h"
+#include "scene/gltfscenereader.h"
+#include "scene/scenedata.h"

@@ -1,36 +1,26 @@
 #pragma once
 
 #include "core/vyxexport.h"
-#include "gl/shadows/shadowmapmanager.h"
+#include "render/punctuallight.h"
+#include "render/scenematerial.h"
 
 #include <QString>
 #include <QStringList>
-#include <QVector3D>
 
 namespace Tavren::Vyx {
 
 class GPUModel;
 class InstanceDataPlan;
+struct SceneData;
 class TextureManager;
 
-// A punctual light as a scene file describes it; the shadow code reads it as a ShadowMapLight.
-// Radiometry follows the file: intensity in candela for point and spot lights, lux for the sun.
-class VYXGL_EXPORT PunctualLight : public ShadowMapLight
-{
-    Q_OBJECT
-public:
-    explicit PunctualLight(QObject* parent = nullptr);
-    QVector3D color{1, 1, 1};
-    float intensity = 1.0f;
-    float range = 0.0f;           // 0: unlimited
-    float innerConeAngle = 0.0f;  // radians; the outer angle is spotCutoff()
-};
-
-// Reads glTF 2.0 scenes (.gltf with its buffers and images, or .glb) into a GPUModel: the node
+// Reads glTF 2.0 scenes (.gltf with its buffers and images, or .glb) into a GPUModel in two steps:
+// GLTFSceneReader parses the file into SceneData without GL, then the data is uploaded: the node
 // tree becomes transforms, each mesh a DrawBuffers with one command per primitive and instance,
 // each primitive's metallic-roughness material one record of "GLTFMaterial" instance data and
-// each command's matrices one record of "GLTFObject". Cameras, KHR_lights_punctual lights and
-// the bounds from the POSITION accessors come along.
+// each command's matrices one record of "GLTFObject" (see SceneMaterial). Cameras,
+// KHR_lights_punctual lights and the bounds from the POSITION accessors come along. Images are
+// decoded through the texture recognisers and take their glTF sampler's filters and wraps.
 //
 // Vertex attributes: "va_Vertex" (vec3), "va_Normal" (vec3, computed when absent),
 // "va_TexCoord0" (vec2, glTF's top-left origin, which matches how images are uploaded).
@@ -39,12 +29,12 @@ public:
 // A structurally broken file (bad JSON, truncated container, missing buffer, accessor past its
 // buffer, index past the vertices, reference to a missing object) fails the whole load with
 // errorString() set and leaves the model empty. An image that cannot be read or decoded only
-// warns: its texture is opaque white.
+// warns, once: its texture is opaque white. Warnings are printed once each after a load.
 class VYXGL_EXPORT GLTFImporter
 {
 public:
     // Commands per drawable: the instance-data arrays are this long.
-    static constexpr int kMaxCommandsPerDrawable = 64;
+    static constexpr int kMaxCommandsPerDrawable = SceneMaterial::kMaxCommandsPerDrawable;
 
     // With no manager the process-wide TextureManager::Instance() is used.
     explicit GLTFImporter(TextureManager* manager = nullptr);
@@ -62,10 +52,12 @@ public:
     int imageCount() const { return _imageCount; }
 
     // The plans the imported instance data uses, registered on first use.
-    static InstanceDataPlan* materialPlan();
-    static InstanceDataPlan* objectPlan();
+    static InstanceDataPlan* materialPlan() { return SceneMaterial::materialPlan(); }
+    static InstanceDataPlan* objectPlan() { return SceneMaterial::objectPlan(); }
 
 private:
+    bool upload(const SceneData& scene, GPUModel& model, QObject* lightParent);
+
     TextureManager* _manager;
     QString _error;
     QStringList _warnings;

@@ -21,7 +21,8 @@
 #include "gl/textureio/textureio.h"
 #include "gl/textureio/textureutilities.h"
 #include "gl/textures/texturemanager.h"
-#include "render/gltfimporter.h"
+#include "render/punctuallight.h"
+#include "render/scenematerial.h"
 #include "render/shadowmaprenderer.h"
 
 #include <QVariantList>
@@ -207,8 +208,8 @@ bool SceneRenderer::prepare()
     DrawBuffers::setup(&_d->macros);
     _d->manager->setup(&_d->macros);
     ShadowMapManager::setup(&_d->macros);
-    InstanceDataPlan* material = GLTFImporter::materialPlan();
-    InstanceDataPlan* object = GLTFImporter::objectPlan();
+    InstanceDataPlan* material = SceneMaterial::materialPlan();
+    InstanceDataPlan* object = SceneMaterial::objectPlan();
 
     _d->sceneProgram = std::make_unique<ShaderProgram>();
     ShaderProgram& scene = *_d->sceneProgram;

@@ -5,19 +5,25 @@
 #include "render/demoscene.h"
 #include "render/gltfimporter.h"
 #include "render/scenerenderer.h"
+#include "support/callrecorder.h"
 #include "support/glhelpers.h"
 #include "support/gltest.h"
+#include "support/messagecapture.h"
 #include "support/testenvironment.h"
 
+#include <QBuffer>
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <algorithm>
 #include <cmath>
 
 using namespace Tavren::Vyx;
+using VyxTest::CallRecorder;
+using VyxTest::MessageCapture;
 
 namespace {
 
@@ -82,7 +88,8 @@ QByteArray triangleScene(int accessorCount, quint16 lastIndex, const QString& im
     root["nodes"] = QJsonArray{QJsonObject{{"mesh", 0}}};
     root["meshes"] = QJsonArray{QJsonObject{{"primitives", QJsonArray{primitive}}}};
     root["materials"] = QJsonArray{material};
-    root["textures"] = QJsonArray{QJsonObject{{"source", 0}}};
+    root["textures"] = QJsonArray{QJsonObject{{"source", 0}, {"sampler", 0}}};
+    root["samplers"] = QJsonArray{QJsonObject{{"magFilter", 9728}, {"minFilter", 9728}, {"wrapS", 33071}, {"wrapT", 33648}}};
     root["images"] = QJsonArray{QJsonObject{{"uri", imageUri}}};
     root["accessors"] = QJsonArray{positionAccessor, indexAccessor};
     root["bufferViews"] = QJsonArray{QJsonObject{{"buffer", 0}, {"byteOffset", 0}, {"byteLength", 36}},
@@ -218,7 +225,7 @@ TEST_F(SceneRenderTest, ModelsFromTheTestModelPackageRenderWithoutGLErrors)
     }
 }
 
-TEST_F(SceneRenderTest, MalformedScenesFailWithAMessageAndUnreadableImagesTurnWhite)
+TEST_F(SceneRenderTest, MalformedScenesFailWithAMessage)
 {
     const QByteArray demo = DemoScene::glb();
     const struct
@@ -240,9 +247,32 @@ TEST_F(SceneRenderTest, MalformedScenesFailWithAMessageAndUnreadableImagesTurnWh
         EXPECT_TRUE(importer.errorString().contains(QLatin1String(c.message))) << qPrintable(importer.errorString());
         EXPECT_EQ(model.numDrawables(), 0);
     }
+}
 
+TEST_F(SceneRenderTest, ImagesTakeTheirSamplerAndAMissingOneWarnsOnce)
+{
+    QImage picture(2, 2, QImage::Format_ARGB32);
+    picture.fill(Qt::red);
+    QBuffer png;
+    png.open(QIODevice::WriteOnly);
+    ASSERT_TRUE(picture.save(&png, "PNG"));
+    {
+        CallRecorder<&_ptrc_glTexParameteri> parameters;
+        MessageCapture capture;
+        ASSERT_TRUE(importer.loadFromMemory(triangleScene(3, 2, "data:image/png;base64," + png.data().toBase64()),
+                                            QString(), model, &lights))
+            << qPrintable(importer.errorString());
+        EXPECT_TRUE(capture.texts(QtWarningMsg).isEmpty()) << qPrintable(capture.texts().join('\n'));
+        const auto set = [&](GLenum name, GLint value) {
+            return std::count(parameters.calls().begin(), parameters.calls().end(),
+                              std::make_tuple(GLenum(GL_TEXTURE_2D), name, value)) > 0;
+        };
+        EXPECT_TRUE(set(GL_TEXTURE_MIN_FILTER, GL_NEAREST) && set(GL_TEXTURE_MAG_FILTER, GL_NEAREST));
+        EXPECT_TRUE(set(GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE) && set(GL_TEXTURE_WRAP_T, GL_MIRRORED_REPEAT));
+    }
+    MessageCapture capture;
     ASSERT_TRUE(importer.loadFromMemory(triangleScene(3, 2, "no-such-image.png"), QDir::tempPath(), model, &lights))
         << qPrintable(importer.errorString());
-    EXPECT_TRUE(importer.warnings().join('\n').contains("renders white")) << qPrintable(importer.warnings().join('\n'));
+    EXPECT_EQ(capture.bodies(QtWarningMsg), QStringList{"Image 0 ('no-such-image.png') could not be loaded; it renders white"});
     EXPECT_EQ(model.numDrawables(), 1);
 }

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "gl/textures/texturetoken.h"
+#include "scene/scenedata.h"
+
+#include <QSet>
+#include <QStringList>
+
+#include <map>
+#include <tuple>
+
+namespace Tavren::Vyx {
+
+class TextureManager;
+
+// Makes the textures a scene's materials refer to: each image decoded once per sampler and colour
+// space, through the texture recognisers first and then Qt's image reader, with the glTF
+// sampler's filters and wraps applied. Rows stay in file order (top row first), which is how
+// glTF's texture coordinates address them.
+class GLTFTextures
+{
+public:
+    GLTFTextures(const SceneData& scene, TextureManager& manager, QStringList& warnings)
+        : _scene(scene), _manager(manager), _warnings(warnings)
+    {
+    }
+
+    // Opaque white for no texture or an image that cannot be decoded (warned once per image).
+    // False with error set when the texture has no image.
+    bool token(const SceneData::TextureRef& ref, bool srgb, TextureToken& token);
+    QString error;
+
+private:
+    const SceneData& _scene;
+    TextureManager& _manager;
+    QStringList& _warnings;
+    std::map<std::tuple<int, int, bool>, TextureToken> _tokens; // image, sampler, sRGB
+    QSet<int> _reported;
+};
+
+} // namespace Tavren::Vyx

@@ -1,0 +1,387 @@
+#include "scene/internal/gltfconverter.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QUrl>
+
+#include <tiny_gltf.h>
+
+#include <climits>
+
+namespace Tavren::Vyx {
+
+namespace {
+
+constexpr int kMaxNodeDepth = 256;
+
+QString text(const std::string& s)
+{
+    return QString::fromStdString(s);
+}
+
+} // namespace
+
+bool GLTFConverter::convert()
+{
+    if (!nodes() || !roots() || !meshes() || !materials() || !textures() || !images() || !skins())
+        return false;
+    cameras();
+    lights();
+    animations();
+    return true;
+}
+
+bool GLTFConverter::nodes()
+{
+    const int count = int(_gltf.nodes.size());
+    std::vector<bool> hasParent(size_t(count), false);
+    _out.nodes.resize(size_t(count));
+    for (int n = 0; n < count; ++n) {
+        const tinygltf::Node& source = _gltf.nodes[size_t(n)];
+        SceneData::Node& node = _out.nodes[size_t(n)];
+        for (int child : source.children) {
+            if (child < 0 || child >= count)
+                return fail(QStringLiteral("Node %1 has a child %2 that does not exist").arg(n).arg(child));
+            if (hasParent[size_t(child)] || child == n)
+                return fail(QStringLiteral("Node %1 has more than one parent").arg(child));
+            hasParent[size_t(child)] = true;
+        }
+        node.name = text(source.name);
+        node.children = source.children;
+        if (source.matrix.size() == 16) {
+            node.hasMatrix = true;
+            float* d = node.matrix.data(); // column-major, as the file stores it
+            for (int i = 0; i < 16; ++i)
+                d[i] = float(source.matrix[size_t(i)]);
+        }
+        if (source.translation.size() == 3)
+            node.translation = QVector3D(float(source.translation[0]), float(source.translation[1]), float(source.translation[2]));
+        if (source.rotation.size() == 4)
+            node.rotation = QQuaternion(float(source.rotation[3]), float(source.rotation[0]), float(source.rotation[1]),
+                                        float(source.rotation[2]));
+        if (source.scale.size() == 3)
+            node.scale = QVector3D(float(source.scale[0]), float(source.scale[1]), float(source.scale[2]));
+        if (source.mesh >= int(_gltf.meshes.size()))
+            return fail(QStringLiteral("Node %1 uses mesh %2, which does not exist").arg(n).arg(source.mesh));
+        node.mesh = source.mesh;
+        if (source.camera >= int(_gltf.cameras.size()))
+            _warnings << QStringLiteral("Camera %1 does not exist; ignored").arg(source.camera);
+        else
+            node.camera = source.camera;
+        if (source.skin >= int(_gltf.skins.size()))
+            return fail(QStringLiteral("Node %1 uses skin %2, which does not exist").arg(n).arg(source.skin));
+        node.skin = source.skin;
+        const auto light = source.extensions.find("KHR_lights_punctual");
+        if (light != source.extensions.end() && light->second.Has("light")) {
+            node.light = light->second.Get("light").GetNumberAsInt();
+            if (node.light < 0 || node.light >= int(_gltf.lights.size()))
+                return fail(QStringLiteral("A node uses light %1, which does not exist").arg(node.light));
+        }
+    }
+    return true;
+}
+
+bool GLTFConverter::roots()
+{
+    const int count = int(_out.nodes.size());
+    const int sceneIndex = _gltf.defaultScene >= 0 ? _gltf.defaultScene : 0;
+    if (sceneIndex < int(_gltf.scenes.size())) {
+        _out.roots = _gltf.scenes[size_t(sceneIndex)].nodes;
+    } else {
+        std::vector<bool> isChild(size_t(count), false);
+        for (const SceneData::Node& node : _out.nodes)
+            for (int child : node.children)
+                isChild[size_t(child)] = true;
+        for (int n = 0; n < count; ++n)
+            if (!isChild[size_t(n)])
+                _out.roots.push_back(n);
+    }
+    // Walked without recursion; with one parent per node a cycle is unreachable from a root, and
+    // the depth cap bounds a long chain, so the upload can walk the same way unchecked.
+    std::vector<std::pair<int, int>> stack; // node, depth
+    for (int root : _out.roots)
+        stack.emplace_back(root, 0);
+    std::vector<bool> seen(size_t(count), false);
+    while (!stack.empty()) {
+        const auto [node, depth] = stack.back();
+        stack.pop_back();
+        if (node < 0 || node >= count)
+            return fail(QStringLiteral("The scene refers to node %1, which does not exist").arg(node));
+        if (seen[size_t(node)] || depth > kMaxNodeDepth)
+            return fail(QStringLiteral("Node %1 is reached twice or nests too deeply").arg(node));
+        seen[size_t(node)] = true;
+        for (int child : _out.nodes[size_t(node)].children)
+            stack.emplace_back(child, depth + 1);
+    }
+    return true;
+}
+
+bool GLTFConverter::meshes()
+{
+    _out.meshes.resize(_gltf.meshes.size());
+    for (size_t m = 0; m < _gltf.meshes.size(); ++m) {
+        const tinygltf::Mesh& source = _gltf.meshes[m];
+        SceneData::Mesh& mesh = _out.meshes[m];
+        mesh.name = text(source.name);
+        mesh.primitives.resize(source.primitives.size());
+        for (size_t p = 0; p < source.primitives.size(); ++p)
+            if (!primitive(int(m), int(p), source.primitives[p], mesh.primitives[p]))
+                return false;
+    }
+    return true;
+}
+
+bool GLTFConverter::primitive(int meshIndex, int index, const tinygltf::Primitive& source, SceneData::Primitive& out)
+{
+    out.mode = source.mode < 0 ? SceneData::Primitive::kTriangles : source.mode;
+    if (source.material >= int(_gltf.materials.size()))
+        return fail(QStringLiteral("Mesh %1 primitive %2 uses material %3, which does not exist")
+                        .arg(meshIndex).arg(index).arg(source.material));
+    out.material = source.material;
+    const auto accessor = [&](const std::string& name) {
+        const auto found = source.attributes.find(name);
+        return found == source.attributes.end() ? -1 : found->second;
+    };
+    const auto floats = [&](const char* name, std::initializer_list<int> components, std::vector<float>& into,
+                            int* found = nullptr) {
+        const int a = accessor(name);
+        return a < 0 || _accessors.readFloats(a, components, into, found);
+    };
+    if (!floats("POSITION", {3}, out.positions) || !floats("NORMAL", {3}, out.normals) ||
+        !floats("TANGENT", {4}, out.tangents) || !floats("WEIGHTS_0", {4}, out.weights))
+        return failAccessor();
+    for (int set = 0; accessor("TEXCOORD_" + std::to_string(set)) >= 0; ++set) {
+        out.texCoords.emplace_back();
+        if (!floats(("TEXCOORD_" + std::to_string(set)).c_str(), {2}, out.texCoords.back()))
+            return failAccessor();
+    }
+    int colorComponents = 4;
+    if (!floats("COLOR_0", {3, 4}, out.colors, &colorComponents))
+        return failAccessor();
+    if (colorComponents == 3) {
+        std::vector<float> rgba(out.colors.size() / 3 * 4, 1.0f);
+        for (size_t v = 0; v < out.colors.size() / 3; ++v)
+            std::copy_n(&out.colors[v * 3], 3, &rgba[v * 4]);
+        out.colors.swap(rgba);
+    }
+    if (accessor("JOINTS_0") >= 0 && !_accessors.readUnsigned(accessor("JOINTS_0"), 4, out.joints))
+        return failAccessor();
+    out.indexed = source.indices >= 0;
+    if (out.indexed && !_accessors.readUnsigned(source.indices, 1, out.indices))
+        return failAccessor();
+    // A primitive without positions is passed over by the upload; nothing else of it matters.
+    const size_t vertices = out.vertexCount();
+    if (vertices == 0)
+        return true;
+    for (quint32 i : out.indices)
+        if (i >= vertices)
+            return fail(QStringLiteral("Mesh %1 primitive %2 uses vertex %3 of %4").arg(meshIndex).arg(index).arg(i).arg(vertices));
+    if (!out.normals.empty() && out.normals.size() != out.positions.size())
+        return fail(QStringLiteral("Mesh %1 primitive %2 has more normals or positions than the other").arg(meshIndex).arg(index));
+    for (const std::vector<float>& set : out.texCoords)
+        if (set.size() != vertices * 2)
+            return fail(QStringLiteral("Mesh %1 primitive %2 has a texture coordinate count that differs from its positions")
+                            .arg(meshIndex).arg(index));
+    const std::pair<const char*, size_t> perVertex[] = {{"tangent", out.tangents.size()}, {"colour", out.colors.size()},
+                                                        {"joint", out.joints.size()}, {"weight", out.weights.size()}};
+    for (const auto& [name, size] : perVertex)
+        if (size != 0 && size != vertices * 4)
+            return fail(QStringLiteral("Mesh %1 primitive %2 has a %3 count that differs from its positions")
+                            .arg(meshIndex).arg(index).arg(QLatin1String(name)));
+    return true;
+}
+
+bool GLTFConverter::textureRef(int texture, int texCoord, float scale, SceneData::TextureRef& out)
+{
+    if (texture >= int(_gltf.textures.size()))
+        return fail(QStringLiteral("Texture %1 does not exist").arg(texture));
+    out.texture = texture < 0 ? -1 : texture;
+    out.texCoord = texCoord;
+    out.scale = scale;
+    return true;
+}
+
+bool GLTFConverter::materials()
+{
+    for (const tinygltf::Material& m : _gltf.materials) {
+        const tinygltf::PbrMetallicRoughness& pbr = m.pbrMetallicRoughness;
+        SceneData::Material material;
+        material.name = text(m.name);
+        const auto at = [](const std::vector<double>& v, size_t i, double fallback) {
+            return float(i < v.size() ? v[i] : fallback);
+        };
+        material.baseColorFactor = QVector4D(at(pbr.baseColorFactor, 0, 1), at(pbr.baseColorFactor, 1, 1),
+                                             at(pbr.baseColorFactor, 2, 1), at(pbr.baseColorFactor, 3, 1));
+        material.metallicFactor = float(pbr.metallicFactor);
+        material.roughnessFactor = float(pbr.roughnessFactor);
+        material.emissiveFactor = QVector3D(at(m.emissiveFactor, 0, 0), at(m.emissiveFactor, 1, 0), at(m.emissiveFactor, 2, 0));
+        material.alphaMode = m.alphaMode == "MASK" ? SceneData::Material::Mask
+                             : m.alphaMode == "BLEND" ? SceneData::Material::Blend
+                                                      : SceneData::Material::Opaque;
+        material.alphaCutoff = float(m.alphaCutoff);
+        material.doubleSided = m.doubleSided;
+        if (!textureRef(pbr.baseColorTexture.index, pbr.baseColorTexture.texCoord, 1, material.baseColorTexture) ||
+            !textureRef(pbr.metallicRoughnessTexture.index, pbr.metallicRoughnessTexture.texCoord, 1,
+                        material.metallicRoughnessTexture) ||
+            !textureRef(m.normalTexture.index, m.normalTexture.texCoord, float(m.normalTexture.scale), material.normalTexture) ||
+            !textureRef(m.occlusionTexture.index, m.occlusionTexture.texCoord, float(m.occlusionTexture.strength),
+                        material.occlusionTexture) ||
+            !textureRef(m.emissiveTexture.index, m.emissiveTexture.texCoord, 1, material.emissiveTexture))
+            return false;
+        _out.materials.push_back(material);
+    }
+    return true;
+}
+
+bool GLTFConverter::textures()
+{
+    for (const tinygltf::Sampler& s : _gltf.samplers)
+        _out.samplers.push_back({std::max(s.minFilter, 0), std::max(s.magFilter, 0), s.wrapS, s.wrapT});
+    for (size_t t = 0; t < _gltf.textures.size(); ++t) {
+        const tinygltf::Texture& texture = _gltf.textures[t];
+        // No source is left to the upload: an extension may name one that this reader skips.
+        if (texture.source >= int(_gltf.images.size()))
+            return fail(QStringLiteral("Texture %1 uses image %2, which does not exist").arg(t).arg(texture.source));
+        if (texture.sampler >= int(_gltf.samplers.size()))
+            return fail(QStringLiteral("Texture %1 uses sampler %2, which does not exist").arg(t).arg(texture.sampler));
+        _out.textures.push_back({std::max(texture.source, -1), std::max(texture.sampler, -1)});
+    }
+    return true;
+}
+
+bool GLTFConverter::images()
+{
+    for (size_t i = 0; i < _gltf.images.size(); ++i) {
+        const tinygltf::Image& source = _gltf.images[i];
+        SceneData::Image image;
+        image.name = text(source.name);
+        image.uri = text(source.uri);
+        image.mimeType = text(source.mimeType);
+        if (source.bufferView >= 0) {
+            const int view = source.bufferView;
+            if (view >= int(_gltf.bufferViews.size()))
+                return fail(QStringLiteral("Image %1 uses buffer view %2, which does not exist").arg(i).arg(view));
+            const tinygltf::BufferView& v = _gltf.bufferViews[size_t(view)];
+            if (v.buffer < 0 || v.buffer >= int(_gltf.buffers.size()) ||
+                v.byteOffset > _gltf.buffers[size_t(v.buffer)].data.size() ||
+                v.byteLength > _gltf.buffers[size_t(v.buffer)].data.size() - v.byteOffset || v.byteLength > size_t(INT_MAX))
+                return fail(QStringLiteral("Image %1 reaches past the end of its buffer").arg(i));
+            image.bytes = QByteArray(reinterpret_cast<const char*>(_gltf.buffers[size_t(v.buffer)].data.data() + v.byteOffset),
+                                     int(v.byteLength));
+        } else if (!source.uri.empty()) {
+            const QString path = QDir(_base).filePath(QUrl::fromPercentEncoding(source.uri.c_str()));
+            if (QFileInfo(path).isFile())
+                image.path = path;
+            else
+                _warnings << QStringLiteral("Image %1 ('%2') could not be loaded; it renders white").arg(i).arg(image.uri);
+        } else if (source.image.size() < size_t(INT_MAX)) {
+            image.bytes = QByteArray(reinterpret_cast<const char*>(source.image.data()), int(source.image.size()));
+        }
+        _out.images.push_back(image);
+    }
+    return true;
+}
+
+void GLTFConverter::cameras()
+{
+    for (const tinygltf::Camera& source : _gltf.cameras) {
+        SceneData::Camera camera;
+        camera.name = text(source.name);
+        camera.orthographic = source.type == "orthographic";
+        if (camera.orthographic) {
+            camera.xmag = source.orthographic.xmag;
+            camera.ymag = source.orthographic.ymag;
+            camera.znear = source.orthographic.znear;
+            camera.zfar = source.orthographic.zfar;
+        } else {
+            camera.yfov = source.perspective.yfov;
+            camera.aspectRatio = source.perspective.aspectRatio;
+            camera.znear = source.perspective.znear;
+            camera.zfar = source.perspective.zfar;
+        }
+        _out.cameras.push_back(camera);
+    }
+}
+
+void GLTFConverter::lights()
+{
+    for (const tinygltf::Light& source : _gltf.lights) {
+        SceneData::Light light;
+        light.name = text(source.name);
+        light.type = source.type == "directional" ? SceneData::Light::Directional
+                     : source.type == "spot"      ? SceneData::Light::Spot
+                                                  : SceneData::Light::Point;
+        if (source.color.size() == 3)
+            light.color = QVector3D(float(source.color[0]), float(source.color[1]), float(source.color[2]));
+        light.intensity = float(source.intensity);
+        light.range = float(source.range);
+        light.innerConeAngle = float(source.spot.innerConeAngle);
+        light.outerConeAngle = float(source.spot.outerConeAngle);
+        _out.lights.push_back(light);
+    }
+}
+
+bool GLTFConverter::skins()
+{
+    for (size_t s = 0; s < _gltf.skins.size(); ++s) {
+        const tinygltf::Skin& source = _gltf.skins[s];
+        SceneData::Skin skin;
+        skin.name = text(source.name);
+        for (int joint : source.joints)
+            if (joint < 0 || joint >= int(_out.nodes.size()))
+                return fail(QStringLiteral("Skin %1 uses node %2, which does not exist").arg(s).arg(joint));
+        skin.joints = source.joints;
+        skin.skeleton = source.skeleton < int(_out.nodes.size()) ? std::max(source.skeleton, -1) : -1;
+        std::vector<float> matrices;
+        if (source.inverseBindMatrices >= 0) {
+            if (!_accessors.readFloats(source.inverseBindMatrices, 16, matrices))
+                return failAccessor();
+            for (size_t m = 0; m + 16 <= matrices.size(); m += 16)
+                skin.inverseBindMatrices.emplace_back(QMatrix4x4(&matrices[m]).transposed()); // file is column-major
+        }
+        _out.skins.push_back(skin);
+    }
+    return true;
+}
+
+// Carried for later use, not applied: an animation this reader cannot decode is left out with a
+// warning rather than failing a scene that draws fine without it.
+void GLTFConverter::animations()
+{
+    for (size_t a = 0; a < _gltf.animations.size(); ++a) {
+        const tinygltf::Animation& source = _gltf.animations[a];
+        SceneData::Animation animation;
+        animation.name = text(source.name);
+        GLTFAccessorReader reader(_gltf);
+        bool usable = true;
+        for (const tinygltf::AnimationSampler& s : source.samplers) {
+            SceneData::Animation::Sampler sampler;
+            sampler.interpolation = text(s.interpolation);
+            usable = usable && reader.readFloats(s.input, 1, sampler.input) &&
+                     reader.readFloats(s.output, {1, 2, 3, 4}, sampler.output, &sampler.outputComponents);
+            animation.samplers.push_back(sampler);
+        }
+        for (const tinygltf::AnimationChannel& c : source.channels) {
+            if (c.sampler < 0 || c.sampler >= int(source.samplers.size()) || c.target_node >= int(_out.nodes.size()))
+                reader.error = QStringLiteral("Channel uses a sampler or node that does not exist"), usable = false;
+            animation.channels.push_back({c.sampler, std::max(c.target_node, -1), text(c.target_path)});
+        }
+        if (usable)
+            _out.animations.push_back(animation);
+        else
+            _warnings << QStringLiteral("Animation %1 is left out: %2").arg(a).arg(reader.error);
+    }
+}
+
+QMatrix4x4 SceneData::Node::localMatrix() const
+{
+    if (hasMatrix)
+        return matrix;
+    QMatrix4x4 m;
+    m.translate(translation);
+    m.rotate(rotation.normalized());
+    m.scale(scale);
+    return m;
+}
+
+} // namespace Tavren::Vyx

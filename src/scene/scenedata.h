@@ -1,0 +1,175 @@
+#pragma once
+
+#include "core/vyxexport.h"
+
+#include <QByteArray>
+#include <QMatrix4x4>
+#include <QQuaternion>
+#include <QString>
+#include <QVector3D>
+#include <QVector4D>
+
+#include <vector>
+
+namespace Tavren::Vyx {
+
+// A glTF scene as plain CPU-side data: every array decoded, every index checked against the array
+// it refers to (-1 where the file gives none). Nothing here needs a GL context.
+struct VYXGL_EXPORT SceneData
+{
+    struct Node
+    {
+        QString name;
+        std::vector<int> children;
+        // The file's matrix when it gives one, else T * R * S.
+        bool hasMatrix = false;
+        QMatrix4x4 matrix;
+        QVector3D translation;
+        QQuaternion rotation;
+        QVector3D scale{1, 1, 1};
+        int mesh = -1, camera = -1, light = -1, skin = -1;
+
+        QMatrix4x4 localMatrix() const;
+    };
+
+    // Attributes are tightly packed per vertex, whatever the file's strides and component types
+    // were: normalised integers become floats in [0, 1] or [-1, 1].
+    struct Primitive
+    {
+        static constexpr int kTriangles = 4;
+        int mode = kTriangles;
+        int material = -1;
+        std::vector<float> positions;              // 3 per vertex
+        std::vector<float> normals;                // 3 per vertex, or none
+        std::vector<float> tangents;               // 4 per vertex, or none
+        std::vector<std::vector<float>> texCoords; // TEXCOORD_n: 2 per vertex
+        std::vector<float> colors;                 // COLOR_0 as RGBA, or none
+        std::vector<quint32> joints;               // JOINTS_0: 4 per vertex, or none
+        std::vector<float> weights;                // WEIGHTS_0: 4 per vertex, or none
+        // Empty without an index accessor: vertices are drawn in order.
+        bool indexed = false;
+        std::vector<quint32> indices;
+
+        size_t vertexCount() const { return positions.size() / 3; }
+    };
+
+    struct Mesh
+    {
+        QString name;
+        std::vector<Primitive> primitives;
+    };
+
+    struct TextureRef
+    {
+        int texture = -1;
+        int texCoord = 0;
+        // The normal map's scale or the occlusion map's strength; 1 for the others.
+        float scale = 1.0f;
+    };
+
+    struct Material
+    {
+        enum AlphaMode { Opaque, Mask, Blend };
+        QString name;
+        QVector4D baseColorFactor{1, 1, 1, 1};
+        float metallicFactor = 1.0f;
+        float roughnessFactor = 1.0f;
+        QVector3D emissiveFactor;
+        TextureRef baseColorTexture, metallicRoughnessTexture, normalTexture, occlusionTexture, emissiveTexture;
+        AlphaMode alphaMode = Opaque;
+        float alphaCutoff = 0.5f;
+        bool doubleSided = false;
+    };
+
+    // GL enum values as the file gives them; 0 for a filter the file leaves open.
+    struct Sampler
+    {
+        static constexpr int kRepeat = 10497;
+        int minFilter = 0;
+        int magFilter = 0;
+        int wrapS = kRepeat;
+        int wrapT = kRepeat;
+    };
+
+    struct Texture
+    {
+        int source = -1;
+        int sampler = -1;
+    };
+
+    // Encoded bytes (from a buffer view or a data URI) or the resolved path of an external file;
+    // neither when the file could not be found, which was reported once.
+    struct Image
+    {
+        QString name;
+        QString uri;
+        QString mimeType;
+        QByteArray bytes;
+        QString path;
+    };
+
+    struct Camera
+    {
+        QString name;
+        bool orthographic = false;
+        // As the file gives them, so that derived values round the same way in every step.
+        double yfov = 0, aspectRatio = 0; // radians; aspect 0 when the file leaves it open
+        double xmag = 0, ymag = 0;
+        double znear = 0, zfar = 0; // zfar 0: infinite perspective
+    };
+
+    struct Light
+    {
+        enum Type { Directional, Point, Spot };
+        QString name;
+        Type type = Point;
+        QVector3D color{1, 1, 1};
+        float intensity = 1.0f;
+        float range = 0.0f; // 0: unlimited
+        float innerConeAngle = 0.0f, outerConeAngle = 0.0f;
+    };
+
+    struct Skin
+    {
+        QString name;
+        std::vector<int> joints;
+        int skeleton = -1;
+        std::vector<QMatrix4x4> inverseBindMatrices;
+    };
+
+    struct Animation
+    {
+        struct Sampler
+        {
+            std::vector<float> input;  // key times
+            std::vector<float> output; // outputComponents per key (or per key and morph weight)
+            int outputComponents = 0;
+            QString interpolation;
+        };
+        struct Channel
+        {
+            int sampler = -1;
+            int node = -1;
+            QString path; // "translation", "rotation", "scale" or "weights"
+        };
+        QString name;
+        std::vector<Sampler> samplers;
+        std::vector<Channel> channels;
+    };
+
+    std::vector<Node> nodes;
+    // The nodes the scene starts from: the default (or first) scene's, else every node without
+    // a parent. Each node is reached at most once from them.
+    std::vector<int> roots;
+    std::vector<Mesh> meshes;
+    std::vector<Material> materials;
+    std::vector<Texture> textures;
+    std::vector<Sampler> samplers;
+    std::vector<Image> images;
+    std::vector<Camera> cameras;
+    std::vector<Light> lights;
+    std::vector<Skin> skins;
+    std::vector<Animation> animations;
+};
+
+} // namespace Tavren::Vyx
