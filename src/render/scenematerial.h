@@ -2,19 +2,39 @@
 
 #include "core/vyxexport.h"
 
+#include <QtGlobal>
+
 namespace Tavren::Vyx {
 
 class InstanceDataPlan;
 
 // The instance data the scene shading reads for each draw command: one "GLTFMaterial" record
-// (five texture tokens: BaseColorMap, MetallicRoughnessMap, NormalMap, OcclusionMap, EmissiveMap;
-// three vec4s: BaseColorFactor, EmissiveFactor with the alpha cutoff of masked materials in w or
-// -1, PbrFactors as metallic, roughness, normal scale, occlusion strength, where 0 means "no map")
 // and one "GLTFObject" record (ModelMatrix).
+//
+// "GLTFMaterial": five texture tokens (BaseColorMap, MetallicRoughnessMap, NormalMap,
+// OcclusionMap, EmissiveMap); for each map two vec4s <Map>UVRow0 and <Map>UVRow1 holding the rows
+// of its texture transform in xyz, with the texture coordinate set it reads in UVRow0.w; and
+// the vec4s BaseColorFactor, EmissiveFactor (times the emissive strength, with the alpha cutoff
+// of masked materials in w or -1), PbrFactors (metallic, roughness, normal scale, occlusion
+// strength, where 0 means "no map") and Options (x: unlit, y: the vertex colours "va_Color0" are
+// multiplied in, z: the vertex array has tangents "va_Tangent0").
+//
+// Vertex attributes: "va_Vertex" (vec3), "va_Normal" (vec3), "va_TexCoord0" and "va_TexCoord1"
+// (vec2, glTF's top-left origin, which matches how images are uploaded), "va_Color0" (vec4) and
+// "va_Tangent0" (vec4, handedness in w), each only where some primitive of the mesh has it.
 namespace SceneMaterial {
 
-// Commands per drawable: the instance-data arrays are this long.
-constexpr int kMaxCommandsPerDrawable = 64;
+// Commands per drawable: the instance-data arrays are this long. A material record is 272 bytes,
+// so the table stays within the 16 KB of uniform block that every GL 3.2 context offers.
+constexpr int kMaxCommandsPerDrawable = 48;
+
+// Drawable flags the importer sets and the renderer selects passes by.
+constexpr quint64 kDoubleSidedFlag = quint64(1) << 0;
+constexpr quint64 kAlphaMaskFlag = quint64(1) << 1;
+// Equal to GPUModel::kSortBackToFrontFlag, so a view given to the draw sorts these commands.
+constexpr quint64 kAlphaBlendFlag = quint64(1) << 62;
+// Points and lines: never culled, no normal map.
+constexpr quint64 kPointsOrLinesFlag = quint64(1) << 2;
 constexpr const char* kMaterialPlanName = "GLTFMaterial";
 constexpr const char* kObjectPlanName = "GLTFObject";
 

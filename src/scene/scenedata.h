@@ -6,6 +6,7 @@
 #include <QMatrix4x4>
 #include <QQuaternion>
 #include <QString>
+#include <QVector2D>
 #include <QVector3D>
 #include <QVector4D>
 
@@ -28,20 +29,30 @@ struct VYXGL_EXPORT SceneData
         QQuaternion rotation;
         QVector3D scale{1, 1, 1};
         int mesh = -1, camera = -1, light = -1, skin = -1;
+        // EXT_mesh_gpu_instancing: the mesh is drawn once per matrix, each placed by
+        // world * instance; empty: drawn once, by the node's world matrix.
+        std::vector<QMatrix4x4> instances;
 
         QMatrix4x4 localMatrix() const;
     };
 
-    // Attributes are tightly packed per vertex, whatever the file's strides and component types
-    // were: normalised integers become floats in [0, 1] or [-1, 1].
+    // Attributes are tightly packed per vertex, whatever the file's strides, component types and
+    // sparse substitutions were: normalised integers become floats in [0, 1] or [-1, 1], plain
+    // integers (KHR_mesh_quantization) their values.
     struct Primitive
     {
-        static constexpr int kTriangles = 4;
+        // glTF's modes. Strips, loops and fans arrive unrolled into lists, so a read primitive
+        // is always points, lines or triangles.
+        enum Mode { kPoints = 0, kLines = 1, kLineLoop = 2, kLineStrip = 3, kTriangles = 4, kTriangleStrip = 5, kTriangleFan = 6 };
         int mode = kTriangles;
         int material = -1;
         std::vector<float> positions;              // 3 per vertex
-        std::vector<float> normals;                // 3 per vertex, or none
-        std::vector<float> tangents;               // 4 per vertex, or none
+        // 3 per vertex. Triangles always have them: flat ones are made when the file gives none.
+        std::vector<float> normals;
+        // 4 per vertex (xyz and handedness w), relative to the normal map's texture coordinate
+        // set: the file's, else generated in the MikkTSpace convention when the material has a
+        // normal map; otherwise none.
+        std::vector<float> tangents;
         std::vector<std::vector<float>> texCoords; // TEXCOORD_n: 2 per vertex
         std::vector<float> colors;                 // COLOR_0 as RGBA, or none
         std::vector<quint32> joints;               // JOINTS_0: 4 per vertex, or none
@@ -59,12 +70,26 @@ struct VYXGL_EXPORT SceneData
         std::vector<Primitive> primitives;
     };
 
+    // KHR_texture_transform: uv' = translate(offset) * rotate(rotation) * scale(scale) * uv.
+    struct TextureTransform
+    {
+        QVector2D offset{0, 0};
+        float rotation = 0.0f; // radians, counter-clockwise in UV space
+        QVector2D scale{1, 1};
+
+        bool isIdentity() const { return offset.isNull() && rotation == 0.0f && scale == QVector2D(1, 1); }
+        // The two rows of the 3x3 affine matrix, as (m0, m1, m2) per row.
+        void rows(float row0[3], float row1[3]) const;
+    };
+
     struct TextureRef
     {
         int texture = -1;
+        // The set the texture reads, after any texture transform's override.
         int texCoord = 0;
         // The normal map's scale or the occlusion map's strength; 1 for the others.
         float scale = 1.0f;
+        TextureTransform transform;
     };
 
     struct Material
@@ -79,6 +104,8 @@ struct VYXGL_EXPORT SceneData
         AlphaMode alphaMode = Opaque;
         float alphaCutoff = 0.5f;
         bool doubleSided = false;
+        bool unlit = false;            // KHR_materials_unlit
+        float emissiveStrength = 1.0f; // KHR_materials_emissive_strength
     };
 
     // GL enum values as the file gives them; 0 for a filter the file leaves open.

@@ -7,6 +7,7 @@
 #include <tiny_gltf.h>
 
 #include <climits>
+#include <cmath>
 
 namespace Tavren::Vyx {
 
@@ -382,6 +383,22 @@ QMatrix4x4 SceneData::Node::localMatrix() const
     m.rotate(rotation.normalized());
     m.scale(scale);
     return m;
+}
+
+} // namespace Tavren::Vyx
+
+namespace Tavren::Vyx {
+
+void SceneData::TextureTransform::rows(float row0[3], float row1[3]) const
+{
+    const float c = std::cos(rotation), s = std::sin(rotation);
+    // translate * rotate * scale, with glTF's rotation matrix [c s; -s c].
+    row0[0] = c * scale.x();
+    row0[1] = s * scale.y();
+    row0[2] = offset.x();
+    row1[0] = -s * scale.x();
+    row1[1] = c * scale.y();
+    row1[2] = offset.y();
 }
 
 } // namespace Tavren::Vyx
