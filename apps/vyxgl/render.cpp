@@ -32,12 +32,13 @@ namespace {
 void printRenderUsage()
 {
     std::printf(
-        "usage: vyxgl render [SCENE] [--env FILE] [--size WxH] [--camera N] [--exposure EV] [--aa MODE] [-o out.png]\n"
+        "usage: vyxgl render [SCENE] [--env FILE] [--size WxH] [--camera N|auto] [--exposure EV] [--aa MODE] [-o out.png]\n"
         "  SCENE          a .gltf or .glb file; without one, the built-in demo scene\n"
         "  --env FILE     environment picture (lat-long; .hdr, .ktx or any Qt image);\n"
         "                 default: a procedural sky\n"
         "  --size WxH     image size (default 1280x720)\n"
-        "  --camera N     the scene's camera N (default: its first, else one framing the scene)\n"
+        "  --camera N     the scene's camera N (default: its first, else one framing the scene);\n"
+        "                 auto: one framing the scene from the front, whatever cameras it has\n"
         "  --exposure EV  exposure in stops (default 0)\n"
         "  --aa MODE      screen-space anti-aliasing: none (default), fxaa or smaa\n"
         "  --samples N    multisampling samples per pixel (default 4; 1 = off)\n"
@@ -49,7 +50,8 @@ struct Options
 {
     QString scene, environment, output = QStringLiteral("vyxgl-render.png");
     QSize size{1280, 720};
-    int camera = -1;
+    int camera = -1; // -1 its first camera, if any; kAutomatic one framing the scene
+    static constexpr int kAutomatic = -2;
     int samples = 4;
     float exposure = 0.0f;
     PostProcess::Mode antiAliasing = PostProcess::eNone;
@@ -82,8 +84,8 @@ int parse(int argc, char** argv, Options& o)
         } else if (arg == QLatin1String("-o")) {
             o.output = value;
         } else if (arg == QLatin1String("--camera")) {
-            o.camera = value.toInt(&ok);
-            ok = ok && o.camera >= 0;
+            o.camera = value == QLatin1String("auto") ? Options::kAutomatic : value.toInt(&ok);
+            ok = ok && (o.camera >= 0 || o.camera == Options::kAutomatic);
         } else if (arg == QLatin1String("--samples")) {
             o.samples = value.toInt(&ok);
             ok = ok && o.samples >= 1 && o.samples <= 16;
@@ -117,9 +119,12 @@ int parse(int argc, char** argv, Options& o)
 Camera chooseCamera(GPUModel& model, int index, float aspect)
 {
     const BoundingBox bounds = model.sceneBounds();
-    if (index < 0)
-        return SceneFraming::framingCamera(bounds, aspect);
-    return SceneFraming::enclosingPlanes(model.getCamera(index), model.getCameraWorldSpaceMatrix(index), bounds);
+    if (index >= 0)
+        return SceneFraming::enclosingPlanes(model.getCamera(index), model.getCameraWorldSpaceMatrix(index), bounds);
+    const float extent = bounds.size().length() + bounds.center().length();
+    if ((bounds.isEmpty() || !std::isfinite(extent)) && !model.isDrawablesEmpty())
+        std::fprintf(stderr, "vyxgl: warning: the scene has no finite bounds; the camera looks at the origin\n");
+    return SceneFraming::framingCamera(bounds, aspect);
 }
 
 // Pixels where the scene changed the picture: those that differ from the sky alone.
@@ -206,7 +211,7 @@ int renderWithContext(const Options& options)
                      model.getCameraCount());
         return 2;
     }
-    const int cameraIndex = options.camera >= 0 ? options.camera : (model.getCameraCount() > 0 ? 0 : -1);
+    const int cameraIndex = options.camera != -1 ? options.camera : (model.getCameraCount() > 0 ? 0 : -1);
     const Camera camera = chooseCamera(model, cameraIndex, aspect);
 
     SceneRenderer renderer;
