@@ -13,20 +13,6 @@ namespace {
 
 class SceneFramingRender : public VyxTest::GLTest
 {
-protected:
-    void TearDown() override
-    {
-        model.clear();
-        renderer.reset();
-        manager.clear();
-        GLTest::TearDown();
-    }
-
-    SamplerTextureManager manager;
-    GPUModel model;
-    QObject lights;
-    GLTFImporter importer{&manager};
-    std::unique_ptr<SceneRenderer> renderer = std::make_unique<SceneRenderer>(&manager);
 };
 
 } // namespace
@@ -36,6 +22,13 @@ protected:
 TEST_F(SceneFramingRender, TinyAndHugeScenesFillTheCentre)
 {
     const QSize size(160, 90);
+    SamplerTextureManager manager;
+    GPUModel model;
+    QObject lights;
+    GLTFImporter importer(&manager);
+    SceneRenderer renderer(&manager);
+    renderer.setSamples(1);
+    renderer.setShadowMapSize(256);
     for (const float scale : {0.07f, 10000.0f}) {
         SCOPED_TRACE(scale);
         model.clear();
@@ -49,10 +42,8 @@ TEST_F(SceneFramingRender, TinyAndHugeScenesFillTheCentre)
                 model.setLocalTransform(t, placed * model.localTransform(t));
         }
         const Camera camera = SceneFraming::framingCamera(model.sceneBounds(), float(size.width()) / size.height());
-        renderer->setSamples(1);
-        renderer->setShadowMapSize(256);
-        const QImage image = renderer->renderToImage(model, camera, size).convertToFormat(QImage::Format_RGB32);
-        ASSERT_FALSE(image.isNull()) << qPrintable(renderer->errorString());
+        const QImage image = renderer.renderToImage(model, camera, size).convertToFormat(QImage::Format_RGB32);
+        ASSERT_FALSE(image.isNull()) << qPrintable(renderer.errorString());
         const auto red = [&image](int x, int y) {
             const QRgb p = image.pixel(x, y);
             return qRed(p) > 80 && qRed(p) > 2 * qGreen(p);
@@ -66,4 +57,5 @@ TEST_F(SceneFramingRender, TinyAndHugeScenesFillTheCentre)
         EXPECT_FALSE(red(2, 2) || red(157, 2) || red(2, 87) || red(157, 87));
         EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
     }
+    model.clear();
 }
