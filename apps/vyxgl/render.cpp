@@ -127,11 +127,12 @@ Camera chooseCamera(GPUModel& model, int index, float aspect)
     return SceneFraming::framingCamera(bounds, aspect);
 }
 
-// Pixels where the scene changed the picture: those that differ from the sky alone.
+// Pixels where the scene changed the picture: those that differ from the sky alone; -1 when
+// the sky could not be drawn.
 qint64 coveredPixels(const QImage& picture, const QImage& sky)
 {
-    if (picture.size() != sky.size())
-        return 0;
+    if (sky.isNull() || picture.size() != sky.size())
+        return -1;
     const QImage a = picture.convertToFormat(QImage::Format_RGBA8888);
     const QImage b = sky.convertToFormat(QImage::Format_RGBA8888);
     qint64 covered = 0;
@@ -237,13 +238,13 @@ int renderWithContext(const Options& options)
         std::printf("import %.1f ms, first frame %.1f ms, warm frame %.1f ms\n", importTime / 1e6, firstFrame / 1e6,
                     timer.nsecsElapsed() / 1e6);
     }
-    // Whether the culling of the frame above left anything to draw, read before the sky alone
-    // is drawn for comparison.
+    // A model that drew nothing (culling above left no command) covers nothing; otherwise the
+    // sky alone from the same camera tells which pixels the scene took.
     const bool drawEmpty = model.isDrawablesEmpty() || model.isDrawEmpty(0, 0);
     GPUModel nothing;
     const qint64 covered = drawEmpty ? 0 : coveredPixels(image, renderer.renderToImage(nothing, camera, options.size));
     warnIfBlank(model, covered);
-    if (options.reportCoverage)
+    if (options.reportCoverage && covered >= 0)
         std::printf("coverage: %lld of %lld pixels\n", static_cast<long long>(covered),
                     static_cast<long long>(image.width()) * image.height());
     image = antiAliased(image, options.antiAliasing);
