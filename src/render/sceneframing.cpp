@@ -16,7 +16,8 @@ constexpr float kFieldOfView = 45.0f; // degrees, vertical
 constexpr float kElevation = 15.0f;   // degrees above the horizontal
 // Planes stand this share of the radius clear of the sphere, so rounding clips nothing.
 constexpr float kPlaneMargin = 0.02f;
-// A perspective near plane nearer than this share of the scene's depth wastes precision.
+// Perspective near planes stay beyond this share of the scene's size: nearer wastes depth
+// precision.
 constexpr float kMinNearFraction = 1e-3f;
 // Widened perspective planes keep far / near below this where the scene allows it.
 constexpr float kMaxDepthRatio = 1e3f;
