@@ -24,7 +24,7 @@ while (($#)); do
     *) folders+=("$1"); shift ;;
   esac
 done
-((${#folders[@]})) || folders=("$root/../shared/testdata/gltf" /usr/share/assimp/models/glTF2)
+((${#folders[@]})) || folders=("$(realpath -m "$root/../shared/testdata/gltf")" /usr/share/assimp/models/glTF2)
 if [ ! -x "$vyxgl" ]; then
   echo "render-all: no vyxgl at $vyxgl (build the vyxgl target, or pass --vyxgl)" >&2
   exit 2
