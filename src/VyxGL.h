@@ -53,6 +53,7 @@
 #include "gl/objects/vertexarraybuilder.h"
 #include "gl/objects/vertexarrayobject.h"
 #include "render/postprocess.h"
+#include "render/sceneframing.h"
 #include "render/shadowmaprenderer.h"
 #include "render/visibilitybuffer.h"
 #include "scene/gltfscenereader.h"

@@ -12,13 +12,13 @@
 #include "gl/textureio/textureutilities.h"
 #include "render/gltfimporter.h"
 #include "render/postprocess.h"
+#include "render/sceneframing.h"
 #include "render/scenerenderer.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QRegularExpression>
-#include <QtMath>
 
 #include <cmath>
 #include <memory>
@@ -32,12 +32,13 @@ namespace {
 void printRenderUsage()
 {
     std::printf(
-        "usage: vyxgl render [SCENE] [--env FILE] [--size WxH] [--camera N] [--exposure EV] [--aa MODE] [-o out.png]\n"
+        "usage: vyxgl render [SCENE] [--env FILE] [--size WxH] [--camera N|auto] [--exposure EV] [--aa MODE] [-o out.png]\n"
         "  SCENE          a .gltf or .glb file; without one, the built-in demo scene\n"
         "  --env FILE     environment picture (lat-long; .hdr, .ktx or any Qt image);\n"
         "                 default: a procedural sky\n"
         "  --size WxH     image size (default 1280x720)\n"
-        "  --camera N     the scene's camera N (default: its first, else one framing the scene)\n"
+        "  --camera N     the scene's camera N (default: its first, else one framing the scene);\n"
+        "                 auto: one framing the scene from the front, whatever cameras it has\n"
         "  --exposure EV  exposure in stops (default 0)\n"
         "  --aa MODE      screen-space anti-aliasing: none (default), fxaa or smaa\n"
         "  --samples N    multisampling samples per pixel (default 4; 1 = off)\n"
@@ -49,11 +50,13 @@ struct Options
 {
     QString scene, environment, output = QStringLiteral("vyxgl-render.png");
     QSize size{1280, 720};
-    int camera = -1;
+    int camera = -1; // -1 its first camera, if any; kAutomatic one framing the scene
+    static constexpr int kAutomatic = -2;
     int samples = 4;
     float exposure = 0.0f;
     PostProcess::Mode antiAliasing = PostProcess::eNone;
     bool timing = false;
+    bool reportCoverage = false; // for sweeps over many scenes; not in the usage text
 };
 
 // 0 on success, else the exit status after printing why.
@@ -70,6 +73,9 @@ int parse(int argc, char** argv, Options& o)
         } else if (arg == QLatin1String("--timing")) {
             o.timing = true;
             continue;
+        } else if (arg == QLatin1String("--report-coverage")) {
+            o.reportCoverage = true;
+            continue;
         } else if (arg.startsWith(QLatin1Char('-')) && !hasValue) {
             std::fprintf(stderr, "vyxgl render: %s needs a value\n", argv[i]);
             return 2;
@@ -78,8 +84,8 @@ int parse(int argc, char** argv, Options& o)
         } else if (arg == QLatin1String("-o")) {
             o.output = value;
         } else if (arg == QLatin1String("--camera")) {
-            o.camera = value.toInt(&ok);
-            ok = ok && o.camera >= 0;
+            o.camera = value == QLatin1String("auto") ? Options::kAutomatic : value.toInt(&ok);
+            ok = ok && (o.camera >= 0 || o.camera == Options::kAutomatic);
         } else if (arg == QLatin1String("--samples")) {
             o.samples = value.toInt(&ok);
             ok = ok && o.samples >= 1 && o.samples <= 16;
@@ -108,19 +114,50 @@ int parse(int argc, char** argv, Options& o)
     return 0;
 }
 
-// Looks at the scene's bounds from the front, a little above and to the right.
-Camera framingCamera(GPUModel& model, float aspect)
+// The scene's camera N (its planes widened if they would show nothing), else one framing the
+// whole scene.
+Camera chooseCamera(GPUModel& model, int index, float aspect)
 {
     const BoundingBox bounds = model.sceneBounds();
-    const QVector3D centre = bounds.center();
-    const float radius = std::max(bounds.isEmpty() ? 1.0f : bounds.size().length() * 0.5f, 1e-3f);
-    Camera camera;
-    camera.setFieldOfView(40.0f);
-    const float halfAngle = qDegreesToRadians(20.0f) * std::min(aspect, 1.0f);
-    const float distance = radius / std::sin(halfAngle) * 1.05f;
-    camera.lookAt(centre + QVector3D(0.45f, 0.35f, 1.0f).normalized() * distance, centre, QVector3D(0, 1, 0));
-    camera.setNearFar(distance * 0.01f, distance + radius * 4);
-    return camera;
+    if (index >= 0)
+        return SceneFraming::enclosingPlanes(model.getCamera(index), model.getCameraWorldSpaceMatrix(index), bounds);
+    const float extent = bounds.size().length() + bounds.center().length();
+    if ((bounds.isEmpty() || !std::isfinite(extent)) && !model.isDrawablesEmpty())
+        std::fprintf(stderr, "vyxgl: warning: the scene has no finite bounds; the camera looks at the origin\n");
+    return SceneFraming::framingCamera(bounds, aspect);
+}
+
+// Pixels where the scene changed the picture: those that differ from the sky alone; -1 when
+// the sky could not be drawn.
+qint64 coveredPixels(const QImage& picture, const QImage& sky)
+{
+    if (sky.isNull() || picture.size() != sky.size())
+        return -1;
+    const QImage a = picture.convertToFormat(QImage::Format_RGBA8888);
+    const QImage b = sky.convertToFormat(QImage::Format_RGBA8888);
+    qint64 covered = 0;
+    for (int y = 0; y < a.height(); ++y) {
+        const uchar* p = a.constScanLine(y);
+        const uchar* q = b.constScanLine(y);
+        for (int x = 0; x < a.width() * 4; x += 4) {
+            // A few levels of rounding apart is still sky.
+            const bool differs = std::abs(p[x] - q[x]) > 2 || std::abs(p[x + 1] - q[x + 1]) > 2 ||
+                                 std::abs(p[x + 2] - q[x + 2]) > 2;
+            covered += differs ? 1 : 0;
+        }
+    }
+    return covered;
+}
+
+// Says why a picture shows no part of the scene; the picture is still written.
+void warnIfBlank(const GPUModel& model, qint64 covered)
+{
+    if (model.isDrawablesEmpty())
+        std::fprintf(stderr, "vyxgl: warning: the scene has nothing to draw\n");
+    else if (model.isDrawEmpty(0, 0))
+        std::fprintf(stderr, "vyxgl: warning: every part of the scene is hidden or outside the camera's view\n");
+    else if (covered == 0)
+        std::fprintf(stderr, "vyxgl: warning: the scene was drawn but no part of it shows in the picture\n");
 }
 
 // The finished picture through FXAA or SMAA: uploaded, processed on the GPU and read back.
@@ -175,12 +212,8 @@ int renderWithContext(const Options& options)
                      model.getCameraCount());
         return 2;
     }
-    Camera camera = framingCamera(model, aspect);
-    const int cameraIndex = options.camera >= 0 ? options.camera : (model.getCameraCount() > 0 ? 0 : -1);
-    if (cameraIndex >= 0) {
-        camera = model.getCamera(cameraIndex);
-        camera.setWorldMatrix(model.getCameraWorldSpaceMatrix(cameraIndex));
-    }
+    const int cameraIndex = options.camera != -1 ? options.camera : (model.getCameraCount() > 0 ? 0 : -1);
+    const Camera camera = chooseCamera(model, cameraIndex, aspect);
 
     SceneRenderer renderer;
     renderer.setExposure(options.exposure);
@@ -205,6 +238,15 @@ int renderWithContext(const Options& options)
         std::printf("import %.1f ms, first frame %.1f ms, warm frame %.1f ms\n", importTime / 1e6, firstFrame / 1e6,
                     timer.nsecsElapsed() / 1e6);
     }
+    // A model that drew nothing (culling above left no command) covers nothing; otherwise the
+    // sky alone from the same camera tells which pixels the scene took.
+    const bool drawEmpty = model.isDrawablesEmpty() || model.isDrawEmpty(0, 0);
+    GPUModel nothing;
+    const qint64 covered = drawEmpty ? 0 : coveredPixels(image, renderer.renderToImage(nothing, camera, options.size));
+    warnIfBlank(model, covered);
+    if (options.reportCoverage && covered >= 0)
+        std::printf("coverage: %lld of %lld pixels\n", static_cast<long long>(covered),
+                    static_cast<long long>(image.width()) * image.height());
     image = antiAliased(image, options.antiAliasing);
     if (image.isNull()) {
         std::fprintf(stderr, "vyxgl render: the anti-aliasing pass failed\n");
