@@ -3,8 +3,15 @@
 // surfaces that slope away from the light from shadowing themselves; the constant keeps the
 // variance the lookup derives (second moment minus the squared first, in single precision)
 // above its rounding noise, which would otherwise speckle lit surfaces with shadow.
+#ifdef SHADOW_MAP_CUT_OUT
+bool shadowMapCutAway(); // ShadowMap_CutOut.glslc
+#endif
 out vec4 o_Moments;
 void main() {
+#ifdef SHADOW_MAP_CUT_OUT
+    if (shadowMapCutAway())
+        discard;
+#endif
     float depth = gl_FragCoord.z * 2.0 - 1.0;
     float dx = dFdx(depth);
     float dy = dFdy(depth);
