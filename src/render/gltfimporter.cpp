@@ -19,25 +19,55 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
+#include <numeric>
+#include <tuple>
 
 namespace Tavren::Vyx {
 
 namespace {
 
-// Area-weighted vertex normals for primitives that come without any.
-void computeNormals(const std::vector<float>& positions, const std::vector<quint32>& indices, size_t firstVertex,
-                    std::vector<float>& normals)
+constexpr int kMaterialMaps = 5;
+const char* const kMapNames[kMaterialMaps] = {"BaseColor", "MetallicRoughness", "Normal", "Occlusion", "Emissive"};
+
+// What a drawable holds: one GL primitive type and one way of being drawn (see the flags in
+// SceneMaterial), so the renderer can pick its passes by flags alone.
+quint64 drawableFlags(const SceneData& scene, const SceneData::Primitive& primitive)
 {
-    const auto at = [&](quint32 i) {
-        const size_t o = (firstVertex + i) * 3;
-        return QVector3D(positions[o], positions[o + 1], positions[o + 2]);
-    };
-    for (size_t t = 0; t + 2 < indices.size(); t += 3) {
-        const QVector3D n = QVector3D::crossProduct(at(indices[t + 1]) - at(indices[t]), at(indices[t + 2]) - at(indices[t]));
-        for (size_t k = 0; k < 3; ++k)
-            for (int c = 0; c < 3; ++c)
-                normals[(firstVertex + indices[t + k]) * 3 + size_t(c)] += n[c];
+    quint64 flags = 0;
+    if (primitive.mode != SceneData::Primitive::kTriangles)
+        flags |= SceneMaterial::kPointsOrLinesFlag;
+    if (primitive.material < 0)
+        return flags;
+    const SceneData::Material& m = scene.materials[size_t(primitive.material)];
+    if (m.doubleSided)
+        flags |= SceneMaterial::kDoubleSidedFlag;
+    if (m.alphaMode == SceneData::Material::Mask)
+        flags |= SceneMaterial::kAlphaMaskFlag;
+    else if (m.alphaMode == SceneData::Material::Blend)
+        flags |= SceneMaterial::kAlphaBlendFlag;
+    return flags;
+}
+
+GLenum glPrimitiveType(int mode)
+{
+    switch (mode) {
+    case SceneData::Primitive::kPoints:
+        return GL_POINTS;
+    case SceneData::Primitive::kLines:
+        return GL_LINES;
+    default:
+        return GL_TRIANGLES;
     }
+}
+
+template <typename T>
+void append(std::vector<T>& to, const std::vector<T>& from, size_t fillCount, T fill)
+{
+    if (from.empty())
+        to.resize(to.size() + fillCount, fill);
+    else
+        to.insert(to.end(), from.begin(), from.end());
 }
 
 // Fills a GPUModel from checked scene data.
@@ -45,7 +75,8 @@ class Uploader
 {
 public:
     Uploader(const SceneData& scene, TextureManager& manager, GPUModel& model, QObject* lightParent, QStringList& warnings)
-        : _scene(scene), _textures(scene, manager, warnings), _model(model), _lightParent(lightParent), _warnings(warnings)
+        : _scene(scene), _textures(scene, manager, warnings), _textureBudget(manager.maxTokensPerDraw()), _model(model),
+          _lightParent(lightParent), _warnings(warnings)
     {
     }
 
@@ -57,6 +88,9 @@ private:
     {
         quint32 firstIndex = 0, indexCount = 0, baseVertex = 0;
         int material = -1;
+        int mode = SceneData::Primitive::kTriangles;
+        quint64 flags = 0;
+        bool colours = false, tangents = false;
         BoundingBox bounds;
     };
     struct Instance
@@ -64,12 +98,29 @@ private:
         int transform;
         QString name;
     };
-    // One mesh's primitives packed into shared arrays.
+    // One mesh's primitives packed into shared arrays; an attribute only some primitives have
+    // is filled in for the others, whose material records then ignore it.
     struct Geometry
     {
-        std::vector<float> positions, normals, uvs;
+        std::vector<float> positions, normals, uv0, uv1, colours, tangents;
         std::vector<quint32> indices;
         std::vector<Primitive> primitives;
+        bool hasUV0 = false, hasUV1 = false, hasColours = false, hasTangents = false;
+    };
+    // A material as one draw command of a primitive sees it.
+    struct MaterialKey
+    {
+        int material;
+        bool colours, tangents;
+        bool operator<(const MaterialKey& o) const
+        {
+            return std::tie(material, colours, tangents) < std::tie(o.material, o.colours, o.tangents);
+        }
+    };
+    struct MaterialRecord
+    {
+        InstanceData record;
+        QSet<TextureToken> tokens;
     };
 
     bool fail(const QString& message)
@@ -82,17 +133,20 @@ private:
     void addCamera(int camera, int transform);
     void addLight(int light, int transform);
     void pack(int meshIndex, Geometry& geometry);
+    QSharedPointer<VertexArrayObject> uploadGeometry(const Geometry& g, QSharedPointer<BufferObject>& indexBuffer);
     bool buildMesh(int mesh, const QVector<Instance>& instances);
-    bool materialRecord(int material, InstanceData& record);
+    const MaterialRecord* materialRecord(const MaterialKey& key);
 
     const SceneData& _scene;
     GLTFTextures _textures;
+    int _textureBudget;
     GPUModel& _model;
     QObject* _lightParent;
     QStringList& _warnings;
     QHash<int, QVector<Instance>> _meshInstances;
-    QHash<int, InstanceData> _materials;
+    std::map<MaterialKey, MaterialRecord> _materials;
     std::vector<BoundingBox> _boxes;
+    bool _reportedTexCoordSet = false;
 };
 
 bool Uploader::upload()
@@ -121,8 +175,16 @@ void Uploader::walkNodes()
         const int transform = _model.addTransform(parent, node.localMatrix());
         const QString name = node.name.isEmpty() ? QStringLiteral("node%1").arg(index) : node.name;
         _model.setTransformName(transform, name);
-        if (node.mesh >= 0)
+        if (node.mesh >= 0 && node.instances.empty())
             _meshInstances[node.mesh].append({transform, name});
+        // Each GPU instance is a transform of its own below the node, so culling, picking and
+        // animation treat it like any other placement.
+        for (size_t i = 0; node.mesh >= 0 && i < node.instances.size(); ++i) {
+            const int placed = _model.addTransform(transform, node.instances[i]);
+            const QString instanceName = QStringLiteral("%1#%2").arg(name).arg(i);
+            _model.setTransformName(placed, instanceName);
+            _meshInstances[node.mesh].append({placed, instanceName});
+        }
         if (node.camera >= 0)
             addCamera(node.camera, transform);
         if (node.light >= 0)
@@ -174,12 +236,14 @@ void Uploader::addLight(int index, int transform)
 void Uploader::pack(int meshIndex, Geometry& g)
 {
     const SceneData::Mesh& mesh = _scene.meshes[size_t(meshIndex)];
+    for (const SceneData::Primitive& prim : mesh.primitives) {
+        g.hasUV0 = g.hasUV0 || !prim.texCoords.empty();
+        g.hasUV1 = g.hasUV1 || prim.texCoords.size() > 1;
+        g.hasColours = g.hasColours || !prim.colors.empty();
+        g.hasTangents = g.hasTangents || !prim.tangents.empty();
+    }
     for (size_t p = 0; p < mesh.primitives.size(); ++p) {
         const SceneData::Primitive& prim = mesh.primitives[p];
-        if (prim.mode != SceneData::Primitive::kTriangles) {
-            _warnings << QStringLiteral("Mesh %1 primitive %2 is not a triangle list; skipped").arg(meshIndex).arg(p);
-            continue;
-        }
         if (prim.positions.empty()) {
             _warnings << QStringLiteral("Mesh %1 primitive %2 has no positions; skipped").arg(meshIndex).arg(p);
             continue;
@@ -188,154 +252,214 @@ void Uploader::pack(int meshIndex, Geometry& g)
         std::vector<quint32> idx = prim.indices;
         if (!prim.indexed) {
             idx.resize(vertices);
-            for (size_t i = 0; i < vertices; ++i)
-                idx[i] = quint32(i);
+            std::iota(idx.begin(), idx.end(), 0u);
         }
-        idx.resize(idx.size() - idx.size() % 3);
+        const size_t perPrimitive = prim.mode == SceneData::Primitive::kTriangles ? 3
+                                    : prim.mode == SceneData::Primitive::kLines   ? 2
+                                                                                  : 1;
+        idx.resize(idx.size() - idx.size() % perPrimitive);
+        if (idx.empty())
+            continue;
         Primitive out;
         out.firstIndex = quint32(g.indices.size());
         out.indexCount = quint32(idx.size());
         out.baseVertex = quint32(g.positions.size() / 3);
         out.material = prim.material;
+        out.mode = prim.mode;
+        out.flags = drawableFlags(_scene, prim);
+        out.colours = !prim.colors.empty();
+        out.tangents = !prim.tangents.empty();
         for (size_t v = 0; v < vertices; ++v)
             out.bounds.expand(QVector3D(prim.positions[3 * v], prim.positions[3 * v + 1], prim.positions[3 * v + 2]));
         g.positions.insert(g.positions.end(), prim.positions.begin(), prim.positions.end());
-        if (prim.normals.empty()) {
-            g.normals.resize(g.normals.size() + prim.positions.size(), 0.0f);
-            computeNormals(g.positions, idx, out.baseVertex, g.normals);
-        } else {
-            g.normals.insert(g.normals.end(), prim.normals.begin(), prim.normals.end());
-        }
-        if (prim.texCoords.empty())
-            g.uvs.resize(g.uvs.size() + vertices * 2, 0.0f);
-        else
-            g.uvs.insert(g.uvs.end(), prim.texCoords[0].begin(), prim.texCoords[0].end());
+        // Points and lines without normals read zero, which the shading takes as facing the eye.
+        append(g.normals, prim.normals, vertices * 3, 0.0f);
+        if (g.hasUV0)
+            append(g.uv0, prim.texCoords.empty() ? std::vector<float>() : prim.texCoords[0], vertices * 2, 0.0f);
+        if (g.hasUV1)
+            append(g.uv1, prim.texCoords.size() > 1 ? prim.texCoords[1] : std::vector<float>(), vertices * 2, 0.0f);
+        if (g.hasColours)
+            append(g.colours, prim.colors, vertices * 4, 1.0f);
+        if (g.hasTangents)
+            append(g.tangents, prim.tangents, vertices * 4, 0.0f);
         g.indices.insert(g.indices.end(), idx.begin(), idx.end());
         g.primitives.push_back(out);
     }
+}
+
+QSharedPointer<VertexArrayObject> Uploader::uploadGeometry(const Geometry& g, QSharedPointer<BufferObject>& indexBuffer)
+{
+    auto device = OpenGLDeviceContext::current();
+    if (!device) {
+        fail(QStringLiteral("No device context: is a GL context current?"));
+        return {};
+    }
+    auto vao = device->newVAO();
+    const auto attribute = [&](const char* name, const std::vector<float>& data, int components) {
+        if (data.empty())
+            return;
+        auto buffer = device->newBuffer();
+        buffer->setTarget(GL_ARRAY_BUFFER);
+        buffer->bind();
+        buffer->upload(data.data(), int(data.size()), GL_STATIC_DRAW);
+        buffer->unbind();
+        vao->registerBO(QLatin1String(name), buffer, components, GL_FLOAT);
+    };
+    attribute("va_Vertex", g.positions, 3);
+    attribute("va_Normal", g.normals, 3);
+    attribute("va_TexCoord0", g.uv0, 2);
+    attribute("va_TexCoord1", g.uv1, 2);
+    attribute("va_Color0", g.colours, 4);
+    attribute("va_Tangent0", g.tangents, 4);
+    indexBuffer = device->newBuffer();
+    indexBuffer->setTarget(GL_ELEMENT_ARRAY_BUFFER);
+    indexBuffer->bind();
+    indexBuffer->uploadGLuintData(g.indices.data(), int(g.indices.size()), GL_STATIC_DRAW);
+    indexBuffer->unbind();
+    return vao;
 }
 
 bool Uploader::buildMesh(int meshIndex, const QVector<Instance>& instances)
 {
     Geometry g;
     pack(meshIndex, g);
-    if (g.primitives.empty() || g.indices.empty())
+    if (g.primitives.empty())
         return true;
+    QSharedPointer<BufferObject> indexBuffer;
+    const auto vao = uploadGeometry(g, indexBuffer);
+    if (!vao)
+        return false;
 
-    auto device = OpenGLDeviceContext::current();
-    if (!device)
-        return fail(QStringLiteral("No device context: is a GL context current?"));
-    const auto upload = [&](const std::vector<float>& data) {
-        auto buffer = device->newBuffer();
-        buffer->setTarget(GL_ARRAY_BUFFER);
-        buffer->bind();
-        buffer->upload(data.data(), int(data.size()), GL_STATIC_DRAW);
-        buffer->unbind();
-        return buffer;
-    };
-    auto vao = device->newVAO();
-    vao->registerBO(QStringLiteral("va_Vertex"), upload(g.positions), 3, GL_FLOAT);
-    vao->registerBO(QStringLiteral("va_Normal"), upload(g.normals), 3, GL_FLOAT);
-    vao->registerBO(QStringLiteral("va_TexCoord0"), upload(g.uvs), 2, GL_FLOAT);
-    auto indexBuffer = device->newBuffer();
-    indexBuffer->setTarget(GL_ELEMENT_ARRAY_BUFFER);
-    indexBuffer->bind();
-    indexBuffer->uploadGLuintData(g.indices.data(), int(g.indices.size()), GL_STATIC_DRAW);
-    indexBuffer->unbind();
-
-    // One command per (instance, primitive), split into drawables as long as the data arrays.
-    struct Placement
-    {
-        int instance;
-        size_t primitive;
-    };
-    std::vector<Placement> placements;
-    for (int i = 0; i < instances.size(); ++i)
-        for (size_t p = 0; p < g.primitives.size(); ++p)
-            placements.push_back({i, p});
     const size_t firstBox = _boxes.size();
     for (const Primitive& p : g.primitives)
         _boxes.push_back(p.bounds);
     _model.loadBoundingBoxes(_boxes.data(), int(_boxes.size()));
     const QString& name = _scene.meshes[size_t(meshIndex)].name;
     const QString meshName = name.isEmpty() ? QStringLiteral("mesh%1").arg(meshIndex) : name;
-    constexpr size_t kMaxCommands = SceneMaterial::kMaxCommandsPerDrawable;
-    for (size_t begin = 0; begin < placements.size(); begin += kMaxCommands) {
-        const size_t end = std::min(placements.size(), begin + kMaxCommands);
+
+    // One command per (instance, primitive). Commands go to drawables by primitive type and
+    // flags; a drawable takes at most as many commands as its data arrays hold and no more
+    // distinct textures than one draw can bind.
+    struct Placement
+    {
+        int instance;
+        size_t primitive;
+        const MaterialRecord* material;
+    };
+    std::map<std::pair<int, quint64>, std::vector<Placement>> groups;
+    for (int i = 0; i < instances.size(); ++i)
+        for (size_t p = 0; p < g.primitives.size(); ++p) {
+            const Primitive& prim = g.primitives[p];
+            const MaterialRecord* record = materialRecord({prim.material, prim.colours, prim.tangents});
+            if (!record)
+                return false;
+            groups[{prim.mode, prim.flags}].push_back({i, p, record});
+        }
+    const auto flush = [&](const std::vector<Placement>& placed, GLenum mode, quint64 flags) {
         std::vector<DrawElementsIndirectCommand> commands;
         QList<InstanceData> materials;
-        for (size_t s = begin; s < end; ++s) {
-            const Primitive& p = g.primitives[placements[s].primitive];
-            commands.push_back({p.indexCount, 1, p.firstIndex, p.baseVertex, quint32(s - begin)});
-            InstanceData record;
-            if (!materialRecord(p.material, record))
-                return false;
-            materials.append(record);
+        for (size_t c = 0; c < placed.size(); ++c) {
+            const Primitive& p = g.primitives[placed[c].primitive];
+            commands.push_back({p.indexCount, 1, p.firstIndex, p.baseVertex, quint32(c)});
+            materials.append(placed[c].material->record);
         }
         auto* db = new DrawBuffers;
         db->setObjectName(meshName);
         db->setVAO(vao);
-        db->setPrimitiveType(GL_TRIANGLES);
+        db->setPrimitiveType(mode);
         db->setIndexedDraw(indexBuffer, int(g.indices.size()), GL_UNSIGNED_INT);
         db->setDrawElementsIndirectCommands(commands.data(), int(commands.size()));
         auto* materialData = new InstanceDataCollection(QLatin1String(SceneMaterial::kMaterialPlanName), materials);
         auto* objectData = new InstanceDataCollection(SceneMaterial::objectPlan(), commands.size());
-        const int first = g.primitives[placements[begin].primitive].material;
-        const int drawable = _model.drawableIndex(_model.add(db, first, materialData, objectData, 0));
-        for (size_t s = begin; s < end; ++s) {
-            const Instance& instance = instances[placements[s].instance];
-            const int command = int(s - begin);
-            _model.useTransform(drawable, command, instance.transform);
-            _model.useBoundingBox(drawable, command, int(firstBox + placements[s].primitive));
-            _model.addObjectName(drawable, command, instance.name);
-            const int material = g.primitives[placements[s].primitive].material;
-            _model.addMaterialName(drawable, command,
+        const int firstMaterial = g.primitives[placed.front().primitive].material;
+        const int drawable = _model.drawableIndex(_model.add(db, firstMaterial, materialData, objectData, flags));
+        for (size_t c = 0; c < placed.size(); ++c) {
+            const Instance& instance = instances[placed[c].instance];
+            const int material = g.primitives[placed[c].primitive].material;
+            _model.useTransform(drawable, int(c), instance.transform);
+            _model.useBoundingBox(drawable, int(c), int(firstBox + placed[c].primitive));
+            _model.addObjectName(drawable, int(c), instance.name);
+            _model.addMaterialName(drawable, int(c),
                                    material >= 0 && !_scene.materials[size_t(material)].name.isEmpty()
                                        ? _scene.materials[size_t(material)].name
                                        : QStringLiteral("material%1").arg(material));
         }
+    };
+    for (const auto& [key, placements] : groups) {
+        std::vector<Placement> chunk;
+        QSet<TextureToken> tokens;
+        for (const Placement& placement : placements) {
+            const QSet<TextureToken> with = tokens + placement.material->tokens;
+            if (!chunk.empty() && (chunk.size() == size_t(SceneMaterial::kMaxCommandsPerDrawable) || with.size() > _textureBudget)) {
+                flush(chunk, glPrimitiveType(key.first), key.second);
+                chunk.clear();
+                tokens.clear();
+            }
+            chunk.push_back(placement);
+            tokens += placement.material->tokens;
+        }
+        flush(chunk, glPrimitiveType(key.first), key.second);
     }
     return true;
 }
 
-bool Uploader::materialRecord(int index, InstanceData& record)
+const Uploader::MaterialRecord* Uploader::materialRecord(const MaterialKey& key)
 {
-    const auto cached = _materials.constFind(index);
-    if (cached != _materials.cend()) {
-        record = *cached;
-        return true;
-    }
+    const auto cached = _materials.find(key);
+    if (cached != _materials.end())
+        return &cached->second;
     static const SceneData::Material defaults = [] {
         SceneData::Material m;
         m.metallicFactor = 0;
         return m;
     }();
-    const SceneData::Material& m = index >= 0 ? _scene.materials[size_t(index)] : defaults;
+    const SceneData::Material& m = key.material >= 0 ? _scene.materials[size_t(key.material)] : defaults;
+    MaterialRecord out;
+    InstanceData& record = out.record;
     record = InstanceData(QLatin1String(SceneMaterial::kMaterialPlanName));
-    TextureToken baseColor, metallicRoughness, normal, occlusion, emissive;
-    if (!_textures.token(m.baseColorTexture, true, baseColor) ||
-        !_textures.token(m.metallicRoughnessTexture, false, metallicRoughness) ||
-        !_textures.token(m.normalTexture, false, normal) || !_textures.token(m.occlusionTexture, false, occlusion) ||
-        !_textures.token(m.emissiveTexture, true, emissive))
-        return fail(_textures.error);
-    record.setToken(QStringLiteral("BaseColorMap"), baseColor);
-    record.setToken(QStringLiteral("MetallicRoughnessMap"), metallicRoughness);
-    record.setToken(QStringLiteral("NormalMap"), normal);
-    record.setToken(QStringLiteral("OcclusionMap"), occlusion);
-    record.setToken(QStringLiteral("EmissiveMap"), emissive);
+    const SceneData::TextureRef* maps[kMaterialMaps] = {&m.baseColorTexture, &m.metallicRoughnessTexture, &m.normalTexture,
+                                                        &m.occlusionTexture, &m.emissiveTexture};
+    for (int i = 0; i < kMaterialMaps; ++i) {
+        const SceneData::TextureRef& ref = *maps[i];
+        TextureToken token;
+        const bool srgb = i == 0 || i == 4;
+        if (!_textures.token(ref, srgb, token)) {
+            fail(_textures.error);
+            return nullptr;
+        }
+        if (!token.isNull())
+            out.tokens.insert(token);
+        const QString map = QLatin1String(kMapNames[i]);
+        record.setToken(map + QLatin1String("Map"), token);
+        // Only sets 0 and 1 are uploaded.
+        int set = ref.texCoord;
+        if (ref.texture >= 0 && (set < 0 || set > 1)) {
+            if (!_reportedTexCoordSet)
+                _warnings << QStringLiteral("Texture coordinate set %1 is not supported; set 0 is used").arg(set);
+            _reportedTexCoordSet = true;
+            set = 0;
+        }
+        float row0[4], row1[4] = {0, 0, 0, 0};
+        ref.transform.rows(row0, row1);
+        row0[3] = float(set);
+        record.set(map + QLatin1String("UVRow0"), row0, sizeof(row0));
+        record.set(map + QLatin1String("UVRow1"), row1, sizeof(row1));
+    }
     const QVector4D& base = m.baseColorFactor;
     const float baseColorFactor[4] = {base.x(), base.y(), base.z(), base.w()};
     // w: the alpha cutoff of masked materials, else -1.
-    const float emissiveFactor[4] = {m.emissiveFactor.x(), m.emissiveFactor.y(), m.emissiveFactor.z(),
+    const QVector3D emission = m.emissiveFactor * m.emissiveStrength;
+    const float emissiveFactor[4] = {emission.x(), emission.y(), emission.z(),
                                      m.alphaMode == SceneData::Material::Mask ? m.alphaCutoff : -1.0f};
     // Normal scale 0 means "no normal map".
     const float factors[4] = {m.metallicFactor, m.roughnessFactor, m.normalTexture.texture >= 0 ? m.normalTexture.scale : 0.0f,
                               m.occlusionTexture.texture >= 0 ? m.occlusionTexture.scale : 0.0f};
+    const float options[4] = {m.unlit ? 1.0f : 0.0f, key.colours ? 1.0f : 0.0f, key.tangents ? 1.0f : 0.0f, 0.0f};
     record.set(QStringLiteral("BaseColorFactor"), baseColorFactor, sizeof(baseColorFactor));
     record.set(QStringLiteral("EmissiveFactor"), emissiveFactor, sizeof(emissiveFactor));
     record.set(QStringLiteral("PbrFactors"), factors, sizeof(factors));
-    _materials.insert(index, record);
-    return true;
+    record.set(QStringLiteral("Options"), options, sizeof(options));
+    return &_materials.emplace(key, std::move(out)).first->second;
 }
 
 } // namespace

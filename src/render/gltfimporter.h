@@ -16,15 +16,14 @@ class TextureManager;
 
 // Reads glTF 2.0 scenes (.gltf with its buffers and images, or .glb) into a GPUModel in two steps:
 // GLTFSceneReader parses the file into SceneData without GL, then the data is uploaded: the node
-// tree becomes transforms, each mesh a DrawBuffers with one command per primitive and instance,
-// each primitive's metallic-roughness material one record of "GLTFMaterial" instance data and
-// each command's matrices one record of "GLTFObject" (see SceneMaterial). Cameras,
-// KHR_lights_punctual lights and the bounds from the POSITION accessors come along. Images are
-// decoded through the texture recognisers and take their glTF sampler's filters and wraps.
-//
-// Vertex attributes: "va_Vertex" (vec3), "va_Normal" (vec3, computed when absent),
-// "va_TexCoord0" (vec2, glTF's top-left origin, which matches how images are uploaded).
-// Only triangle lists are drawn; other primitive modes are skipped with a warning.
+// tree becomes transforms (and each EXT_mesh_gpu_instancing instance one more below its node),
+// each mesh one vertex array shared by drawables that each hold one primitive type and one set
+// of SceneMaterial flags (sidedness, alpha mode), with one command per primitive and instance.
+// Each command gets one record of "GLTFMaterial" instance data and one of "GLTFObject" (see
+// SceneMaterial for both and for the vertex attributes). A drawable binds no more textures than
+// the texture manager can bind for one draw. Cameras, KHR_lights_punctual lights and the bounds
+// from the POSITION accessors come along. Images are decoded through the texture recognisers
+// and take their glTF sampler's filters and wraps.
 //
 // A structurally broken file (bad JSON, truncated container, missing buffer, accessor past its
 // buffer, index past the vertices, reference to a missing object) fails the whole load with

@@ -9,9 +9,14 @@ InstanceDataPlan* materialPlan()
 {
     static InstanceDataPlan* plan = [] {
         auto* p = new InstanceDataPlan(QLatin1String(kMaterialPlanName));
-        for (const char* name : {"BaseColorMap", "MetallicRoughnessMap", "NormalMap", "OcclusionMap", "EmissiveMap"})
-            p->addMember(InstanceDataPlan::eTexture, QLatin1String(name));
-        for (const char* name : {"BaseColorFactor", "EmissiveFactor", "PbrFactors"})
+        const char* const maps[] = {"BaseColor", "MetallicRoughness", "Normal", "Occlusion", "Emissive"};
+        for (const char* map : maps)
+            p->addMember(InstanceDataPlan::eTexture, QLatin1String(map) + QLatin1String("Map"));
+        for (const char* map : maps) {
+            p->addMember(InstanceDataPlan::eVec4, QLatin1String(map) + QLatin1String("UVRow0"));
+            p->addMember(InstanceDataPlan::eVec4, QLatin1String(map) + QLatin1String("UVRow1"));
+        }
+        for (const char* name : {"BaseColorFactor", "EmissiveFactor", "PbrFactors", "Options"})
             p->addMember(InstanceDataPlan::eVec4, QLatin1String(name));
         p->setArraySize(kMaxCommandsPerDrawable);
         InstanceDataRegistry::Instance().registerPlan(p);

@@ -12,7 +12,10 @@ const float PI = 3.14159265358979;
 
 in vec3 vo_Position;
 in vec3 vo_Normal;
-in vec2 vo_TexCoord;
+in vec4 vo_Tangent;
+in vec2 vo_TexCoord0;
+in vec2 vo_TexCoord1;
+in vec4 vo_Color;
 flat in uint vo_DrawID;
 
 uniform vec3 u_CameraPosition;
@@ -24,6 +27,8 @@ uniform vec3 u_LightDirection[MAX_LIGHTS]; // where the light shines to
 uniform vec2 u_LightCone[MAX_LIGHTS];      // cosines of the inner and outer angles
 uniform float u_LightRange[MAX_LIGHTS];
 uniform int u_ShadowsEnabled;
+// Non-zero while blended materials are drawn: they keep their alpha, everything else is opaque.
+uniform int u_AlphaBlend;
 
 uniform samplerCube u_PrefilteredMap;
 uniform float u_PrefilteredLevels;
@@ -43,18 +48,29 @@ vec3 irradiance(vec3 n)
     return max(sum, vec3(0.0));
 }
 
-// Normal mapping without stored tangents: the frame comes from screen-space derivatives.
-vec3 perturbedNormal(vec3 n, vec3 mapped, float scale)
+// A map's coordinates: the set it reads (row0.w), through its texture transform's rows.
+vec2 mapCoordinates(vec4 row0, vec4 row1)
 {
+    vec3 uv = vec3(row0.w > 0.5 ? vo_TexCoord1 : vo_TexCoord0, 1.0);
+    return vec2(dot(row0.xyz, uv), dot(row1.xyz, uv));
+}
+
+// The tangent frame: from the vertex tangents when there are any, else from screen-space
+// derivatives of the normal map's coordinates. glTF's +Y of a normal map points up the picture,
+// towards smaller v, so the derived bitangent runs against v.
+mat3 tangentFrame(vec3 n, vec2 uv, bool stored)
+{
+    if (stored) {
+        vec3 t = normalize(vo_Tangent.xyz - n * dot(n, vo_Tangent.xyz));
+        return mat3(t, cross(n, t) * (vo_Tangent.w < 0.0 ? -1.0 : 1.0), n);
+    }
     vec3 dp1 = dFdx(vo_Position), dp2 = dFdy(vo_Position);
-    vec2 duv1 = dFdx(vo_TexCoord), duv2 = dFdy(vo_TexCoord);
+    vec2 duv1 = dFdx(uv), duv2 = dFdy(uv);
     vec3 dp2perp = cross(dp2, n), dp1perp = cross(n, dp1);
     vec3 t = dp2perp * duv1.x + dp1perp * duv2.x;
     vec3 b = dp2perp * duv1.y + dp1perp * duv2.y;
     float invmax = inversesqrt(max(max(dot(t, t), dot(b, b)), 1e-20));
-    vec3 m = mapped * 2.0 - 1.0;
-    m.xy *= scale;
-    return normalize(mat3(t * invmax, b * invmax, n) * m);
+    return mat3(t * invmax, -b * invmax, n);
 }
 
 float ggx(float nh, float a)
@@ -73,22 +89,39 @@ float smithVisibility(float nv, float nl, float a)
 void main()
 {
     uint id = vo_DrawID;
-    vec4 baseColor = getBaseColorFactor(id) * managedTexture(getBaseColorMap(id), vo_TexCoord);
+    vec4 options = getOptions(id);
+    vec4 baseColor = getBaseColorFactor(id) *
+                     managedTexture(getBaseColorMap(id), mapCoordinates(getBaseColorUVRow0(id), getBaseColorUVRow1(id)));
+    if (options.y != 0.0)
+        baseColor *= vo_Color;
     vec4 emissive = getEmissiveFactor(id);
     if (emissive.w >= 0.0 && baseColor.a < emissive.w)
         discard;
+    float alphaOut = u_AlphaBlend != 0 ? clamp(baseColor.a, 0.0, 1.0) : 1.0;
+    if (options.x != 0.0) {
+        o_Colour = vec4(linearToSRGB(baseColor.rgb), alphaOut);
+        return;
+    }
     vec4 factors = getPbrFactors(id);
-    vec4 mr = managedTexture(getMetallicRoughnessMap(id), vo_TexCoord);
+    vec4 mr = managedTexture(getMetallicRoughnessMap(id),
+                             mapCoordinates(getMetallicRoughnessUVRow0(id), getMetallicRoughnessUVRow1(id)));
     float metallic = clamp(factors.x * mr.b, 0.0, 1.0);
     float roughness = clamp(factors.y * mr.g, 0.03, 1.0);
     float alpha = roughness * roughness;
 
-    vec3 n = normalize(vo_Normal);
+    vec3 v = normalize(u_CameraPosition - vo_Position);
+    // Points and lines without normals face the eye.
+    vec3 n = dot(vo_Normal, vo_Normal) > 1e-12 ? normalize(vo_Normal) : v;
+    if (factors.z != 0.0) {
+        vec2 uv = mapCoordinates(getNormalUVRow0(id), getNormalUVRow1(id));
+        mat3 frame = tangentFrame(n, uv, options.z != 0.0);
+        vec3 m = managedTexture(getNormalMap(id), uv).rgb * 2.0 - 1.0;
+        m.xy *= factors.z;
+        n = normalize(frame * m);
+    }
+    // Back faces of double-sided surfaces are lit as seen, with their whole frame turned.
     if (!gl_FrontFacing)
         n = -n;
-    if (factors.z != 0.0)
-        n = perturbedNormal(n, managedTexture(getNormalMap(id), vo_TexCoord).rgb, factors.z);
-    vec3 v = normalize(u_CameraPosition - vo_Position);
     float nv = max(dot(n, v), 1e-4);
 
     vec3 diffuseColor = baseColor.rgb * (1.0 - metallic);
@@ -127,9 +160,10 @@ void main()
     vec2 brdf = texture(u_BRDFTable, vec2(nv, roughness)).rg;
     vec3 r = reflect(-v, n);
     vec3 prefiltered = textureLod(u_PrefilteredMap, r, roughness * (u_PrefilteredLevels - 1.0)).rgb;
-    float occlusion = mix(1.0, managedTexture(getOcclusionMap(id), vo_TexCoord).r, factors.w);
+    float occlusion = mix(1.0, managedTexture(getOcclusionMap(id), mapCoordinates(getOcclusionUVRow0(id), getOcclusionUVRow1(id))).r,
+                          factors.w);
     vec3 ambient = diffuseColor * irradiance(n) + prefiltered * (f0 * brdf.x + brdf.y);
     colour += ambient * occlusion * u_EnvironmentIntensity;
-    colour += emissive.rgb * managedTexture(getEmissiveMap(id), vo_TexCoord).rgb;
-    o_Colour = vec4(toneMapToSRGB(colour), 1.0);
+    colour += emissive.rgb * managedTexture(getEmissiveMap(id), mapCoordinates(getEmissiveUVRow0(id), getEmissiveUVRow1(id))).rgb;
+    o_Colour = vec4(toneMapToSRGB(colour), alphaOut);
 }

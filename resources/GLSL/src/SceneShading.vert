@@ -5,21 +5,32 @@
 in vec3 va_Vertex;
 in vec3 va_Normal;
 in vec2 va_TexCoord0;
+in vec2 va_TexCoord1;
+in vec4 va_Color0;
+in vec4 va_Tangent0;
 
 uniform mat4 u_ViewProjection;
 
 out vec3 vo_Position;
 out vec3 vo_Normal;
-out vec2 vo_TexCoord;
+out vec4 vo_Tangent;
+out vec2 vo_TexCoord0;
+out vec2 vo_TexCoord1;
+out vec4 vo_Color;
 flat out uint vo_DrawID;
 
 void main()
 {
     mat4 model = getModelMatrix();
+    mat3 linear = mat3(model);
     vec4 world = model * vec4(va_Vertex, 1.0);
     vo_Position = world.xyz;
-    vo_Normal = transpose(inverse(mat3(model))) * va_Normal;
-    vo_TexCoord = va_TexCoord0;
+    vo_Normal = transpose(inverse(linear)) * va_Normal;
+    // A mirroring matrix turns cross(normal, tangent) around; the handedness makes up for it.
+    vo_Tangent = vec4(linear * va_Tangent0.xyz, va_Tangent0.w * sign(determinant(linear)));
+    vo_TexCoord0 = va_TexCoord0;
+    vo_TexCoord1 = va_TexCoord1;
+    vo_Color = va_Color0;
     vo_DrawID = getDrawID();
     gl_Position = u_ViewProjection * world;
 }

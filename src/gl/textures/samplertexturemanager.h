@@ -24,6 +24,7 @@ public:
     bool bind(const QSet<TextureToken>& tokens) override;
     bool unbind(ShaderProgram* program) override;
     bool unbind(const QSet<TextureToken>& tokens) override;
+    int maxTokensPerDraw() const override { return _maxSlots; }
     void setup(GLSLMacroProcessor* mp) override;
     QString getShaderFile() const override;
     void clear() override;

@@ -11,6 +11,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <climits>
 #include <memory>
 
 namespace Tavren::Vyx {
@@ -55,6 +56,9 @@ public:
     virtual bool unbind(const QSet<TextureToken>& tokens) = 0;
     // The texture's contents changed.
     virtual void dirty(Texture* texture);
+    // Distinct tokens one draw can have bound at once: the textures of a drawable's instance data
+    // must stay within it.
+    virtual int maxTokensPerDraw() const { return INT_MAX; }
     // Adds the defines the manager's GLSL file needs.
     virtual void setup(GLSLMacroProcessor* mp);
     // The GLSL source under :/GLSL/src that implements "TextureManager.glslh".

@@ -129,8 +129,6 @@ bool GLTFTextures::token(const SceneData::TextureRef& ref, bool srgb, TextureTok
         token = _manager.tokenForColor(Qt::white);
         return true;
     }
-    if (ref.texCoord != 0)
-        _warnings << QStringLiteral("Texture %1 asks for texture coordinate set %2; set 0 is used").arg(ref.texture).arg(ref.texCoord);
     const SceneData::Texture& texture = _scene.textures[size_t(ref.texture)];
     const int source = texture.source;
     if (source < 0 || source >= int(_scene.images.size())) {
