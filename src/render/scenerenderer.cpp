@@ -138,19 +138,19 @@ private:
     GLint _values[8] = {};
 };
 
-// Draws a selection the way its kind (the kind flags in `flags`) asks: points and lines and
-// double-sided opaque surfaces unculled; single-sided triangles culled at the back, in one pass
-// for the commands that keep handedness and one with the winding turned for mirrored ones;
-// double-sided blended surfaces back faces first, so that their front faces blend over them.
+// Draws a selection the way its kind (the kind flags in `flags`) asks: points and lines
+// unculled; triangles in one pass for the commands that keep handedness and one with the winding
+// turned for mirrored ones, so that front faces are the ones the shading sees as such.
+// Single-sided triangles are culled at the back; double-sided ones draw their back faces, then
+// their front faces, so that blended front faces cover their back faces.
 bool drawSelection(GPUModel& model, ShaderProgram* scene, TextureManager* manager, quint64 flags, quint64 mask,
                    const QMatrix4x4* view)
 {
-    const bool doubleSided = flags & kDoubleSidedFlag;
-    if ((flags & kPointsOrLinesFlag) || (doubleSided && !(flags & kAlphaBlendFlag)))
+    if (flags & kPointsOrLinesFlag)
         return model.draw(scene, manager, flags, mask, GPUModel::eWindingNoCulling, view, true);
     bool ok = true;
     for (const GLenum culled : {GL_FRONT, GL_BACK}) {
-        if (culled == GL_FRONT && !doubleSided)
+        if (culled == GL_FRONT && !(flags & kDoubleSidedFlag))
             continue;
         glCullFace(culled);
         ok = model.draw(scene, manager, flags, mask, GPUModel::eWindingCCW, view, true) && ok;
