@@ -25,17 +25,18 @@ protected:
     void TearDown() override
     {
         model.clear();
-        renderer.reset();
         manager.clear();
         GLTest::TearDown();
     }
 
+    // Each test renders once, so the renderer lives only as long as its frame.
     QImage render(const Camera& camera)
     {
-        renderer->setSamples(1);
-        renderer->setShadowMapSize(512);
-        const QImage image = renderer->renderToImage(model, camera, size);
-        EXPECT_FALSE(image.isNull()) << qPrintable(renderer->errorString());
+        SceneRenderer renderer(&manager);
+        renderer.setSamples(1);
+        renderer.setShadowMapSize(512);
+        const QImage image = renderer.renderToImage(model, camera, size);
+        EXPECT_FALSE(image.isNull()) << qPrintable(renderer.errorString());
         EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
         return image.convertToFormat(QImage::Format_RGB32);
     }
@@ -71,7 +72,6 @@ protected:
     GPUModel model;
     QObject lights;
     GLTFImporter importer{&manager};
-    std::unique_ptr<SceneRenderer> renderer = std::make_unique<SceneRenderer>(&manager);
 };
 
 // Horizontal quads facing up over a white ground, lit by a sun whose light travels along
