@@ -10,14 +10,10 @@
 
 #include <QBuffer>
 #include <QFileInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 
 using namespace Tavren::Vyx;
 
 namespace {
-
 
 class ScenePassesTest : public VyxTest::GLTest
 {
@@ -80,75 +76,41 @@ protected:
 QByteArray quadScene()
 {
     QImage halves(2, 1, QImage::Format_RGBA8888);
-    halves.setPixelColor(0, 0, QColor(255, 255, 255, 255));
-    halves.setPixelColor(1, 0, QColor(255, 255, 255, 0));
+    halves.fill(Qt::white);
+    halves.setPixelColor(1, 0, Qt::transparent);
     QBuffer png;
     png.open(QIODevice::WriteOnly);
     halves.save(&png, "PNG");
-
-    const float vertices[] = {-0.5f, 0, -0.5f, -0.5f, 0, 0.5f, 0.5f, 0, 0.5f, 0.5f, 0, -0.5f, // positions
-                              0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1, 0,                             // normals
-                              0, 0, 0, 1, 1, 1, 1, 0};                                         // texcoords
+    const float vertices[] = {-0.5f, 0, -0.5f, -0.5f, 0, 0.5f, 0.5f, 0, 0.5f, 0.5f, 0, -0.5f, 0, 1, 0, 0, 1, 0,
+                              0, 1, 0, 0, 1, 0, 0, 0, 0, 1, 1, 1, 1, 0};
     const quint16 indices[] = {0, 1, 2, 0, 2, 3};
     QByteArray bin(reinterpret_cast<const char*>(vertices), sizeof(vertices));
     bin.append(reinterpret_cast<const char*>(indices), sizeof(indices));
-    const auto view = [](int offset, int length) { return QJsonObject{{"buffer", 0}, {"byteOffset", offset}, {"byteLength", length}}; };
-    const auto accessor = [](int view, int offset, int type, const char* shape) {
-        return QJsonObject{{"bufferView", view}, {"byteOffset", offset}, {"componentType", type},
-                           {"count", type == 5126 ? 4 : 6}, {"type", shape}};
-    };
-    QJsonObject positions = accessor(0, 0, 5126, "VEC3");
-    positions["min"] = QJsonArray{-0.5, 0, -0.5};
-    positions["max"] = QJsonArray{0.5, 0, 0.5};
-
-    const auto material = [](QJsonArray colour, const char* mode) {
-        QJsonObject pbr{{"baseColorFactor", colour}, {"metallicFactor", 0.0}, {"roughnessFactor", 1.0}};
-        if (QLatin1String(mode) == QLatin1String("MASK"))
-            pbr["baseColorTexture"] = QJsonObject{{"index", 0}};
-        return QJsonObject{{"pbrMetallicRoughness", pbr}, {"alphaMode", mode}};
-    };
-    const QJsonArray materials{material({0.8, 0.8, 0.8, 1}, "OPAQUE"), material({1, 1, 1, 1}, "MASK"),
-                               material({1, 0, 0, 0.4}, "BLEND"), material({0, 1, 0, 0.4}, "BLEND")};
-    QJsonArray meshes, nodes, roots;
-    const auto quad = [&](int index, double x, double y, double size) {
-        meshes.append(QJsonObject{{"primitives", QJsonArray{QJsonObject{
-                                      {"attributes", QJsonObject{{"POSITION", 0}, {"NORMAL", 1}, {"TEXCOORD_0", 2}}},
-                                      {"indices", 3},
-                                      {"material", index}}}}});
-        nodes.append(QJsonObject{{"mesh", index}, {"translation", QJsonArray{x, y, 0}}, {"scale", QJsonArray{size, 1, size}}});
-        roots.append(index);
-    };
-    quad(0, 0, 0, 12);
-    quad(1, -2, 1, 2);
-    quad(2, 2, 2, 2);
-    quad(3, 2, 1, 2);
-    QMatrix4x4 sun;
-    sun.lookAt(QVector3D(), QVector3D(1, -1, 0), QVector3D(0, 0, 1));
-    const QMatrix4x4 sunNode = sun.inverted();
-    QJsonArray matrix;
-    for (int i = 0; i < 16; ++i)
-        matrix.append(sunNode.constData()[i]);
-    nodes.append(QJsonObject{{"matrix", matrix}, {"extensions", QJsonObject{{"KHR_lights_punctual", QJsonObject{{"light", 0}}}}}});
-    roots.append(4);
-
-    QJsonObject root;
-    root["asset"] = QJsonObject{{"version", "2.0"}};
-    root["extensionsUsed"] = QJsonArray{"KHR_lights_punctual"};
-    root["extensions"] = QJsonObject{
-        {"KHR_lights_punctual", QJsonObject{{"lights", QJsonArray{QJsonObject{{"type", "directional"}, {"intensity", 3.0}}}}}}};
-    root["scenes"] = QJsonArray{QJsonObject{{"nodes", roots}}};
-    root["nodes"] = nodes;
-    root["meshes"] = meshes;
-    root["materials"] = materials;
-    root["textures"] = QJsonArray{QJsonObject{{"source", 0}, {"sampler", 0}}};
-    root["samplers"] = QJsonArray{QJsonObject{{"magFilter", 9728}, {"minFilter", 9728}, {"wrapS", 33071}, {"wrapT", 33071}}};
-    root["images"] = QJsonArray{QJsonObject{{"uri", QString("data:image/png;base64," + png.data().toBase64())}}};
-    root["accessors"] = QJsonArray{positions, accessor(0, 48, 5126, "VEC3"), accessor(0, 96, 5126, "VEC2"),
-                                   accessor(1, 0, 5123, "SCALAR")};
-    root["bufferViews"] = QJsonArray{view(0, int(sizeof(vertices))), view(int(sizeof(vertices)), int(sizeof(indices)))};
-    root["buffers"] = QJsonArray{
-        QJsonObject{{"byteLength", bin.size()}, {"uri", QString("data:application/octet-stream;base64," + bin.toBase64())}}};
-    return QJsonDocument(root).toJson();
+    QStringList meshes;
+    for (int material = 0; material < 4; ++material)
+        meshes << QStringLiteral(R"({"primitives": [{"attributes": {"POSITION": 0, "NORMAL": 1, "TEXCOORD_0": 2},
+                                  "indices": 3, "material": %1}]})").arg(material);
+    return QStringLiteral(R"({"asset": {"version": "2.0"}, "extensionsUsed": ["KHR_lights_punctual"],
+ "extensions": {"KHR_lights_punctual": {"lights": [{"type": "directional", "intensity": 3}]}},
+ "scenes": [{"nodes": [0, 1, 2, 3, 4]}],
+ "nodes": [{"mesh": 0, "scale": [12, 1, 12]}, {"mesh": 1, "translation": [-2, 1, 0], "scale": [2, 1, 2]},
+   {"mesh": 2, "translation": [2, 2, 0], "scale": [2, 1, 2]}, {"mesh": 3, "translation": [2, 1, 0], "scale": [2, 1, 2]},
+   {"rotation": [-0.5, -0.5, 0, 0.70710678], "extensions": {"KHR_lights_punctual": {"light": 0}}}],
+ "meshes": [%1],
+ "materials": [{"pbrMetallicRoughness": {"baseColorFactor": [0.8, 0.8, 0.8, 1], "metallicFactor": 0}},
+   {"pbrMetallicRoughness": {"baseColorTexture": {"index": 0}, "metallicFactor": 0}, "alphaMode": "MASK"},
+   {"pbrMetallicRoughness": {"baseColorFactor": [1, 0, 0, 0.4], "metallicFactor": 0}, "alphaMode": "BLEND"},
+   {"pbrMetallicRoughness": {"baseColorFactor": [0, 1, 0, 0.4], "metallicFactor": 0}, "alphaMode": "BLEND"}],
+ "textures": [{"source": 0, "sampler": 0}], "samplers": [{"magFilter": 9728, "minFilter": 9728}],
+ "images": [{"uri": "data:image/png;base64,%2"}],
+ "accessors": [{"bufferView": 0, "componentType": 5126, "count": 4, "type": "VEC3", "min": [-0.5, 0, -0.5], "max": [0.5, 0, 0.5]},
+   {"bufferView": 0, "byteOffset": 48, "componentType": 5126, "count": 4, "type": "VEC3"},
+   {"bufferView": 0, "byteOffset": 96, "componentType": 5126, "count": 4, "type": "VEC2"},
+   {"bufferView": 1, "componentType": 5123, "count": 6, "type": "SCALAR"}],
+ "bufferViews": [{"buffer": 0, "byteLength": 128}, {"buffer": 0, "byteOffset": 128, "byteLength": 12}],
+ "buffers": [{"byteLength": 140, "uri": "data:application/octet-stream;base64,%3"}]})")
+        .arg(meshes.join(','), QString::fromLatin1(png.data().toBase64()), QString::fromLatin1(bin.toBase64()))
+        .toUtf8();
 }
 
 } // namespace
