@@ -132,9 +132,9 @@ public:
     BlendAndFaceGuard& operator=(const BlendAndFaceGuard&) = delete;
 
 private:
-    static constexpr GLenum kStates[8] = {GL_BLEND_SRC_RGB,       GL_BLEND_DST_RGB,         GL_BLEND_SRC_ALPHA,
-                                          GL_BLEND_DST_ALPHA,     GL_BLEND_EQUATION_RGB,    GL_BLEND_EQUATION_ALPHA,
-                                          GL_CULL_FACE_MODE,      GL_FRONT_FACE};
+    static constexpr GLenum kStates[8] = {GL_BLEND_SRC_RGB,      GL_BLEND_DST_RGB,        GL_BLEND_SRC_ALPHA,
+                                          GL_BLEND_DST_ALPHA,    GL_BLEND_EQUATION_RGB,   GL_BLEND_EQUATION_ALPHA,
+                                          GL_CULL_FACE_MODE,     GL_FRONT_FACE};
     GLint _values[8] = {};
 };
 
@@ -165,9 +165,8 @@ bool drawKinds(GPUModel& model, ShaderProgram* scene, TextureManager* manager, q
 {
     bool ok = drawSelection(model, scene, manager, alpha, kKindFlags, view);
     ok = drawSelection(model, scene, manager, alpha | kDoubleSidedFlag, kKindFlags, view) && ok;
-    return drawSelection(model, scene, manager, alpha | kPointsOrLinesFlag, kAlphaBlendFlag | kPointsOrLinesFlag,
-                         view) &&
-           ok;
+    const quint64 points = kAlphaBlendFlag | kPointsOrLinesFlag;
+    return drawSelection(model, scene, manager, alpha | kPointsOrLinesFlag, points, view) && ok;
 }
 
 // Blended drawables with commands left after culling, farthest first by the mean centre of
@@ -221,8 +220,8 @@ bool drawBlended(GPUModel& model, ShaderProgram* scene, TextureManager* manager,
     bool ok = true;
     for (int position : blendedBackToFront(model, view.inverted().column(3).toVector3D())) {
         model.addFlags(kDrawingNowFlag, position);
-        ok = drawSelection(model, scene, manager, model.getFlags(position), kAlphaBlendFlag | kDrawingNowFlag, &view) &&
-             ok;
+        const quint64 flags = model.getFlags(position);
+        ok = drawSelection(model, scene, manager, flags, kAlphaBlendFlag | kDrawingNowFlag, &view) && ok;
         model.removeFlags(kDrawingNowFlag, position);
     }
     return ok;

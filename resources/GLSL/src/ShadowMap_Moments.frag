@@ -8,12 +8,13 @@ bool shadowMapCutAway(); // ShadowMap_CutOut.glslc
 #endif
 out vec4 o_Moments;
 void main() {
-#ifdef SHADOW_MAP_CUT_OUT
-    if (shadowMapCutAway())
-        discard;
-#endif
     float depth = gl_FragCoord.z * 2.0 - 1.0;
     float dx = dFdx(depth);
     float dy = dFdy(depth);
+#ifdef SHADOW_MAP_CUT_OUT
+    // After the derivatives, which need the neighbouring fragments.
+    if (shadowMapCutAway())
+        discard;
+#endif
     o_Moments = vec4(depth, depth * depth + 0.25 * (dx * dx + dy * dy) + 1e-6, 0.0, 0.0);
 }
