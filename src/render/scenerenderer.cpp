@@ -101,8 +101,131 @@ struct SceneUniforms
 {
     GLint lightCount, lightType, lightRange, lightCone, lightColor, lightPosition, lightDirection, irradianceSH;
     GLint viewProjection, cameraPosition, exposure, environmentIntensity, prefilteredLevels, prefilteredMap;
-    GLint brdfTable, shadowsEnabled, shadowMapDepthSampler;
+    GLint brdfTable, shadowsEnabled, shadowMapDepthSampler, alphaBlend;
 };
+
+using SceneMaterial::kAlphaBlendFlag;
+using SceneMaterial::kAlphaMaskFlag;
+using SceneMaterial::kDoubleSidedFlag;
+using SceneMaterial::kPointsOrLinesFlag;
+constexpr quint64 kKindFlags = kAlphaBlendFlag | kDoubleSidedFlag | kPointsOrLinesFlag;
+// Set on one blended drawable at a time, so that a draw selects it alone.
+constexpr quint64 kDrawingNowFlag = quint64(1) << 61;
+
+// The blend factors and face orientation state, which RenderStateGuard leaves out.
+class BlendAndFaceGuard
+{
+public:
+    BlendAndFaceGuard()
+    {
+        for (int i = 0; i < 8; ++i)
+            glGetIntegerv(kStates[i], &_values[i]);
+    }
+    ~BlendAndFaceGuard()
+    {
+        glBlendFuncSeparate(GLenum(_values[0]), GLenum(_values[1]), GLenum(_values[2]), GLenum(_values[3]));
+        glBlendEquationSeparate(GLenum(_values[4]), GLenum(_values[5]));
+        glCullFace(GLenum(_values[6]));
+        glFrontFace(GLenum(_values[7]));
+    }
+    BlendAndFaceGuard(const BlendAndFaceGuard&) = delete;
+    BlendAndFaceGuard& operator=(const BlendAndFaceGuard&) = delete;
+
+private:
+    static constexpr GLenum kStates[8] = {GL_BLEND_SRC_RGB,      GL_BLEND_DST_RGB,        GL_BLEND_SRC_ALPHA,
+                                          GL_BLEND_DST_ALPHA,    GL_BLEND_EQUATION_RGB,   GL_BLEND_EQUATION_ALPHA,
+                                          GL_CULL_FACE_MODE,     GL_FRONT_FACE};
+    GLint _values[8] = {};
+};
+
+// Draws a selection the way its kind (the kind flags in `flags`) asks: points and lines
+// unculled; triangles in one pass for the commands that keep handedness and one with the winding
+// turned for mirrored ones, so that front faces are the ones the shading sees as such.
+// Single-sided triangles are culled at the back; double-sided ones draw their back faces, then
+// their front faces, so that blended front faces cover their back faces.
+bool drawSelection(GPUModel& model, ShaderProgram* scene, TextureManager* manager, quint64 flags, quint64 mask,
+                   const QMatrix4x4* view)
+{
+    if (flags & kPointsOrLinesFlag)
+        return model.draw(scene, manager, flags, mask, GPUModel::eWindingNoCulling, view, true);
+    bool ok = true;
+    for (const GLenum culled : {GL_FRONT, GL_BACK}) {
+        if (culled == GL_FRONT && !(flags & kDoubleSidedFlag))
+            continue;
+        glCullFace(culled);
+        ok = model.draw(scene, manager, flags, mask, GPUModel::eWindingCCW, view, true) && ok;
+        ok = model.draw(scene, manager, flags, mask, GPUModel::eWindingCW, view, true) && ok;
+    }
+    return ok;
+}
+
+// Every kind of drawable with the given alpha flag: single-sided triangles, double-sided
+// triangles, then points and lines of either sidedness.
+bool drawKinds(GPUModel& model, ShaderProgram* scene, TextureManager* manager, quint64 alpha, const QMatrix4x4* view)
+{
+    bool ok = drawSelection(model, scene, manager, alpha, kKindFlags, view);
+    ok = drawSelection(model, scene, manager, alpha | kDoubleSidedFlag, kKindFlags, view) && ok;
+    const quint64 points = kAlphaBlendFlag | kPointsOrLinesFlag;
+    return drawSelection(model, scene, manager, alpha | kPointsOrLinesFlag, points, view) && ok;
+}
+
+// Blended drawables with commands left after culling, farthest first by the mean centre of
+// those commands' boxes.
+QVector<int> blendedBackToFront(GPUModel& model, const QVector3D& eye)
+{
+    QVector<QPair<float, int>> byDistance;
+    for (int i = 0; i < model.numDrawables(); ++i) {
+        const GPUModel::Drawable& d = model.drawable(i);
+        const int commands = d.transformRefs.size();
+        if (!(d.flags & kAlphaBlendFlag) || d.culledCount >= commands)
+            continue;
+        QVector3D sum;
+        int counted = 0;
+        for (int c = 0; c < commands; ++c) {
+            if (model.isCommandCulled(i, c))
+                continue;
+            const int box = d.boundingBoxRefs.value(c, GPUModel::kInvalidBoundingBoxRef);
+            const int transform = d.transformRefs[c];
+            const QVector3D centre = model.isValidBoundingBox(box) ? model.getBoundingBox(box).center() : QVector3D();
+            sum += model.isValidTransform(transform) ? model.worldTransform(transform).map(centre) : centre;
+            ++counted;
+        }
+        if (counted > 0)
+            byDistance.append({(sum / float(counted) - eye).lengthSquared(), i});
+    }
+    std::stable_sort(byDistance.begin(), byDistance.end(),
+                     [](const QPair<float, int>& a, const QPair<float, int>& b) { return a.first > b.first; });
+    QVector<int> order;
+    order.reserve(byDistance.size());
+    for (const auto& entry : qAsConst(byDistance))
+        order.append(entry.second);
+    return order;
+}
+
+// Blended drawables over what is drawn, with straight alpha, testing depth but not writing it:
+// one at a time from back to front, each drawable's commands sorted the same way by the view.
+// A model that uses the renderer's selection bit itself gets its drawables in model order.
+bool drawBlended(GPUModel& model, ShaderProgram* scene, TextureManager* manager, const QMatrix4x4& view)
+{
+    glEnable(GL_BLEND);
+    glBlendEquationSeparate(GL_FUNC_ADD, GL_FUNC_ADD);
+    // Alpha accumulates coverage, so an opaque background stays opaque in the read-back image.
+    glBlendFuncSeparate(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_ONE, GL_ONE_MINUS_SRC_ALPHA);
+    glDepthMask(GL_FALSE);
+    bool bitInUse = false;
+    for (int i = 0; i < model.numDrawables() && !bitInUse; ++i)
+        bitInUse = model.drawable(i).flags & kDrawingNowFlag;
+    if (bitInUse)
+        return drawKinds(model, scene, manager, kAlphaBlendFlag, &view);
+    bool ok = true;
+    for (int position : blendedBackToFront(model, view.inverted().column(3).toVector3D())) {
+        model.addFlags(kDrawingNowFlag, position);
+        const quint64 flags = model.getFlags(position);
+        ok = drawSelection(model, scene, manager, flags, kAlphaBlendFlag | kDrawingNowFlag, &view) && ok;
+        model.removeFlags(kDrawingNowFlag, position);
+    }
+    return ok;
+}
 
 struct SkyUniforms
 {
@@ -243,7 +366,7 @@ bool SceneRenderer::prepare()
                          at("u_LightDirection"),  at("u_IrradianceSH"),   at("u_ViewProjection"),
                          at("u_CameraPosition"),  at("u_Exposure"),       at("u_EnvironmentIntensity"),
                          at("u_PrefilteredLevels"), at("u_PrefilteredMap"), at("u_BRDFTable"),
-                         at("u_ShadowsEnabled"),  at("u_ShadowMapDepthSampler")};
+                         at("u_ShadowsEnabled"),  at("u_ShadowMapDepthSampler"), at("u_AlphaBlend")};
     const auto skyAt = in(sky);
     _d->skyUniforms = {skyAt("u_InverseViewProjection"), skyAt("u_Environment"), skyAt("u_EnvironmentIntensity"),
                        skyAt("u_Exposure")};
@@ -267,7 +390,12 @@ bool SceneRenderer::renderShadows(GPUModel& model, const Camera& camera, const Q
     const QMatrix4x4 projection = camera.projectionMatrix(float(size.width()) / size.height());
     _d->shadowData.setShadowMapSize(_shadowMapSize);
     ShadowMapManager::processLights(lights, _d->shadowData, &view, &projection, hasBounds ? &bounds : nullptr);
-    if (!_d->shadowRenderer->render(_d->shadowData, model, 0, 0, _d->manager))
+    // Masked drawables cut their shadows out at their cutoff, blended ones at half coverage.
+    using Casters = ShadowMapRenderer::Casters;
+    const QVector<Casters> casters = {{0, kAlphaMaskFlag | kAlphaBlendFlag, false},
+                                      {kAlphaMaskFlag, kAlphaMaskFlag | kAlphaBlendFlag, true},
+                                      {kAlphaBlendFlag, kAlphaBlendFlag, true, 0.5f}};
+    if (!_d->shadowRenderer->render(_d->shadowData, model, casters, _d->manager))
         return fail(QStringLiteral("The shadow maps could not be rendered"));
     return true;
 }
@@ -299,6 +427,7 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
     // Environment set-up and shadow passes use targets of their own; the caller's come back
     // before the scene is drawn, and all of its state once the frame is done.
     const RenderStateGuard callerState;
+    const BlendAndFaceGuard callerFactors;
     if (!prepare())
         return false;
     if (!_d->environment && !setProceduralSky(QVector3D(0.4f, 0.8f, 0.3f)))
@@ -375,7 +504,10 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
         // The unused shadow sampler must not share a unit with a sampler of another type.
         scene.setUniform(at.shadowMapDepthSampler, int(_d->textureUnits - 1));
     }
-    const bool drawn = model.draw(&scene, _d->manager, 0, 0, GPUModel::eWindingNoCulling, &view, true);
+    scene.setUniform(at.alphaBlend, 0);
+    bool drawn = drawKinds(model, &scene, _d->manager, 0, nullptr);
+    scene.setUniform(at.alphaBlend, 1);
+    drawn = drawBlended(model, &scene, _d->manager, view) && drawn;
     if (shadowed)
         ShadowMapManager::unbind(&scene, _d->shadowData);
     _d->brdfTable->unbind();

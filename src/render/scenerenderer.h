@@ -22,6 +22,14 @@ class TextureManager;
 // maps, image-based light from an environment cube map (prefiltered specular map, split-sum
 // table, SH irradiance), the environment as background, filmic tone mapping and sRGB output.
 // Needs a current context with an installed OpenGLDeviceContext.
+//
+// Passes follow the SceneMaterial drawable flags: opaque and masked drawables first, culled at
+// their back faces unless double-sided or points and lines (mirrored commands with the winding
+// turned); then blended ones over them, one drawable at a time from back to front, without
+// depth writes, double-sided ones back faces first. Masked drawables cast cut-out shadows,
+// blended ones cast where their alpha reaches one half. During a frame drawable flag bit 61
+// selects one blended drawable at a time; a model that uses the bit itself gets its blended
+// drawables in model order (each one's commands still sorted).
 class VYXGL_EXPORT SceneRenderer
 {
 public:
@@ -49,8 +57,9 @@ public:
     void setSamples(int samples) { _samples = samples; }
 
     // Draws into the framebuffer bound now, whose size the viewport must already have. The
-    // framebuffers, viewport, blend, depth, culling and clear state are as the caller left them
-    // afterwards (see RenderStateGuard); the bound program and textures are unbound.
+    // framebuffers, viewport, blend (with its factors and equations), depth, culling (with the
+    // culled and front faces) and clear state are as the caller left them afterwards; the bound
+    // program and textures are unbound.
     bool render(GPUModel& model, const Camera& camera, const QSize& size);
     // Draws into the renderer's own target and reads it back; null on failure.
     QImage renderToImage(GPUModel& model, const Camera& camera, const QSize& size);

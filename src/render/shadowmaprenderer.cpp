@@ -13,6 +13,8 @@
 #include "gl/shaders/glslmacroprocessor.h"
 #include "gl/shaders/shaderprogram.h"
 #include "gl/shadows/shadowmapmanager.h"
+#include "gl/textures/texturemanager.h"
+#include "render/scenematerial.h"
 
 #include <algorithm>
 #include <cmath>
@@ -50,6 +52,13 @@ std::unique_ptr<ShaderProgram> linked(const char* vertexFile, const char* fragme
     program->addShaderFromFile(GL_VERTEX_SHADER, QString::fromLatin1(vertexFile));
     program->addShaderFromFile(GL_FRAGMENT_SHADER, QString::fromLatin1(fragmentFile));
     return linked(std::move(program));
+}
+
+// Binds the program for one projector's layer.
+void useProjector(ShaderProgram& program, const QMatrix4x4& projector)
+{
+    program.bind();
+    program.setUniform(QStringLiteral("u_ShadowMapProjector"), QVariant(projector));
 }
 
 std::unique_ptr<Texture> momentsArray(int size, int layers)
@@ -110,34 +119,71 @@ bool ShadowMapRenderer::render(ShadowMapRenderData& data, const DrawFunction& dr
     if (!prepare(data.shadowMapSize(), std::max(1, data.projectorCount())))
         return false;
     ShaderProgram& program = *_momentsProgram;
-    return renderLayers(data, program, [&](ShaderProgram&, const QMatrix4x4& projector) {
+    return renderLayers(data, [&](const QMatrix4x4& projector) {
+        useProjector(program, projector);
         program.setUniform(QStringLiteral("u_ModelMatrix"), QVariant(QMatrix4x4()));
         draw(program, projector);
+        program.unbind();
     });
 }
 
 bool ShadowMapRenderer::render(ShadowMapRenderData& data, GPUModel& model, quint64 flags, quint64 mask,
                                TextureManager* textureManager)
 {
+    Casters all;
+    all.flags = flags;
+    all.mask = mask;
+    return render(data, model, {all}, textureManager);
+}
+
+bool ShadowMapRenderer::render(ShadowMapRenderData& data, GPUModel& model, const QVector<Casters>& selections,
+                               TextureManager* textureManager)
+{
     if (!prepare(data.shadowMapSize(), std::max(1, data.projectorCount())))
         return false;
-    ShaderProgram* program = modelProgram(model, flags, mask);
-    if (!program)
-        return false;
+    struct Pass
+    {
+        const Casters* casters;
+        ShaderProgram* program;
+        TextureManager* manager;
+    };
+    QVector<Pass> passes;
+    for (const Casters& casters : selections) {
+        // Cut-outs resolve tokens in their shader, so they need a manager to build it for.
+        TextureManager* manager =
+            casters.cutOut && !textureManager ? TextureManager::Instance() : textureManager;
+        bool empty = false;
+        ShaderProgram* program = modelProgram(model, casters, manager, empty);
+        if (!program)
+            return false;
+        if (!empty)
+            passes.append({&casters, program, manager});
+    }
     bool drawn = true;
-    const bool rendered = renderLayers(data, *program, [&](ShaderProgram&, const QMatrix4x4&) {
-        drawn = model.draw(program, textureManager, flags, mask, GPUModel::eWindingNoCulling, false) && drawn;
+    const bool rendered = renderLayers(data, [&](const QMatrix4x4& projector) {
+        for (const Pass& pass : qAsConst(passes)) {
+            useProjector(*pass.program, projector);
+            if (pass.casters->cutOut)
+                pass.program->setUniform(QStringLiteral("u_DefaultCutoff"), QVariant(pass.casters->defaultCutoff));
+            drawn = model.draw(pass.program, pass.manager, pass.casters->flags, pass.casters->mask,
+                               GPUModel::eWindingNoCulling, false) &&
+                    drawn;
+            pass.program->unbind();
+        }
     });
     return rendered && drawn;
 }
 
-ShaderProgram* ShadowMapRenderer::modelProgram(const GPUModel& model, quint64 flags, quint64 mask)
+ShaderProgram* ShadowMapRenderer::modelProgram(const GPUModel& model, const Casters& casters,
+                                               TextureManager* textureManager, bool& empty)
 {
     const QString matrix = QStringLiteral("ModelMatrix");
+    const QLatin1String materialName(SceneMaterial::kMaterialPlanName);
     const InstanceDataPlan* plan = nullptr;
+    const InstanceDataPlan* material = nullptr;
     for (int i = 0; i < model.numDrawables(); ++i) {
         const GPUModel::Drawable& d = model.drawable(i);
-        if ((d.flags & mask) != (flags & mask) || (d.flags & GPUModel::kHiddenFlag))
+        if ((d.flags & casters.mask) != (casters.flags & casters.mask) || (d.flags & GPUModel::kHiddenFlag))
             continue;
         const InstanceDataPlan* own = d.objectData ? d.objectData->plan() : nullptr;
         VYX_CHECK_RETURN(own && own->dataType(matrix) == InstanceDataPlan::eMat4, nullptr,
@@ -146,16 +192,32 @@ ShaderProgram* ShadowMapRenderer::modelProgram(const GPUModel& model, quint64 fl
                          "Drawable %d places its shadow with plan '%s', others with '%s'", d.id,
                          qPrintable(own->name()), qPrintable(plan->name()));
         plan = own;
+        if (casters.cutOut) {
+            material = d.materialData ? d.materialData->plan() : nullptr;
+            VYX_CHECK_RETURN(material && material->name() == materialName, nullptr,
+                             "Drawable %d has no \"%s\" material data to cut its shadow out by", d.id,
+                             SceneMaterial::kMaterialPlanName);
+        }
     }
-    if (!plan) // nothing to draw: the layers are only cleared
+    empty = !plan;
+    if (empty)
         return _momentsProgram.get();
-    // The draw ID comes from the base instance or a uniform, as DrawBuffers draws now.
-    const QString key = plan->name() + (DrawBuffers::isBaseInstanceDrawing() ? QStringLiteral("/base") : QString());
-    if (_modelProgram && key == _modelProgramKey)
-        return _modelProgram.get();
     GLSLMacroProcessor macros;
-    DrawBuffers::setup(&macros);
+    DrawBuffers::setup(&macros); // the draw ID comes from the base instance or a uniform
+    if (casters.cutOut) {
+        textureManager->setup(&macros);
+        macros.addDefine(QStringLiteral("SHADOW_MAP_CUT_OUT"), QStringLiteral("1"));
+    }
     macros.addMacro(QStringLiteral("SHADOW_MAP_OBJECT_DATA"), QStringLiteral("#instancedata \"%1\"").arg(plan->name()));
+    QString key = plan->name();
+    if (casters.cutOut)
+        key += QLatin1Char('|') + textureManager->getShaderFile();
+    for (const auto* map : {&macros.defines(), &macros.macros()})
+        for (auto it = map->constBegin(); it != map->constEnd(); ++it)
+            key += QLatin1Char('|') + it.key() + QLatin1Char('=') + it.value();
+    std::unique_ptr<ShaderProgram>& cached = _modelPrograms[key];
+    if (cached)
+        return cached.get();
     auto program = std::make_unique<ShaderProgram>();
     program->setMacroProcessor(&macros);
     program->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("ShadowMap_ModelMoments.vert"));
@@ -163,13 +225,21 @@ ShaderProgram* ShadowMapRenderer::modelProgram(const GPUModel& model, quint64 fl
     program->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("VyxUtilities.vert"));
     program->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("VyxUtilities.glslc"));
     program->addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("ShadowMap_Moments.frag"));
+    if (casters.cutOut) {
+        program->addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("ShadowMap_CutOut.glslc"));
+        program->addShader(GL_FRAGMENT_SHADER, material->glslc());
+        program->addShaderFromFile(GL_FRAGMENT_SHADER, textureManager->getShaderFile());
+    }
     program->setMacroProcessor(nullptr);
-    _modelProgram = linked(std::move(program));
-    _modelProgramKey = _modelProgram ? key : QString();
-    return _modelProgram.get();
+    cached = linked(std::move(program));
+    if (!cached) {
+        _modelPrograms.erase(key);
+        return nullptr;
+    }
+    return cached.get();
 }
 
-bool ShadowMapRenderer::renderLayers(ShadowMapRenderData& data, ShaderProgram& program, const DrawFunction& draw)
+bool ShadowMapRenderer::renderLayers(ShadowMapRenderData& data, const std::function<void(const QMatrix4x4&)>& draw)
 {
     const int size = data.shadowMapSize();
     data.setProjectionTexture(_moments.get());
@@ -190,11 +260,7 @@ bool ShadowMapRenderer::renderLayers(ShadowMapRenderData& data, ShaderProgram& p
         complete = VYX_CHECK(_framebuffer->isComplete(), "Shadow map layer %d cannot be rendered to", layer);
         if (complete) {
             glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
-            const QMatrix4x4 projector = data.transforms[layer].toMatrix();
-            program.bind();
-            program.setUniform(QStringLiteral("u_ShadowMapProjector"), QVariant(projector));
-            draw(program, projector);
-            program.unbind();
+            draw(data.transforms[layer].toMatrix());
             if (_blurRadius > 0)
                 blurLayer(layer);
         }

@@ -4,8 +4,10 @@
 
 #include <QMatrix4x4>
 #include <QString>
+#include <QVector>
 
 #include <functional>
+#include <map>
 #include <memory>
 
 namespace Tavren::Vyx {
@@ -55,18 +57,37 @@ public:
     bool render(ShadowMapRenderData& data, GPUModel& model, quint64 flags = 0, quint64 mask = 0,
                 TextureManager* textureManager = nullptr);
 
+    // One selection of a model's drawables, (flags & mask) as above, and how they cast. Cut-outs
+    // carry SceneMaterial records as their material data and throw no shadow where their base
+    // colour's alpha (factor times map, through the map's texture transform) is below the
+    // record's cutoff, or below `defaultCutoff` for records without one; their vertex arrays
+    // give "va_TexCoord0" and "va_TexCoord1" where the map reads them. Each selection has its
+    // own object-data plan rule as above.
+    struct Casters
+    {
+        quint64 flags = 0;
+        quint64 mask = 0;
+        bool cutOut = false;
+        float defaultCutoff = 0.5f;
+    };
+    bool render(ShadowMapRenderData& data, GPUModel& model, const QVector<Casters>& selections,
+                TextureManager* textureManager = nullptr);
+
     Texture* texture() const { return _moments.get(); }
 
 private:
     bool prepare(int size, int layers);
     // Draws every projector's layer with `program` bound and its projector set.
-    bool renderLayers(ShadowMapRenderData& data, ShaderProgram& program, const DrawFunction& draw);
+    bool renderLayers(ShadowMapRenderData& data, const std::function<void(const QMatrix4x4& projector)>& draw);
     void blurLayer(int layer);
-    // The moments program for the object-data plan of the drawables the model would draw.
-    ShaderProgram* modelProgram(const GPUModel& model, quint64 flags, quint64 mask);
+    // The moments program for the plans of the drawables a selection holds; `empty` tells that
+    // it holds none. Null, with a report, when they share no plan or the program fails.
+    ShaderProgram* modelProgram(const GPUModel& model, const Casters& casters, TextureManager* textureManager,
+                                bool& empty);
 
-    std::unique_ptr<ShaderProgram> _momentsProgram, _blurProgram, _modelProgram;
-    QString _modelProgramKey;
+    std::unique_ptr<ShaderProgram> _momentsProgram, _blurProgram;
+    // Model programs by plans, draw-ID source and texture-manager set-up.
+    std::map<QString, std::unique_ptr<ShaderProgram>> _modelPrograms;
     std::unique_ptr<Texture> _moments, _depth, _scratch;
     std::unique_ptr<FramebufferObject> _framebuffer;
     unsigned int _emptyVertexArray = 0;
