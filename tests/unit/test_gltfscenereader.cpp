@@ -86,15 +86,18 @@ TEST(GLTFSceneReader, DecodesInterleavedAttributesAndCarriesMaterialsSamplersAnd
     EXPECT_TRUE(reader.warnings().isEmpty()) << qPrintable(reader.warnings().join('\n'));
 
     ASSERT_EQ(scene->meshes.size(), 1u);
+    // Without normals the triangle is flat shaded: its vertices are taken in index order (2, 1, 0).
     const SceneData::Primitive& p = scene->meshes[0].primitives.at(0);
-    EXPECT_EQ(p.positions, (std::vector<float>{0, 0, 0, 1, 0, 0, 0, 2, 0}));
+    EXPECT_EQ(p.positions, (std::vector<float>{0, 2, 0, 1, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(p.normals, (std::vector<float>{0, 0, -1, 0, 0, -1, 0, 0, -1}));
+    EXPECT_FALSE(p.indexed);
     ASSERT_EQ(p.texCoords.size(), 1u);
     EXPECT_FLOAT_EQ(p.texCoords[0][2], 1.0f);
-    EXPECT_NEAR(p.texCoords[0][5], 0.5f, 1e-4);
+    EXPECT_NEAR(p.texCoords[0][1], 0.5f, 1e-4);
     ASSERT_EQ(p.colors.size(), 12u) << "RGB colours become RGBA";
-    EXPECT_FLOAT_EQ(p.colors[10], 0.2f);
-    EXPECT_FLOAT_EQ(p.colors[11], 1.0f);
-    EXPECT_EQ(p.indices, (std::vector<quint32>{2, 1, 0}));
+    EXPECT_FLOAT_EQ(p.colors[2], 0.2f);
+    EXPECT_FLOAT_EQ(p.colors[3], 1.0f);
+    EXPECT_TRUE(p.tangents.empty()) << "no normal map, no tangents";
 
     EXPECT_EQ(scene->roots, std::vector<int>{0});
     EXPECT_EQ(scene->nodes[1].localMatrix().column(3), QVector4D(1, 2, 3, 1));
