@@ -175,3 +175,323 @@ TEST(GLTFSceneReader, ExternalImagesAreResolvedNotReadAndAMissingOneWarnsOnce)
     EXPECT_TRUE(scene->images.at(1).path.isEmpty());
     EXPECT_EQ(scene->images.at(1).uri, QStringLiteral("gone.png"));
 }
+
+namespace {
+
+// Builds small scenes from raw bytes: each view holds its own bytes, 4-byte aligned in one buffer.
+struct SceneBuilder
+{
+    QByteArray bin;
+    QJsonArray views, accessors;
+
+    template <typename T>
+    int view(std::initializer_list<T> values, int stride = 0)
+    {
+        return view(std::vector<T>(values), stride);
+    }
+    template <typename T>
+    int view(const std::vector<T>& values, int stride = 0)
+    {
+        while (bin.size() % 4)
+            bin.append('\0');
+        QJsonObject v{{"buffer", 0}, {"byteOffset", bin.size()}, {"byteLength", int(values.size() * sizeof(T))}};
+        if (stride)
+            v["byteStride"] = stride;
+        bin.append(reinterpret_cast<const char*>(values.data()), int(values.size() * sizeof(T)));
+        views.append(v);
+        return views.size() - 1;
+    }
+    int accessor(QJsonObject a)
+    {
+        accessors.append(a);
+        return accessors.size() - 1;
+    }
+    int accessor(int view, int componentType, int count, const char* type, bool normalized = false, int byteOffset = 0)
+    {
+        QJsonObject a{{"componentType", componentType}, {"count", count}, {"type", type}};
+        if (view >= 0)
+            a["bufferView"] = view;
+        if (normalized)
+            a["normalized"] = true;
+        if (byteOffset)
+            a["byteOffset"] = byteOffset;
+        return accessor(a);
+    }
+    int floats(std::initializer_list<float> values, const char* type, int components)
+    {
+        return accessor(view(values), 5126, int(values.size()) / components, type);
+    }
+    int indices(std::initializer_list<quint16> values) { return accessor(view(values), 5123, int(values.size()), "SCALAR"); }
+
+    // One node drawing one mesh of the given primitives.
+    QJsonObject scene(const QJsonArray& primitives, const QJsonObject& extra = {}) const
+    {
+        QJsonObject root = extra;
+        root["asset"] = QJsonObject{{"version", "2.0"}};
+        root["scenes"] = QJsonArray{QJsonObject{{"nodes", QJsonArray{0}}}};
+        if (!root.contains("nodes"))
+            root["nodes"] = QJsonArray{QJsonObject{{"mesh", 0}}};
+        root["meshes"] = QJsonArray{QJsonObject{{"name", "m"}, {"primitives", primitives}}};
+        root["accessors"] = accessors;
+        root["bufferViews"] = views;
+        root["buffers"] = QJsonArray{QJsonObject{{"byteLength", bin.size()},
+                                                 {"uri", QString("data:application/octet-stream;base64," + bin.toBase64())}}};
+        return root;
+    }
+};
+
+constexpr int kByte = 5120, kUnsignedByte = 5121, kShort = 5122, kUnsignedShort = 5123, kFloat = 5126;
+
+QJsonObject primitive(const QJsonObject& attributes, int mode = 4, int indices = -1, int material = -1)
+{
+    QJsonObject p{{"attributes", attributes}, {"mode", mode}};
+    if (indices >= 0)
+        p["indices"] = indices;
+    if (material >= 0)
+        p["material"] = material;
+    return p;
+}
+
+struct Read
+{
+    std::unique_ptr<SceneData> scene;
+    QString error;
+    QStringList warnings;
+
+    const SceneData::Primitive& first() const { return scene->meshes.at(0).primitives.at(0); }
+};
+
+Read readScene(const QByteArray& bytes)
+{
+    GLTFSceneReader reader;
+    Read read;
+    read.scene = reader.readFromMemory(bytes, QString());
+    read.error = reader.errorString();
+    read.warnings = reader.warnings();
+    return read;
+}
+
+Read readScene(const QJsonObject& root)
+{
+    return readScene(json(root));
+}
+
+std::vector<float> near(const std::vector<float>& values)
+{
+    std::vector<float> rounded;
+    for (float v : values)
+        rounded.push_back(std::round(v * 1000.0f) / 1000.0f);
+    return rounded;
+}
+
+} // namespace
+
+// Every encoding an attribute may come in ends as the same packed floats.
+TEST(GLTFSceneReaderAccessors, DecodeEveryComponentTypeStrideAndSparseSubstitution)
+{
+    const auto triangle = [](SceneBuilder& b, int positions) {
+        const int normals = b.floats({0, 0, 1, 0, 0, 1, 0, 0, 1}, "VEC3", 3);
+        return b.scene({primitive({{"POSITION", positions}, {"NORMAL", normals}})});
+    };
+    const struct
+    {
+        const char* name;
+        std::function<int(SceneBuilder&)> positions;
+        std::vector<float> expected;
+    } cases[] = {
+        {"floats", [](SceneBuilder& b) { return b.floats({1, 2, 3, 4, 5, 6, 7, 8, 9}, "VEC3", 3); },
+         {1, 2, 3, 4, 5, 6, 7, 8, 9}},
+        {"plain shorts (quantized)",
+         [](SceneBuilder& b) { return b.accessor(b.view<qint16>({-300, 2, 3, 4, 5, 6, 7, 8, 1000, 0}), kShort, 3, "VEC3"); },
+         {-300, 2, 3, 4, 5, 6, 7, 8, 1000}},
+        {"plain unsigned bytes at a stride",
+         [](SceneBuilder& b) { return b.accessor(b.view<quint8>({1, 2, 3, 0, 4, 5, 6, 0, 7, 8, 9, 0}, 4), kUnsignedByte, 3, "VEC3"); },
+         {1, 2, 3, 4, 5, 6, 7, 8, 9}},
+        {"normalised bytes",
+         [](SceneBuilder& b) { return b.accessor(b.view<qint8>({127, -127, -128, 0, 0, 0, 0, 0, 0}), kByte, 3, "VEC3", true); },
+         {1, -1, -1, 0, 0, 0, 0, 0, 0}},
+        {"normalised unsigned shorts",
+         [](SceneBuilder& b) {
+             return b.accessor(b.view<quint16>({65535, 0, 0, 0, 32768, 0, 0, 0, 13107, 0}), kUnsignedShort, 3, "VEC3", true);
+         },
+         {1, 0, 0, 0, 0.5f, 0, 0, 0, 0.2f}},
+        {"sparse over a buffer view",
+         [](SceneBuilder& b) {
+             QJsonObject a{{"bufferView", b.view<float>({1, 1, 1, 2, 2, 2, 3, 3, 3})}, {"componentType", kFloat}, {"count", 3},
+                           {"type", "VEC3"}};
+             a["sparse"] = QJsonObject{{"count", 2},
+                                       {"indices", QJsonObject{{"bufferView", b.view<quint8>({2, 0})}, {"componentType", kUnsignedByte}}},
+                                       {"values", QJsonObject{{"bufferView", b.view<float>({9, 9, 9, 7, 7, 7})}}}};
+             return b.accessor(a);
+         },
+         {7, 7, 7, 2, 2, 2, 9, 9, 9}},
+        {"sparse over zeros, quantized",
+         [](SceneBuilder& b) {
+             QJsonObject a{{"componentType", kShort}, {"count", 3}, {"type", "VEC3"}};
+             a["sparse"] = QJsonObject{
+                 {"count", 1},
+                 {"indices", QJsonObject{{"bufferView", b.view<quint32>({1})}, {"componentType", 5125}}},
+                 {"values", QJsonObject{{"bufferView", b.view<qint16>({-5, 6, 7, 0})}, {"byteOffset", 0}}}};
+             return b.accessor(a);
+         },
+         {0, 0, 0, -5, 6, 7, 0, 0, 0}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        SceneBuilder b;
+        const Read read = readScene(triangle(b, c.positions(b)));
+        ASSERT_TRUE(read.scene) << qPrintable(read.error);
+        EXPECT_EQ(near(read.first().positions), near(c.expected));
+    }
+}
+
+TEST(GLTFSceneReaderAccessors, QuantizedAttributesKeepTheirMeaning)
+{
+    SceneBuilder b;
+    const int positions = b.accessor(b.view<quint16>({0, 0, 0, 0, 2, 0, 0, 0, 0, 2, 0, 0}, 8), kUnsignedShort, 3, "VEC3");
+    const int normals = b.accessor(b.view<qint8>({0, 0, 127, 0, 0, 0, 127, 0, 0, 0, 127, 0}, 4), kByte, 3, "VEC3", true);
+    // Texture coordinates may be plain integers (scaled by a texture transform) ...
+    const int plainUVs = b.accessor(b.view<qint8>({-2, 3, 4, 5, 6, 7}), kByte, 3, "VEC2");
+    // ... while a colour or weight is normalised even when the flag is missing.
+    const int colours = b.accessor(b.view<quint8>({255, 0, 51, 255, 255, 0, 51, 255, 255, 0, 51, 255}), kUnsignedByte, 3, "VEC4");
+    const int weights = b.accessor(b.view<quint16>({65535, 0, 0, 0, 65535, 0, 0, 0, 65535, 0, 0, 0}), kUnsignedShort, 3, "VEC4", true);
+    const int joints = b.accessor(b.view<quint8>({1, 2, 3, 4, 1, 2, 3, 4, 1, 2, 3, 4}), kUnsignedByte, 3, "VEC4");
+    const Read read = readScene(b.scene({primitive({{"POSITION", positions}, {"NORMAL", normals}, {"TEXCOORD_0", plainUVs},
+                                                    {"COLOR_0", colours}, {"WEIGHTS_0", weights}, {"JOINTS_0", joints}})}));
+    ASSERT_TRUE(read.scene) << qPrintable(read.error);
+    const SceneData::Primitive& p = read.first();
+    EXPECT_EQ(p.positions, (std::vector<float>{0, 0, 0, 2, 0, 0, 0, 2, 0}));
+    EXPECT_EQ(p.normals, (std::vector<float>{0, 0, 1, 0, 0, 1, 0, 0, 1}));
+    EXPECT_EQ(p.texCoords.at(0), (std::vector<float>{-2, 3, 4, 5, 6, 7}));
+    EXPECT_EQ(near(p.colors), near({1, 0, 0.2f, 1, 1, 0, 0.2f, 1, 1, 0, 0.2f, 1}));
+    EXPECT_EQ(p.weights[4], 1.0f);
+    EXPECT_EQ(p.joints[7], 4u);
+}
+
+TEST(GLTFSceneReaderAccessors, OutOfBoundsReferencesFail)
+{
+    const auto sparse = [](int count, int index, int valuesOffset) {
+        SceneBuilder b;
+        QJsonObject a{{"bufferView", b.view<float>({1, 1, 1, 2, 2, 2, 3, 3, 3})}, {"componentType", kFloat}, {"count", 3}, {"type", "VEC3"}};
+        a["sparse"] = QJsonObject{
+            {"count", count},
+            {"indices", QJsonObject{{"bufferView", b.view<quint16>({quint16(index), 0})}, {"componentType", kUnsignedShort}}},
+            {"values", QJsonObject{{"bufferView", b.view<float>({9, 9, 9})}, {"byteOffset", valuesOffset}}}};
+        return json(b.scene({primitive({{"POSITION", b.accessor(a)}})}));
+    };
+    const auto stride = [](int byteStride) {
+        SceneBuilder b;
+        return json(b.scene({primitive({{"POSITION", b.accessor(b.view<float>({1, 2, 3, 4, 5, 6, 7, 8, 9}, byteStride), kFloat, 2, "VEC3")}})}));
+    };
+    const auto offset = [](int byteOffset) {
+        SceneBuilder b;
+        return json(b.scene({primitive({{"POSITION", b.accessor(b.view<float>({1, 2, 3, 4, 5, 6}), kFloat, 2, "VEC3", false, byteOffset)}})}));
+    };
+    const struct
+    {
+        const char* name;
+        QByteArray bytes;
+        const char* message;
+    } cases[] = {
+        {"sparse index past the elements", sparse(1, 3, 0), "The sparse substitution of accessor 0 replaces element 3 of 3"},
+        {"sparse values past their view", sparse(1, 1, 4), "The sparse substitution of accessor 0 reaches past the end"},
+        {"more substitutions than elements", sparse(4, 1, 0), "Accessor 0 substitutes 4 of its 3 elements"},
+        {"stride past the view", stride(28), "Accessor 0 reaches past the end of its buffer"},
+        {"stride over 252", stride(256), "byteStride"},
+        {"offset past the view", offset(4), "Accessor 0 reaches past the end of its buffer"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Read read = readScene(c.bytes);
+        EXPECT_FALSE(read.scene);
+        EXPECT_TRUE(read.error.contains(QLatin1String(c.message))) << qPrintable(read.error);
+    }
+    const Read fits = readScene(stride(12));
+    EXPECT_TRUE(fits.scene) << qPrintable(fits.error);
+}
+
+TEST(GLTFSceneReaderModes, StripsLoopsAndFansArriveAsListsAndIncompleteEndsAreDropped)
+{
+    using P = SceneData::Primitive;
+    const struct
+    {
+        const char* name;
+        int mode;
+        std::vector<quint16> indices; // empty: unindexed
+        int expectedMode;
+        std::vector<quint32> expected; // empty: unindexed
+        size_t expectedVertices;
+        bool warns;
+    } cases[] = {
+        {"points", P::kPoints, {}, P::kPoints, {}, 5, false},
+        {"line loop", P::kLineLoop, {0, 1, 2}, P::kLines, {0, 1, 1, 2, 2, 0}, 5, false},
+        {"line strip", P::kLineStrip, {}, P::kLines, {0, 1, 1, 2, 2, 3, 3, 4}, 5, false},
+        {"triangle strip", P::kTriangleStrip, {}, P::kTriangles, {0, 1, 2, 1, 3, 2, 2, 3, 4}, 5, false},
+        // Triangles 1 and 2 have no area; the fourth is still drawn as an odd one.
+        {"stitched triangle strip", P::kTriangleStrip, {0, 1, 2, 2, 3, 4}, P::kTriangles, {0, 1, 2, 2, 4, 3}, 5, false},
+        {"triangle fan", P::kTriangleFan, {4, 0, 1, 2}, P::kTriangles, {0, 1, 4, 1, 2, 4}, 5, false},
+        {"lines ending in half a line", P::kLines, {}, P::kLines, {}, 4, true},
+        {"triangles ending in part of one", P::kTriangles, {0, 1, 2, 3, 4}, P::kTriangles, {0, 1, 2}, 5, true},
+        {"a strip too short for one triangle", P::kTriangleStrip, {0, 1}, P::kTriangles, {}, 0, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        SceneBuilder b;
+        const int positions = b.floats({0, 0, 0, 0, 1, 0, 1, 0, 0, 1, 1, 0, 2, 0, 0}, "VEC3", 3);
+        const int normals = b.floats({0, 0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1}, "VEC3", 3);
+        int indices = -1;
+        if (!c.indices.empty())
+            indices = b.accessor(b.view(c.indices),
+                                 kUnsignedShort, int(c.indices.size()), "SCALAR");
+        const Read read = readScene(b.scene({primitive({{"POSITION", positions}, {"NORMAL", normals}}, c.mode, indices)}));
+        ASSERT_TRUE(read.scene) << qPrintable(read.error);
+        const P& p = read.first();
+        EXPECT_EQ(p.vertexCount(), c.expectedVertices);
+        if (c.expectedVertices == 0)
+            continue;
+        EXPECT_EQ(p.mode, c.expectedMode);
+        EXPECT_EQ(p.indexed, !c.expected.empty());
+        EXPECT_EQ(p.indices, c.expected);
+        EXPECT_EQ(p.normals.size(), p.positions.size()) << "normals follow the vertices";
+        EXPECT_EQ(read.warnings.size(), c.warns ? 1 : 0) << qPrintable(read.warnings.join('\n'));
+    }
+}
+
+TEST(GLTFSceneReaderModes, UnknownModeSkipsThePrimitiveWithAWarning)
+{
+    SceneBuilder b;
+    const int positions = b.floats({0, 0, 0, 1, 0, 0, 0, 1, 0}, "VEC3", 3);
+    const Read read = readScene(b.scene({primitive({{"POSITION", positions}}, 7), primitive({{"POSITION", positions}}, 0)}));
+    ASSERT_TRUE(read.scene) << qPrintable(read.error);
+    EXPECT_EQ(read.first().vertexCount(), 0u);
+    EXPECT_EQ(read.scene->meshes[0].primitives.at(1).vertexCount(), 3u);
+    EXPECT_EQ(read.warnings, QStringList{"Mesh 0 ('m') primitive 0 has the unknown mode 7; skipped"});
+}
+
+// glTF asks for flat shading when normals are missing; every attribute must follow the split.
+TEST(GLTFSceneReaderNormals, TrianglesWithoutNormalsAreFlatShadedAndPointsAndLinesGetNone)
+{
+    SceneBuilder b;
+    // A square folded along its diagonal 0-2: one half in z = 0, the other rising towards vertex 3.
+    const int positions = b.floats({0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 1}, "VEC3", 3);
+    const int colours = b.floats({0, 0, 0, 1, 1, 1, 1, 1, 2, 2, 2, 1, 3, 3, 3, 1}, "VEC4", 4);
+    const int joints = b.accessor(b.view<quint8>({0, 0, 0, 0, 1, 1, 1, 1, 2, 2, 2, 2, 3, 3, 3, 3}), kUnsignedByte, 4, "VEC4");
+    const int indices = b.indices({0, 1, 2, 0, 2, 3});
+    const QJsonObject attributes{{"POSITION", positions}, {"COLOR_0", colours}, {"JOINTS_0", joints}};
+    const Read read = readScene(b.scene({primitive(attributes, 4, indices), primitive(attributes, 1, indices),
+                                         primitive(attributes, 0)}));
+    ASSERT_TRUE(read.scene) << qPrintable(read.error);
+    const SceneData::Primitive& p = read.first();
+    ASSERT_EQ(p.vertexCount(), 6u);
+    EXPECT_FALSE(p.indexed);
+    const float s = 1.0f / std::sqrt(3.0f);
+    EXPECT_EQ(near(p.normals), near({0, 0, 1, 0, 0, 1, 0, 0, 1, s, -s, s, s, -s, s, s, -s, s}));
+    for (size_t v = 0; v < 6; ++v) {
+        const quint32 source = std::vector<quint32>{0, 1, 2, 0, 2, 3}[v];
+        EXPECT_EQ(p.colors[v * 4], float(source));
+        EXPECT_EQ(p.joints[v * 4 + 3], source);
+        EXPECT_EQ(p.positions[v * 3 + 2], source == 3 ? 1.0f : 0.0f);
+    }
+    EXPECT_TRUE(read.scene->meshes[0].primitives[1].normals.empty());
+    EXPECT_TRUE(read.scene->meshes[0].primitives[2].normals.empty());
+}
