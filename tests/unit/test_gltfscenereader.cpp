@@ -1,10 +1,13 @@
 #include "scene/gltfscenereader.h"
 
+#include "support/testenvironment.h"
+
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
+#include <QtEndian>
 
 #include <gtest/gtest.h>
 
@@ -494,4 +497,135 @@ TEST(GLTFSceneReaderNormals, TrianglesWithoutNormalsAreFlatShadedAndPointsAndLin
     }
     EXPECT_TRUE(read.scene->meshes[0].primitives[1].normals.empty());
     EXPECT_TRUE(read.scene->meshes[0].primitives[2].normals.empty());
+}
+
+namespace {
+
+// The .glb with every TANGENT attribute taken out of its JSON, so that the reader makes its own.
+QByteArray withoutTangents(const QByteArray& glb)
+{
+    const quint32 jsonLength = qFromLittleEndian<quint32>(glb.constData() + 12);
+    QJsonObject root = QJsonDocument::fromJson(glb.mid(20, int(jsonLength))).object();
+    QJsonArray meshes = root["meshes"].toArray();
+    for (QJsonValueRef mesh : meshes) {
+        QJsonObject m = mesh.toObject();
+        QJsonArray primitives = m["primitives"].toArray();
+        for (QJsonValueRef primitive : primitives) {
+            QJsonObject p = primitive.toObject();
+            QJsonObject attributes = p["attributes"].toObject();
+            attributes.remove("TANGENT");
+            p["attributes"] = attributes;
+            primitive = p;
+        }
+        m["primitives"] = primitives;
+        mesh = m;
+    }
+    root["meshes"] = meshes;
+    QByteArray text = QJsonDocument(root).toJson(QJsonDocument::Compact);
+    while (text.size() % 4)
+        text.append(' ');
+    const QByteArray binary = glb.mid(20 + int(jsonLength));
+    QByteArray out("glTF");
+    const auto put = [&](quint32 value) { out.append(reinterpret_cast<const char*>(&value), 4); };
+    put(2);
+    put(quint32(12 + 8 + text.size() + binary.size()));
+    put(quint32(text.size()));
+    out.append("JSON");
+    return out + text + binary;
+}
+
+QVector3D vec3(const std::vector<float>& values, size_t v, size_t width)
+{
+    return QVector3D(values[v * width], values[v * width + 1], values[v * width + 2]);
+}
+
+} // namespace
+
+// The files' tangents were made by MikkTSpace itself; ours must agree with them.
+TEST(GLTFSceneReaderTangents, GeneratedTangentsMatchTheOnesSampleFilesCarry)
+{
+    for (const char* file : {"gltf/NormalTangentMirrorTest/glTF-Binary/NormalTangentMirrorTest.glb",
+                             "gltf/AlphaBlendModeTest/glTF-Binary/AlphaBlendModeTest.glb"}) {
+        SCOPED_TRACE(file);
+        const QByteArray bytes = VyxTest::readTestData(file);
+        ASSERT_FALSE(bytes.isEmpty());
+        const Read original = readScene(bytes), generated = readScene(withoutTangents(bytes));
+        ASSERT_TRUE(original.scene && generated.scene) << qPrintable(original.error + generated.error);
+        size_t compared = 0, agreeing = 0;
+        for (size_t m = 0; m < original.scene->meshes.size(); ++m)
+            for (size_t i = 0; i < original.scene->meshes[m].primitives.size(); ++i) {
+                const SceneData::Primitive& a = original.scene->meshes[m].primitives[i];
+                const SceneData::Primitive& b = generated.scene->meshes[m].primitives[i];
+                // Only a normal map asks for tangents; without one the file's are not needed.
+                if (a.tangents.empty() || a.material < 0 || original.scene->materials[size_t(a.material)].normalTexture.texture < 0) {
+                    EXPECT_TRUE(b.tangents.empty());
+                    continue;
+                }
+                ASSERT_EQ(b.tangents.size(), b.vertexCount() * 4);
+                ASSERT_GE(b.vertexCount(), a.vertexCount());
+                for (size_t v = 0; v < a.vertexCount(); ++v) {
+                    ++compared;
+                    const QVector3D fileTangent = vec3(a.tangents, v, 4).normalized(), ours = vec3(b.tangents, v, 4);
+                    EXPECT_NEAR(ours.length(), 1.0f, 1e-4);
+                    EXPECT_NEAR(QVector3D::dotProduct(ours, vec3(b.normals, v, 3).normalized()), 0.0f, 1e-4);
+                    if (QVector3D::dotProduct(fileTangent, ours) > std::cos(5.0f * float(M_PI) / 180.0f) &&
+                        a.tangents[v * 4 + 3] == b.tangents[v * 4 + 3])
+                        ++agreeing;
+                }
+            }
+        EXPECT_GT(compared, 50u);
+        EXPECT_GE(agreeing, compared * 97 / 100) << agreeing << " of " << compared << " agree";
+    }
+}
+
+// Two quads in z = 0 sharing the edge x = 1, the right one with its texture mirrored: the shared
+// vertices must be split, each triangle's corners keeping the tangent and handedness of their side.
+TEST(GLTFSceneReaderTangents, MirroredDegenerateAndMissingUVsAndWhenTangentsAreMade)
+{
+    const auto scene = [](const QJsonObject& normalTexture, bool fileTangents) {
+        SceneBuilder b;
+        const int positions = b.floats({0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 2, 0, 0, 2, 1, 0}, "VEC3", 3);
+        const int normals = b.floats({0, 0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1}, "VEC3", 3);
+        // glTF's v grows downwards, here along -y; the right quad's u runs back along -x.
+        const int mirrored = b.floats({0, 1, 1, 1, 1, 0, 0, 0, 0, 1, 0, 0}, "VEC2", 2);
+        const int degenerate = b.floats({0.5f, 0.5f, 0.5f, 0.5f, 0.5f, 0.5f, 0.5f, 0.5f, 0.5f, 0.5f, 0.5f, 0.5f}, "VEC2", 2);
+        QJsonObject attributes{{"POSITION", positions}, {"NORMAL", normals}, {"TEXCOORD_0", mirrored}, {"TEXCOORD_1", degenerate}};
+        if (fileTangents)
+            attributes["TANGENT"] = b.floats({0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1}, "VEC4", 4);
+        QJsonObject material;
+        if (!normalTexture.isEmpty())
+            material["normalTexture"] = normalTexture;
+        return b.scene({primitive(attributes, 4, b.indices({0, 1, 2, 0, 2, 3, 1, 4, 5, 1, 5, 2}), 0)},
+                       {{"materials", QJsonArray{material}}, {"textures", QJsonArray{QJsonObject{}}}});
+    };
+    const auto tangent = [](const SceneData::Primitive& p, size_t v) {
+        return QVector4D(p.tangents[4 * v], p.tangents[4 * v + 1], p.tangents[4 * v + 2], p.tangents[4 * v + 3]);
+    };
+
+    const Read mirrored = readScene(scene({{"index", 0}}, false));
+    ASSERT_TRUE(mirrored.scene) << qPrintable(mirrored.error);
+    const SceneData::Primitive& p = mirrored.first();
+    ASSERT_EQ(p.vertexCount(), 8u) << "the two vertices on the mirror line are split";
+    for (size_t c = 0; c < 12; ++c) {
+        const QVector4D expected = c < 6 ? QVector4D(1, 0, 0, 1) : QVector4D(-1, 0, 0, -1);
+        EXPECT_LT((tangent(p, p.indices[c]) - expected).length(), 1e-5f) << "corner " << c;
+    }
+
+    // A texture transform's set replaces the reference's: set 1, all one point, gives no direction.
+    const QJsonObject toSet1{{"index", 0}, {"extensions", QJsonObject{{"KHR_texture_transform", QJsonObject{{"texCoord", 1}}}}}};
+    const Read degenerate = readScene(scene(toSet1, false));
+    ASSERT_TRUE(degenerate.scene) << qPrintable(degenerate.error);
+    const SceneData::Primitive& d = degenerate.first();
+    ASSERT_EQ(d.vertexCount(), 6u);
+    for (size_t v = 0; v < 6; ++v) {
+        EXPECT_NEAR(tangent(d, v).toVector3D().length(), 1.0f, 1e-5f);
+        EXPECT_NEAR(tangent(d, v).z(), 0.0f, 1e-5f) << "perpendicular to the normal";
+        EXPECT_EQ(std::abs(tangent(d, v).w()), 1.0f);
+    }
+
+    EXPECT_TRUE(readScene(scene({}, false)).first().tangents.empty()) << "no normal map";
+    EXPECT_TRUE(readScene(scene({{"index", 0}, {"texCoord", 2}}, false)).first().tangents.empty()) << "no such set";
+    const Read file = readScene(scene({{"index", 0}}, true));
+    EXPECT_EQ(file.first().vertexCount(), 6u);
+    EXPECT_EQ(tangent(file.first(), 5), QVector4D(0, 1, 0, 1)) << "the file's tangents stay";
 }
