@@ -629,3 +629,90 @@ TEST(GLTFSceneReaderTangents, MirroredDegenerateAndMissingUVsAndWhenTangentsAreM
     EXPECT_EQ(file.first().vertexCount(), 6u);
     EXPECT_EQ(tangent(file.first(), 5), QVector4D(0, 1, 0, 1)) << "the file's tangents stay";
 }
+
+TEST(GLTFSceneReaderInstancing, EveryInstanceGetsItsMatrixFromWhicheverAttributesThereAre)
+{
+    SceneBuilder b;
+    const int positions = b.floats({0, 0, 0, 1, 0, 0, 0, 1, 0}, "VEC3", 3);
+    const int translations = b.floats({1, 2, 3, -1, 0, 0}, "VEC3", 3);
+    // A quarter turn about z, as normalised shorts (KHR_mesh_quantization), then none.
+    const int rotations = b.accessor(b.view<qint16>({0, 0, 23170, 23170, 0, 0, 0, 32767}), kShort, 2, "VEC4", true);
+    const int scales = b.floats({2, 2, 2, 1, 1, 1, 5, 5, 5}, "VEC3", 3);
+    const auto read = [&](const QJsonObject& attributes) {
+        const QJsonObject node{{"mesh", 0}, {"extensions", QJsonObject{{"EXT_mesh_gpu_instancing", QJsonObject{{"attributes", attributes}}}}}};
+        return readScene(b.scene({primitive({{"POSITION", positions}}, 0)}, {{"nodes", QJsonArray{node}}}));
+    };
+
+    const Read both = read({{"TRANSLATION", translations}, {"ROTATION", rotations}});
+    ASSERT_TRUE(both.scene) << qPrintable(both.error);
+    const std::vector<QMatrix4x4>& instances = both.scene->nodes[0].instances;
+    ASSERT_EQ(instances.size(), 2u);
+    const QVector3D moved = instances[0].map(QVector3D(1, 0, 0));
+    EXPECT_LT((moved - QVector3D(1, 3, 3)).length(), 1e-4f) << "rotated a quarter turn, then moved";
+    EXPECT_LT((instances[1].map(QVector3D(1, 0, 0)) - QVector3D(0, 0, 0)).length(), 1e-4f);
+
+    const Read scaled = read({{"SCALE", b.floats({2, 2, 2, 3, 3, 3}, "VEC3", 3)}});
+    ASSERT_TRUE(scaled.scene) << qPrintable(scaled.error);
+    EXPECT_EQ(scaled.scene->nodes[0].instances.at(1).map(QVector3D(1, 1, 1)), QVector3D(3, 3, 3));
+
+    const Read mismatched = read({{"TRANSLATION", translations}, {"SCALE", scales}});
+    EXPECT_FALSE(mismatched.scene);
+    EXPECT_EQ(mismatched.error, QStringLiteral("Node 0 has instance attributes of different counts"));
+
+    const Read sample = readScene(VyxTest::readTestData("gltf/SimpleInstancing/glTF-Binary/SimpleInstancing.glb"));
+    ASSERT_TRUE(sample.scene) << qPrintable(sample.error);
+    EXPECT_EQ(sample.scene->nodes.at(0).instances.size(), 125u);
+    EXPECT_TRUE(sample.warnings.isEmpty()) << qPrintable(sample.warnings.join('\n'));
+}
+
+TEST(GLTFSceneReaderExtensions, RequiredOnesMustBeSupportedAndUsedOnesWarnOnce)
+{
+    SceneBuilder b;
+    const QJsonArray primitives{primitive({{"POSITION", b.floats({0, 0, 0}, "VEC3", 3)}}, 0)};
+    const Read draco = readScene(b.scene(primitives, {{"extensionsUsed", QJsonArray{"KHR_draco_mesh_compression"}},
+                                                      {"extensionsRequired", QJsonArray{"KHR_draco_mesh_compression"}}}));
+    EXPECT_FALSE(draco.scene);
+    EXPECT_EQ(draco.error, QStringLiteral("requires the glTF extension KHR_draco_mesh_compression, which is not supported"));
+
+    const Read used = readScene(b.scene(primitives, {{"extensionsUsed", QJsonArray{"KHR_materials_sheen", "KHR_mesh_quantization", "KHR_materials_sheen"}},
+                                                     {"extensionsRequired", QJsonArray{"KHR_mesh_quantization"}}}));
+    ASSERT_TRUE(used.scene) << qPrintable(used.error);
+    EXPECT_EQ(used.warnings, QStringList{"The glTF extension KHR_materials_sheen is not supported; what it adds is left out"});
+
+    // Each sample that needs one of them loads without a word.
+    for (const char* file : {"gltf/Duck/glTF-Quantized/Duck.gltf", "gltf/TextureTransformTest/glTF/TextureTransformTest.gltf",
+                             "gltf/UnlitTest/glTF-Binary/UnlitTest.glb", "gltf/EmissiveStrengthTest/glTF-Binary/EmissiveStrengthTest.glb"}) {
+        GLTFSceneReader reader;
+        EXPECT_TRUE(reader.read(VyxTest::testDataPath(file))) << file << ": " << qPrintable(reader.errorString());
+        EXPECT_TRUE(reader.warnings().isEmpty()) << file << ": " << qPrintable(reader.warnings().join('\n'));
+    }
+}
+
+TEST(GLTFSceneReaderExtensions, TextureTransformsUnlitAndEmissiveStrengthReachTheMaterial)
+{
+    SceneBuilder b;
+    const QJsonObject transform{{"offset", QJsonArray{0.5, -1}}, {"rotation", 1.5}, {"scale", QJsonArray{2, 3}}, {"texCoord", 1}};
+    const QJsonObject material{
+        {"pbrMetallicRoughness", QJsonObject{{"baseColorTexture", QJsonObject{{"index", 0}, {"extensions", QJsonObject{{"KHR_texture_transform", transform}}}}},
+                                             {"metallicRoughnessTexture", QJsonObject{{"index", 0}, {"texCoord", 2}}}}},
+        {"occlusionTexture", QJsonObject{{"index", 0}, {"extensions", QJsonObject{{"KHR_texture_transform", QJsonObject{{"rotation", 0.25}}}}}}},
+        {"emissiveTexture", QJsonObject{{"index", 0}, {"extensions", QJsonObject{{"KHR_texture_transform", "not an object"}}}}},
+        {"extensions", QJsonObject{{"KHR_materials_unlit", QJsonObject{}}, {"KHR_materials_emissive_strength", QJsonObject{{"emissiveStrength", 4}}}}}};
+    const Read read = readScene(b.scene({primitive({{"POSITION", b.floats({0, 0, 0}, "VEC3", 3)}}, 0, -1, 0)},
+                                        {{"materials", QJsonArray{material, QJsonObject{}}}, {"textures", QJsonArray{QJsonObject{}}}}));
+    ASSERT_TRUE(read.scene) << qPrintable(read.error);
+    const SceneData::Material& m = read.scene->materials.at(0);
+    EXPECT_EQ(m.baseColorTexture.texCoord, 1);
+    EXPECT_EQ(m.baseColorTexture.transform.offset, QVector2D(0.5f, -1));
+    EXPECT_EQ(m.baseColorTexture.transform.rotation, 1.5f);
+    EXPECT_EQ(m.baseColorTexture.transform.scale, QVector2D(2, 3));
+    EXPECT_EQ(m.metallicRoughnessTexture.texCoord, 2);
+    EXPECT_TRUE(m.metallicRoughnessTexture.transform.isIdentity());
+    EXPECT_EQ(m.occlusionTexture.transform.rotation, 0.25f);
+    EXPECT_EQ(m.occlusionTexture.transform.scale, QVector2D(1, 1));
+    EXPECT_TRUE(m.emissiveTexture.transform.isIdentity());
+    EXPECT_TRUE(m.unlit);
+    EXPECT_EQ(m.emissiveStrength, 4.0f);
+    EXPECT_FALSE(read.scene->materials.at(1).unlit);
+    EXPECT_EQ(read.scene->materials.at(1).emissiveStrength, 1.0f);
+}

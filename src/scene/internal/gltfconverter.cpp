@@ -346,12 +346,9 @@ bool GLTFConverter::textureRef(int texture, int texCoord, float scale, const tin
     out.texture = texture < 0 ? -1 : texture;
     out.texCoord = std::max(texCoord, 0);
     out.scale = scale;
+    // The parser keeps only extensions that are objects.
     if (!transform)
         return true;
-    if (!transform->IsObject()) {
-        _warnings << QStringLiteral("A KHR_texture_transform of texture %1 is not an object; ignored").arg(texture);
-        return true;
-    }
     out.transform.offset = pair(*transform, "offset", QVector2D(0, 0));
     out.transform.rotation = float(number(*transform, "rotation", 0));
     out.transform.scale = pair(*transform, "scale", QVector2D(1, 1));
