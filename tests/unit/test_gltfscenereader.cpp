@@ -2,6 +2,7 @@
 
 #include "support/testenvironment.h"
 
+#include <QDirIterator>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -715,4 +716,164 @@ TEST(GLTFSceneReaderExtensions, TextureTransformsUnlitAndEmissiveStrengthReachTh
     EXPECT_EQ(m.emissiveStrength, 4.0f);
     EXPECT_FALSE(read.scene->materials.at(1).unlit);
     EXPECT_EQ(read.scene->materials.at(1).emissiveStrength, 1.0f);
+}
+
+// Files that would otherwise load and show nothing, without a word.
+TEST(GLTFSceneReaderMalformed, WhatIsDroppedOrMissingIsNamed)
+{
+    const auto oneTriangle = [](float x) {
+        SceneBuilder b;
+        return b.scene({primitive({{"POSITION", b.floats({x, 0, 0, 1, 0, 0, 0, 1, 0}, "VEC3", 3)}})});
+    };
+    const auto missingScene = [](QJsonObject root) {
+        root.remove("scenes");
+        root["scene"] = 0;
+        return root;
+    };
+    const QString nothing = QStringLiteral("The file has nothing to draw: no node of its scene has a mesh that can be drawn");
+    const struct
+    {
+        const char* name;
+        QJsonObject root;
+        QStringList warnings;
+    } cases[] = {
+        {"infinite position", oneTriangle(std::numeric_limits<float>::infinity()),
+         {"Mesh 0 ('m') primitive 0 has positions that are infinite or not a number; skipped",
+          "Mesh 0 ('m') has no primitive that can be drawn", nothing}},
+        {"NaN position", oneTriangle(std::numeric_limits<float>::quiet_NaN()),
+         {"Mesh 0 ('m') primitive 0 has positions that are infinite or not a number; skipped",
+          "Mesh 0 ('m') has no primitive that can be drawn", nothing}},
+        {"default scene that does not exist", missingScene(oneTriangle(0)),
+         {"The file's scene 0 does not exist; every node without a parent is drawn instead"}},
+        {"primitives not an array", with(oneTriangle(0), "meshes", 0, "primitives", QJsonObject{{"attributes", QJsonObject{}}}),
+         {"Mesh 0 ('m') has no primitives array; it draws nothing", nothing}},
+        {"primitive without attributes",
+         with(oneTriangle(0), "meshes", 0, "primitives", QJsonArray{QJsonObject{{"mode", 4}}, QJsonObject{{"attributes", QJsonObject{{"POSITION", 0}}}}}),
+         {"Mesh 0 ('m') has 1 primitives without attributes; they are left out"}},
+        {"no meshes", QJsonObject{{"asset", QJsonObject{{"version", "2.0"}}}, {"scene", 0}, {"scenes", QJsonArray{QJsonObject{}}}},
+         {"The file has nothing to draw: it has no meshes"}},
+        {"a scene without nodes", with(oneTriangle(0), "scenes", 0, "nodes", QJsonArray{}), {nothing}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Read read = readScene(c.root);
+        ASSERT_TRUE(read.scene) << qPrintable(read.error);
+        EXPECT_EQ(read.warnings, c.warnings);
+    }
+    const Read fallback = readScene(missingScene(oneTriangle(0)));
+    EXPECT_EQ(fallback.scene->roots, std::vector<int>{0});
+}
+
+namespace {
+
+QJsonObject jsonOf(const QByteArray& file)
+{
+    if (!file.startsWith("glTF"))
+        return QJsonDocument::fromJson(file).object();
+    return QJsonDocument::fromJson(file.mid(20, int(qFromLittleEndian<quint32>(file.constData() + 12)))).object();
+}
+
+// The bounds of every drawn vertex, placed by its node.
+std::pair<QVector3D, QVector3D> worldBounds(const SceneData& scene)
+{
+    QVector3D low(1e30f, 1e30f, 1e30f), high = -low;
+    std::vector<std::pair<int, QMatrix4x4>> stack;
+    for (int root : scene.roots)
+        stack.emplace_back(root, QMatrix4x4());
+    while (!stack.empty()) {
+        const auto [index, parent] = stack.back();
+        stack.pop_back();
+        const SceneData::Node& node = scene.nodes[size_t(index)];
+        const QMatrix4x4 world = parent * node.localMatrix();
+        if (node.mesh >= 0)
+            for (const SceneData::Primitive& p : scene.meshes[size_t(node.mesh)].primitives)
+                for (size_t v = 0; v < p.vertexCount(); ++v) {
+                    const QVector3D at = world.map(vec3(p.positions, v, 3));
+                    low = QVector3D(std::min(low.x(), at.x()), std::min(low.y(), at.y()), std::min(low.z(), at.z()));
+                    high = QVector3D(std::max(high.x(), at.x()), std::max(high.y(), at.y()), std::max(high.z(), at.z()));
+                }
+        for (int child : node.children)
+            stack.emplace_back(child, world);
+    }
+    return {low, high};
+}
+
+} // namespace
+
+// A POSITION accessor's min and max bound what it decodes to, sparse substitutions and integer
+// encodings included, so a sample's own numbers check the decoding.
+TEST(GLTFSceneReaderSamples, SparseAndQuantizedPositionsSpanTheirAccessorsBoundsAndTheSameWorld)
+{
+    for (const char* file : {"gltf/SimpleSparseAccessor/glTF/SimpleSparseAccessor.gltf", "gltf/Duck/glTF-Quantized/Duck.gltf",
+                             "gltf/AnimatedMorphCube/glTF-Quantized/AnimatedMorphCube.gltf", "gltf/MeshPrimitiveModes/glTF/MeshPrimitiveModes.gltf"}) {
+        SCOPED_TRACE(file);
+        const QByteArray bytes = VyxTest::readTestData(file);
+        GLTFSceneReader reader;
+        const auto scene = reader.read(VyxTest::testDataPath(file));
+        ASSERT_TRUE(scene) << qPrintable(reader.errorString());
+        const QJsonObject root = jsonOf(bytes);
+        const QJsonArray meshes = root["meshes"].toArray(), accessors = root["accessors"].toArray();
+        for (int m = 0; m < meshes.size(); ++m) {
+            const QJsonArray primitives = meshes[m].toObject()["primitives"].toArray();
+            for (int i = 0; i < primitives.size(); ++i) {
+                const QJsonObject accessor = accessors[primitives[i].toObject()["attributes"].toObject()["POSITION"].toInt()].toObject();
+                const SceneData::Primitive& p = scene->meshes[size_t(m)].primitives[size_t(i)];
+                for (int c = 0; c < 3; ++c) {
+                    float low = 1e30f, high = -1e30f;
+                    for (size_t v = 0; v < p.vertexCount(); ++v)
+                        low = std::min(low, p.positions[v * 3 + size_t(c)]), high = std::max(high, p.positions[v * 3 + size_t(c)]);
+                    EXPECT_NEAR(low, accessor["min"].toArray()[c].toDouble(), 1e-5);
+                    EXPECT_NEAR(high, accessor["max"].toArray()[c].toDouble(), 1e-5);
+                }
+            }
+        }
+    }
+    for (const char* name : {"Duck", "AnimatedMorphCube"}) {
+        SCOPED_TRACE(name);
+        GLTFSceneReader full, quantized;
+        const auto a = full.read(VyxTest::testDataPath(QStringLiteral("gltf/%1/glTF-Binary/%1.glb").arg(name)));
+        const auto b = quantized.read(VyxTest::testDataPath(QStringLiteral("gltf/%1/glTF-Quantized/%1.gltf").arg(name)));
+        ASSERT_TRUE(a && b) << qPrintable(full.errorString() + quantized.errorString());
+        const auto [lowA, highA] = worldBounds(*a);
+        const auto [lowB, highB] = worldBounds(*b);
+        const float extent = (highA - lowA).length();
+        EXPECT_LT((lowA - lowB).length(), extent * 0.01f);
+        EXPECT_LT((highA - highB).length(), extent * 0.01f);
+    }
+}
+
+// Every glTF file at hand, broken ones included: no crash, and a file that loads with nothing to
+// draw says so.
+TEST(GLTFSceneReaderSamples, EveryFileLoadsOrSaysWhyNot)
+{
+    int files = 0;
+    for (const QString& folder : {QStringLiteral("/usr/share/assimp/models/glTF2"), VyxTest::testDataPath("gltf")}) {
+        QDirIterator it(folder, {"*.gltf", "*.glb"}, QDir::Files, QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            const QString path = it.next();
+            SCOPED_TRACE(qPrintable(path));
+            ++files;
+            GLTFSceneReader reader;
+            const auto scene = reader.read(path);
+            if (!scene) {
+                EXPECT_FALSE(reader.errorString().isEmpty());
+                continue;
+            }
+            const bool drawsSomething = std::any_of(scene->meshes.begin(), scene->meshes.end(), [](const SceneData::Mesh& m) {
+                return std::any_of(m.primitives.begin(), m.primitives.end(), [](const SceneData::Primitive& p) { return p.vertexCount() > 0; });
+            });
+            EXPECT_TRUE(drawsSomething || !reader.warnings().isEmpty());
+            for (const SceneData::Mesh& m : scene->meshes)
+                for (const SceneData::Primitive& p : m.primitives) {
+                    if (p.vertexCount() == 0)
+                        continue;
+                    EXPECT_TRUE(p.mode == SceneData::Primitive::kPoints || p.mode == SceneData::Primitive::kLines ||
+                                p.mode == SceneData::Primitive::kTriangles);
+                    EXPECT_TRUE(p.mode != SceneData::Primitive::kTriangles || p.normals.size() == p.positions.size());
+                    EXPECT_TRUE(p.tangents.empty() || p.tangents.size() == p.vertexCount() * 4);
+                }
+        }
+    }
+    if (files == 0)
+        GTEST_SKIP() << "no glTF files installed";
 }
