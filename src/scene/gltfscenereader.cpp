@@ -38,9 +38,9 @@ struct FileAccess
 {
     std::set<std::string> imagePaths;
 
-    FileAccess(const QByteArray& bytes, const std::string& base)
+    FileAccess(const QJsonObject& root, const std::string& base)
     {
-        const QJsonArray images = QJsonDocument::fromJson(jsonPart(bytes)).object().value("images").toArray();
+        const QJsonArray images = root.value("images").toArray();
         for (const QJsonValue& image : images) {
             const QString uri = image.toObject().value("uri").toString();
             if (uri.isEmpty() || uri.startsWith(QLatin1String("data:")))
@@ -84,7 +84,52 @@ bool keepEncodedBytes(tinygltf::Image* image, const int, std::string*, std::stri
     return true;
 }
 
+QStringList strings(const QJsonValue& array)
+{
+    QStringList list;
+    for (const QJsonValue& value : array.toArray())
+        list << value.toString();
+    return list;
+}
+
+QStringList strings(const std::vector<std::string>& names)
+{
+    QStringList list;
+    for (const std::string& name : names)
+        list << QString::fromStdString(name);
+    return list;
+}
+
 } // namespace
+
+const QStringList& GLTFSceneReader::supportedExtensions()
+{
+    static const QStringList extensions{
+        QStringLiteral("KHR_lights_punctual"),
+        QStringLiteral("KHR_mesh_quantization"),
+        QStringLiteral("KHR_texture_transform"),
+        QStringLiteral("KHR_materials_unlit"),
+        QStringLiteral("KHR_materials_emissive_strength"),
+        QStringLiteral("EXT_mesh_gpu_instancing"),
+    };
+    return extensions;
+}
+
+bool GLTFSceneReader::checkExtensions(const QStringList& required, const QStringList& used)
+{
+    for (const QString& name : required)
+        if (!supportedExtensions().contains(name)) {
+            _error = QStringLiteral("requires the glTF extension %1, which is not supported").arg(name);
+            return false;
+        }
+    QStringList warned;
+    for (const QString& name : used)
+        if (!supportedExtensions().contains(name) && !warned.contains(name)) {
+            warned << name;
+            _warnings << QStringLiteral("The glTF extension %1 is not supported; what it adds is left out").arg(name);
+        }
+    return true;
+}
 
 std::unique_ptr<SceneData> GLTFSceneReader::read(const QString& path)
 {
@@ -102,7 +147,12 @@ std::unique_ptr<SceneData> GLTFSceneReader::readFromMemory(const QByteArray& byt
     _error.clear();
     _warnings.clear();
     const std::string base = baseDirectory.toStdString();
-    FileAccess files(bytes, base);
+    // Read once more by Qt for what the parser does not keep or checks too late: extensions are
+    // judged before the parser trips over data that an unsupported one encodes.
+    const QJsonObject root = QJsonDocument::fromJson(jsonPart(bytes)).object();
+    if (!root.isEmpty() && !checkExtensions(strings(root.value("extensionsRequired")), strings(root.value("extensionsUsed"))))
+        return nullptr;
+    FileAccess files(root, base);
     tinygltf::TinyGLTF loader;
     loader.SetImageLoader(&keepEncodedBytes, nullptr);
     loader.SetFsCallbacks({&FileAccess::exists, &FileAccess::expand, &FileAccess::read, &tinygltf::WriteWholeFile, &files});
@@ -122,8 +172,10 @@ std::unique_ptr<SceneData> GLTFSceneReader::readFromMemory(const QByteArray& byt
         _error.replace(QLatin1Char('\n'), QLatin1String("; "));
         return nullptr;
     }
+    if (root.isEmpty() && !checkExtensions(strings(gltf.extensionsRequired), strings(gltf.extensionsUsed)))
+        return nullptr;
     auto scene = std::make_unique<SceneData>();
-    GLTFConverter converter(gltf, baseDirectory, _warnings, *scene);
+    GLTFConverter converter(gltf, root, baseDirectory, _warnings, *scene);
     if (!converter.convert()) {
         _error = converter.error;
         return nullptr;

@@ -23,10 +23,16 @@ public:
     // baseDirectory.
     std::unique_ptr<SceneData> readFromMemory(const QByteArray& bytes, const QString& baseDirectory);
 
+    // The glTF extensions this reader understands. A file that requires any other fails to load;
+    // one that merely uses another is read with a warning, without what the extension adds.
+    static const QStringList& supportedExtensions();
+
     QString errorString() const { return _error; }
     QStringList warnings() const { return _warnings; }
 
 private:
+    bool checkExtensions(const QStringList& required, const QStringList& used);
+
     QString _error;
     QStringList _warnings;
 };

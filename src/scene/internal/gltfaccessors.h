@@ -11,31 +11,43 @@ class Model;
 namespace Tavren::Vyx {
 
 // Decodes accessors of a parsed glTF file into packed arrays, checking each against its buffer
-// view and buffer first. The first failure's message is kept.
+// view and buffer first: strides, sparse substitutions and accessors without a buffer view (zeros)
+// included. The first failure's message is kept.
 class GLTFAccessorReader
 {
 public:
+    // How integer components become floats: as the accessor's `normalized` flag says (plain values
+    // when unset, which KHR_mesh_quantization allows for positions and texture coordinates), or
+    // normalised whatever the flag says, for semantics that have no other integer form.
+    enum class Integers { AsFlagged, Normalised };
+
     explicit GLTFAccessorReader(const tinygltf::Model& gltf) : _gltf(gltf) {}
 
-    // Floats or normalised integers with one of the allowed component counts (VEC3 = 3, MAT4 = 16,
-    // ...); componentsOut receives the count found. Signed normalised values are clamped at -1.
+    // Floats or integers with one of the allowed component counts (VEC3 = 3, MAT4 = 16, ...);
+    // componentsOut receives the count found. Signed normalised values are clamped at -1.
     bool readFloats(int index, std::initializer_list<int> allowedComponents, std::vector<float>& out,
-                    int* componentsOut = nullptr);
-    bool readFloats(int index, int components, std::vector<float>& out) { return readFloats(index, {components}, out); }
+                    int* componentsOut = nullptr, Integers integers = Integers::AsFlagged);
+    bool readFloats(int index, int components, std::vector<float>& out, Integers integers = Integers::AsFlagged)
+    {
+        return readFloats(index, {components}, out, nullptr, integers);
+    }
     // Unsigned integers, one per element (indices) or components per element (joints).
     bool readUnsigned(int index, int components, std::vector<quint32>& out);
 
     QString error;
 
 private:
-    struct View
+    struct Block
     {
         const unsigned char* base = nullptr;
-        size_t stride = 0, count = 0;
-        int componentType = 0, components = 0;
+        size_t stride = 0;
     };
     bool fail(const QString& message);
-    bool locate(int index, std::initializer_list<int> allowedComponents, View& view);
+    bool block(const QString& what, int viewIndex, size_t byteOffset, size_t elementBytes, bool useViewStride,
+               size_t count, Block& out);
+    template <typename T, typename Decode>
+    bool read(int index, std::initializer_list<int> allowedComponents, int* componentsOut, std::vector<T>& out,
+              const Decode& decode);
 
     const tinygltf::Model& _gltf;
 };

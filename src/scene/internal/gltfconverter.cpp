@@ -1,6 +1,10 @@
 #include "scene/internal/gltfconverter.h"
 
+#include "scene/internal/gltfgeometry.h"
+#include "scene/internal/gltftangents.h"
+
 #include <QDir>
+#include <QJsonArray>
 #include <QFileInfo>
 #include <QUrl>
 
@@ -20,15 +24,41 @@ QString text(const std::string& s)
     return QString::fromStdString(s);
 }
 
+const tinygltf::Value* extension(const tinygltf::ExtensionMap& extensions, const char* name)
+{
+    const auto found = extensions.find(name);
+    return found == extensions.end() ? nullptr : &found->second;
+}
+
+// A number of an extension object, or `fallback` when absent or of another type.
+double number(const tinygltf::Value& object, const char* key, double fallback)
+{
+    if (!object.IsObject() || !object.Has(key) || !object.Get(key).IsNumber())
+        return fallback;
+    return object.Get(key).GetNumberAsDouble();
+}
+
+QVector2D pair(const tinygltf::Value& object, const char* key, QVector2D fallback)
+{
+    if (!object.IsObject() || !object.Has(key))
+        return fallback;
+    const tinygltf::Value& array = object.Get(key);
+    if (!array.IsArray() || array.ArrayLen() != 2 || !array.Get(0).IsNumber() || !array.Get(1).IsNumber())
+        return fallback;
+    return QVector2D(float(array.Get(0).GetNumberAsDouble()), float(array.Get(1).GetNumberAsDouble()));
+}
+
 } // namespace
 
 bool GLTFConverter::convert()
 {
-    if (!nodes() || !roots() || !meshes() || !materials() || !textures() || !images() || !skins())
+    // Materials come before meshes: a normal map decides whether a primitive needs tangents.
+    if (!nodes() || !roots() || !materials() || !meshes() || !textures() || !images() || !skins())
         return false;
     cameras();
     lights();
     animations();
+    warnWhenNothingIsDrawn();
     return true;
 }
 
@@ -72,12 +102,54 @@ bool GLTFConverter::nodes()
         if (source.skin >= int(_gltf.skins.size()))
             return fail(QStringLiteral("Node %1 uses skin %2, which does not exist").arg(n).arg(source.skin));
         node.skin = source.skin;
-        const auto light = source.extensions.find("KHR_lights_punctual");
-        if (light != source.extensions.end() && light->second.Has("light")) {
-            node.light = light->second.Get("light").GetNumberAsInt();
+        if (const tinygltf::Value* light = extension(source.extensions, "KHR_lights_punctual"); light && light->Has("light")) {
+            node.light = light->Get("light").GetNumberAsInt();
             if (node.light < 0 || node.light >= int(_gltf.lights.size()))
                 return fail(QStringLiteral("A node uses light %1, which does not exist").arg(node.light));
         }
+        if (!instances(n, source, node))
+            return false;
+    }
+    return true;
+}
+
+// EXT_mesh_gpu_instancing: one local matrix per instance, T * R * S from whichever of the three
+// accessors the node gives.
+bool GLTFConverter::instances(int index, const tinygltf::Node& source, SceneData::Node& node)
+{
+    const tinygltf::Value* instancing = extension(source.extensions, "EXT_mesh_gpu_instancing");
+    if (!instancing || !instancing->Has("attributes") || !instancing->Get("attributes").IsObject())
+        return true;
+    const tinygltf::Value& attributes = instancing->Get("attributes");
+    std::vector<float> values[3]; // translations, rotations, scales
+    const char* const names[3] = {"TRANSLATION", "ROTATION", "SCALE"};
+    size_t count = 0;
+    bool any = false;
+    for (int a = 0; a < 3; ++a) {
+        if (!attributes.Has(names[a]))
+            continue;
+        const int width = a == 1 ? 4 : 3;
+        if (!attributes.Get(names[a]).IsInt() ||
+            !_accessors.readFloats(attributes.Get(names[a]).GetNumberAsInt(), width, values[a]))
+            return fail(QStringLiteral("Node %1 has unreadable %2 instances: %3")
+                            .arg(index).arg(QLatin1String(names[a]), _accessors.error.isEmpty() ? QStringLiteral("no accessor") : _accessors.error));
+        const size_t found = values[a].size() / size_t(width);
+        if (any && found != count)
+            return fail(QStringLiteral("Node %1 has instance attributes of different counts").arg(index));
+        count = found;
+        any = true;
+    }
+    node.instances.resize(count);
+    for (size_t i = 0; i < count; ++i) {
+        QMatrix4x4& m = node.instances[i];
+        if (!values[0].empty())
+            m.translate(values[0][3 * i], values[0][3 * i + 1], values[0][3 * i + 2]);
+        if (!values[1].empty()) {
+            const float* q = &values[1][4 * i];
+            m.rotate(QQuaternion(q[3], q[0], q[1], q[2]).normalized());
+        }
+        if (!values[2].empty())
+            m.scale(values[2][3 * i], values[2][3 * i + 1], values[2][3 * i + 2]);
     }
     return true;
 }
@@ -89,6 +161,9 @@ bool GLTFConverter::roots()
     if (sceneIndex < int(_gltf.scenes.size())) {
         _out.roots = _gltf.scenes[size_t(sceneIndex)].nodes;
     } else {
+        if (_gltf.defaultScene >= 0)
+            _warnings << QStringLiteral("The file's scene %1 does not exist; every node without a parent is drawn instead")
+                             .arg(_gltf.defaultScene);
         std::vector<bool> isChild(size_t(count), false);
         for (const SceneData::Node& node : _out.nodes)
             for (int child : node.children)
@@ -119,6 +194,7 @@ bool GLTFConverter::roots()
 
 bool GLTFConverter::meshes()
 {
+    const QJsonArray json = _json.value(QLatin1String("meshes")).toArray();
     _out.meshes.resize(_gltf.meshes.size());
     for (size_t m = 0; m < _gltf.meshes.size(); ++m) {
         const tinygltf::Mesh& source = _gltf.meshes[m];
@@ -128,47 +204,87 @@ bool GLTFConverter::meshes()
         for (size_t p = 0; p < source.primitives.size(); ++p)
             if (!primitive(int(m), int(p), source.primitives[p], mesh.primitives[p]))
                 return false;
+        // The parser passes over a primitives member that is not an array, and over primitives
+        // it cannot read, without a word.
+        const QString name = mesh.name.isEmpty() ? QString::number(m) : QStringLiteral("%1 ('%2')").arg(m).arg(mesh.name);
+        const QJsonValue listed = json.at(int(m)).toObject().value(QLatin1String("primitives"));
+        if (!_json.isEmpty() && !listed.isArray())
+            _warnings << QStringLiteral("Mesh %1 has no primitives array; it draws nothing").arg(name);
+        else if (!_json.isEmpty() && size_t(listed.toArray().size()) > source.primitives.size())
+            _warnings << QStringLiteral("Mesh %1 has %2 primitives without attributes; they are left out")
+                             .arg(name).arg(size_t(listed.toArray().size()) - source.primitives.size());
+        else if (std::none_of(mesh.primitives.begin(), mesh.primitives.end(),
+                              [](const SceneData::Primitive& p) { return p.vertexCount() > 0; }))
+            _warnings << QStringLiteral("Mesh %1 has no primitive that can be drawn").arg(name);
     }
     return true;
 }
 
-bool GLTFConverter::primitive(int meshIndex, int index, const tinygltf::Primitive& source, SceneData::Primitive& out)
+QString GLTFConverter::primitiveName(int meshIndex, int index) const
 {
-    out.mode = source.mode < 0 ? SceneData::Primitive::kTriangles : source.mode;
-    if (source.material >= int(_gltf.materials.size()))
-        return fail(QStringLiteral("Mesh %1 primitive %2 uses material %3, which does not exist")
-                        .arg(meshIndex).arg(index).arg(source.material));
-    out.material = source.material;
+    const QString& name = _out.meshes[size_t(meshIndex)].name;
+    return name.isEmpty() ? QStringLiteral("Mesh %1 primitive %2").arg(meshIndex).arg(index)
+                          : QStringLiteral("Mesh %1 ('%2') primitive %3").arg(meshIndex).arg(name).arg(index);
+}
+
+// Reads every attribute the primitive names, as packed arrays; texture coordinate sets keep their
+// numbers, a missing lower set reading as zeros.
+bool GLTFConverter::attributes(const tinygltf::Primitive& source, SceneData::Primitive& out)
+{
+    using Integers = GLTFAccessorReader::Integers;
     const auto accessor = [&](const std::string& name) {
         const auto found = source.attributes.find(name);
         return found == source.attributes.end() ? -1 : found->second;
     };
     const auto floats = [&](const char* name, std::initializer_list<int> components, std::vector<float>& into,
-                            int* found = nullptr) {
+                            Integers integers, int* found = nullptr) {
         const int a = accessor(name);
-        return a < 0 || _accessors.readFloats(a, components, into, found);
+        return a < 0 || _accessors.readFloats(a, components, into, found, integers);
     };
-    if (!floats("POSITION", {3}, out.positions) || !floats("NORMAL", {3}, out.normals) ||
-        !floats("TANGENT", {4}, out.tangents) || !floats("WEIGHTS_0", {4}, out.weights))
-        return failAccessor();
-    for (int set = 0; accessor("TEXCOORD_" + std::to_string(set)) >= 0; ++set) {
-        out.texCoords.emplace_back();
-        if (!floats(("TEXCOORD_" + std::to_string(set)).c_str(), {2}, out.texCoords.back()))
-            return failAccessor();
-    }
+    // Normals, tangents, colours and weights have only a normalised integer form; positions and
+    // texture coordinates follow the accessor (KHR_mesh_quantization).
     int colorComponents = 4;
-    if (!floats("COLOR_0", {3, 4}, out.colors, &colorComponents))
-        return failAccessor();
+    if (!floats("POSITION", {3}, out.positions, Integers::AsFlagged) ||
+        !floats("NORMAL", {3}, out.normals, Integers::Normalised) ||
+        !floats("TANGENT", {4}, out.tangents, Integers::Normalised) ||
+        !floats("WEIGHTS_0", {4}, out.weights, Integers::Normalised) ||
+        !floats("COLOR_0", {3, 4}, out.colors, Integers::Normalised, &colorComponents))
+        return false;
     if (colorComponents == 3) {
         std::vector<float> rgba(out.colors.size() / 3 * 4, 1.0f);
         for (size_t v = 0; v < out.colors.size() / 3; ++v)
             std::copy_n(&out.colors[v * 3], 3, &rgba[v * 4]);
         out.colors.swap(rgba);
     }
+    int sets = 0;
+    for (const auto& [name, index] : source.attributes)
+        if (name.rfind("TEXCOORD_", 0) == 0 && name.size() > 9 && name.size() < 12 &&
+            name.find_first_not_of("0123456789", 9) == std::string::npos)
+            sets = std::max(sets, std::stoi(name.substr(9)) + 1);
+    out.texCoords.resize(size_t(sets));
+    for (int set = 0; set < sets; ++set) // a set that is not there stays empty
+        if (!floats(("TEXCOORD_" + std::to_string(set)).c_str(), {2}, out.texCoords[size_t(set)], Integers::AsFlagged))
+            return false;
     if (accessor("JOINTS_0") >= 0 && !_accessors.readUnsigned(accessor("JOINTS_0"), 4, out.joints))
-        return failAccessor();
+        return false;
     out.indexed = source.indices >= 0;
-    if (out.indexed && !_accessors.readUnsigned(source.indices, 1, out.indices))
+    return !out.indexed || _accessors.readUnsigned(source.indices, 1, out.indices);
+}
+
+bool GLTFConverter::primitive(int meshIndex, int index, const tinygltf::Primitive& source, SceneData::Primitive& out)
+{
+    using P = SceneData::Primitive;
+    const QString name = primitiveName(meshIndex, index);
+    if (source.material >= int(_gltf.materials.size()))
+        return fail(QStringLiteral("Mesh %1 primitive %2 uses material %3, which does not exist")
+                        .arg(meshIndex).arg(index).arg(source.material));
+    out.material = source.material;
+    if (source.mode < P::kPoints || source.mode > P::kTriangleFan) {
+        _warnings << QStringLiteral("%1 has the unknown mode %2; skipped").arg(name).arg(source.mode);
+        return true;
+    }
+    out.mode = source.mode;
+    if (!attributes(source, out))
         return failAccessor();
     // A primitive without positions is passed over by the upload; nothing else of it matters.
     const size_t vertices = out.vertexCount();
@@ -179,26 +295,66 @@ bool GLTFConverter::primitive(int meshIndex, int index, const tinygltf::Primitiv
             return fail(QStringLiteral("Mesh %1 primitive %2 uses vertex %3 of %4").arg(meshIndex).arg(index).arg(i).arg(vertices));
     if (!out.normals.empty() && out.normals.size() != out.positions.size())
         return fail(QStringLiteral("Mesh %1 primitive %2 has more normals or positions than the other").arg(meshIndex).arg(index));
-    for (const std::vector<float>& set : out.texCoords)
+    for (size_t s = 0; s < out.texCoords.size(); ++s) {
+        std::vector<float>& set = out.texCoords[s];
+        if (!source.attributes.count("TEXCOORD_" + std::to_string(s))) {
+            set.assign(vertices * 2, 0.0f);
+            _warnings << QStringLiteral("%1 has no TEXCOORD_%2 but a later set; it reads zeros").arg(name).arg(s);
+        }
         if (set.size() != vertices * 2)
             return fail(QStringLiteral("Mesh %1 primitive %2 has a texture coordinate count that differs from its positions")
                             .arg(meshIndex).arg(index));
+    }
     const std::pair<const char*, size_t> perVertex[] = {{"tangent", out.tangents.size()}, {"colour", out.colors.size()},
                                                         {"joint", out.joints.size()}, {"weight", out.weights.size()}};
-    for (const auto& [name, size] : perVertex)
+    for (const auto& [what, size] : perVertex)
         if (size != 0 && size != vertices * 4)
             return fail(QStringLiteral("Mesh %1 primitive %2 has a %3 count that differs from its positions")
-                            .arg(meshIndex).arg(index).arg(QLatin1String(name)));
+                            .arg(meshIndex).arg(index).arg(QLatin1String(what)));
+
+    // Bad primitives are dropped, not the scene: the rest may draw fine.
+    if (!std::all_of(out.positions.begin(), out.positions.end(), [](float x) { return std::isfinite(x); })) {
+        _warnings << QStringLiteral("%1 has positions that are infinite or not a number; skipped").arg(name);
+        out = P{};
+        out.material = source.material;
+        return true;
+    }
+    if (unrollToList(out) > 0)
+        _warnings << QStringLiteral("%1 ends in an incomplete %2, which is left out")
+                         .arg(name, QLatin1String(out.mode == P::kLines ? "line" : "triangle"));
+    if ((out.indexed ? out.indices.size() : out.vertexCount()) == 0) {
+        out = P{};
+        out.material = source.material;
+        return true;
+    }
+    if (out.mode == P::kTriangles && out.normals.empty())
+        makeFlatNormals(out);
+    if (out.mode == P::kTriangles && out.tangents.empty() && out.material >= 0) {
+        const SceneData::TextureRef& normalMap = _out.materials[size_t(out.material)].normalTexture;
+        if (normalMap.texture >= 0 && normalMap.texCoord < int(out.texCoords.size()))
+            generateTangents(out, normalMap.texCoord);
+    }
     return true;
 }
 
-bool GLTFConverter::textureRef(int texture, int texCoord, float scale, SceneData::TextureRef& out)
+// A texture reference with its KHR_texture_transform, whose texCoord overrides the reference's.
+bool GLTFConverter::textureRef(int texture, int texCoord, float scale, const tinygltf::Value* transform,
+                               SceneData::TextureRef& out)
 {
     if (texture >= int(_gltf.textures.size()))
         return fail(QStringLiteral("Texture %1 does not exist").arg(texture));
     out.texture = texture < 0 ? -1 : texture;
-    out.texCoord = texCoord;
+    out.texCoord = std::max(texCoord, 0);
     out.scale = scale;
+    // The parser keeps only extensions that are objects.
+    if (!transform)
+        return true;
+    out.transform.offset = pair(*transform, "offset", QVector2D(0, 0));
+    out.transform.rotation = float(number(*transform, "rotation", 0));
+    out.transform.scale = pair(*transform, "scale", QVector2D(1, 1));
+    const double set = number(*transform, "texCoord", -1);
+    if (set >= 0 && set < 256)
+        out.texCoord = int(set);
     return true;
 }
 
@@ -221,17 +377,43 @@ bool GLTFConverter::materials()
                                                       : SceneData::Material::Opaque;
         material.alphaCutoff = float(m.alphaCutoff);
         material.doubleSided = m.doubleSided;
-        if (!textureRef(pbr.baseColorTexture.index, pbr.baseColorTexture.texCoord, 1, material.baseColorTexture) ||
+        material.unlit = extension(m.extensions, "KHR_materials_unlit") != nullptr;
+        if (const tinygltf::Value* strength = extension(m.extensions, "KHR_materials_emissive_strength"))
+            material.emissiveStrength = float(std::max(number(*strength, "emissiveStrength", 1), 0.0));
+        const auto transform = [](const tinygltf::ExtensionMap& extensions) {
+            return extension(extensions, "KHR_texture_transform");
+        };
+        if (!textureRef(pbr.baseColorTexture.index, pbr.baseColorTexture.texCoord, 1,
+                        transform(pbr.baseColorTexture.extensions), material.baseColorTexture) ||
             !textureRef(pbr.metallicRoughnessTexture.index, pbr.metallicRoughnessTexture.texCoord, 1,
-                        material.metallicRoughnessTexture) ||
-            !textureRef(m.normalTexture.index, m.normalTexture.texCoord, float(m.normalTexture.scale), material.normalTexture) ||
+                        transform(pbr.metallicRoughnessTexture.extensions), material.metallicRoughnessTexture) ||
+            !textureRef(m.normalTexture.index, m.normalTexture.texCoord, float(m.normalTexture.scale),
+                        transform(m.normalTexture.extensions), material.normalTexture) ||
             !textureRef(m.occlusionTexture.index, m.occlusionTexture.texCoord, float(m.occlusionTexture.strength),
-                        material.occlusionTexture) ||
-            !textureRef(m.emissiveTexture.index, m.emissiveTexture.texCoord, 1, material.emissiveTexture))
+                        transform(m.occlusionTexture.extensions), material.occlusionTexture) ||
+            !textureRef(m.emissiveTexture.index, m.emissiveTexture.texCoord, 1, transform(m.emissiveTexture.extensions),
+                        material.emissiveTexture))
             return false;
         _out.materials.push_back(material);
     }
     return true;
+}
+
+// A file that loads but shows nothing is otherwise indistinguishable from a renderer fault.
+void GLTFConverter::warnWhenNothingIsDrawn()
+{
+    std::vector<int> stack = _out.roots;
+    while (!stack.empty()) {
+        const SceneData::Node& node = _out.nodes[size_t(stack.back())];
+        stack.pop_back();
+        if (node.mesh >= 0)
+            for (const SceneData::Primitive& p : _out.meshes[size_t(node.mesh)].primitives)
+                if (p.vertexCount() > 0)
+                    return;
+        stack.insert(stack.end(), node.children.begin(), node.children.end());
+    }
+    _warnings << (_out.meshes.empty() ? QStringLiteral("The file has nothing to draw: it has no meshes")
+                                      : QStringLiteral("The file has nothing to draw: no node of its scene has a mesh that can be drawn"));
 }
 
 bool GLTFConverter::textures()

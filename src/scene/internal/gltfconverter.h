@@ -3,21 +3,26 @@
 #include "scene/internal/gltfaccessors.h"
 #include "scene/scenedata.h"
 
+#include <QJsonObject>
 #include <QStringList>
 
 namespace tinygltf {
 class Model;
+class Value;
+class Node;
 struct Primitive;
 }
 
 namespace Tavren::Vyx {
 
-// Turns the parser's model into SceneData, checking every reference on the way.
+// Turns the parser's model into SceneData, checking every reference on the way. `json` is the
+// file's JSON as Qt reads it (empty when it could not), consulted only for what the parser drops.
 class GLTFConverter
 {
 public:
-    GLTFConverter(const tinygltf::Model& gltf, const QString& baseDirectory, QStringList& warnings, SceneData& out)
-        : _gltf(gltf), _base(baseDirectory), _warnings(warnings), _out(out), _accessors(gltf)
+    GLTFConverter(const tinygltf::Model& gltf, const QJsonObject& json, const QString& baseDirectory,
+                  QStringList& warnings, SceneData& out)
+        : _gltf(gltf), _json(json), _base(baseDirectory), _warnings(warnings), _out(out), _accessors(gltf)
     {
     }
 
@@ -33,11 +38,15 @@ private:
     }
     bool failAccessor() { return fail(_accessors.error); }
     bool nodes();
+    bool instances(int index, const tinygltf::Node& source, SceneData::Node& node);
     bool roots();
     bool meshes();
     bool primitive(int meshIndex, int index, const tinygltf::Primitive& source, SceneData::Primitive& out);
+    bool attributes(const tinygltf::Primitive& source, SceneData::Primitive& out);
+    QString primitiveName(int meshIndex, int index) const;
     bool materials();
-    bool textureRef(int texture, int texCoord, float scale, SceneData::TextureRef& out);
+    bool textureRef(int texture, int texCoord, float scale, const tinygltf::Value* transform, SceneData::TextureRef& out);
+    void warnWhenNothingIsDrawn();
     bool textures();
     bool images();
     bool skins();
@@ -46,6 +55,7 @@ private:
     void animations();
 
     const tinygltf::Model& _gltf;
+    QJsonObject _json;
     QString _base;
     QStringList& _warnings;
     SceneData& _out;
