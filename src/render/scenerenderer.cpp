@@ -109,8 +109,6 @@ using SceneMaterial::kAlphaMaskFlag;
 using SceneMaterial::kDoubleSidedFlag;
 using SceneMaterial::kPointsOrLinesFlag;
 constexpr quint64 kKindFlags = kAlphaBlendFlag | kDoubleSidedFlag | kPointsOrLinesFlag;
-// Set on one blended drawable at a time, so that a draw selects it alone.
-constexpr quint64 kDrawingNowFlag = quint64(1) << 61;
 
 // The blend factors and face orientation state, which RenderStateGuard leaves out.
 class BlendAndFaceGuard
@@ -138,25 +136,34 @@ private:
     GLint _values[8] = {};
 };
 
-// Draws a selection the way its kind (the kind flags in `flags`) asks: points and lines
+// Draws with the culling a kind of drawable (its kind flags) asks for: points and lines
 // unculled; triangles in one pass for the commands that keep handedness and one with the winding
 // turned for mirrored ones, so that front faces are the ones the shading sees as such.
 // Single-sided triangles are culled at the back; double-sided ones draw their back faces, then
 // their front faces, so that blended front faces cover their back faces.
+template <typename Draw>
+bool drawWithCulling(quint64 kind, const Draw& draw)
+{
+    if (kind & kPointsOrLinesFlag)
+        return draw(GPUModel::eWindingNoCulling);
+    bool ok = true;
+    for (const GLenum culled : {GL_FRONT, GL_BACK}) {
+        if (culled == GL_FRONT && !(kind & kDoubleSidedFlag))
+            continue;
+        glCullFace(culled);
+        ok = draw(GPUModel::eWindingCCW) && ok;
+        ok = draw(GPUModel::eWindingCW) && ok;
+    }
+    return ok;
+}
+
+// The drawables whose flags match, drawn as their kind asks.
 bool drawSelection(GPUModel& model, ShaderProgram* scene, TextureManager* manager, quint64 flags, quint64 mask,
                    const QMatrix4x4* view)
 {
-    if (flags & kPointsOrLinesFlag)
-        return model.draw(scene, manager, flags, mask, GPUModel::eWindingNoCulling, view, true);
-    bool ok = true;
-    for (const GLenum culled : {GL_FRONT, GL_BACK}) {
-        if (culled == GL_FRONT && !(flags & kDoubleSidedFlag))
-            continue;
-        glCullFace(culled);
-        ok = model.draw(scene, manager, flags, mask, GPUModel::eWindingCCW, view, true) && ok;
-        ok = model.draw(scene, manager, flags, mask, GPUModel::eWindingCW, view, true) && ok;
-    }
-    return ok;
+    return drawWithCulling(flags, [&](GPUModel::WindingType winding) {
+        return model.draw(scene, manager, flags, mask, winding, view, true);
+    });
 }
 
 // Every kind of drawable with the given alpha flag: single-sided triangles, double-sided
@@ -204,7 +211,6 @@ QVector<int> blendedBackToFront(GPUModel& model, const QVector3D& eye)
 
 // Blended drawables over what is drawn, with straight alpha, testing depth but not writing it:
 // one at a time from back to front, each drawable's commands sorted the same way by the view.
-// A model that uses the renderer's selection bit itself gets its drawables in model order.
 bool drawBlended(GPUModel& model, ShaderProgram* scene, TextureManager* manager, const QMatrix4x4& view)
 {
     glEnable(GL_BLEND);
@@ -212,17 +218,11 @@ bool drawBlended(GPUModel& model, ShaderProgram* scene, TextureManager* manager,
     // Alpha accumulates coverage, so an opaque background stays opaque in the read-back image.
     glBlendFuncSeparate(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_ONE, GL_ONE_MINUS_SRC_ALPHA);
     glDepthMask(GL_FALSE);
-    bool bitInUse = false;
-    for (int i = 0; i < model.numDrawables() && !bitInUse; ++i)
-        bitInUse = model.drawable(i).flags & kDrawingNowFlag;
-    if (bitInUse)
-        return drawKinds(model, scene, manager, kAlphaBlendFlag, &view);
     bool ok = true;
     for (int position : blendedBackToFront(model, view.inverted().column(3).toVector3D())) {
-        model.addFlags(kDrawingNowFlag, position);
-        const quint64 flags = model.getFlags(position);
-        ok = drawSelection(model, scene, manager, flags, kAlphaBlendFlag | kDrawingNowFlag, &view) && ok;
-        model.removeFlags(kDrawingNowFlag, position);
+        ok = drawWithCulling(model.getFlags(position), [&](GPUModel::WindingType winding) {
+            return model.drawDrawable(position, scene, manager, winding, &view);
+        }) && ok;
     }
     return ok;
 }

@@ -27,9 +27,7 @@ class TextureManager;
 // their back faces unless double-sided or points and lines (mirrored commands with the winding
 // turned); then blended ones over them, one drawable at a time from back to front, without
 // depth writes, double-sided ones back faces first. Masked drawables cast cut-out shadows,
-// blended ones cast where their alpha reaches one half. During a frame drawable flag bit 61
-// selects one blended drawable at a time; a model that uses the bit itself gets its blended
-// drawables in model order (each one's commands still sorted).
+// blended ones cast where their alpha reaches one half.
 class VYXGL_EXPORT SceneRenderer
 {
 public:

@@ -222,6 +222,10 @@ public:
     bool drawExclude(ShaderProgram* program, const quint64& flags, const quint64& mask, const WindingType& winding,
                      const QList<int>& excluded);
     bool drawSimple(ShaderProgram* program, TextureManager* textureManager, quint64 flags, quint64 mask);
+    // One drawable (by position) whatever its flags, for callers that order drawables themselves
+    // (blended ones back to front); culling is honoured, reflected transparency is not tagged.
+    bool drawDrawable(int drawable, ShaderProgram* program, TextureManager* textureManager, const WindingType& winding,
+                      const QMatrix4x4* view);
 
     // Accessors, by position.
     DrawBuffers* drawBuffers(int drawable) { return _drawables[drawable].drawBuffers; }

@@ -226,6 +226,26 @@ QVector3D GPUModel::commandCentre(const Drawable& d, int command) const
     return isValidTransform(t) ? _worlds[t].map(local) : local;
 }
 
+bool GPUModel::drawDrawable(int drawable, ShaderProgram* program, TextureManager* textureManager,
+                            const WindingType& winding, const QMatrix4x4* view)
+{
+    VYX_CHECK_RETURN(isDrawableIndex(drawable), false, "Drawable %d does not exist", drawable);
+    if (hasFeatureFlags(kSimpleDrawFeature))
+        return false;
+    applyWinding(winding);
+    setUpPrimitiveRestart();
+    refreshVerdicts();
+    Drawable& d = _drawables[drawable];
+    if (d.culledCount >= d.transformRefs.size())
+        return true;
+    BoundState bound;
+    const bool result = drawMesh(d, program, textureManager, winding, view, true, bound);
+    bound.unbindAll(program, textureManager);
+    if (bound.drawBuffers)
+        bound.drawBuffers->unbind();
+    return result;
+}
+
 bool GPUModel::drawMesh(Drawable& d, ShaderProgram* program, TextureManager* textureManager,
                         const WindingType& winding, const QMatrix4x4* view, bool honourCulling, BoundState& bound)
 {
