@@ -112,14 +112,15 @@ TEST_F(ScenePassesTest, MaskedQuadsCastCutOutShadowsBlendedOnesDrawBackToFrontAn
     Camera camera;
     camera.lookAt(QVector3D(0, 8, 0), QVector3D(), QVector3D(0, 0, -1));
     camera.setNearFar(0.5f, 20);
-    // State the passes change beyond what RenderStateGuard records must come back too.
+    // State the passes change beyond what RenderStateGuard records must come back too, each set
+    // unlike what the passes leave behind (their last draw turns the winding to CW).
     glBlendFunc(GL_ONE, GL_ZERO);
     glCullFace(GL_FRONT);
-    glFrontFace(GL_CW);
+    glFrontFace(GL_CCW);
     const QImage image = render(camera);
     EXPECT_EQ((std::vector<int>{VyxTest::glInteger(GL_BLEND_SRC_RGB), VyxTest::glInteger(GL_BLEND_DST_ALPHA),
                                 VyxTest::glInteger(GL_CULL_FACE_MODE), VyxTest::glInteger(GL_FRONT_FACE)}),
-              (std::vector<int>{GL_ONE, GL_ZERO, GL_FRONT, GL_CW}));
+              (std::vector<int>{GL_ONE, GL_ZERO, GL_FRONT, GL_CCW}));
 
     const auto grey = [&](float x, float z) { return qGray(image.pixel(pixel(camera, QVector3D(x, 0, z)))); };
     // Seen through the hole, the shadow of the quad's opaque half; beside it, light that came through the hole.
