@@ -6,88 +6,256 @@
 
 namespace Tavren::Vyx {
 
+enum class AnimationPath : unsigned char { Translation, Rotation, Scale, Weights };
+enum class AnimationInterpolation : unsigned char { Linear, Step, CubicSpline };
+
+struct AnimationChannel
+{
+    const float* times;
+    const float* values; // `width` floats per element; cubic keys hold in-tangent, value, out-tangent
+    int keyCount;
+    int width; // 3 for translation and scale, 4 for rotation, the node's weight count for weights
+    int node;
+    int firstWeight;
+    AnimationPath path;
+    AnimationInterpolation interpolation;
+
+    // The interval the previous sample fell in, kept so that the next one, usually in the same
+    // interval, needs neither a search nor a division. `held`: time was outside the keys, and
+    // `key` is the first or last one.
+    bool held;
+    int key;
+    float start, end, inverseLength;
+    // Linear and step translation, rotation and scale only, with s the fraction of the interval:
+    // from + s * toward, or for rotations at an angle, cos(s * angle) * from + sin(s * angle) * toward.
+    float angle;
+    float from[4], toward[4];
+};
+
 namespace {
+
+using Path = AnimationPath;
+using Interpolation = AnimationInterpolation;
+using Channel = AnimationChannel;
 
 const std::vector<int> kNoNodes;
 
-void copy(const float* from, int width, float* to)
+// Series to the x^11 and x^12 terms, within 1e-7 on [0, pi/2]: cheaper than the library calls,
+// which would cost more than the rest of a sample together.
+float sine(float x)
 {
-    std::copy(from, from + width, to);
+    const float x2 = x * x, x4 = x2 * x2, x6 = x4 * x2;
+    const float low = 1 - x2 * (1.0f / 6) + x4 * (1.0f / 120);
+    const float high = -1.0f / 5040 + x2 * (1.0f / 362880) - x4 * (1.0f / 39916800);
+    return x * (low + x6 * high);
 }
 
-// Along the shorter arc, so a key pair on opposite hemispheres does not spin the long way round.
-void slerp(const float* a, const float* b, float s, float* out)
+float cosine(float x)
 {
-    float cosine = a[0] * b[0] + a[1] * b[1] + a[2] * b[2] + a[3] * b[3];
-    const float sign = cosine < 0 ? -1.0f : 1.0f;
-    cosine *= sign;
-    float wa = 1 - s, wb = s;
-    // Nearly parallel keys: sin(theta) vanishes, and a straight blend is as close as floats get.
-    if (cosine < 0.9995f) {
-        const float theta = std::acos(cosine);
-        const float inverseSine = 1 / std::sin(theta);
-        wa = std::sin(wa * theta) * inverseSine;
-        wb = std::sin(wb * theta) * inverseSine;
-    }
-    wb *= sign;
-    for (int i = 0; i < 4; ++i)
-        out[i] = wa * a[i] + wb * b[i];
+    const float x2 = x * x, x4 = x2 * x2, x6 = x4 * x2;
+    const float low = 1 - x2 * (1.0f / 2) + x4 * (1.0f / 24);
+    const float high = -1.0f / 720 + x2 * (1.0f / 40320) - x4 * (1.0f / 3628800) + x6 * (1.0f / 479001600);
+    return low + x6 * high;
+}
+
+// acos(x) for x in [0, 1], within 3e-8 (Abramowitz and Stegun 4.4.46): a quarter of the library
+// call's time, paid on every change of interval.
+float arcCosine(float x)
+{
+    const float x2 = x * x, x4 = x2 * x2;
+    const float low = (1.5707963050f - 0.2145988016f * x) + x2 * (0.0889789874f - 0.0501743046f * x);
+    const float high = (0.0308918810f - 0.0170881256f * x) + x2 * (0.0066700901f - 0.0012624911f * x);
+    return (low + x4 * high) * std::sqrt(1 - x);
+}
+
+float dot4(const float* a, const float* b)
+{
+    return a[0] * b[0] + a[1] * b[1] + a[2] * b[2] + a[3] * b[3];
+}
+
+// 0 for a zero quaternion, which then stays zero rather than turning into NaNs.
+float inverseLength4(const float* q)
+{
+    const float lengthSquared = dot4(q, q);
+    return lengthSquared > 0 ? 1 / std::sqrt(lengthSquared) : 0.0f;
 }
 
 void normalise4(float* q)
 {
-    const float length = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
-    if (length > 0)
-        for (int i = 0; i < 4; ++i)
-            q[i] /= length;
+    const float inverse = inverseLength4(q);
+    for (int i = 0; i < 4; ++i)
+        q[i] *= inverse;
 }
 
-} // namespace
-
-AnimationSampler::AnimationSampler(const SceneData& scene, int animationIndex)
-    : _scene(scene)
+const float* keyValue(const Channel& channel, int key)
 {
-    if (animationIndex < 0 || animationIndex >= int(scene.animations.size())) {
-        _warnings << QStringLiteral("Animation %1 does not exist").arg(animationIndex);
+    // A cubic key's value sits between its two tangents.
+    const bool cubic = channel.interpolation == Interpolation::CubicSpline;
+    return channel.values + size_t(cubic ? 3 * key + 1 : key) * size_t(channel.width);
+}
+
+bool blendsFromCache(const Channel& channel)
+{
+    return channel.path != Path::Weights && channel.interpolation != Interpolation::CubicSpline;
+}
+
+// A blend that stays at `value` (3 or 4 floats); short fixed copies rather than library calls.
+void startBlend(Channel& channel, const float* value)
+{
+    for (int i = 0; i < 3; ++i)
+        channel.from[i] = value[i];
+    channel.from[3] = channel.width == 4 ? value[3] : 0.0f;
+    for (float& t : channel.toward)
+        t = 0;
+}
+
+void hold(Channel& channel, int key)
+{
+    channel.held = true;
+    channel.key = key;
+    channel.start = channel.end = 0; // an empty interval, so every sample comes back here
+    channel.angle = 0;
+    if (blendsFromCache(channel))
+        startBlend(channel, keyValue(channel, key));
+}
+
+void enterInterval(Channel& channel, int key)
+{
+    channel.held = false;
+    channel.key = key;
+    channel.start = channel.times[key];
+    channel.end = channel.times[key + 1];
+    channel.inverseLength = 1 / (channel.end - channel.start);
+    channel.angle = 0;
+    if (!blendsFromCache(channel))
+        return;
+    const float *v0 = keyValue(channel, key), *v1 = keyValue(channel, key + 1);
+    startBlend(channel, v0);
+    if (channel.interpolation == Interpolation::Step)
+        return;
+    if (channel.path != Path::Rotation) {
+        for (int i = 0; i < 3; ++i)
+            channel.toward[i] = v1[i] - v0[i];
         return;
     }
-    const SceneData::Animation& animation = scene.animations[size_t(animationIndex)];
-    // One bit per path and node: a property driven twice would have no defined value.
-    std::vector<unsigned char> driven(scene.nodes.size(), 0);
-    for (size_t c = 0; c < animation.channels.size(); ++c) {
-        Channel channel{};
-        QString problem = checkChannel(animation, animation.channels[c], channel);
-        if (problem.isEmpty()) {
-            unsigned char& bits = driven[size_t(channel.node)];
-            const unsigned char bit = 1u << int(channel.path);
-            if (bits & bit)
-                problem = QStringLiteral("node %1 already has a %2 channel").arg(channel.node).arg(animation.channels[c].path);
-            bits |= bit;
-        }
-        if (!problem.isEmpty()) {
-            _warnings << QStringLiteral("Animation %1, channel %2 is ignored: %3").arg(animationIndex).arg(c).arg(problem);
-            continue;
-        }
-        if (channel.path == Path::Weights) {
-            channel.firstWeight = int(_weightTotal);
-            _weightTotal += size_t(channel.width);
-        }
-        _duration = std::max(_duration, channel.times[channel.keyCount - 1]);
-        _animatedNodes.push_back(channel.node);
-        _channels.push_back(channel);
+    // Slerp as a turn in the plane of the two keys, from `from` towards the unit quaternion
+    // orthogonal to it, along the shorter arc so that keys on opposite hemispheres do not spin
+    // the long way round. Both keys are normalised side by side: square root latency is the cost.
+    const float inverse0 = inverseLength4(v0), inverse1 = inverseLength4(v1);
+    float to[4];
+    for (int i = 0; i < 4; ++i) {
+        channel.from[i] = v0[i] * inverse0;
+        to[i] = v1[i] * inverse1;
     }
-    std::sort(_animatedNodes.begin(), _animatedNodes.end());
-    _animatedNodes.erase(std::unique(_animatedNodes.begin(), _animatedNodes.end()), _animatedNodes.end());
+    float cosAngle = dot4(channel.from, to);
+    const float sign = cosAngle < 0 ? -1.0f : 1.0f;
+    cosAngle *= sign;
+    for (int i = 0; i < 4; ++i)
+        to[i] *= sign;
+    // Nearly parallel keys leave no plane to speak of: a normalised straight blend is as close.
+    if (cosAngle < 0.9995f) {
+        channel.angle = arcCosine(cosAngle);
+        const float inverseSine = 1 / std::sqrt(1 - cosAngle * cosAngle);
+        for (int i = 0; i < 4; ++i)
+            channel.toward[i] = (to[i] - cosAngle * channel.from[i]) * inverseSine;
+    } else {
+        for (int i = 0; i < 4; ++i)
+            channel.toward[i] = to[i] - channel.from[i];
+    }
 }
 
-QString AnimationSampler::checkChannel(const SceneData::Animation& animation, const SceneData::Animation::Channel& source,
-                                       Channel& channel) const
+// The key at or before `time`, for a time strictly inside the channel's range.
+int findKey(const Channel& channel, float time)
+{
+    const float* times = channel.times;
+    const int hint = std::min(channel.key, channel.keyCount - 2);
+    if (times[hint] <= time) {
+        if (time < times[hint + 1])
+            return hint;
+        // Playing forwards usually lands in the next interval.
+        if (hint + 2 < channel.keyCount && time < times[hint + 2])
+            return hint + 1;
+    }
+    return int(std::upper_bound(times, times + channel.keyCount, time) - times) - 1;
+}
+
+// Brings the channel to the interval holding `time` (times outside the keys hold the nearest
+// one) and returns the fraction of it that has passed.
+float locate(Channel& channel, float time)
+{
+    if (!(channel.start <= time && time < channel.end)) {
+        const int lastKey = channel.keyCount - 1;
+        // Written so that a NaN time holds the first key.
+        if (lastKey == 0 || !(time > channel.times[0])) {
+            hold(channel, 0);
+            return 0;
+        }
+        if (time >= channel.times[lastKey]) {
+            hold(channel, lastKey);
+            return 0;
+        }
+        enterInterval(channel, findKey(channel, time));
+    }
+    return (time - channel.start) * channel.inverseLength;
+}
+
+QVector3D blendVector(const Channel& channel, float s)
+{
+    const float *from = channel.from, *toward = channel.toward;
+    return {from[0] + s * toward[0], from[1] + s * toward[1], from[2] + s * toward[2]};
+}
+
+QQuaternion blendRotation(const Channel& channel, float s)
+{
+    float q[4];
+    if (channel.angle > 0) {
+        // Unit by construction: from and toward are orthonormal.
+        const float a = cosine(s * channel.angle), b = sine(s * channel.angle);
+        for (int i = 0; i < 4; ++i)
+            q[i] = a * channel.from[i] + b * channel.toward[i];
+    } else {
+        for (int i = 0; i < 4; ++i)
+            q[i] = channel.from[i] + s * channel.toward[i];
+        normalise4(q);
+    }
+    return QQuaternion(q[3], q[0], q[1], q[2]); // keys are stored x, y, z, w
+}
+
+// Cubic splines and morph weights, straight from the keys.
+void evaluateFromKeys(const Channel& channel, float s, float* out)
+{
+    const int width = channel.width;
+    const float* v0 = keyValue(channel, channel.key);
+    if (channel.held || channel.interpolation == Interpolation::Step) {
+        std::copy_n(v0, width, out);
+        return;
+    }
+    const float* v1 = keyValue(channel, channel.key + 1);
+    if (channel.interpolation == Interpolation::Linear) {
+        for (int i = 0; i < width; ++i)
+            out[i] = v0[i] + s * (v1[i] - v0[i]);
+        return;
+    }
+    // Hermite basis; tangents are per second, so they scale with the interval.
+    const float interval = channel.end - channel.start;
+    const float s2 = s * s, s3 = s2 * s;
+    const float h00 = 2 * s3 - 3 * s2 + 1, h10 = (s3 - 2 * s2 + s) * interval;
+    const float h01 = -2 * s3 + 3 * s2, h11 = (s3 - s2) * interval;
+    const float* outTangent0 = v0 + width;
+    const float* inTangent1 = v1 - width;
+    for (int i = 0; i < width; ++i)
+        out[i] = h00 * v0[i] + h10 * outTangent0[i] + h01 * v1[i] + h11 * inTangent1[i];
+}
+
+// Fills `channel` from `source`, or says why it cannot be played.
+QString checkChannel(const SceneData& scene, const SceneData::Animation& animation,
+                     const SceneData::Animation::Channel& source, Channel& channel)
 {
     if (source.sampler < 0 || source.sampler >= int(animation.samplers.size()))
         return QStringLiteral("sampler %1 does not exist").arg(source.sampler);
-    if (source.node < 0 || source.node >= int(_scene.nodes.size()))
+    if (source.node < 0 || source.node >= int(scene.nodes.size()))
         return QStringLiteral("node %1 does not exist").arg(source.node);
-    if (_scene.nodes[size_t(source.node)].hasMatrix)
+    if (scene.nodes[size_t(source.node)].hasMatrix)
         return QStringLiteral("node %1 is placed by a matrix, which cannot be animated").arg(source.node);
     static const QString paths[] = {QStringLiteral("translation"), QStringLiteral("rotation"), QStringLiteral("scale"),
                                     QStringLiteral("weights")};
@@ -141,6 +309,54 @@ QString AnimationSampler::checkChannel(const SceneData::Animation& animation, co
     return {};
 }
 
+} // namespace
+
+AnimationSampler::AnimationSampler(const SceneData& scene, int animationIndex)
+    : _scene(scene)
+{
+    if (animationIndex < 0 || animationIndex >= int(scene.animations.size())) {
+        _warnings << QStringLiteral("Animation %1 does not exist").arg(animationIndex);
+        return;
+    }
+    const SceneData::Animation& animation = scene.animations[size_t(animationIndex)];
+    // One bit per path and node: a property driven twice would have no defined value.
+    std::vector<unsigned char> driven(scene.nodes.size(), 0);
+    for (size_t c = 0; c < animation.channels.size(); ++c) {
+        Channel channel{};
+        QString problem = checkChannel(scene, animation, animation.channels[c], channel);
+        if (problem.isEmpty()) {
+            unsigned char& bits = driven[size_t(channel.node)];
+            const unsigned char bit = 1u << int(channel.path);
+            if (bits & bit)
+                problem = QStringLiteral("node %1 already has a %2 channel").arg(channel.node).arg(animation.channels[c].path);
+            bits |= bit;
+        }
+        if (!problem.isEmpty()) {
+            _warnings << QStringLiteral("Animation %1, channel %2 is ignored: %3").arg(animationIndex).arg(c).arg(problem);
+            continue;
+        }
+        if (channel.path == Path::Weights) {
+            channel.firstWeight = int(_weightTotal);
+            _weightTotal += size_t(channel.width);
+        }
+        hold(channel, 0);
+        _duration = std::max(_duration, channel.times[channel.keyCount - 1]);
+        _animatedNodes.push_back(channel.node);
+        _channels.push_back(channel);
+    }
+    std::sort(_animatedNodes.begin(), _animatedNodes.end());
+    _animatedNodes.erase(std::unique(_animatedNodes.begin(), _animatedNodes.end()), _animatedNodes.end());
+}
+
+AnimationSampler::AnimationSampler(const AnimationSampler&) = default;
+AnimationSampler::AnimationSampler(AnimationSampler&&) noexcept = default;
+AnimationSampler::~AnimationSampler() = default;
+
+int AnimationSampler::channelCount() const
+{
+    return int(_channels.size());
+}
+
 AnimationPose AnimationSampler::makePose() const
 {
     AnimationPose pose;
@@ -161,85 +377,28 @@ AnimationPose AnimationSampler::makePose() const
     return pose;
 }
 
-// The key at or before `time`, for a time strictly inside the channel's range.
-int AnimationSampler::findKey(Channel& channel, float time) const
-{
-    const float* times = channel.times;
-    const int last = channel.lastKey;
-    if (times[last] <= time) {
-        if (time < times[last + 1])
-            return last;
-        // Playing forwards usually lands in the next interval.
-        if (last + 2 < channel.keyCount && time < times[last + 2])
-            return channel.lastKey = last + 1;
-    }
-    const int key = int(std::upper_bound(times, times + channel.keyCount, time) - times) - 1;
-    return channel.lastKey = key;
-}
-
-void AnimationSampler::evaluate(Channel& channel, float time, float* out) const
-{
-    const int width = channel.width;
-    const bool cubic = channel.interpolation == Interpolation::CubicSpline;
-    // A cubic key's value sits between its two tangents.
-    const auto value = [&](int key) { return channel.values + size_t(cubic ? 3 * key + 1 : key) * size_t(width); };
-    const int lastKey = channel.keyCount - 1;
-    if (lastKey == 0 || !(time > channel.times[0])) {
-        copy(value(0), width, out);
-    } else if (time >= channel.times[lastKey]) {
-        copy(value(lastKey), width, out);
-    } else {
-        const int key = findKey(channel, time);
-        const float t0 = channel.times[key], interval = channel.times[key + 1] - t0;
-        const float s = (time - t0) / interval;
-        const float *v0 = value(key), *v1 = value(key + 1);
-        if (channel.interpolation == Interpolation::Step) {
-            copy(v0, width, out);
-        } else if (!cubic) {
-            if (channel.path == Path::Rotation) {
-                slerp(v0, v1, s, out);
-            } else {
-                for (int i = 0; i < width; ++i)
-                    out[i] = v0[i] + s * (v1[i] - v0[i]);
-            }
-        } else {
-            // Hermite basis; tangents are per second, so they scale with the interval.
-            const float s2 = s * s, s3 = s2 * s;
-            const float h00 = 2 * s3 - 3 * s2 + 1, h10 = (s3 - 2 * s2 + s) * interval;
-            const float h01 = -2 * s3 + 3 * s2, h11 = (s3 - s2) * interval;
-            const float* outTangent0 = v0 + width;
-            const float* inTangent1 = v1 - width;
-            for (int i = 0; i < width; ++i)
-                out[i] = h00 * v0[i] + h10 * outTangent0[i] + h01 * v1[i] + h11 * inTangent1[i];
-        }
-    }
-    if (channel.path == Path::Rotation)
-        normalise4(out);
-}
-
 const std::vector<int>& AnimationSampler::sample(float time, AnimationPose& pose)
 {
     if (pose.nodes.size() != _scene.nodes.size() || pose.weights.size() != _weightTotal)
         return kNoNodes;
-    float v[4];
     for (Channel& channel : _channels) {
+        const float s = locate(channel, time);
         AnimationPose::Node& node = pose.nodes[size_t(channel.node)];
-        switch (channel.path) {
-        case Path::Translation:
-            evaluate(channel, time, v);
-            node.translation = QVector3D(v[0], v[1], v[2]);
-            break;
-        case Path::Rotation:
-            evaluate(channel, time, v);
-            node.rotation = QQuaternion(v[3], v[0], v[1], v[2]); // keys are stored x, y, z, w
-            break;
-        case Path::Scale:
-            evaluate(channel, time, v);
-            node.scale = QVector3D(v[0], v[1], v[2]);
-            break;
-        case Path::Weights:
-            evaluate(channel, time, pose.weights.data() + channel.firstWeight);
-            break;
+        if (channel.path == Path::Weights) {
+            evaluateFromKeys(channel, s, pose.weights.data() + channel.firstWeight);
+        } else if (channel.interpolation == Interpolation::CubicSpline) {
+            float v[4];
+            evaluateFromKeys(channel, s, v);
+            if (channel.path == Path::Rotation) {
+                normalise4(v);
+                node.rotation = QQuaternion(v[3], v[0], v[1], v[2]);
+            } else {
+                (channel.path == Path::Translation ? node.translation : node.scale) = QVector3D(v[0], v[1], v[2]);
+            }
+        } else if (channel.path == Path::Rotation) {
+            node.rotation = blendRotation(channel, s);
+        } else {
+            (channel.path == Path::Translation ? node.translation : node.scale) = blendVector(channel, s);
         }
     }
     return _animatedNodes;

@@ -31,21 +31,28 @@ struct VYXGL_EXPORT AnimationPose
     const float* weightsOf(int node) const { return weights.data() + nodes[size_t(node)].firstWeight; }
 };
 
+// A channel ready to play; defined where it is played, so its code can be inlined there.
+struct AnimationChannel;
+
 // Plays one animation of a SceneData. The animation is checked once, on construction: a channel
 // that cannot be played (missing node or sampler, unknown path or interpolation, key times not
 // strictly increasing, an output of the wrong length) is left out with a warning and the rest
 // still play. The scene must outlive the sampler, whose channels read its key arrays in place.
 //
-// sample() remembers each channel's last key, so playing forwards costs a comparison or two per
-// channel; one sampler serves one thread.
+// Each channel remembers the key interval it last sampled, prepared for blending, so a sample in
+// the same interval costs no search and no division, and the next interval is tried before a
+// binary search. One sampler serves one thread.
 class VYXGL_EXPORT AnimationSampler
 {
 public:
     AnimationSampler(const SceneData& scene, int animationIndex);
+    AnimationSampler(const AnimationSampler&);
+    AnimationSampler(AnimationSampler&&) noexcept;
+    ~AnimationSampler();
 
     QStringList warnings() const { return _warnings; }
     // Number of channels that play.
-    int channelCount() const { return int(_channels.size()); }
+    int channelCount() const;
     // The last key time of any playing channel, in seconds; 0 when none plays.
     float duration() const { return _duration; }
     // The nodes the animation moves, ascending: what sample() rewrites and a later step has to
@@ -61,28 +68,8 @@ public:
     const std::vector<int>& sample(float time, AnimationPose& pose);
 
 private:
-    enum class Path { Translation, Rotation, Scale, Weights };
-    enum class Interpolation { Linear, Step, CubicSpline };
-    struct Channel
-    {
-        const float* times;
-        const float* values; // `width` floats per element; cubic keys hold in-tangent, value, out-tangent
-        int keyCount;
-        int width; // 3 for translation and scale, 4 for rotation, the node's weight count for weights
-        int node;
-        Path path;
-        Interpolation interpolation;
-        int firstWeight;
-        int lastKey; // the key the previous sample found, where the next search starts
-    };
-
-    QString checkChannel(const SceneData::Animation& animation, const SceneData::Animation::Channel& source,
-                         Channel& channel) const;
-    int findKey(Channel& channel, float time) const;
-    void evaluate(Channel& channel, float time, float* out) const;
-
     const SceneData& _scene;
-    std::vector<Channel> _channels;
+    std::vector<AnimationChannel> _channels;
     std::vector<int> _animatedNodes;
     size_t _weightTotal = 0;
     float _duration = 0;

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 
@@ -105,7 +106,8 @@ TEST(AnimationSampler, KeepsRestValuesOfWhatNoChannelDrives)
     EXPECT_TRUE(sampler.sample(0.5f, foreign).empty());
 }
 
-// The remembered key must not leak into a jump backwards or a skip of several keys.
+// The remembered interval must not leak into a jump backwards, a skip of several keys or a
+// return from outside the keys.
 TEST(AnimationSampler, FindsTheKeyInAnyOrderOfTimes)
 {
     std::vector<float> times, values;
@@ -116,9 +118,9 @@ TEST(AnimationSampler, FindsTheKeyInAnyOrderOfTimes)
     const SceneData scene = sceneWith(oneChannel("translation", "LINEAR", times, values));
     AnimationSampler sampler(scene, 0);
     AnimationPose pose = sampler.makePose();
-    for (float t : {0.5f, 1.5f, 2.25f, 7.5f, 3.5f, 0.25f, 8.75f, 8.5f}) {
+    for (float t : {0.5f, 1.5f, 2.25f, 7.5f, 3.5f, 0.25f, 8.75f, 20.0f, 8.5f, -1.0f, 0.75f}) {
         sampler.sample(t, pose);
-        const float k = std::floor(t), s = t - k;
+        const float clamped = std::clamp(t, 0.0f, 9.0f), k = std::floor(clamped), s = clamped - k;
         EXPECT_NEAR(pose.nodes[0].translation.x(), k * k + s * (2 * k + 1), 1e-4f) << t;
     }
 }
