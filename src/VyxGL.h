@@ -56,5 +56,6 @@
 #include "render/sceneframing.h"
 #include "render/shadowmaprenderer.h"
 #include "render/visibilitybuffer.h"
+#include "scene/animationsampler.h"
 #include "scene/gltfscenereader.h"
 #include "scene/scenedata.h"

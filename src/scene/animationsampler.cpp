@@ -1,0 +1,407 @@
+#include "scene/animationsampler.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace Tavren::Vyx {
+
+enum class AnimationPath : unsigned char { Translation, Rotation, Scale, Weights };
+enum class AnimationInterpolation : unsigned char { Linear, Step, CubicSpline };
+
+struct AnimationChannel
+{
+    const float* times;
+    const float* values; // `width` floats per element; cubic keys hold in-tangent, value, out-tangent
+    int keyCount;
+    int width; // 3 for translation and scale, 4 for rotation, the node's weight count for weights
+    int node;
+    int firstWeight;
+    AnimationPath path;
+    AnimationInterpolation interpolation;
+
+    // The interval the previous sample fell in, kept so that the next one, usually in the same
+    // interval, needs neither a search nor a division. `held`: time was outside the keys, and
+    // `key` is the first or last one.
+    bool held;
+    int key;
+    float start, end, inverseLength;
+    // Linear and step translation, rotation and scale only, with s the fraction of the interval:
+    // from + s * toward, or for rotations at an angle, cos(s * angle) * from + sin(s * angle) * toward.
+    float angle;
+    float from[4], toward[4];
+};
+
+namespace {
+
+using Path = AnimationPath;
+using Interpolation = AnimationInterpolation;
+using Channel = AnimationChannel;
+
+const std::vector<int> kNoNodes;
+
+// Series to the x^11 and x^12 terms, within 1e-7 on [0, pi/2]: cheaper than the library calls,
+// which would cost more than the rest of a sample together.
+float sine(float x)
+{
+    const float x2 = x * x, x4 = x2 * x2, x6 = x4 * x2;
+    const float low = 1 - x2 * (1.0f / 6) + x4 * (1.0f / 120);
+    const float high = -1.0f / 5040 + x2 * (1.0f / 362880) - x4 * (1.0f / 39916800);
+    return x * (low + x6 * high);
+}
+
+float cosine(float x)
+{
+    const float x2 = x * x, x4 = x2 * x2, x6 = x4 * x2;
+    const float low = 1 - x2 * (1.0f / 2) + x4 * (1.0f / 24);
+    const float high = -1.0f / 720 + x2 * (1.0f / 40320) - x4 * (1.0f / 3628800) + x6 * (1.0f / 479001600);
+    return low + x6 * high;
+}
+
+// acos(x) for x in [0, 1], within 3e-8 (Abramowitz and Stegun 4.4.46): a quarter of the library
+// call's time, paid on every change of interval.
+float arcCosine(float x)
+{
+    const float x2 = x * x, x4 = x2 * x2;
+    const float low = (1.5707963050f - 0.2145988016f * x) + x2 * (0.0889789874f - 0.0501743046f * x);
+    const float high = (0.0308918810f - 0.0170881256f * x) + x2 * (0.0066700901f - 0.0012624911f * x);
+    return (low + x4 * high) * std::sqrt(1 - x);
+}
+
+float dot4(const float* a, const float* b)
+{
+    return a[0] * b[0] + a[1] * b[1] + a[2] * b[2] + a[3] * b[3];
+}
+
+// 0 for a zero quaternion, which then stays zero rather than turning into NaNs.
+float inverseLength4(const float* q)
+{
+    const float lengthSquared = dot4(q, q);
+    return lengthSquared > 0 ? 1 / std::sqrt(lengthSquared) : 0.0f;
+}
+
+void normalise4(float* q)
+{
+    const float inverse = inverseLength4(q);
+    for (int i = 0; i < 4; ++i)
+        q[i] *= inverse;
+}
+
+const float* keyValue(const Channel& channel, int key)
+{
+    // A cubic key's value sits between its two tangents.
+    const bool cubic = channel.interpolation == Interpolation::CubicSpline;
+    return channel.values + size_t(cubic ? 3 * key + 1 : key) * size_t(channel.width);
+}
+
+bool blendsFromCache(const Channel& channel)
+{
+    return channel.path != Path::Weights && channel.interpolation != Interpolation::CubicSpline;
+}
+
+// A blend that stays at `value` (3 or 4 floats); short fixed copies rather than library calls.
+void startBlend(Channel& channel, const float* value)
+{
+    for (int i = 0; i < 3; ++i)
+        channel.from[i] = value[i];
+    channel.from[3] = channel.width == 4 ? value[3] : 0.0f;
+    for (float& t : channel.toward)
+        t = 0;
+}
+
+void hold(Channel& channel, int key)
+{
+    channel.held = true;
+    channel.key = key;
+    channel.start = channel.end = 0; // an empty interval, so every sample comes back here
+    channel.angle = 0;
+    if (blendsFromCache(channel))
+        startBlend(channel, keyValue(channel, key));
+}
+
+void enterInterval(Channel& channel, int key)
+{
+    channel.held = false;
+    channel.key = key;
+    channel.start = channel.times[key];
+    channel.end = channel.times[key + 1];
+    channel.inverseLength = 1 / (channel.end - channel.start);
+    channel.angle = 0;
+    if (!blendsFromCache(channel))
+        return;
+    const float *v0 = keyValue(channel, key), *v1 = keyValue(channel, key + 1);
+    startBlend(channel, v0);
+    if (channel.interpolation == Interpolation::Step)
+        return;
+    if (channel.path != Path::Rotation) {
+        for (int i = 0; i < 3; ++i)
+            channel.toward[i] = v1[i] - v0[i];
+        return;
+    }
+    // Slerp as a turn in the plane of the two keys, from `from` towards the unit quaternion
+    // orthogonal to it, along the shorter arc so that keys on opposite hemispheres do not spin
+    // the long way round. Both keys are normalised side by side: square root latency is the cost.
+    const float inverse0 = inverseLength4(v0), inverse1 = inverseLength4(v1);
+    float to[4];
+    for (int i = 0; i < 4; ++i) {
+        channel.from[i] = v0[i] * inverse0;
+        to[i] = v1[i] * inverse1;
+    }
+    float cosAngle = dot4(channel.from, to);
+    const float sign = cosAngle < 0 ? -1.0f : 1.0f;
+    cosAngle *= sign;
+    for (int i = 0; i < 4; ++i)
+        to[i] *= sign;
+    // Nearly parallel keys leave no plane to speak of: a normalised straight blend is as close.
+    if (cosAngle < 0.9995f) {
+        channel.angle = arcCosine(cosAngle);
+        const float inverseSine = 1 / std::sqrt(1 - cosAngle * cosAngle);
+        for (int i = 0; i < 4; ++i)
+            channel.toward[i] = (to[i] - cosAngle * channel.from[i]) * inverseSine;
+    } else {
+        for (int i = 0; i < 4; ++i)
+            channel.toward[i] = to[i] - channel.from[i];
+    }
+}
+
+// The key at or before `time`, for a time strictly inside the channel's range.
+int findKey(const Channel& channel, float time)
+{
+    const float* times = channel.times;
+    const int hint = std::min(channel.key, channel.keyCount - 2);
+    if (times[hint] <= time) {
+        if (time < times[hint + 1])
+            return hint;
+        // Playing forwards usually lands in the next interval.
+        if (hint + 2 < channel.keyCount && time < times[hint + 2])
+            return hint + 1;
+    }
+    return int(std::upper_bound(times, times + channel.keyCount, time) - times) - 1;
+}
+
+// Brings the channel to the interval holding `time` (times outside the keys hold the nearest
+// one) and returns the fraction of it that has passed.
+float locate(Channel& channel, float time)
+{
+    if (!(channel.start <= time && time < channel.end)) {
+        const int lastKey = channel.keyCount - 1;
+        // Written so that a NaN time holds the first key.
+        if (lastKey == 0 || !(time > channel.times[0])) {
+            hold(channel, 0);
+            return 0;
+        }
+        if (time >= channel.times[lastKey]) {
+            hold(channel, lastKey);
+            return 0;
+        }
+        enterInterval(channel, findKey(channel, time));
+    }
+    return (time - channel.start) * channel.inverseLength;
+}
+
+QVector3D blendVector(const Channel& channel, float s)
+{
+    const float *from = channel.from, *toward = channel.toward;
+    return {from[0] + s * toward[0], from[1] + s * toward[1], from[2] + s * toward[2]};
+}
+
+QQuaternion blendRotation(const Channel& channel, float s)
+{
+    float q[4];
+    if (channel.angle > 0) {
+        // Unit by construction: from and toward are orthonormal.
+        const float a = cosine(s * channel.angle), b = sine(s * channel.angle);
+        for (int i = 0; i < 4; ++i)
+            q[i] = a * channel.from[i] + b * channel.toward[i];
+    } else {
+        for (int i = 0; i < 4; ++i)
+            q[i] = channel.from[i] + s * channel.toward[i];
+        normalise4(q);
+    }
+    return QQuaternion(q[3], q[0], q[1], q[2]); // keys are stored x, y, z, w
+}
+
+// Cubic splines and morph weights, straight from the keys.
+void evaluateFromKeys(const Channel& channel, float s, float* out)
+{
+    const int width = channel.width;
+    const float* v0 = keyValue(channel, channel.key);
+    if (channel.held || channel.interpolation == Interpolation::Step) {
+        std::copy_n(v0, width, out);
+        return;
+    }
+    const float* v1 = keyValue(channel, channel.key + 1);
+    if (channel.interpolation == Interpolation::Linear) {
+        for (int i = 0; i < width; ++i)
+            out[i] = v0[i] + s * (v1[i] - v0[i]);
+        return;
+    }
+    // Hermite basis; tangents are per second, so they scale with the interval.
+    const float interval = channel.end - channel.start;
+    const float s2 = s * s, s3 = s2 * s;
+    const float h00 = 2 * s3 - 3 * s2 + 1, h10 = (s3 - 2 * s2 + s) * interval;
+    const float h01 = -2 * s3 + 3 * s2, h11 = (s3 - s2) * interval;
+    const float* outTangent0 = v0 + width;
+    const float* inTangent1 = v1 - width;
+    for (int i = 0; i < width; ++i)
+        out[i] = h00 * v0[i] + h10 * outTangent0[i] + h01 * v1[i] + h11 * inTangent1[i];
+}
+
+// Fills `channel` from `source`, or says why it cannot be played.
+QString checkChannel(const SceneData& scene, const SceneData::Animation& animation,
+                     const SceneData::Animation::Channel& source, Channel& channel)
+{
+    if (source.sampler < 0 || source.sampler >= int(animation.samplers.size()))
+        return QStringLiteral("sampler %1 does not exist").arg(source.sampler);
+    if (source.node < 0 || source.node >= int(scene.nodes.size()))
+        return QStringLiteral("node %1 does not exist").arg(source.node);
+    if (scene.nodes[size_t(source.node)].hasMatrix)
+        return QStringLiteral("node %1 is placed by a matrix, which cannot be animated").arg(source.node);
+    static const QString paths[] = {QStringLiteral("translation"), QStringLiteral("rotation"), QStringLiteral("scale"),
+                                    QStringLiteral("weights")};
+    const auto path = std::find(std::begin(paths), std::end(paths), source.path);
+    if (path == std::end(paths))
+        return QStringLiteral("unknown path \"%1\"").arg(source.path);
+
+    const SceneData::Animation::Sampler& sampler = animation.samplers[size_t(source.sampler)];
+    // No interpolation named means linear.
+    if (sampler.interpolation.isEmpty() || sampler.interpolation == QLatin1String("LINEAR"))
+        channel.interpolation = Interpolation::Linear;
+    else if (sampler.interpolation == QLatin1String("STEP"))
+        channel.interpolation = Interpolation::Step;
+    else if (sampler.interpolation == QLatin1String("CUBICSPLINE"))
+        channel.interpolation = Interpolation::CubicSpline;
+    else
+        return QStringLiteral("unknown interpolation \"%1\"").arg(sampler.interpolation);
+
+    const size_t keys = sampler.input.size();
+    if (keys == 0 || keys > size_t(std::numeric_limits<int>::max() / 3))
+        return QStringLiteral("sampler %1 has %2 keys").arg(source.sampler).arg(keys);
+    if (!std::isfinite(sampler.input[0]))
+        return QStringLiteral("sampler %1 starts at a time that is not a number").arg(source.sampler);
+    for (size_t k = 1; k < keys; ++k) {
+        // Written so that a NaN fails too.
+        if (!(sampler.input[k] > sampler.input[k - 1]) || !std::isfinite(sampler.input[k]))
+            return QStringLiteral("sampler %1's key times do not strictly increase at key %2").arg(source.sampler).arg(k);
+    }
+
+    channel.path = Path(path - std::begin(paths));
+    const size_t elementsPerKey = channel.interpolation == Interpolation::CubicSpline ? 3 : 1;
+    const size_t elements = keys * elementsPerKey;
+    size_t width = channel.path == Path::Rotation ? 4 : 3;
+    if (channel.path == Path::Weights) {
+        // One scalar per morph target and element; the count of targets follows from the length.
+        width = sampler.outputComponents == 1 && sampler.output.size() % elements == 0 ? sampler.output.size() / elements : 0;
+        if (width == 0 || width > size_t(std::numeric_limits<int>::max()))
+            return QStringLiteral("sampler %1 has %2 scalar outputs of %3 components, not a whole number of weights for %4 elements")
+                .arg(source.sampler).arg(sampler.output.size()).arg(sampler.outputComponents).arg(elements);
+    } else if (size_t(sampler.outputComponents) != width || sampler.output.size() != elements * width) {
+        return QStringLiteral("sampler %1 gives %2 floats in groups of %3 where %4 %5 keys need %6 in groups of %7")
+            .arg(source.sampler).arg(sampler.output.size()).arg(sampler.outputComponents).arg(keys)
+            .arg(elementsPerKey == 3 ? QStringLiteral("cubic spline ") + source.path : source.path)
+            .arg(elements * width).arg(width);
+    }
+    channel.times = sampler.input.data();
+    channel.values = sampler.output.data();
+    channel.keyCount = int(keys);
+    channel.width = int(width);
+    channel.node = source.node;
+    return {};
+}
+
+} // namespace
+
+AnimationSampler::AnimationSampler(const SceneData& scene, int animationIndex)
+    : _scene(scene)
+{
+    if (animationIndex < 0 || animationIndex >= int(scene.animations.size())) {
+        _warnings << QStringLiteral("Animation %1 does not exist").arg(animationIndex);
+        return;
+    }
+    const SceneData::Animation& animation = scene.animations[size_t(animationIndex)];
+    // One bit per path and node: a property driven twice would have no defined value.
+    std::vector<unsigned char> driven(scene.nodes.size(), 0);
+    for (size_t c = 0; c < animation.channels.size(); ++c) {
+        Channel channel{};
+        QString problem = checkChannel(scene, animation, animation.channels[c], channel);
+        if (problem.isEmpty()) {
+            unsigned char& bits = driven[size_t(channel.node)];
+            const unsigned char bit = 1u << int(channel.path);
+            if (bits & bit)
+                problem = QStringLiteral("node %1 already has a %2 channel").arg(channel.node).arg(animation.channels[c].path);
+            bits |= bit;
+        }
+        if (!problem.isEmpty()) {
+            _warnings << QStringLiteral("Animation %1, channel %2 is ignored: %3").arg(animationIndex).arg(c).arg(problem);
+            continue;
+        }
+        if (channel.path == Path::Weights) {
+            channel.firstWeight = int(_weightTotal);
+            _weightTotal += size_t(channel.width);
+        }
+        hold(channel, 0);
+        _duration = std::max(_duration, channel.times[channel.keyCount - 1]);
+        _animatedNodes.push_back(channel.node);
+        _channels.push_back(channel);
+    }
+    std::sort(_animatedNodes.begin(), _animatedNodes.end());
+    _animatedNodes.erase(std::unique(_animatedNodes.begin(), _animatedNodes.end()), _animatedNodes.end());
+}
+
+AnimationSampler::AnimationSampler(const AnimationSampler&) = default;
+AnimationSampler::AnimationSampler(AnimationSampler&&) noexcept = default;
+AnimationSampler::~AnimationSampler() = default;
+
+int AnimationSampler::channelCount() const
+{
+    return int(_channels.size());
+}
+
+AnimationPose AnimationSampler::makePose() const
+{
+    AnimationPose pose;
+    pose.nodes.resize(_scene.nodes.size());
+    for (size_t n = 0; n < pose.nodes.size(); ++n) {
+        const SceneData::Node& rest = _scene.nodes[n];
+        pose.nodes[n].translation = rest.translation;
+        pose.nodes[n].rotation = rest.rotation;
+        pose.nodes[n].scale = rest.scale;
+    }
+    for (const Channel& channel : _channels) {
+        if (channel.path == Path::Weights) {
+            pose.nodes[size_t(channel.node)].firstWeight = channel.firstWeight;
+            pose.nodes[size_t(channel.node)].weightCount = channel.width;
+        }
+    }
+    pose.weights.assign(_weightTotal, 0.0f);
+    return pose;
+}
+
+const std::vector<int>& AnimationSampler::sample(float time, AnimationPose& pose)
+{
+    if (pose.nodes.size() != _scene.nodes.size() || pose.weights.size() != _weightTotal)
+        return kNoNodes;
+    for (Channel& channel : _channels) {
+        const float s = locate(channel, time);
+        AnimationPose::Node& node = pose.nodes[size_t(channel.node)];
+        if (channel.path == Path::Weights) {
+            evaluateFromKeys(channel, s, pose.weights.data() + channel.firstWeight);
+        } else if (channel.interpolation == Interpolation::CubicSpline) {
+            float v[4];
+            evaluateFromKeys(channel, s, v);
+            if (channel.path == Path::Rotation) {
+                normalise4(v);
+                node.rotation = QQuaternion(v[3], v[0], v[1], v[2]);
+            } else {
+                (channel.path == Path::Translation ? node.translation : node.scale) = QVector3D(v[0], v[1], v[2]);
+            }
+        } else if (channel.path == Path::Rotation) {
+            node.rotation = blendRotation(channel, s);
+        } else {
+            (channel.path == Path::Translation ? node.translation : node.scale) = blendVector(channel, s);
+        }
+    }
+    return _animatedNodes;
+}
+
+} // namespace Tavren::Vyx
