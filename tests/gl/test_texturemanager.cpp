@@ -191,17 +191,7 @@ TEST_F(TextureManagerTest, PoolRecyclesByKeyAndReferenceCount)
     ASSERT_NE(manager.tempTexture(R, 8, 4), nullptr);
     manager.releaseTempTextureRef(manager.tempTexture(RGBA16F, 4, 8), 1);
 
-    MessageCapture capture;
-    manager.printTempTextureSummary();
-    QStringList lines = capture.texts(QtDebugMsg);
-    ASSERT_EQ(lines.size(), 8);
-    QStringList breakdown = lines.mid(4);
-    breakdown.sort();
-    EXPECT_EQ(lines.mid(0, 4), (QStringList{"5 managed textures:", "- 4 active textures", "- 1 free textures",
-                                            "- breakdown by texture format, width and height:"}));
-    EXPECT_EQ(breakdown, (QStringList{"  - R        8x4: 0 free, 1 active", "  - RGBA16F  4x8: 1 free, 0 active",
-                                      "  - RGBA16F  8x4: 0 free, 1 active", "  - RGBA16F  8x4: 0 free, 2 active"}));
-
+    // Only the 4x8 texture is free.
     const int alive = Texture::NumAlive();
     manager.deleteUnusedTempTextures();
     EXPECT_EQ(Texture::NumAlive(), alive - 1);
