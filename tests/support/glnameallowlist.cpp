@@ -1,6 +1,5 @@
 #include "support/glnameledger.h"
 
-#include <QRegularExpression>
 
 namespace VyxTest {
 
