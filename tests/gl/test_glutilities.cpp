@@ -70,6 +70,7 @@ TEST_F(GLTest, LoaderResolvesEveryCoreEntryPointAndFlagsFollowTheDriver)
     EXPECT_EQ(ogl_GetMajorVersion() * 10 + ogl_GetMinorVersion(), reduced ? 32 : 45);
     EXPECT_EQ(ogl_IsVersionGEQ(3, 2), reduced ? 1 : 0);
     EXPECT_EQ(ogl_IsVersionGEQ(3, 1), 0);
+    EXPECT_EQ(ogl_IsVersionGEQ(4, 0), reduced ? 1 : 0);
     EXPECT_EQ(ogl_IsVersionGEQ(4, 5), 1);
     EXPECT_EQ(openGlVersionSupported(4, 0), !reduced);
     EXPECT_EQ(openGlVersionSupported(4, 5), !reduced);

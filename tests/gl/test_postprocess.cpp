@@ -7,7 +7,6 @@
 #include "support/gltest.h"
 #include "support/messagecapture.h"
 
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>

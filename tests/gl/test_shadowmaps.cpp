@@ -14,7 +14,6 @@
 #include "support/gltest.h"
 #include "support/messagecapture.h"
 
-
 #include <cmath>
 #include <memory>
 #include <vector>
