@@ -5,7 +5,6 @@
 #include "support/gltest.h"
 #include "support/messagecapture.h"
 
-#include <memory>
 #include <vector>
 
 using namespace Tavren::Vyx;

@@ -62,14 +62,11 @@ TEST_F(GLTest, LoaderResolvesEveryCoreEntryPointAndFlagsFollowTheDriver)
         EXPECT_EQ(firstEntryPoint != nullptr, listed.contains(name)) << name;
     }
     EXPECT_EQ(ogl_ext_ARB_texture_cube_map_array, listed.contains("GL_ARB_texture_cube_map_array") ? 1 : 0);
-    if (isReducedProfileRun())
-        EXPECT_EQ(ogl_ext_ARB_draw_indirect + ogl_ext_ARB_shader_image_load_store, 0);
-}
-
-TEST_F(GLTest, VersionComparisonRunsTheOppositeWayToItsName)
-{
-    // ogl_IsVersionGEQ answers whether the asked version is at least the context's.
     const bool reduced = isReducedProfileRun();
+    if (reduced)
+        EXPECT_EQ(ogl_ext_ARB_draw_indirect + ogl_ext_ARB_shader_image_load_store, 0);
+
+    // ogl_IsVersionGEQ answers whether the asked version is at least the context's.
     EXPECT_EQ(ogl_GetMajorVersion() * 10 + ogl_GetMinorVersion(), reduced ? 32 : 45);
     EXPECT_EQ(ogl_IsVersionGEQ(3, 2), reduced ? 1 : 0);
     EXPECT_EQ(ogl_IsVersionGEQ(3, 1), 0);
@@ -96,10 +93,8 @@ TEST_F(GLTest, ProcAddressIsNullForWhatTheContextLacks)
     // Hidden extensions are absent to lookups and queries alike.
     EXPECT_EQ(getGLProcAddress("glNamedBufferData", true) != nullptr, !isReducedProfileRun());
     EXPECT_EQ(hasGLExtension("GL_ARB_direct_state_access"), !isReducedProfileRun());
-}
 
-TEST_F(GLTest, ExtensionNamesWithAndWithoutPrefixAreTheSameQuery)
-{
+    // Names with and without the prefix are the same query.
     const bool listed = driverExtensions().contains("GL_ARB_get_program_binary");
     EXPECT_EQ(hasGLExtension("GL_ARB_get_program_binary"), listed);
     EXPECT_EQ(hasGLExtension("ARB_get_program_binary"), listed);
@@ -116,32 +111,9 @@ TEST_F(GLTest, NoExtensionsVariableSilencesAContextForGood)
     EXPECT_FALSE(hasGLExtension("GL_KHR_debug"));
 }
 
-TEST_F(GLTest, ExtensionSetsAreKeptPerContext)
-{
-    ASSERT_TRUE(hasGLExtension("GL_KHR_debug"));
-    void* first = GLContextTracker::currentContext();
-    HeadlessGLContext second;
-    ASSERT_TRUE(second.create() && second.makeCurrent());
-    EXPECT_NE(GLContextTracker::currentContext(), first);
-    setenv("VYX_NO_GL_EXTENSIONS", "1", 1);
-    EXPECT_FALSE(hasGLExtension("GL_KHR_debug"));
-    ASSERT_TRUE(context.makeCurrent());
-    EXPECT_EQ(GLContextTracker::currentContext(), first);
-    EXPECT_TRUE(hasGLExtension("GL_KHR_debug"));
-    unsetenv("VYX_NO_GL_EXTENSIONS");
-
-    GLContextTracker tracker;
-    tracker.trackCurrentContext();
-    EXPECT_TRUE(tracker.check());
-    ASSERT_TRUE(second.makeCurrent());
-    EXPECT_FALSE(tracker.check());
-    context.doneCurrent();
-    EXPECT_FALSE(tracker.check());
-}
-
-// Each context answers the capability table for itself, once: a row hidden in a second
-// context stays as it was in the first, and the entry points follow the profile.
-TEST_F(GLTest, CapabilityTableIsAnsweredPerContext)
+// Each context keeps its own extension set and capability table, answered once: what a second
+// context hides stays as it was in the first.
+TEST_F(GLTest, ExtensionsAndCapabilitiesAreKeptPerContext)
 {
     EXPECT_EQ(hasGLCapability(GLCapability::BufferStorage), !isReducedProfileRun());
     EXPECT_EQ(glCapability(GLCapability::TransformFeedbackVaryings),
@@ -152,14 +124,26 @@ TEST_F(GLTest, CapabilityTableIsAnsweredPerContext)
     const bool first = hasGLCapability(row);
     EXPECT_EQ(first, hasGLExtension(glCapabilityRow(row).name));
 
+    void* firstContext = GLContextTracker::currentContext();
     const QByteArray hidden = qgetenv("VYX_HIDE_GL_EXTENSIONS");
     qputenv("VYX_HIDE_GL_EXTENSIONS", hidden + " " + glCapabilityRow(row).name);
     HeadlessGLContext second;
     ASSERT_TRUE(second.create() && second.makeCurrent());
-    EXPECT_FALSE(hasGLCapability(row));
+    EXPECT_NE(GLContextTracker::currentContext(), firstContext);
+    EXPECT_FALSE(hasGLCapability(row) || hasGLExtension(glCapabilityRow(row).name));
     ASSERT_TRUE(context.makeCurrent());
+    EXPECT_EQ(GLContextTracker::currentContext(), firstContext);
     EXPECT_EQ(hasGLCapability(row), first);
+    EXPECT_EQ(hasGLExtension(glCapabilityRow(row).name), first);
     qputenv("VYX_HIDE_GL_EXTENSIONS", hidden);
+
+    GLContextTracker tracker;
+    tracker.trackCurrentContext();
+    EXPECT_TRUE(tracker.check());
+    ASSERT_TRUE(second.makeCurrent());
+    EXPECT_FALSE(tracker.check());
+    context.doneCurrent();
+    EXPECT_FALSE(tracker.check());
 }
 
 TEST_F(GLTest, ErrorDrainingStopsAfterTenCodes)
@@ -200,26 +184,6 @@ TEST_F(GLTest, GuardsRestoreTheStateTheyFound)
     }
     EXPECT_FALSE(glIsEnabled(GL_BLEND));
     EXPECT_TRUE(glIsEnabled(GL_DEPTH_TEST));
-}
-
-TEST_F(GLTest, FramebufferDumpNamesBindingAndAttachments)
-{
-    const std::unique_ptr<Texture> colour = VyxTest::texture2D(4, 4, GL_RGBA8);
-    const GLuint texture = colour->textureID();
-    GLuint framebuffer = 0;
-    glGenFramebuffers(1, &framebuffer);
-    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
-    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
-    MessageCapture capture;
-    logGLFramebuffer();
-    ASSERT_EQ(capture.texts(QtDebugMsg).size(), 1);
-    const QString line = capture.texts(QtDebugMsg).front();
-    EXPECT_TRUE(line.startsWith("logGLFramebuffer() [")) << line.toStdString();
-    EXPECT_TRUE(line.contains(QString("'%1'").arg(reinterpret_cast<const char*>(glGetString(GL_VERSION)))));
-    EXPECT_TRUE(line.endsWith(QString::asprintf(" [fb] %3d [0] 0x%04X %3d [d] 0x0000 0", framebuffer, GL_TEXTURE, texture)))
-        << line.toStdString();
-    glBindFramebuffer(GL_FRAMEBUFFER, 0);
-    glDeleteFramebuffers(1, &framebuffer);
 }
 
 TEST_F(GLTest, DebugOutputReachesQDebug)

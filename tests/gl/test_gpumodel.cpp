@@ -175,21 +175,13 @@ protected:
     }
 
     // Whether command c of drawable k shows its material's colour (or nothing).
-    ::testing::AssertionResult shows(int k, int c, bool drawn)
-    {
-        const QPoint p = probe(k, c);
-        const QColor expected = drawn ? materialColour(k % kMaterials) : QColor(0, 0, 0, 0);
-        const QColor actual = target->pixel(p.x(), p.y());
-        if (actual == expected)
-            return ::testing::AssertionSuccess();
-        return ::testing::AssertionFailure() << "drawable " << k << " command " << c << " at (" << p.x() << ", "
-                                             << p.y() << ") holds " << qPrintable(actual.name(QColor::HexArgb))
-                                             << ", expected " << qPrintable(expected.name(QColor::HexArgb));
-    }
     void expectShown(std::initializer_list<std::tuple<int, int, bool>> cases)
     {
-        for (const auto& [k, c, drawn] : cases)
-            EXPECT_TRUE(shows(k, c, drawn));
+        for (const auto& [k, c, drawn] : cases) {
+            const QPoint p = probe(k, c);
+            EXPECT_EQ(target->pixel(p.x(), p.y()), drawn ? materialColour(k % kMaterials) : QColor(0, 0, 0, 0))
+                << "drawable " << k << " command " << c << " at (" << p.x() << ", " << p.y() << ")";
+        }
     }
 
     template <typename Test>
@@ -237,7 +229,7 @@ TEST_F(GPUModelTest, DrawsEveryObjectWithItsMaterialWhereItsWorldMatrixPutsIt)
         moved.translate(0.5f, 0);
         model.setLocalTransform(rows[5], moved);
         ASSERT_TRUE(render());
-        EXPECT_TRUE(shows(2, 20, true));
+        expectShown({{2, 20, true}});
     });
 }
 

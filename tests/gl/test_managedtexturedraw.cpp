@@ -9,7 +9,6 @@
 #include "support/messagecapture.h"
 #include "support/testenvironment.h"
 
-#include <QFile>
 #include <QImage>
 #include <QTemporaryDir>
 
@@ -69,34 +68,24 @@ enum class Kind { Sampler, Array };
 
 struct Column { TextureToken token; int topLevel = 0; std::array<std::array<int, 4>, kRows> expected{}; };
 
-GLint parameter(GLenum name, int level = -1)
-{
-    GLint value = 0;
-    if (level < 0)
-        glGetTexParameteriv(GL_TEXTURE_2D, name, &value);
-    else
-        glGetTexLevelParameteriv(GL_TEXTURE_2D, level, name, &value);
-    return value;
-}
-
 // Texel (0, 0) of level 0 and of the top level, as an 8-bit target stores them.
 Column columnFor(TextureToken token, Texture* texture)
 {
+    using VyxTest::levelParameter;
     Column column{token};
+    GLint maxLevel = 0;
     texture->bind();
-    const int maxLevel = parameter(GL_TEXTURE_MAX_LEVEL);
-    while (column.topLevel < maxLevel && parameter(GL_TEXTURE_WIDTH, column.topLevel + 1) > 0)
+    glGetTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MAX_LEVEL, &maxLevel);
+    texture->unbind();
+    while (column.topLevel < maxLevel && levelParameter(texture, GL_TEXTURE_WIDTH, 0, column.topLevel + 1) > 0)
         ++column.topLevel;
-    glPixelStorei(GL_PACK_ALIGNMENT, 1);
     for (int row = 0; row < kRows; ++row) {
         const int level = row < 2 ? 0 : column.topLevel;
-        std::vector<float> texels(size_t(parameter(GL_TEXTURE_WIDTH, level) * parameter(GL_TEXTURE_HEIGHT, level) * 4));
-        glGetTexImage(GL_TEXTURE_2D, level, GL_RGBA, GL_FLOAT, texels.data());
+        const int texels = levelParameter(texture, GL_TEXTURE_WIDTH, 0, level) * levelParameter(texture, GL_TEXTURE_HEIGHT, 0, level);
+        const std::vector<float> rgba = VyxTest::texImage<float>(texture, GL_RGBA, GL_FLOAT, size_t(texels) * 4, 0, level);
         for (int c = 0; c < 4; ++c)
-            column.expected[size_t(row)][size_t(c)] = int(std::lround(std::clamp(texels[size_t(c)], 0.0f, 1.0f) * 255.0f));
+            column.expected[size_t(row)][size_t(c)] = int(std::lround(std::clamp(rgba[size_t(c)], 0.0f, 1.0f) * 255.0f));
     }
-    glPixelStorei(GL_PACK_ALIGNMENT, 4);
-    texture->unbind();
     return column;
 }
 

@@ -14,9 +14,6 @@
 #include <QBuffer>
 #include <QDir>
 #include <QFileInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 
 #include <algorithm>
 #include <cmath>
@@ -70,32 +67,20 @@ protected:
 // A one-triangle scene with the faults a case asks for, as glTF JSON with an embedded buffer.
 QByteArray triangleScene(int accessorCount, quint16 lastIndex, const QString& imageUri)
 {
-    QByteArray bin;
     const float positions[] = {0, 0, 0, 1, 0, 0, 0, 1, 0};
     const quint16 indices[] = {0, 1, lastIndex, 0};
-    bin.append(reinterpret_cast<const char*>(positions), sizeof(positions));
-    bin.append(reinterpret_cast<const char*>(indices), sizeof(indices));
-    QJsonObject material{{"pbrMetallicRoughness", QJsonObject{{"baseColorTexture", QJsonObject{{"index", 0}}}}}};
-    const QJsonObject primitive{{"attributes", QJsonObject{{"POSITION", 0}}}, {"indices", 1}, {"material", 0}};
-    const QJsonObject positionAccessor{{"bufferView", 0}, {"componentType", 5126}, {"count", accessorCount},
-                                       {"type", "VEC3"}, {"min", QJsonArray{0, 0, 0}}, {"max", QJsonArray{1, 1, 0}}};
-    const QJsonObject indexAccessor{{"bufferView", 1}, {"componentType", 5123}, {"count", 3}, {"type", "SCALAR"}};
-    const QJsonObject buffer{{"byteLength", bin.size()},
-                             {"uri", QString("data:application/octet-stream;base64," + bin.toBase64())}};
-    QJsonObject root;
-    root["asset"] = QJsonObject{{"version", "2.0"}};
-    root["scenes"] = QJsonArray{QJsonObject{{"nodes", QJsonArray{0}}}};
-    root["nodes"] = QJsonArray{QJsonObject{{"mesh", 0}}};
-    root["meshes"] = QJsonArray{QJsonObject{{"primitives", QJsonArray{primitive}}}};
-    root["materials"] = QJsonArray{material};
-    root["textures"] = QJsonArray{QJsonObject{{"source", 0}, {"sampler", 0}}};
-    root["samplers"] = QJsonArray{QJsonObject{{"magFilter", 9728}, {"minFilter", 9728}, {"wrapS", 33071}, {"wrapT", 33648}}};
-    root["images"] = QJsonArray{QJsonObject{{"uri", imageUri}}};
-    root["accessors"] = QJsonArray{positionAccessor, indexAccessor};
-    root["bufferViews"] = QJsonArray{QJsonObject{{"buffer", 0}, {"byteOffset", 0}, {"byteLength", 36}},
-                                     QJsonObject{{"buffer", 0}, {"byteOffset", 36}, {"byteLength", 8}}};
-    root["buffers"] = QJsonArray{buffer};
-    return QJsonDocument(root).toJson();
+    const QByteArray bin = QByteArray(reinterpret_cast<const char*>(positions), sizeof(positions)) +
+                           QByteArray(reinterpret_cast<const char*>(indices), sizeof(indices));
+    return QStringLiteral(R"({"asset": {"version": "2.0"}, "scenes": [{"nodes": [0]}], "nodes": [{"mesh": 0}],
+ "meshes": [{"primitives": [{"attributes": {"POSITION": 0}, "indices": 1, "material": 0}]}],
+ "materials": [{"pbrMetallicRoughness": {"baseColorTexture": {"index": 0}}}], "textures": [{"source": 0, "sampler": 0}],
+ "samplers": [{"magFilter": 9728, "minFilter": 9728, "wrapS": 33071, "wrapT": 33648}], "images": [{"uri": "%3"}],
+ "accessors": [{"bufferView": 0, "componentType": 5126, "count": %1, "type": "VEC3", "min": [0, 0, 0], "max": [1, 1, 0]},
+               {"bufferView": 1, "componentType": 5123, "count": 3, "type": "SCALAR"}],
+ "bufferViews": [{"buffer": 0, "byteLength": 36}, {"buffer": 0, "byteOffset": 36, "byteLength": 8}],
+ "buffers": [{"byteLength": 44, "uri": "data:application/octet-stream;base64,%2"}]})")
+        .arg(QString::number(accessorCount), QString::fromLatin1(bin.toBase64()), imageUri)
+        .toUtf8();
 }
 
 } // namespace
@@ -227,18 +212,17 @@ TEST_F(SceneRenderTest, ModelsFromTheTestModelPackageRenderWithoutGLErrors)
 
 TEST_F(SceneRenderTest, MalformedScenesFailWithAMessage)
 {
-    const QByteArray demo = DemoScene::glb();
+    // The reader's own refusals are its tests' business; these are the importer's, and one of
+    // the reader's passed on.
     const struct
     {
         const char* name;
         QByteArray bytes;
         const char* message;
     } cases[] = {
-        {"truncated container", demo.left(demo.size() / 2), ""},
         {"accessor past its buffer", triangleScene(40, 2, "white.png"), "Accessor 0 reaches past the end of its buffer"},
         {"index out of range", triangleScene(3, 7, "white.png"), "Mesh 0 primitive 0 uses vertex 7 of 3"},
         {"missing buffer file", triangleScene(3, 2, "x").replace("data:application/octet-stream;base64,", "gone.bin#"), ""},
-        {"not JSON", QByteArray("{ nodes"), ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

@@ -1,3 +1,6 @@
+#include "gl/drawing/drawbuffers.h"
+#include "gl/drawing/opengldevicecontext.h"
+#include "gl/objects/vertexarrayobject.h"
 #include "gl/platform/glutilities.h"
 #include "gl/platform/rangedvalue.h"
 #include "gl/shaders/glslmacroprocessor.h"
@@ -34,26 +37,17 @@ namespace {
 
 constexpr int kSize = 16;
 
-// One triangle covering the target through the program's va_Vertex/va_TexCoord inputs.
-void drawFullScreen(const ShaderProgram& program)
+// The device context's quad over the target, through the program's va_Vertex/va_TexCoord
+// inputs; the draw sets the program's draw ID.
+void drawFullScreen(ShaderProgram& program, int drawID)
 {
-    const float vertices[] = {-1, -1, 0, 1, 0, 0, 3, -1, 0, 1, 2, 0, -1, 3, 0, 1, 0, 2};
-    GLuint vao = 0, vbo = 0;
-    glGenVertexArrays(1, &vao);
-    glBindVertexArray(vao);
-    glGenBuffers(1, &vbo);
-    glBindBuffer(GL_ARRAY_BUFFER, vbo);
-    glBufferData(GL_ARRAY_BUFFER, sizeof(vertices), vertices, GL_STATIC_DRAW);
-    const GLuint position = GLuint(program.getVertexAttributeLocation("va_Vertex"));
-    const GLuint texCoord = GLuint(program.getVertexAttributeLocation("va_TexCoord"));
-    glEnableVertexAttribArray(position);
-    glVertexAttribPointer(position, 4, GL_FLOAT, GL_FALSE, 6 * sizeof(float), nullptr);
-    glEnableVertexAttribArray(texCoord);
-    glVertexAttribPointer(texCoord, 2, GL_FLOAT, GL_FALSE, 6 * sizeof(float), reinterpret_cast<void*>(4 * sizeof(float)));
-    glDrawArrays(GL_TRIANGLES, 0, 3);
-    glBindVertexArray(0);
-    glDeleteBuffers(1, &vbo);
-    glDeleteVertexArrays(1, &vao);
+    QSharedPointer<DrawBuffers> quad = OpenGLDeviceContext::current()->fullscreenQuad();
+    ASSERT_TRUE(quad->VAO()->bind());
+    quad->VAO()->enableShaderProgramArrays(&program);
+    quad->setDrawIDBase(drawID);
+    EXPECT_TRUE(quad->draw(&program));
+    quad->setDrawIDBase(0);
+    quad->VAO()->unbind();
 }
 
 const char* const kNoiseFragment = R"(#version 150
@@ -89,8 +83,7 @@ void expectNoiseDrawn(ShaderProgram& program)
     VyxTest::ColourTarget target(kSize, kSize);
     ASSERT_TRUE(program.bind());
     EXPECT_TRUE(program.setUniform("u_Color", QVariant(QColor(255, 0, 0, 128))));
-    EXPECT_TRUE(program.setUniform(program.getUniformLocationNameID(), 7u));
-    drawFullScreen(program);
+    drawFullScreen(program, 7);
     program.unbind();
     const std::vector<int> red = target.channel(0), green = target.channel(1), noise = target.channel(2);
     EXPECT_EQ(std::count(red.begin(), red.end(), 255), kSize * kSize);

@@ -14,8 +14,6 @@
 #include "support/gltest.h"
 #include "support/messagecapture.h"
 
-#include <QVector4D>
-
 #include <cmath>
 #include <memory>
 #include <vector>

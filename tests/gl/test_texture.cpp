@@ -122,15 +122,11 @@ TEST_F(TextureTest, MisuseIsReportedAndNamesAreNotLeaked)
     GLuint wrappedName = 0;
     glGenTextures(1, &wrappedName);
     {
-        std::vector<std::unique_ptr<Texture>> textures;
-        for (int i = 0; i < 3; ++i) {
-            textures.push_back(std::make_unique<Texture>());
-            textures.back()->create2D(GL_TEXTURE_2D, GL_RGBA8, 2, 2);
-        }
-        textures.push_back(std::make_unique<Texture>(wrappedName));
-        textures.back()->setTarget(GL_TEXTURE_2D);
-        ASSERT_TRUE(textures.back()->bind() && textures.back()->unbind());
-        EXPECT_EQ(Texture::NumAlive(), 5);
+        Texture managed, wrapped(wrappedName);
+        managed.create2D(GL_TEXTURE_2D, GL_RGBA8, 2, 2);
+        wrapped.setTarget(GL_TEXTURE_2D);
+        ASSERT_TRUE(wrapped.bind() && wrapped.unbind());
+        EXPECT_EQ(Texture::NumAlive(), 3);
     }
     EXPECT_EQ(Texture::NumAlive(), 1);
     EXPECT_TRUE(glIsTexture(wrappedName));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QColor>
 #include <QString>
 #include <QStringList>
 
@@ -23,4 +24,9 @@ inline void PrintTo(const QStringList& list, std::ostream* out)
     for (int i = 0; i < list.size(); ++i)
         *out << (i ? ", " : "") << '"' << list[i].toStdString() << '"';
     *out << "}";
+}
+
+inline void PrintTo(const QColor& colour, std::ostream* out)
+{
+    *out << colour.name(QColor::HexArgb).toStdString();
 }

@@ -211,29 +211,10 @@ TEST(GPUModel, BoxesFrustaAndCamerasAgree)
     EXPECT_TRUE(near(model.getCameraWorldSpaceMatrix(index), lift * camera.worldMatrix()));
 }
 
-// Zero scale culls by the world matrix's first three rows, translation included: an object
-// flattened along x but moved along it keeps a row and is drawn (as nothing).
-TEST(GPUModel, ZeroScaleCullsOnlyAnEmptyRow)
-{
-    QMatrix4x4 movedFlat, flat;
-    movedFlat.translate(1, 0, 0);
-    movedFlat.scale(0, 1, 1);
-    flat.scale(0, 1, 1);
-    const DrawElementsIndirectCommand commands[2] = {{3, 1, 0, 0, 0}, {3, 1, 0, 0, 1}};
-    DrawBuffers buffers;
-    buffers.setDrawElementsIndirectCommands(commands, 2);
-    GPUModel model;
-    const int id = model.add(&buffers, 0, nullptr, nullptr, 0);
-    model.useTransform(id, 0, model.addTransform(-1, movedFlat));
-    model.useTransform(id, 1, model.addTransform(-1, flat));
-    model.updateTransforms();
-    EXPECT_EQ(model.visibilityCull(), 1);
-    EXPECT_FALSE(model.isCommandCulled(0, 0));
-    EXPECT_TRUE(model.isCommandCulled(0, 1));
-}
-
 // Culling keeps per-transform verdicts and world-space boxes between frames; whatever is edited,
-// a cull must agree with the verdicts recomputed from the public state.
+// a cull must agree with the verdicts recomputed from the public state. Zero scale culls by the
+// world matrix's first three rows, translation included: a leaf flattened along x but moved
+// along it keeps a row and is drawn (as nothing).
 TEST(GPUModel, CullingFollowsEveryEditOfTransformsVisibilityAndBoxes)
 {
     constexpr int kCommands = 40;

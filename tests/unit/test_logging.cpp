@@ -22,7 +22,7 @@ bool refusesNull(const void* p)
 
 } // namespace
 
-TEST(Logging, AssertionLineEscapesPercentInConditionAndFillsMessageFirst)
+TEST(Logging, AssertionLineEscapesPercentInTheConditionOnlyAndPrintsItAsWritten)
 {
     MessageCapture capture;
     EXPECT_FALSE(failingCheck(3));
@@ -34,12 +34,9 @@ TEST(Logging, AssertionLineEscapesPercentInConditionAndFillsMessageFirst)
     // The message's own "%" stays as filled in; only the condition's are escaped.
     EXPECT_EQ(VyxTest::withoutLocation(line),
               "[ !! ] Assertion 'value \\% 2 == 0' failed: value 3 is odd (50% off)");
-}
 
-// A macro in a condition (NULL, GL enums) prints as written, not expanded, in every form.
-TEST(Logging, ConditionsPrintAsWritten)
-{
-    MessageCapture capture;
+    // A macro in a condition (NULL, GL enums) prints as written, not expanded, in every form.
+    capture.clear();
     EXPECT_FALSE(refusesNull(nullptr));
     EXPECT_EQ(capture.bodies(QtCriticalMsg), (QStringList{"[ !! ] Assertion 'NULL != p' failed: goes on",
                                                           "[ !! ] Assertion 'NULL != p' failed: gives up"}));
@@ -54,10 +51,6 @@ TEST(Logging, LevelsUseBaseNameAndLine)
     VYX_CRITICAL("bad %s", "thing");
     EXPECT_EQ(capture.texts(QtWarningMsg), QStringList{QString("[test_logging.cpp:%1] answer 42").arg(line)});
     EXPECT_EQ(capture.bodies(QtDebugMsg) + capture.bodies(QtCriticalMsg), (QStringList{"note", "bad thing"}));
-}
-
-TEST(Logging, SourceBaseName)
-{
     EXPECT_STREQ(Tavren::Vyx::sourceBaseName("/a/b/c.cpp"), "c.cpp");
     EXPECT_STREQ(Tavren::Vyx::sourceBaseName("c.cpp"), "c.cpp");
     EXPECT_STREQ(Tavren::Vyx::sourceBaseName(nullptr), "");
