@@ -103,8 +103,12 @@ public:
         QJsonObject root{
             {"asset", QJsonObject{{"version", "2.0"}}},
             {"scene", 0},
-            {"scenes", QJsonArray{QJsonObject{{"nodes", QJsonArray{0, 1}}}}},
-            {"nodes", QJsonArray{meshNode, QJsonObject{{"camera", 0}, {"translation", QJsonArray{half, 0.5, 2}}}}},
+            {"scenes", QJsonArray{QJsonObject{{"nodes", _sun ? QJsonArray{0, 1, 2} : QJsonArray{0, 1}}}}},
+            {"nodes", QJsonArray{meshNode, QJsonObject{{"camera", 0}, {"translation", QJsonArray{half, 0.5, 2}}},
+                                 // Shines down -Z turned 45 degrees about X: from above and in front.
+                                 QJsonObject{{"rotation", QJsonArray{-0.3826834, 0, 0, 0.9238795}},
+                                             {"extensions", QJsonObject{{"KHR_lights_punctual",
+                                                                         QJsonObject{{"light", 0}}}}}}}},
             {"cameras", QJsonArray{QJsonObject{
                             {"type", "orthographic"},
                             {"orthographic", QJsonObject{{"xmag", half}, {"ymag", 0.5}, {"znear", 0.1}, {"zfar", 10}}}}}},
@@ -115,6 +119,9 @@ public:
             {"buffers", QJsonArray{QJsonObject{{"byteLength", _bin.size()},
                                                {"uri", QString::fromLatin1("data:application/octet-stream;base64," +
                                                                            _bin.toBase64())}}}}};
+        if (_sun)
+            root.insert("extensions", QJsonObject{{"KHR_lights_punctual",
+                                                   QJsonObject{{"lights", QJsonArray{QJsonObject{{"type", "directional"}}}}}}});
         if (!_textures.isEmpty()) {
             root.insert("images", _images);
             root.insert("textures", _textures);
@@ -124,11 +131,14 @@ public:
         return QJsonDocument(root).toJson(QJsonDocument::Compact);
     }
     int quads() const { return _quads; }
+    // A white directional light from above the row and in front of it.
+    void addSun() { _sun = true; }
 
 private:
     QByteArray _bin;
     QJsonArray _views, _accessors, _images, _textures, _materials, _primitives;
     int _quads = 0;
+    bool _sun = false;
 };
 
 class GLTFFeaturesTest : public VyxTest::GLTest
@@ -241,6 +251,37 @@ TEST_F(GLTFFeaturesTest, VertexColoursUnlitAndEmissiveStrength)
     expectNear(quarter(image, 0, 0), qRgb(255, 0, 0), "float vertex colour");
     expectNear(quarter(image, 1, 3), qRgb(0, 188, 0), "byte vertex colour times an unlit factor of 0.5");
     EXPECT_GT(qRed(quarter(image, 3, 0)), qRed(quarter(image, 2, 0)) + 60) << "emissive strength 8 against 1";
+}
+
+// A normal map tilted towards the picture's top lights a quad as if it faced the light above,
+// whether the frame comes from file tangents or from derivatives; with the picture upside down
+// (v running up the quad, tangent handedness -1) it faces away.
+TEST_F(GLTFFeaturesTest, NormalMapsFollowThePictureUpwards)
+{
+    QuadScene scene;
+    scene.addSun();
+    const QRgb flat[4] = {qRgb(128, 128, 255), qRgb(128, 128, 255), qRgb(128, 128, 255), qRgb(128, 128, 255)};
+    const QRgb up[4] = {qRgb(128, 218, 218), qRgb(128, 218, 218), qRgb(128, 218, 218), qRgb(128, 218, 218)};
+    const auto material = [&](const QRgb colours[4]) {
+        return QJsonObject{{"pbrMetallicRoughness", QJsonObject{{"metallicFactor", 0}, {"roughnessFactor", 1}}},
+                           {"normalTexture", QJsonObject{{"index", scene.texture(cornersImage(colours))}}}};
+    };
+    const float uprightTangents[16] = {1, 0, 0, 1, 1, 0, 0, 1, 1, 0, 0, 1, 1, 0, 0, 1};
+    const float flippedTangents[16] = {1, 0, 0, -1, 1, 0, 0, -1, 1, 0, 0, -1, 1, 0, 0, -1};
+    const float flippedUV[8] = {0, 0, 1, 0, 1, 1, 0, 1};
+    scene.quad(material(flat));
+    scene.quad(material(up));
+    scene.quad(material(up), {{"TANGENT", scene.accessor(uprightTangents, sizeof(uprightTangents), 5126, 4, "VEC4")}});
+    scene.quad(material(up), {{"TEXCOORD_0", scene.accessor(flippedUV, sizeof(flippedUV), 5126, 4, "VEC2")}});
+    scene.quad(material(up), {{"TEXCOORD_0", scene.accessor(flippedUV, sizeof(flippedUV), 5126, 4, "VEC2")},
+                              {"TANGENT", scene.accessor(flippedTangents, sizeof(flippedTangents), 5126, 4, "VEC4")}});
+    const QImage image = render(scene);
+    ASSERT_FALSE(image.isNull());
+    const int flatLevel = qGray(quarter(image, 0, 0));
+    EXPECT_GT(qGray(quarter(image, 1, 0)), flatLevel + 10) << "derived frame, upright picture";
+    EXPECT_GT(qGray(quarter(image, 2, 0)), flatLevel + 10) << "file tangents, upright picture";
+    EXPECT_LT(qGray(quarter(image, 3, 0)), flatLevel - 10) << "derived frame, picture upside down";
+    EXPECT_LT(qGray(quarter(image, 4, 0)), flatLevel - 10) << "file tangents with handedness -1, picture upside down";
 }
 
 // More textures than the sampler manager has slots: the import splits the draw, every quad shows

@@ -1,6 +1,8 @@
 #include "render/sceneframing.h"
 #include "support/messagecapture.h"
 
+#include <QVector2D>
+
 #include <gtest/gtest.h>
 
 #include <cmath>
