@@ -255,8 +255,8 @@ TEST_F(GLTFFeaturesTest, VertexColoursUnlitAndEmissiveStrength)
 }
 
 // A normal map tilted towards the picture's top lights a quad as if it faced the light above,
-// whether the frame comes from file tangents or from derivatives; with the picture upside down
-// (v running up the quad, tangent handedness -1) it faces away.
+// with the file's tangents or generated ones; with the picture upside down (v running up the
+// quad, tangent handedness -1) it faces away.
 TEST_F(GLTFFeaturesTest, NormalMapsFollowThePictureUpwards)
 {
     QuadScene scene;
@@ -280,9 +280,9 @@ TEST_F(GLTFFeaturesTest, NormalMapsFollowThePictureUpwards)
     const QImage image = render(scene);
     ASSERT_FALSE(image.isNull());
     const int flatLevel = qGray(quarter(image, 0, 0));
-    EXPECT_GT(qGray(quarter(image, 1, 0)), flatLevel + 10) << "derived frame, upright picture";
+    EXPECT_GT(qGray(quarter(image, 1, 0)), flatLevel + 10) << "generated tangents, upright picture";
     EXPECT_GT(qGray(quarter(image, 2, 0)), flatLevel + 10) << "file tangents, upright picture";
-    EXPECT_LT(qGray(quarter(image, 3, 0)), flatLevel - 10) << "derived frame, picture upside down";
+    EXPECT_LT(qGray(quarter(image, 3, 0)), flatLevel - 10) << "generated tangents, picture upside down";
     EXPECT_LT(qGray(quarter(image, 4, 0)), flatLevel - 10) << "file tangents with handedness -1, picture upside down";
 }
 
