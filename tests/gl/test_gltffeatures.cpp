@@ -55,11 +55,6 @@ public:
         QJsonObject a{{"bufferView", _views.size() - 1}, {"componentType", componentType}, {"count", count}, {"type", type}};
         if (normalized)
             a.insert("normalized", true);
-        if (QLatin1String(type) == QLatin1String("VEC3")) {
-            const auto* f = static_cast<const float*>(data);
-            a.insert("min", QJsonArray{f[0], f[1], f[2]});
-            a.insert("max", QJsonArray{f[6], f[7], f[8]});
-        }
         _accessors.append(a);
         return _accessors.size() - 1;
     }
