@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   glslang-tools libstb-dev imagemagick libastcenc-dev astcenc
   xvfb xauth libtinygltf-dev assimp-testmodels
+  libdraco-dev libmeshoptimizer-dev libzstd-dev gltfpack
   clang ccache
 )
 
