@@ -9,12 +9,15 @@
 #include "gl/textureio/ktxparser.h"
 #include "gl/textures/samplertexturemanager.h"
 #include "render/gltfimporter.h"
+#include "scene/animationsampler.h"
+#include "scene/gltfscenereader.h"
 
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
 #include <QImageReader>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -67,6 +70,29 @@ int inspectKTX(Memory& memory)
     return 0;
 }
 
+// Skins, morph targets and animations, from the GL-free reading of the file.
+void printAnimation(const QString& path)
+{
+    GLTFSceneReader reader;
+    const std::unique_ptr<SceneData> scene = reader.read(path);
+    if (!scene)
+        return;
+    for (size_t s = 0; s < scene->skins.size(); ++s)
+        std::printf("  skin %zu:     '%s', %zu joints\n", s, qPrintable(scene->skins[s].name), scene->skins[s].joints.size());
+    for (size_t m = 0; m < scene->meshes.size(); ++m) {
+        size_t targets = 0;
+        for (const SceneData::Primitive& p : scene->meshes[m].primitives)
+            targets = std::max(targets, p.targets.size());
+        if (targets > 0)
+            std::printf("  morph:      mesh %zu '%s', %zu targets\n", m, qPrintable(scene->meshes[m].name), targets);
+    }
+    for (size_t a = 0; a < scene->animations.size(); ++a) {
+        const AnimationSampler sampler(*scene, int(a));
+        std::printf("  animation %zu: '%s', %d channels, %.3f s\n", a, qPrintable(scene->animations[a].name),
+                    sampler.channelCount(), double(sampler.duration()));
+    }
+}
+
 int inspectScene(const QString& path)
 {
     return runWithContext([&path] {
@@ -95,6 +121,7 @@ int inspectScene(const QString& path)
                 const BoundingBox bounds = model.sceneBounds();
                 printVector("  bounds min: ", bounds.minimum());
                 printVector("  bounds max: ", bounds.maximum());
+                printAnimation(path);
                 for (const QString& warning : importer.warnings())
                     std::printf("  warning:    %s\n", qPrintable(warning));
                 model.clear();

@@ -12,6 +12,7 @@
 #include "gl/textureio/textureutilities.h"
 #include "render/gltfimporter.h"
 #include "render/postprocess.h"
+#include "render/sceneanimator.h"
 #include "render/sceneframing.h"
 #include "render/scenerenderer.h"
 
@@ -32,7 +33,8 @@ namespace {
 void printRenderUsage()
 {
     std::printf(
-        "usage: vyxgl render [SCENE] [--env FILE] [--size WxH] [--camera N|auto] [--exposure EV] [--aa MODE] [-o out.png]\n"
+        "usage: vyxgl render [SCENE] [--env FILE] [--size WxH] [--camera N|auto] [--exposure EV] [--aa MODE]\n"
+        "                    [--animation N|NAME] [--time SECONDS | --frames FIRST:LAST:FPS] [-o out.png]\n"
         "  SCENE          a .gltf or .glb file; without one, the built-in demo scene\n"
         "  --env FILE     environment picture (lat-long; .hdr, .ktx or any Qt image);\n"
         "                 default: a procedural sky\n"
@@ -42,6 +44,11 @@ void printRenderUsage()
         "  --exposure EV  exposure in stops (default 0)\n"
         "  --aa MODE      screen-space anti-aliasing: none (default), fxaa or smaa\n"
         "  --samples N    multisampling samples per pixel (default 4; 1 = off)\n"
+        "  --animation A  pose the scene by its animation A (number or name; default: the first\n"
+        "                 when --time or --frames is given, else the rest pose)\n"
+        "  --time S       the instant of the animation, in seconds (default 0)\n"
+        "  --frames F:L:R a sequence from F to L seconds at R frames a second; the output name\n"
+        "                 holds the frame number as %d or %04d (default vyxgl-frame-%04d.png)\n"
         "  --timing       print the import, first-frame and warm-frame times\n"
         "  -o FILE        output PNG (default vyxgl-render.png)\n");
 }
@@ -57,6 +64,11 @@ struct Options
     PostProcess::Mode antiAliasing = PostProcess::eNone;
     bool timing = false;
     bool reportCoverage = false; // for sweeps over many scenes; not in the usage text
+    bool outputGiven = false;
+    QString animation; // empty: the rest pose, unless a time or frames are given
+    bool animated = false;
+    float time = 0.0f;
+    float firstTime = 0.0f, lastTime = 0.0f, rate = 0.0f; // rate 0: one picture at `time`
 };
 
 // 0 on success, else the exit status after printing why.
@@ -83,6 +95,25 @@ int parse(int argc, char** argv, Options& o)
             o.environment = value;
         } else if (arg == QLatin1String("-o")) {
             o.output = value;
+            o.outputGiven = true;
+        } else if (arg == QLatin1String("--animation")) {
+            o.animation = value;
+            o.animated = true;
+        } else if (arg == QLatin1String("--time")) {
+            o.time = value.toFloat(&ok);
+            ok = ok && std::isfinite(o.time);
+            o.animated = true;
+        } else if (arg == QLatin1String("--frames")) {
+            const QStringList parts = value.split(QLatin1Char(':'));
+            bool a = false, b = false, c = false;
+            if (parts.size() == 3) {
+                o.firstTime = parts[0].toFloat(&a);
+                o.lastTime = parts[1].toFloat(&b);
+                o.rate = parts[2].toFloat(&c);
+            }
+            ok = a && b && c && std::isfinite(o.firstTime) && std::isfinite(o.lastTime) && o.lastTime >= o.firstTime &&
+                 o.rate > 0 && o.rate <= 1000 && (o.lastTime - o.firstTime) * o.rate < 100000;
+            o.animated = true;
         } else if (arg == QLatin1String("--camera")) {
             o.camera = value == QLatin1String("auto") ? Options::kAutomatic : value.toInt(&ok);
             ok = ok && (o.camera >= 0 || o.camera == Options::kAutomatic);
@@ -111,7 +142,34 @@ int parse(int argc, char** argv, Options& o)
         }
         ++i;
     }
+    if (o.rate > 0 && !o.outputGiven)
+        o.output = QStringLiteral("vyxgl-frame-%04d.png");
+    if (o.rate > 0 && !o.output.contains(QRegularExpression(QStringLiteral("%0?\\d*d")))) {
+        std::fprintf(stderr, "vyxgl render: with --frames the output name needs %%d or %%04d for the frame number\n");
+        return 2;
+    }
     return 0;
+}
+
+// The output name with the frame number in place of its %d or %0Nd.
+QString frameName(const QString& pattern, int frame)
+{
+    const QRegularExpressionMatch m = QRegularExpression(QStringLiteral("%(0?)(\\d*)d")).match(pattern);
+    if (!m.hasMatch())
+        return pattern;
+    const int width = m.captured(2).isEmpty() ? 0 : std::min(m.captured(2).toInt(), 12);
+    const QString number = QString::number(frame).rightJustified(width, m.captured(1).isEmpty() ? QLatin1Char(' ') : QLatin1Char('0'));
+    return QString(pattern).replace(m.capturedStart(), m.capturedLength(), number);
+}
+
+void showProgress(int done, int total)
+{
+    constexpr int kWidth = 30;
+    const int filled = total > 0 ? done * kWidth / total : kWidth;
+    std::fprintf(stderr, "\r[%.*s%*s] %d/%d frames", filled, "##############################", kWidth - filled, "", done, total);
+    if (done == total)
+        std::fprintf(stderr, "\n");
+    std::fflush(stderr);
 }
 
 // The scene's camera N (its planes widened if they would show nothing), else one framing the
@@ -194,6 +252,23 @@ int renderWithContext(const Options& options)
         return 1;
     }
     const qint64 importTime = timer.nsecsElapsed();
+    const std::unique_ptr<SceneAnimator> animator = importer.takeAnimator();
+    int animation = -1;
+    if (options.animated) {
+        const QString wanted = options.animation.isEmpty() ? QStringLiteral("0") : options.animation;
+        animation = animator ? animator->findAnimation(wanted) : -1;
+        if (animation < 0) {
+            std::fprintf(stderr, "vyxgl render: the scene has no animation '%s' (it has %d)\n", qPrintable(wanted),
+                         animator ? animator->animationCount() : 0);
+            return 2;
+        }
+        if (!animator->setTime(animation, options.rate > 0 ? options.firstTime : options.time)) {
+            std::fprintf(stderr, "vyxgl render: the animation could not be posed\n");
+            return 1;
+        }
+        for (const QString& warning : animator->warnings())
+            std::fprintf(stderr, "vyxgl: warning: %s\n", qPrintable(warning));
+    }
     if (model.lightCount() == 0) {
         // A scene without lights gets a sun from above the camera's right shoulder.
         auto* sun = new PunctualLight(&lights);
@@ -257,11 +332,32 @@ int renderWithContext(const Options& options)
         std::fprintf(stderr, "vyxgl render: GL error 0x%04x while rendering\n", error);
         return 1;
     }
-    if (!image.save(options.output, "PNG")) {
-        std::fprintf(stderr, "vyxgl render: cannot write '%s'\n", qPrintable(options.output));
+    const QString output = options.rate > 0 ? frameName(options.output, 0) : options.output;
+    if (!image.save(output, "PNG")) {
+        std::fprintf(stderr, "vyxgl render: cannot write '%s'\n", qPrintable(output));
         return 1;
     }
-    std::printf("%s\n", qPrintable(QFileInfo(options.output).absoluteFilePath()));
+    if (options.rate <= 0) {
+        std::printf("%s\n", qPrintable(QFileInfo(options.output).absoluteFilePath()));
+        model.clear();
+        return 0;
+    }
+    // The rest of the sequence; the first picture is the one written above.
+    const int frames = int(std::floor((options.lastTime - options.firstTime) * options.rate + 1e-4f)) + 1;
+    showProgress(1, frames);
+    for (int frame = 1; frame < frames; ++frame) {
+        const QString name = frameName(options.output, frame);
+        image = animator->setTime(animation, options.firstTime + float(frame) / options.rate)
+                    ? antiAliased(renderer.renderToImage(model, camera, options.size), options.antiAliasing)
+                    : QImage();
+        if (image.isNull() || !image.save(name, "PNG")) {
+            std::fprintf(stderr, "\nvyxgl render: frame %d could not be rendered or written to '%s': %s\n", frame,
+                         qPrintable(name), qPrintable(renderer.errorString()));
+            return 1;
+        }
+        showProgress(frame + 1, frames);
+    }
+    std::printf("%s\n", qPrintable(QFileInfo(frameName(options.output, 0)).absoluteFilePath()));
     model.clear();
     return 0;
 }

@@ -11,6 +11,7 @@
 #include "gl/objects/vertexarrayobject.h"
 #include "gl/textures/texturemanager.h"
 #include "render/internal/gltftextures.h"
+#include "render/internal/scenedeformation.h"
 #include "scene/gltfscenereader.h"
 
 #include <QFile>
@@ -74,9 +75,10 @@ void append(std::vector<T>& to, const std::vector<T>& from, size_t fillCount, T 
 class Uploader
 {
 public:
-    Uploader(const SceneData& scene, TextureManager& manager, GPUModel& model, QObject* lightParent, QStringList& warnings)
+    Uploader(const SceneData& scene, TextureManager& manager, GPUModel& model, QObject* lightParent,
+             SceneAnimator::Private& deformation, QStringList& warnings)
         : _scene(scene), _textures(scene, manager, warnings), _textureBudget(manager.maxTokensPerDraw()), _model(model),
-          _lightParent(lightParent), _warnings(warnings)
+          _lightParent(lightParent), _deformation(deformation), _warnings(warnings)
     {
     }
 
@@ -87,6 +89,7 @@ private:
     struct Primitive
     {
         quint32 firstIndex = 0, indexCount = 0, baseVertex = 0;
+        int source = 0; // its number in the mesh
         int material = -1;
         int mode = SceneData::Primitive::kTriangles;
         quint64 flags = 0;
@@ -95,6 +98,7 @@ private:
     };
     struct Instance
     {
+        int node;
         int transform;
         QString name;
     };
@@ -103,9 +107,11 @@ private:
     struct Geometry
     {
         std::vector<float> positions, normals, uv0, uv1, colours, tangents;
+        std::vector<float> joints[2], weights[2];
         std::vector<quint32> indices;
         std::vector<Primitive> primitives;
         bool hasUV0 = false, hasUV1 = false, hasColours = false, hasTangents = false;
+        int influenceSets = 0;
     };
     // A material as one draw command of a primitive sees it.
     struct MaterialKey
@@ -142,6 +148,7 @@ private:
     int _textureBudget;
     GPUModel& _model;
     QObject* _lightParent;
+    SceneAnimator::Private& _deformation;
     QStringList& _warnings;
     QHash<int, QVector<Instance>> _meshInstances;
     std::map<MaterialKey, MaterialRecord> _materials;
@@ -158,6 +165,9 @@ bool Uploader::upload()
         if (!buildMesh(mesh, _meshInstances[mesh]))
             return false;
     }
+    _deformation.boxes = _boxes;
+    if (!_deformation.finish(error))
+        return false;
     _model.updateTransforms();
     return true;
 }
@@ -173,17 +183,18 @@ void Uploader::walkNodes()
         stack.pop_back();
         const SceneData::Node& node = _scene.nodes[size_t(index)];
         const int transform = _model.addTransform(parent, node.localMatrix());
+        _deformation.nodeTransforms[size_t(index)] = transform;
         const QString name = node.name.isEmpty() ? QStringLiteral("node%1").arg(index) : node.name;
         _model.setTransformName(transform, name);
         if (node.mesh >= 0 && node.instances.empty())
-            _meshInstances[node.mesh].append({transform, name});
+            _meshInstances[node.mesh].append({index, transform, name});
         // Each GPU instance is a transform of its own below the node, so culling, picking and
         // animation treat it like any other placement.
         for (size_t i = 0; node.mesh >= 0 && i < node.instances.size(); ++i) {
             const int placed = _model.addTransform(transform, node.instances[i]);
             const QString instanceName = QStringLiteral("%1#%2").arg(name).arg(i);
             _model.setTransformName(placed, instanceName);
-            _meshInstances[node.mesh].append({placed, instanceName});
+            _meshInstances[node.mesh].append({index, placed, instanceName});
         }
         if (node.camera >= 0)
             addCamera(node.camera, transform);
@@ -241,6 +252,7 @@ void Uploader::pack(int meshIndex, Geometry& g)
         g.hasUV1 = g.hasUV1 || prim.texCoords.size() > 1;
         g.hasColours = g.hasColours || !prim.colors.empty();
         g.hasTangents = g.hasTangents || !prim.tangents.empty();
+        g.influenceSets = std::max(g.influenceSets, prim.influenceSets);
     }
     for (size_t p = 0; p < mesh.primitives.size(); ++p) {
         const SceneData::Primitive& prim = mesh.primitives[p];
@@ -264,6 +276,7 @@ void Uploader::pack(int meshIndex, Geometry& g)
         out.firstIndex = quint32(g.indices.size());
         out.indexCount = quint32(idx.size());
         out.baseVertex = quint32(g.positions.size() / 3);
+        out.source = int(p);
         out.material = prim.material;
         out.mode = prim.mode;
         out.flags = drawableFlags(_scene, prim);
@@ -282,6 +295,15 @@ void Uploader::pack(int meshIndex, Geometry& g)
             append(g.colours, prim.colors, vertices * 4, 1.0f);
         if (g.hasTangents)
             append(g.tangents, prim.tangents, vertices * 4, 0.0f);
+        // Joint numbers go up as floats, exact far past any skin's joint count.
+        for (size_t set = 0; set < size_t(g.influenceSets); ++set)
+            for (size_t v = 0; v < vertices; ++v)
+                for (size_t k = 0; k < 4; ++k) {
+                    const bool has = set < size_t(prim.influenceSets);
+                    const size_t at = (v * size_t(prim.influenceSets) + set) * 4 + k;
+                    g.joints[set].push_back(has ? float(prim.joints[at]) : 0.0f);
+                    g.weights[set].push_back(has ? prim.weights[at] : 0.0f);
+                }
         g.indices.insert(g.indices.end(), idx.begin(), idx.end());
         g.primitives.push_back(out);
     }
@@ -311,6 +333,10 @@ QSharedPointer<VertexArrayObject> Uploader::uploadGeometry(const Geometry& g, QS
     attribute("va_TexCoord1", g.uv1, 2);
     attribute("va_Color0", g.colours, 4);
     attribute("va_Tangent0", g.tangents, 4);
+    attribute("va_Joints0", g.joints[0], 4);
+    attribute("va_Weights0", g.weights[0], 4);
+    attribute("va_Joints1", g.joints[1], 4);
+    attribute("va_Weights1", g.weights[1], 4);
     indexBuffer = device->newBuffer();
     indexBuffer->setTarget(GL_ELEMENT_ARRAY_BUFFER);
     indexBuffer->bind();
@@ -372,10 +398,14 @@ bool Uploader::buildMesh(int meshIndex, const QVector<Instance>& instances)
         auto* materialData = new InstanceDataCollection(QLatin1String(SceneMaterial::kMaterialPlanName), materials);
         auto* objectData = new InstanceDataCollection(SceneMaterial::objectPlan(), commands.size());
         const int firstMaterial = g.primitives[placed.front().primitive].material;
-        const int drawable = _model.drawableIndex(_model.add(db, firstMaterial, materialData, objectData, flags));
+        const int id = _model.add(db, firstMaterial, materialData, objectData, flags);
+        const int drawable = _model.drawableIndex(id);
         for (size_t c = 0; c < placed.size(); ++c) {
             const Instance& instance = instances[placed[c].instance];
-            const int material = g.primitives[placed[c].primitive].material;
+            const Primitive& primitive = g.primitives[placed[c].primitive];
+            _deformation.addCommand(instance.node, instance.transform, meshIndex, primitive.source, int(primitive.baseVertex),
+                                    id, int(c), int(firstBox + placed[c].primitive), _warnings);
+            const int material = primitive.material;
             _model.useTransform(drawable, int(c), instance.transform);
             _model.useBoundingBox(drawable, int(c), int(firstBox + placed[c].primitive));
             _model.addObjectName(drawable, int(c), instance.name);
@@ -469,6 +499,8 @@ GLTFImporter::GLTFImporter(TextureManager* manager)
 {
 }
 
+GLTFImporter::~GLTFImporter() = default;
+
 bool GLTFImporter::load(const QString& path, GPUModel& model, QObject* lightParent)
 {
     QFile file(path);
@@ -486,14 +518,15 @@ bool GLTFImporter::loadFromMemory(const QByteArray& bytes, const QString& baseDi
     _imageCount = 0;
     model.clear();
     model.setDeleteOnClear(true);
+    _animator.reset();
     GLTFSceneReader reader;
-    const std::unique_ptr<SceneData> scene = reader.readFromMemory(bytes, baseDirectory);
+    const std::shared_ptr<const SceneData> scene = reader.readFromMemory(bytes, baseDirectory);
     _error = reader.errorString();
     _warnings = reader.warnings();
     if (!scene)
         return false;
     _imageCount = int(scene->images.size());
-    if (!upload(*scene, model, lightParent)) {
+    if (!upload(scene, model, lightParent)) {
         model.clear();
         return false;
     }
@@ -502,16 +535,24 @@ bool GLTFImporter::loadFromMemory(const QByteArray& bytes, const QString& baseDi
     return true;
 }
 
-bool GLTFImporter::upload(const SceneData& scene, GPUModel& model, QObject* lightParent)
+bool GLTFImporter::upload(const std::shared_ptr<const SceneData>& scene, GPUModel& model, QObject* lightParent)
 {
     SceneMaterial::materialPlan();
     SceneMaterial::objectPlan();
     TextureManager* manager = _manager ? _manager : TextureManager::Instance();
-    Uploader uploader(scene, *manager, model, lightParent, _warnings);
-    if (uploader.upload())
-        return true;
-    _error = uploader.error;
-    return false;
+    auto deformation = std::make_unique<SceneAnimator::Private>(scene, model);
+    Uploader uploader(*scene, *manager, model, lightParent, *deformation, _warnings);
+    if (!uploader.upload()) {
+        _error = uploader.error;
+        return false;
+    }
+    _animator = std::make_unique<SceneAnimator>(std::move(deformation));
+    return true;
+}
+
+std::unique_ptr<SceneAnimator> GLTFImporter::takeAnimator()
+{
+    return std::move(_animator);
 }
 
 } // namespace Tavren::Vyx

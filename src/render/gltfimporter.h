@@ -7,10 +7,13 @@
 #include <QString>
 #include <QStringList>
 
+#include <memory>
+
 namespace Tavren::Vyx {
 
 class GPUModel;
 class InstanceDataPlan;
+class SceneAnimator;
 struct SceneData;
 class TextureManager;
 
@@ -37,6 +40,7 @@ public:
 
     // With no manager the process-wide TextureManager::Instance() is used.
     explicit GLTFImporter(TextureManager* manager = nullptr);
+    ~GLTFImporter();
 
     // Needs a current context. Lights are created as children of lightParent (which must then
     // outlive the model's use of them). The model owns its drawables (delete-on-clear).
@@ -44,6 +48,10 @@ public:
     // .glb when the bytes start with the binary magic, else JSON; relative URIs resolve
     // against baseDirectory.
     bool loadFromMemory(const QByteArray& bytes, const QString& baseDirectory, GPUModel& model, QObject* lightParent);
+
+    // What plays the last loaded scene's animations and poses its skins and morph targets; the
+    // model shows the rest pose without it. Null before a successful load and after the first call.
+    std::unique_ptr<SceneAnimator> takeAnimator();
 
     QString errorString() const { return _error; }
     QStringList warnings() const { return _warnings; }
@@ -55,12 +63,13 @@ public:
     static InstanceDataPlan* objectPlan() { return SceneMaterial::objectPlan(); }
 
 private:
-    bool upload(const SceneData& scene, GPUModel& model, QObject* lightParent);
+    bool upload(const std::shared_ptr<const SceneData>& scene, GPUModel& model, QObject* lightParent);
 
     TextureManager* _manager;
     QString _error;
     QStringList _warnings;
     int _imageCount = 0;
+    std::unique_ptr<SceneAnimator> _animator;
 };
 
 } // namespace Tavren::Vyx

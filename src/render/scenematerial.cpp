@@ -2,6 +2,9 @@
 
 #include "gl/instancedata/instancedata.h"
 #include "gl/instancedata/instancedataplan.h"
+#include "gl/glloader.h"
+#include "gl/model/gpumodel.h"
+#include "gl/shaders/shaderprogram.h"
 
 namespace Tavren::Vyx::SceneMaterial {
 
@@ -30,11 +33,27 @@ InstanceDataPlan* objectPlan()
     static InstanceDataPlan* plan = [] {
         auto* p = new InstanceDataPlan(QLatin1String(kObjectPlanName));
         p->addMember(InstanceDataPlan::eMat4, QStringLiteral("ModelMatrix"));
+        p->addMember(InstanceDataPlan::eIVec4, QStringLiteral("SkinData"));
+        p->addMember(InstanceDataPlan::eIVec4, QStringLiteral("MorphData"));
         p->setArraySize(kMaxCommandsPerDrawable);
         InstanceDataRegistry::Instance().registerPlan(p);
         return p;
     }();
     return plan;
+}
+
+void parkUnsharedDeformationSamplers(ShaderProgram& program, const GPUModel& model)
+{
+    GLint units = 16;
+    glGetIntegerv(GL_MAX_TEXTURE_IMAGE_UNITS, &units);
+    // The last unit is the shadow sampler's when no shadow map is bound.
+    int unit = units - 2;
+    for (const char* name : {"u_DeformData", "u_MorphTargets"}) {
+        const int location = program.getUniformLocation(QLatin1String(name));
+        if (location >= 0 && !model.sharedTexture(QLatin1String(name)))
+            program.setUniform(location, unit);
+        --unit;
+    }
 }
 
 } // namespace Tavren::Vyx::SceneMaterial

@@ -6,10 +6,14 @@
 
 namespace Tavren::Vyx {
 
+class GPUModel;
 class InstanceDataPlan;
+class ShaderProgram;
 
 // The instance data the scene shading reads for each draw command: one "GLTFMaterial" record
-// and one "GLTFObject" record (ModelMatrix).
+// and one "GLTFObject" record (ModelMatrix, and the SkinData and MorphData ivec4s that say where
+// the command's joint matrices, morph deltas and weights lie; zeros for a rigid mesh, see
+// SceneDeform.glslh).
 //
 // "GLTFMaterial": five texture tokens (BaseColorMap, MetallicRoughnessMap, NormalMap,
 // OcclusionMap, EmissiveMap); for each map two vec4s <Map>UVRow0 and <Map>UVRow1 holding the rows
@@ -21,7 +25,8 @@ class InstanceDataPlan;
 //
 // Vertex attributes: "va_Vertex" (vec3), "va_Normal" (vec3), "va_TexCoord0" and "va_TexCoord1"
 // (vec2, glTF's top-left origin, which matches how images are uploaded), "va_Color0" (vec4) and
-// "va_Tangent0" (vec4, handedness in w), each only where some primitive of the mesh has it.
+// "va_Tangent0" (vec4, handedness in w), "va_Joints0"/"va_Weights0" and "va_Joints1"/"va_Weights1"
+// (vec4, joint numbers as floats), each only where some primitive of the mesh has it.
 namespace SceneMaterial {
 
 // Commands per drawable: the instance-data arrays are this long. A material record is 272 bytes,
@@ -41,6 +46,11 @@ constexpr const char* kObjectPlanName = "GLTFObject";
 // Registered with the instance-data registry on first use.
 VYXGL_EXPORT InstanceDataPlan* materialPlan();
 VYXGL_EXPORT InstanceDataPlan* objectPlan();
+
+// Points the bound program's deformation samplers ("u_DeformData", "u_MorphTargets") that the
+// model does not share at units of their own near the top, as a sampler of another type on
+// the same unit would fail the draw even where no command reads them.
+VYXGL_EXPORT void parkUnsharedDeformationSamplers(ShaderProgram& program, const GPUModel& model);
 
 } // namespace SceneMaterial
 

@@ -504,6 +504,7 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
         // The unused shadow sampler must not share a unit with a sampler of another type.
         scene.setUniform(at.shadowMapDepthSampler, int(_d->textureUnits - 1));
     }
+    SceneMaterial::parkUnsharedDeformationSamplers(scene, model);
     scene.setUniform(at.alphaBlend, 0);
     bool drawn = drawKinds(model, &scene, _d->manager, 0, nullptr);
     scene.setUniform(at.alphaBlend, 1);

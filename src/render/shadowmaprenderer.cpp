@@ -163,6 +163,7 @@ bool ShadowMapRenderer::render(ShadowMapRenderData& data, GPUModel& model, const
     const bool rendered = renderLayers(data, [&](const QMatrix4x4& projector) {
         for (const Pass& pass : qAsConst(passes)) {
             useProjector(*pass.program, projector);
+            SceneMaterial::parkUnsharedDeformationSamplers(*pass.program, model);
             if (pass.casters->cutOut)
                 pass.program->setUniform(QStringLiteral("u_DefaultCutoff"), QVariant(pass.casters->defaultCutoff));
             drawn = model.draw(pass.program, pass.manager, pass.casters->flags, pass.casters->mask,
@@ -209,6 +210,9 @@ ShaderProgram* ShadowMapRenderer::modelProgram(const GPUModel& model, const Cast
         macros.addDefine(QStringLiteral("SHADOW_MAP_CUT_OUT"), QStringLiteral("1"));
     }
     macros.addMacro(QStringLiteral("SHADOW_MAP_OBJECT_DATA"), QStringLiteral("#instancedata \"%1\"").arg(plan->name()));
+    if (plan->dataType(QStringLiteral("SkinData")) == InstanceDataPlan::eIVec4 &&
+        plan->dataType(QStringLiteral("MorphData")) == InstanceDataPlan::eIVec4)
+        macros.addDefine(QStringLiteral("SHADOW_MAP_DEFORM"), QStringLiteral("1"));
     QString key = plan->name();
     if (casters.cutOut)
         key += QLatin1Char('|') + textureManager->getShaderFile();

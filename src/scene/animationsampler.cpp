@@ -367,13 +367,19 @@ AnimationPose AnimationSampler::makePose() const
         pose.nodes[n].rotation = rest.rotation;
         pose.nodes[n].scale = rest.scale;
     }
-    for (const Channel& channel : _channels) {
-        if (channel.path == Path::Weights) {
-            pose.nodes[size_t(channel.node)].firstWeight = channel.firstWeight;
-            pose.nodes[size_t(channel.node)].weightCount = channel.width;
-        }
-    }
     pose.weights.assign(_weightTotal, 0.0f);
+    for (const Channel& channel : _channels) {
+        if (channel.path != Path::Weights)
+            continue;
+        pose.nodes[size_t(channel.node)].firstWeight = channel.firstWeight;
+        pose.nodes[size_t(channel.node)].weightCount = channel.width;
+        // At rest: the node's weights, else its mesh's defaults, as far as they go.
+        const SceneData::Node& node = _scene.nodes[size_t(channel.node)];
+        const std::vector<float>* rest = &node.weights;
+        if (rest->empty() && node.mesh >= 0)
+            rest = &_scene.meshes[size_t(node.mesh)].weights;
+        std::copy_n(rest->begin(), std::min(rest->size(), size_t(channel.width)), pose.weights.begin() + channel.firstWeight);
+    }
     return pose;
 }
 

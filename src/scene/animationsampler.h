@@ -59,8 +59,8 @@ public:
     // upload again.
     const std::vector<int>& animatedNodes() const { return _animatedNodes; }
 
-    // Every node at its rest transform, with room for the morph weights this animation drives
-    // (0 until sampled: mesh default weights are not carried in SceneData).
+    // Every node at its rest transform and the morph weights this animation drives at the node's
+    // or its mesh's defaults.
     AnimationPose makePose() const;
     // Writes the animated properties at `time` (clamped to each channel's key range) into `pose`
     // and returns the nodes it touched. A pose not made by makePose() of this sampler is left

@@ -32,6 +32,8 @@ struct VYXGL_EXPORT SceneData
         // EXT_mesh_gpu_instancing: the mesh is drawn once per matrix, each placed by
         // world * instance; empty: drawn once, by the node's world matrix.
         std::vector<QMatrix4x4> instances;
+        // Morph weights for this node's mesh, overriding the mesh's defaults; empty: the mesh's.
+        std::vector<float> weights;
 
         QMatrix4x4 localMatrix() const;
     };
@@ -55,8 +57,18 @@ struct VYXGL_EXPORT SceneData
         std::vector<float> tangents;
         std::vector<std::vector<float>> texCoords; // TEXCOORD_n: 2 per vertex
         std::vector<float> colors;                 // COLOR_0 as RGBA, or none
-        std::vector<quint32> joints;               // JOINTS_0: 4 per vertex, or none
-        std::vector<float> weights;                // WEIGHTS_0: 4 per vertex, or none
+        // JOINTS_n and WEIGHTS_n of sets 0 and 1: per vertex, 4 values of each set in turn; none
+        // without a skin's attributes. Joints index the skin's joint list.
+        int influenceSets = 0;
+        std::vector<quint32> joints;
+        std::vector<float> weights;
+        // Morph targets: deltas of 3 floats per vertex for each attribute the target moves
+        // (tangent deltas without handedness), else empty.
+        struct MorphTarget
+        {
+            std::vector<float> positions, normals, tangents;
+        };
+        std::vector<MorphTarget> targets;
         // Empty without an index accessor: vertices are drawn in order.
         bool indexed = false;
         std::vector<quint32> indices;
@@ -68,6 +80,9 @@ struct VYXGL_EXPORT SceneData
     {
         QString name;
         std::vector<Primitive> primitives;
+        // Default morph weights, one per target (the most any primitive has); zeros when the
+        // file gives none.
+        std::vector<float> weights;
     };
 
     // KHR_texture_transform: uv' = translate(offset) * rotate(rotation) * scale(scale) * uv.
@@ -156,12 +171,14 @@ struct VYXGL_EXPORT SceneData
         float innerConeAngle = 0.0f, outerConeAngle = 0.0f;
     };
 
+    // A skin that cannot be applied (a joint outside the scene, too few inverse bind matrices)
+    // arrives with no joints, and its meshes draw unskinned.
     struct Skin
     {
         QString name;
         std::vector<int> joints;
         int skeleton = -1;
-        std::vector<QMatrix4x4> inverseBindMatrices;
+        std::vector<QMatrix4x4> inverseBindMatrices; // one per joint
     };
 
     struct Animation

@@ -1,6 +1,7 @@
 #version 150
 #include "VyxUtilities.glslh"
 #instancedata "GLTFObject"
+#include "SceneDeform.glslh"
 
 in vec3 va_Vertex;
 in vec3 va_Normal;
@@ -21,13 +22,17 @@ flat out uint vo_DrawID;
 
 void main()
 {
+    vec3 position = va_Vertex;
+    vec3 normal = va_Normal;
+    vec3 tangent = va_Tangent0.xyz;
+    deformVertex(position, normal, tangent);
     mat4 model = getModelMatrix();
     mat3 linear = mat3(model);
-    vec4 world = model * vec4(va_Vertex, 1.0);
+    vec4 world = model * vec4(position, 1.0);
     vo_Position = world.xyz;
-    vo_Normal = transpose(inverse(linear)) * va_Normal;
+    vo_Normal = transpose(inverse(linear)) * normal;
     // A mirroring matrix turns cross(normal, tangent) around; the handedness makes up for it.
-    vo_Tangent = vec4(linear * va_Tangent0.xyz, va_Tangent0.w * sign(determinant(linear)));
+    vo_Tangent = vec4(linear * tangent, va_Tangent0.w * sign(determinant(linear)));
     vo_TexCoord0 = va_TexCoord0;
     vo_TexCoord1 = va_TexCoord1;
     vo_Color = va_Color0;

@@ -1,9 +1,13 @@
 #version 150
 // A model's commands find their world matrix in their object data, by draw ID. The renderer
 // sets the macro to the #instancedata line of the drawables' object-data plan. Cut-out casters
-// also hand their texture coordinates and draw ID to ShadowMap_CutOut.glslc.
+// also hand their texture coordinates and draw ID to ShadowMap_CutOut.glslc. Object data with
+// skins and morph targets (SHADOW_MAP_DEFORM) moves the vertices as the shading does.
 #include "VyxUtilities.glslh"
 #macro SHADOW_MAP_OBJECT_DATA // no object data: the program does not link
+#ifdef SHADOW_MAP_DEFORM
+#include "SceneDeform.glslh"
+#endif
 uniform mat4 u_ShadowMapProjector;
 in vec4 va_Vertex;
 #ifdef SHADOW_MAP_CUT_OUT
@@ -19,5 +23,10 @@ void main() {
     vo_TexCoord1 = va_TexCoord1;
     vo_DrawID = getDrawID();
 #endif
-    gl_Position = u_ShadowMapProjector * (getModelMatrix() * va_Vertex);
+    vec4 position = va_Vertex;
+#ifdef SHADOW_MAP_DEFORM
+    vec3 normal = vec3(0.0), tangent = vec3(0.0);
+    deformVertex(position.xyz, normal, tangent);
+#endif
+    gl_Position = u_ShadowMapProjector * (getModelMatrix() * position);
 }

@@ -21,6 +21,7 @@ namespace Tavren::Vyx {
 class DrawBuffers;
 class InstanceDataCollection;
 class ShaderProgram;
+class Texture;
 class TextureManager;
 
 namespace GPUModelDetail {
@@ -189,6 +190,13 @@ public:
     QString lightName(int index) const;
     int lightCount() const { return _lights.size(); }
 
+    // Textures that every drawable's program may read under one sampler uniform, such as the
+    // texture buffers of joint matrices and morph targets: each draw call binds those whose
+    // uniform the program declares, and unbinds them before it returns. A null
+    // texture removes the entry. Copies of the model share the textures.
+    void setSharedTexture(const QString& uniform, const QSharedPointer<Texture>& texture);
+    Texture* sharedTexture(const QString& uniform) const;
+
     void setContainsReflectedTransparency(bool contains) { _reflectedTransparency = contains; }
     bool containsReflectedTransparency() const { return _reflectedTransparency; }
     void setDeleteOnClear(bool deleteOnClear) { _deleteOnClear = deleteOnClear; }
@@ -324,6 +332,7 @@ private:
     QVector<QVariant> _lights;
     QStringList _lightNames;
     bool _reflectedTransparency = false;
+    QVector<QPair<QString, QSharedPointer<Texture>>> _sharedTextures;
     bool _cullingApplied = false;
 
     // Transforms marked dirty since the last update (a full scan replaces the list when it

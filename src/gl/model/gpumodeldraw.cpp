@@ -15,6 +15,7 @@
 #include "gl/drawing/plane.h"
 #include "gl/shaders/shaderprogram.h"
 #include "gl/textures/texturemanager.h"
+#include "gl/objects/texture.h"
 #include "gl/objects/vertexarrayobject.h"
 
 #include <algorithm>
@@ -60,6 +61,59 @@ void applyWinding(GPUModel::WindingType winding)
 }
 
 } // namespace
+
+namespace {
+
+// The model's shared textures that the program reads, bound for the length of one draw call.
+class SharedTextureScope
+{
+public:
+    SharedTextureScope(const QVector<QPair<QString, QSharedPointer<Texture>>>& textures, ShaderProgram* program)
+    {
+        ShaderProgram* reader = program ? program : ShaderProgram::currentShaderProgram();
+        for (const auto& [uniform, texture] : textures) {
+            const int location = reader ? reader->getUniformLocation(uniform) : -1;
+            if (location < 0 || !texture->bind())
+                continue;
+            _bound.append(texture.get());
+            reader->setUniform(location, texture->unit());
+        }
+    }
+    ~SharedTextureScope()
+    {
+        for (Texture* texture : qAsConst(_bound))
+            texture->unbind();
+    }
+    SharedTextureScope(const SharedTextureScope&) = delete;
+    SharedTextureScope& operator=(const SharedTextureScope&) = delete;
+
+private:
+    QVector<Texture*> _bound;
+};
+
+} // namespace
+
+void GPUModel::setSharedTexture(const QString& uniform, const QSharedPointer<Texture>& texture)
+{
+    for (int i = 0; i < _sharedTextures.size(); ++i)
+        if (_sharedTextures[i].first == uniform) {
+            if (texture)
+                _sharedTextures[i].second = texture;
+            else
+                _sharedTextures.remove(i);
+            return;
+        }
+    if (texture)
+        _sharedTextures.append({uniform, texture});
+}
+
+Texture* GPUModel::sharedTexture(const QString& uniform) const
+{
+    for (const auto& entry : _sharedTextures)
+        if (entry.first == uniform)
+            return entry.second.get();
+    return nullptr;
+}
 
 // What the previous drawable of a draw call left bound.
 struct GPUModel::BoundState
@@ -162,6 +216,7 @@ bool GPUModel::draw(ShaderProgram* program, TextureManager* textureManager, cons
     const QList<int> order = materials.isEmpty() ? _materialOrder : materials;
     refreshVerdicts();
     bool result = true;
+    const SharedTextureScope shared(_sharedTextures, program);
     BoundState bound;
     for (int material : qAsConst(order)) {
         if (excluded.contains(material))
@@ -238,6 +293,7 @@ bool GPUModel::drawDrawable(int drawable, ShaderProgram* program, TextureManager
     Drawable& d = _drawables[drawable];
     if (d.culledCount >= d.transformRefs.size())
         return true;
+    const SharedTextureScope shared(_sharedTextures, program);
     BoundState bound;
     const bool result = drawMesh(d, program, textureManager, winding, view, true, bound);
     bound.unbindAll(program, textureManager);
@@ -339,6 +395,7 @@ bool GPUModel::drawSimple(ShaderProgram* program, TextureManager* textureManager
 {
     setUpPrimitiveRestart();
     bool result = true;
+    const SharedTextureScope shared(_sharedTextures, program);
     for (Drawable& d : _drawables) {
         if ((d.flags & mask) != (flags & mask))
             continue;

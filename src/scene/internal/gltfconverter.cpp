@@ -95,6 +95,7 @@ bool GLTFConverter::nodes()
         if (source.mesh >= int(_gltf.meshes.size()))
             return fail(QStringLiteral("Node %1 uses mesh %2, which does not exist").arg(n).arg(source.mesh));
         node.mesh = source.mesh;
+        node.weights.assign(source.weights.begin(), source.weights.end());
         if (source.camera >= int(_gltf.cameras.size()))
             _warnings << QStringLiteral("Camera %1 does not exist; ignored").arg(source.camera);
         else
@@ -201,9 +202,14 @@ bool GLTFConverter::meshes()
         SceneData::Mesh& mesh = _out.meshes[m];
         mesh.name = text(source.name);
         mesh.primitives.resize(source.primitives.size());
-        for (size_t p = 0; p < source.primitives.size(); ++p)
+        size_t targets = 0;
+        for (size_t p = 0; p < source.primitives.size(); ++p) {
             if (!primitive(int(m), int(p), source.primitives[p], mesh.primitives[p]))
                 return false;
+            targets = std::max(targets, mesh.primitives[p].targets.size());
+        }
+        mesh.weights.assign(targets, 0.0f);
+        std::copy_n(source.weights.begin(), std::min(targets, source.weights.size()), mesh.weights.begin());
         // The parser passes over a primitives member that is not an array, and over primitives
         // it cannot read, without a word.
         const QString name = mesh.name.isEmpty() ? QString::number(m) : QStringLiteral("%1 ('%2')").arg(m).arg(mesh.name);
@@ -247,7 +253,6 @@ bool GLTFConverter::attributes(const tinygltf::Primitive& source, SceneData::Pri
     if (!floats("POSITION", {3}, out.positions, Integers::AsFlagged) ||
         !floats("NORMAL", {3}, out.normals, Integers::Normalised) ||
         !floats("TANGENT", {4}, out.tangents, Integers::Normalised) ||
-        !floats("WEIGHTS_0", {4}, out.weights, Integers::Normalised) ||
         !floats("COLOR_0", {3, 4}, out.colors, Integers::Normalised, &colorComponents))
         return false;
     if (colorComponents == 3) {
@@ -265,10 +270,67 @@ bool GLTFConverter::attributes(const tinygltf::Primitive& source, SceneData::Pri
     for (int set = 0; set < sets; ++set) // a set that is not there stays empty
         if (!floats(("TEXCOORD_" + std::to_string(set)).c_str(), {2}, out.texCoords[size_t(set)], Integers::AsFlagged))
             return false;
-    if (accessor("JOINTS_0") >= 0 && !_accessors.readUnsigned(accessor("JOINTS_0"), 4, out.joints))
-        return false;
+    // Skinning influences, sets 0 and 1 interleaved per vertex; joints without weights weigh 0.
+    const size_t influenceVertices = out.positions.size() / 3;
+    std::vector<quint32> joints[2];
+    std::vector<float> weights[2];
+    for (int set = 0; set < 2; ++set) {
+        const std::string n = std::to_string(set);
+        if (accessor("JOINTS_" + n) < 0)
+            break;
+        if (!_accessors.readUnsigned(accessor("JOINTS_" + n), 4, joints[set]) ||
+            !floats(("WEIGHTS_" + n).c_str(), {4}, weights[set], Integers::Normalised))
+            return false;
+        if (accessor("WEIGHTS_" + n) < 0)
+            weights[set].assign(influenceVertices * 4, 0.0f);
+        out.influenceSets = set + 1;
+    }
+    for (int set = 0; set < out.influenceSets; ++set)
+        if (joints[set].size() != influenceVertices * 4 || weights[set].size() != influenceVertices * 4) {
+            out.influenceSets = 0;
+            out.joints.assign(1, 0); // fails the count check in primitive(), which names the problem
+            break;
+        }
+    if (out.influenceSets > 0) {
+        out.joints.resize(influenceVertices * 4 * size_t(out.influenceSets));
+        out.weights.resize(out.joints.size());
+    }
+    for (size_t v = 0; v < influenceVertices && out.influenceSets > 0; ++v)
+        for (int set = 0; set < out.influenceSets; ++set) {
+            const size_t to = (v * size_t(out.influenceSets) + size_t(set)) * 4;
+            std::copy_n(&joints[set][v * 4], 4, &out.joints[to]);
+            std::copy_n(&weights[set][v * 4], 4, &out.weights[to]);
+        }
     out.indexed = source.indices >= 0;
     return !out.indexed || _accessors.readUnsigned(source.indices, 1, out.indices);
+}
+
+// Morph targets, each moving any of POSITION, NORMAL and TANGENT. Targets whose arrays do not
+// match the vertices are all dropped with a warning: the primitive still draws at rest.
+bool GLTFConverter::morphTargets(const tinygltf::Primitive& source, const QString& name, SceneData::Primitive& out)
+{
+    using Integers = GLTFAccessorReader::Integers;
+    const size_t values = out.vertexCount() * 3;
+    out.targets.resize(source.targets.size());
+    for (size_t t = 0; t < source.targets.size(); ++t) {
+        SceneData::Primitive::MorphTarget& target = out.targets[t];
+        const std::pair<const char*, std::vector<float>*> moved[] = {
+            {"POSITION", &target.positions}, {"NORMAL", &target.normals}, {"TANGENT", &target.tangents}};
+        for (const auto& [attribute, into] : moved) {
+            const auto found = source.targets[t].find(attribute);
+            if (found == source.targets[t].end())
+                continue;
+            if (!_accessors.readFloats(found->second, {3}, *into, nullptr, Integers::AsFlagged))
+                return false;
+            if (into->size() != values || !std::all_of(into->begin(), into->end(), [](float x) { return std::isfinite(x); })) {
+                _warnings << QStringLiteral("%1 has a morph target %2 whose %3 does not match its vertices; its targets are ignored")
+                                 .arg(name).arg(t).arg(QLatin1String(attribute));
+                out.targets.clear();
+                return true;
+            }
+        }
+    }
+    return true;
 }
 
 bool GLTFConverter::primitive(int meshIndex, int index, const tinygltf::Primitive& source, SceneData::Primitive& out)
@@ -305,12 +367,16 @@ bool GLTFConverter::primitive(int meshIndex, int index, const tinygltf::Primitiv
             return fail(QStringLiteral("Mesh %1 primitive %2 has a texture coordinate count that differs from its positions")
                             .arg(meshIndex).arg(index));
     }
-    const std::pair<const char*, size_t> perVertex[] = {{"tangent", out.tangents.size()}, {"colour", out.colors.size()},
-                                                        {"joint", out.joints.size()}, {"weight", out.weights.size()}};
-    for (const auto& [what, size] : perVertex)
-        if (size != 0 && size != vertices * 4)
+    const size_t influences = 4 * size_t(std::max(out.influenceSets, 1));
+    const std::tuple<const char*, size_t, size_t> perVertex[] = {{"tangent", out.tangents.size(), 4},
+                                                                 {"colour", out.colors.size(), 4},
+                                                                 {"joint", out.joints.size(), influences}};
+    for (const auto& [what, size, width] : perVertex)
+        if (size != 0 && size != vertices * width)
             return fail(QStringLiteral("Mesh %1 primitive %2 has a %3 count that differs from its positions")
                             .arg(meshIndex).arg(index).arg(QLatin1String(what)));
+    if (!morphTargets(source, name, out))
+        return failAccessor();
 
     // Bad primitives are dropped, not the scene: the rest may draw fine.
     if (!std::all_of(out.positions.begin(), out.positions.end(), [](float x) { return std::isfinite(x); })) {
@@ -510,19 +576,29 @@ bool GLTFConverter::skins()
         const tinygltf::Skin& source = _gltf.skins[s];
         SceneData::Skin skin;
         skin.name = text(source.name);
-        for (int joint : source.joints)
-            if (joint < 0 || joint >= int(_out.nodes.size()))
-                return fail(QStringLiteral("Skin %1 uses node %2, which does not exist").arg(s).arg(joint));
-        skin.joints = source.joints;
         skin.skeleton = source.skeleton < int(_out.nodes.size()) ? std::max(source.skeleton, -1) : -1;
-        std::vector<float> matrices;
-        if (source.inverseBindMatrices >= 0) {
-            if (!_accessors.readFloats(source.inverseBindMatrices, 16, matrices))
-                return failAccessor();
-            for (size_t m = 0; m + 16 <= matrices.size(); m += 16)
-                skin.inverseBindMatrices.emplace_back(QMatrix4x4(&matrices[m]).transposed()); // file is column-major
-        }
         _out.skins.push_back(skin);
+        const QString name = skin.name.isEmpty() ? QString::number(s) : QStringLiteral("%1 ('%2')").arg(s).arg(skin.name);
+        const auto missing = std::find_if(source.joints.begin(), source.joints.end(),
+                                          [&](int joint) { return joint < 0 || joint >= int(_out.nodes.size()); });
+        if (missing != source.joints.end()) {
+            _warnings << QStringLiteral("Skin %1 uses node %2, which does not exist; its meshes are drawn unskinned")
+                             .arg(name).arg(*missing);
+            continue;
+        }
+        std::vector<float> matrices;
+        if (source.inverseBindMatrices >= 0 && !_accessors.readFloats(source.inverseBindMatrices, 16, matrices))
+            return failAccessor();
+        if (source.inverseBindMatrices >= 0 && matrices.size() != source.joints.size() * 16) {
+            _warnings << QStringLiteral("Skin %1 has %2 inverse bind matrices for %3 joints; its meshes are drawn unskinned")
+                             .arg(name).arg(matrices.size() / 16).arg(source.joints.size());
+            continue;
+        }
+        SceneData::Skin& kept = _out.skins.back();
+        kept.joints = source.joints;
+        kept.inverseBindMatrices.resize(source.joints.size()); // identities when the file gives none
+        for (size_t m = 0; m < matrices.size() / 16; ++m)
+            kept.inverseBindMatrices[m] = QMatrix4x4(&matrices[m * 16]).transposed(); // file is column-major
     }
     return true;
 }

@@ -43,6 +43,7 @@ private:
     bool meshes();
     bool primitive(int meshIndex, int index, const tinygltf::Primitive& source, SceneData::Primitive& out);
     bool attributes(const tinygltf::Primitive& source, SceneData::Primitive& out);
+    bool morphTargets(const tinygltf::Primitive& source, const QString& name, SceneData::Primitive& out);
     QString primitiveName(int meshIndex, int index) const;
     bool materials();
     bool textureRef(int texture, int texCoord, float scale, const tinygltf::Value* transform, SceneData::TextureRef& out);

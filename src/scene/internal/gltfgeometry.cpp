@@ -31,12 +31,18 @@ void selectVertices(SceneData::Primitive& p, const std::vector<quint32>& sources
     for (std::vector<float>& set : p.texCoords)
         select(set, 2, sources);
     select(p.colors, 4, sources);
-    select(p.weights, 4, sources);
+    const size_t influences = 4 * size_t(p.influenceSets);
+    select(p.weights, influences, sources);
     if (!p.joints.empty()) {
-        std::vector<quint32> joints(sources.size() * 4);
+        std::vector<quint32> joints(sources.size() * influences);
         for (size_t v = 0; v < sources.size(); ++v)
-            std::copy_n(&p.joints[size_t(sources[v]) * 4], 4, &joints[v * 4]);
+            std::copy_n(&p.joints[size_t(sources[v]) * influences], influences, &joints[v * influences]);
         p.joints.swap(joints);
+    }
+    for (SceneData::Primitive::MorphTarget& target : p.targets) {
+        select(target.positions, 3, sources);
+        select(target.normals, 3, sources);
+        select(target.tangents, 3, sources);
     }
 }
 

@@ -1,0 +1,416 @@
+#include "render/sceneanimator.h"
+
+#include "core/logging.h"
+#include "gl/model/gpumodel.h"
+#include "gl/instancedata/instancedatacollection.h"
+#include "gl/objects/texturebuffer.h"
+#include "render/internal/scenedeformation.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+
+namespace Tavren::Vyx {
+
+namespace {
+
+constexpr int kBoundSamples = 64; // poses per animation that its boxes must hold
+
+QMatrix4x4 trs(const AnimationPose::Node& n)
+{
+    QMatrix4x4 m;
+    m.translate(n.translation);
+    m.rotate(n.rotation);
+    m.scale(n.scale);
+    return m;
+}
+
+// The box `delta` scaled by a weight that may be negative.
+BoundingBox scaled(const BoundingBox& delta, float weight)
+{
+    const QVector3D a = delta.minimum() * weight, b = delta.maximum() * weight;
+    return BoundingBox(QVector3D(std::min(a.x(), b.x()), std::min(a.y(), b.y()), std::min(a.z(), b.z())),
+                       QVector3D(std::max(a.x(), b.x()), std::max(a.y(), b.y()), std::max(a.z(), b.z())));
+}
+
+BoundingBox minkowski(const BoundingBox& a, const BoundingBox& b)
+{
+    return BoundingBox(a.minimum() + b.minimum(), a.maximum() + b.maximum());
+}
+
+} // namespace
+
+SceneAnimator::Private::Private(std::shared_ptr<const SceneData> data, GPUModel& target)
+    : scene(std::move(data)), model(target)
+{
+    const size_t n = scene->nodes.size();
+    nodeTransforms.assign(n, GPUModel::kInvalidTransformRef);
+    parents.assign(n, -1);
+    moved.assign(n, false);
+    for (size_t i = 0; i < n; ++i)
+        for (int child : scene->nodes[i].children)
+            parents[size_t(child)] = int(i);
+    // The reader made sure every node has at most one parent and no cycle runs through them.
+    std::vector<int> stack;
+    for (size_t i = 0; i < n; ++i)
+        if (parents[i] < 0)
+            stack.push_back(int(i));
+    while (!stack.empty()) {
+        const int node = stack.back();
+        stack.pop_back();
+        order.push_back(node);
+        for (int child : scene->nodes[size_t(node)].children)
+            stack.push_back(child);
+    }
+    const size_t animations = scene->animations.size();
+    samplers.resize(animations);
+    poses.resize(animations);
+    widened.assign(animations, false);
+}
+
+void SceneAnimator::Private::worldMatrices(const AnimationPose* pose, std::vector<QMatrix4x4>& worlds) const
+{
+    worlds.resize(scene->nodes.size());
+    for (int node : order) {
+        // glTF animates only nodes given as translation, rotation and scale.
+        const SceneData::Node& rest = scene->nodes[size_t(node)];
+        const QMatrix4x4 local = pose && !rest.hasMatrix ? trs(pose->nodes[size_t(node)]) : rest.localMatrix();
+        const int parent = parents[size_t(node)];
+        worlds[size_t(node)] = parent >= 0 ? worlds[size_t(parent)] * local : local;
+    }
+}
+
+const SceneAnimator::Private::PrimitiveBounds& SceneAnimator::Private::primitiveBounds(int mesh, int primitive)
+{
+    const auto found = bounds.find({mesh, primitive});
+    if (found != bounds.end())
+        return found->second;
+    const SceneData::Primitive& p = scene->meshes[size_t(mesh)].primitives[size_t(primitive)];
+    PrimitiveBounds out;
+    const size_t vertices = p.vertexCount();
+    const size_t influences = 4 * size_t(p.influenceSets);
+    std::map<quint32, BoundingBox> byJoint;
+    for (size_t v = 0; v < vertices; ++v) {
+        const QVector3D at(p.positions[3 * v], p.positions[3 * v + 1], p.positions[3 * v + 2]);
+        out.whole.expand(at);
+        for (size_t i = 0; i < influences; ++i)
+            if (p.weights[v * influences + i] != 0.0f)
+                byJoint[p.joints[v * influences + i]].expand(at);
+    }
+    for (const auto& [joint, box] : byJoint) {
+        out.joints.push_back(joint);
+        out.jointBoxes.push_back(box);
+    }
+    for (const SceneData::Primitive::MorphTarget& target : p.targets) {
+        BoundingBox delta(QVector3D(0, 0, 0), QVector3D(0, 0, 0));
+        for (size_t v = 0; v < target.positions.size() / 3; ++v)
+            delta.expand(QVector3D(target.positions[3 * v], target.positions[3 * v + 1], target.positions[3 * v + 2]));
+        out.targetDeltas.push_back(delta);
+    }
+    return bounds.emplace(std::make_pair(mesh, primitive), std::move(out)).first->second;
+}
+
+void SceneAnimator::Private::addCommand(int node, int transform, int mesh, int primitive, int baseVertex, int drawableId,
+                                        int command, int box, QStringList& messages)
+{
+    const SceneData::Primitive& p = scene->meshes[size_t(mesh)].primitives[size_t(primitive)];
+    const SceneData::Node& n = scene->nodes[size_t(node)];
+    Command c{drawableId, command, mesh, primitive, -1, -1, box, {}};
+    if (n.skin >= 0 && p.influenceSets > 0 && !scene->skins[size_t(n.skin)].joints.empty()) {
+        const SceneData::Skin& skin = scene->skins[size_t(n.skin)];
+        const quint32 highest = *std::max_element(p.joints.begin(), p.joints.end());
+        if (highest >= skin.joints.size()) {
+            messages << QStringLiteral("Mesh %1 primitive %2 uses joint %3 of skin %4, which has %5; it is drawn unskinned")
+                            .arg(mesh).arg(primitive).arg(highest).arg(n.skin).arg(skin.joints.size());
+        } else {
+            const auto same = [&](const SkinUse& u) { return u.node == node && u.meshTransform == transform; };
+            auto use = std::find_if(skins.begin(), skins.end(), same);
+            if (use == skins.end()) {
+                skins.push_back({node, n.skin, transform, jointTexels, {}});
+                jointTexels += 4 * int(skin.joints.size());
+                use = skins.end() - 1;
+            }
+            c.skinUse = int(use - skins.begin());
+            c.data.skin[0] = use->firstTexel;
+            c.data.skin[1] = int(skin.joints.size());
+            c.data.skin[2] = p.influenceSets;
+        }
+    }
+    int mask = 0;
+    for (const SceneData::Primitive::MorphTarget& t : p.targets)
+        mask |= (t.positions.empty() ? 0 : 1) | (t.normals.empty() ? 0 : 2) | (t.tangents.empty() ? 0 : 4);
+    if (mask != 0) {
+        const int targets = int(p.targets.size());
+        const int stride = (mask & 1) + ((mask >> 1) & 1) + ((mask >> 2) & 1);
+        auto packed = morphTexels.find({mesh, primitive});
+        if (packed == morphTexels.end()) {
+            packed = morphTexels.emplace(std::make_pair(mesh, primitive), int(deltas.size() / 4)).first;
+            for (size_t v = 0; v < p.vertexCount(); ++v)
+                for (const SceneData::Primitive::MorphTarget& t : p.targets)
+                    for (const std::vector<float>* moved : {&t.positions, &t.normals, &t.tangents}) {
+                        const int bit = moved == &t.positions ? 1 : moved == &t.normals ? 2 : 4;
+                        if (!(mask & bit))
+                            continue;
+                        for (size_t k = 0; k < 3; ++k)
+                            deltas.push_back(moved->empty() ? 0.0f : (*moved)[3 * v + k]);
+                        deltas.push_back(0.0f);
+                    }
+        }
+        const auto same = [&](const MorphUse& u) { return u.node == node && u.transform == transform; };
+        auto use = std::find_if(morphs.begin(), morphs.end(), same);
+        if (use == morphs.end()) {
+            const std::vector<float>& rest = n.weights.empty() ? scene->meshes[size_t(mesh)].weights : n.weights;
+            MorphUse made{node, transform, weightCount, int(scene->meshes[size_t(mesh)].weights.size()), {}};
+            made.weights.assign(size_t(made.count), 0.0f);
+            std::copy_n(rest.begin(), std::min(rest.size(), made.weights.size()), made.weights.begin());
+            morphs.push_back(made);
+            weightCount += made.count;
+            use = morphs.end() - 1;
+        }
+        c.morphUse = int(use - morphs.begin());
+        c.data.morph[0] = packed->second - baseVertex * targets * stride;
+        c.data.morph[1] = targets;
+        c.data.morph[2] = mask;
+        c.data.morph[3] = use->firstWeight; // made absolute by finish()
+    }
+    if (c.skinUse >= 0 || c.morphUse >= 0)
+        commands.push_back(c);
+}
+
+void SceneAnimator::Private::writeJoints(const SkinUse& use, const std::vector<QMatrix4x4>* worldsGiven)
+{
+    std::vector<QMatrix4x4> own;
+    if (!worldsGiven)
+        worldMatrices(nullptr, own);
+    const std::vector<QMatrix4x4>& worlds = worldsGiven ? *worldsGiven : own;
+    const SceneData::Skin& skin = scene->skins[size_t(use.skin)];
+    // Relative to the mesh's node, whose world matrix the object record applies after the skin.
+    const QMatrix4x4 toMesh = worlds[size_t(use.node)].inverted();
+    float* out = pose.data() + 4 * size_t(use.firstTexel);
+    for (size_t j = 0; j < skin.joints.size(); ++j, out += 16) {
+        const QMatrix4x4 m = toMesh * worlds[size_t(skin.joints[j])] * skin.inverseBindMatrices[j];
+        std::copy_n(m.constData(), 16, out); // column-major, one column per texel
+    }
+}
+
+BoundingBox SceneAnimator::Private::commandBox(const Command& c, const std::vector<QMatrix4x4>& worlds,
+                                               const std::vector<float>* animatedWeights, const AnimationPose* animation)
+{
+    const PrimitiveBounds& b = primitiveBounds(c.mesh, c.primitive);
+    // The morph deltas can move any vertex by at most the weighted sum of the targets' boxes.
+    BoundingBox reach(QVector3D(0, 0, 0), QVector3D(0, 0, 0));
+    if (c.morphUse >= 0) {
+        const MorphUse& use = morphs[size_t(c.morphUse)];
+        const float* weights = use.weights.data();
+        const AnimationPose::Node* posed = animation ? &animation->nodes[size_t(use.node)] : nullptr;
+        if (posed && posed->weightCount > 0 && animatedWeights)
+            weights = animatedWeights->data() + posed->firstWeight;
+        const size_t count = posed && posed->weightCount > 0 ? size_t(posed->weightCount) : use.weights.size();
+        for (size_t t = 0; t < std::min(count, b.targetDeltas.size()); ++t)
+            reach = minkowski(reach, scaled(b.targetDeltas[t], weights[t]));
+    }
+    if (c.skinUse < 0)
+        return minkowski(b.whole, reach);
+    // A skinned vertex is a blend of its joints' transforms of it, so it stays inside the box
+    // around each joint's transform of the vertices that joint moves.
+    const SkinUse& use = skins[size_t(c.skinUse)];
+    const SceneData::Skin& skin = scene->skins[size_t(use.skin)];
+    const QMatrix4x4 toMesh = worlds[size_t(use.node)].inverted();
+    BoundingBox box;
+    for (size_t i = 0; i < b.joints.size(); ++i) {
+        const size_t j = b.joints[i];
+        const QMatrix4x4 m = toMesh * worlds[size_t(skin.joints[j])] * skin.inverseBindMatrices[j];
+        for (const QVector3D& corner : minkowski(b.jointBoxes[i], reach).corners())
+            box.expand(m.map(corner));
+    }
+    return box;
+}
+
+bool SceneAnimator::Private::finish(QString& error)
+{
+    if (commands.empty())
+        return true;
+    const int weightTexels = (weightCount + 3) / 4;
+    pose.assign(4 * size_t(jointTexels + weightTexels), 0.0f);
+    for (MorphUse& use : morphs) {
+        use.firstWeight += 4 * jointTexels;
+        std::copy(use.weights.begin(), use.weights.end(), pose.begin() + use.firstWeight);
+    }
+    std::vector<QMatrix4x4> worlds;
+    worldMatrices(nullptr, worlds);
+    for (const SkinUse& use : skins)
+        writeJoints(use, &worlds);
+    if (deltas.empty())
+        deltas.assign(4, 0.0f);
+    poseBuffer = QSharedPointer<TextureBuffer>::create();
+    morphBuffer = QSharedPointer<TextureBuffer>::create();
+    if (!poseBuffer->upload(pose.data(), int(pose.size() / 4)) || !morphBuffer->upload(deltas.data(), int(deltas.size() / 4))) {
+        error = QStringLiteral("The %1 morph target texels or the %2 pose texels do not fit a texture buffer")
+                    .arg(deltas.size() / 4).arg(pose.size() / 4);
+        return false;
+    }
+    model.setSharedTexture(QStringLiteral("u_DeformData"), poseBuffer);
+    model.setSharedTexture(QStringLiteral("u_MorphTargets"), morphBuffer);
+    for (Command& c : commands) {
+        if (c.morphUse >= 0)
+            c.data.morph[3] = morphs[size_t(c.morphUse)].firstWeight;
+        InstanceDataCollection* objects = model.objectData(model.drawableIndex(c.drawableId));
+        objects->set(c.command, QStringLiteral("SkinData"), c.data.skin, sizeof(c.data.skin));
+        objects->set(c.command, QStringLiteral("MorphData"), c.data.morph, sizeof(c.data.morph));
+        // Each deformed command gets a box of its own, which the poses its animations reach widen.
+        const int own = int(boxes.size());
+        boxes.push_back(commandBox(c, worlds, nullptr, nullptr));
+        c.box = own;
+    }
+    model.loadBoundingBoxes(boxes.data(), int(boxes.size()));
+    for (const Command& c : commands)
+        model.useBoundingBox(model.drawableIndex(c.drawableId), c.command, c.box);
+    return true;
+}
+
+AnimationSampler* SceneAnimator::Private::sampler(int animation)
+{
+    std::unique_ptr<AnimationSampler>& made = samplers[size_t(animation)];
+    if (!made) {
+        made = std::make_unique<AnimationSampler>(*scene, animation);
+        poses[size_t(animation)] = made->makePose();
+        warnings += made->warnings();
+    }
+    return made.get();
+}
+
+void SceneAnimator::Private::widenBoxes(int animation)
+{
+    if (widened[size_t(animation)] || commands.empty())
+        return;
+    widened[size_t(animation)] = true;
+    AnimationSampler& s = *sampler(animation);
+    AnimationPose scratch = s.makePose();
+    std::vector<QMatrix4x4> worlds;
+    for (int i = 0; i <= kBoundSamples; ++i) {
+        s.sample(s.duration() * float(i) / kBoundSamples, scratch);
+        worldMatrices(&scratch, worlds);
+        for (const Command& c : commands)
+            boxes[size_t(c.box)].unite(commandBox(c, worlds, &scratch.weights, &scratch));
+    }
+    // The samples miss what happens between them; a margin covers a joint's swing in between.
+    for (const Command& c : commands) {
+        BoundingBox& box = boxes[size_t(c.box)];
+        const QVector3D margin = box.size() * 0.05f;
+        box = BoundingBox(box.minimum() - margin, box.maximum() + margin);
+    }
+    model.loadBoundingBoxes(boxes.data(), int(boxes.size()));
+}
+
+SceneAnimator::SceneAnimator(std::unique_ptr<Private> d)
+    : _d(std::move(d))
+{
+}
+
+SceneAnimator::~SceneAnimator() = default;
+
+int SceneAnimator::animationCount() const
+{
+    return int(_d->scene->animations.size());
+}
+
+QString SceneAnimator::animationName(int animation) const
+{
+    if (animation < 0 || animation >= animationCount())
+        return QString();
+    const QString& name = _d->scene->animations[size_t(animation)].name;
+    return name.isEmpty() ? QStringLiteral("animation%1").arg(animation) : name;
+}
+
+float SceneAnimator::duration(int animation) const
+{
+    return animation >= 0 && animation < animationCount() ? _d->sampler(animation)->duration() : 0.0f;
+}
+
+int SceneAnimator::channelCount(int animation) const
+{
+    return animation >= 0 && animation < animationCount() ? _d->sampler(animation)->channelCount() : 0;
+}
+
+int SceneAnimator::findAnimation(const QString& nameOrNumber) const
+{
+    for (int a = 0; a < animationCount(); ++a)
+        if (_d->scene->animations[size_t(a)].name == nameOrNumber)
+            return a;
+    bool number = false;
+    const int index = nameOrNumber.toInt(&number);
+    return number && index >= 0 && index < animationCount() ? index : -1;
+}
+
+QStringList SceneAnimator::warnings() const
+{
+    return _d->warnings;
+}
+
+bool SceneAnimator::reset()
+{
+    Private& d = *_d;
+    for (size_t n = 0; n < d.moved.size(); ++n)
+        if (d.moved[n] && d.nodeTransforms[n] >= 0)
+            d.model.setLocalTransform(d.nodeTransforms[n], d.scene->nodes[n].localMatrix());
+    d.moved.assign(d.moved.size(), false);
+    d.lastAnimation = -2;
+    if (d.commands.empty())
+        return true;
+    for (Private::MorphUse& use : d.morphs) {
+        const SceneData::Node& node = d.scene->nodes[size_t(use.node)];
+        const std::vector<float>& rest = node.weights.empty() ? d.scene->meshes[size_t(node.mesh)].weights : node.weights;
+        std::fill(use.weights.begin(), use.weights.end(), 0.0f);
+        std::copy_n(rest.begin(), std::min(rest.size(), use.weights.size()), use.weights.begin());
+        std::copy(use.weights.begin(), use.weights.end(), d.pose.begin() + use.firstWeight);
+    }
+    for (const Private::SkinUse& use : d.skins)
+        d.writeJoints(use, nullptr);
+    return d.poseBuffer->update(0, d.pose.data(), int(d.pose.size() / 4));
+}
+
+bool SceneAnimator::setTime(int animation, float seconds)
+{
+    Private& d = *_d;
+    if (animation < -1 || animation >= animationCount() || !std::isfinite(seconds))
+        return VYX_CHECK(false, "There is no animation %d to play at %g s", animation, double(seconds));
+    if (animation != d.lastAnimation && !reset())
+        return false;
+    const int first = animation < 0 ? 0 : animation, last = animation < 0 ? animationCount() - 1 : animation;
+    for (int a = first; a <= last; ++a) {
+        d.widenBoxes(a);
+        AnimationPose& pose = d.poses[size_t(a)];
+        for (int node : d.sampler(a)->sample(seconds, pose)) {
+            d.moved[size_t(node)] = true;
+            if (d.nodeTransforms[size_t(node)] >= 0)
+                d.model.setLocalTransform(d.nodeTransforms[size_t(node)], trs(pose.nodes[size_t(node)]));
+            const AnimationPose::Node& posed = pose.nodes[size_t(node)];
+            for (Private::MorphUse& use : d.morphs)
+                if (use.node == node && posed.weightCount > 0) {
+                    const size_t count = std::min(use.weights.size(), size_t(posed.weightCount));
+                    std::copy_n(pose.weightsOf(node), count, use.weights.begin());
+                    std::copy_n(use.weights.begin(), count, d.pose.begin() + use.firstWeight);
+                }
+        }
+    }
+    d.lastAnimation = animation;
+    if (d.commands.empty())
+        return true;
+    // Each animation's pose holds the nodes it moves; the others sit at rest.
+    AnimationPose combined;
+    combined.nodes.resize(d.scene->nodes.size());
+    for (size_t n = 0; n < combined.nodes.size(); ++n) {
+        const SceneData::Node& rest = d.scene->nodes[n];
+        combined.nodes[n] = {rest.translation, rest.rotation, rest.scale, 0, 0};
+    }
+    for (int a = first; a <= last; ++a)
+        for (int node : d.samplers[size_t(a)]->animatedNodes())
+            combined.nodes[size_t(node)] = d.poses[size_t(a)].nodes[size_t(node)];
+    std::vector<QMatrix4x4> worlds;
+    d.worldMatrices(&combined, worlds);
+    for (const Private::SkinUse& use : d.skins)
+        d.writeJoints(use, &worlds);
+    return d.poseBuffer->update(0, d.pose.data(), int(d.pose.size() / 4));
+}
+
+} // namespace Tavren::Vyx
