@@ -16,13 +16,32 @@ namespace {
 
 constexpr int kBoundSamples = 64; // poses per animation that its boxes must hold
 
+// T * R * S written out: a frame poses every animated node, and three general products cost
+// several times this.
 QMatrix4x4 trs(const AnimationPose::Node& n)
 {
-    QMatrix4x4 m;
-    m.translate(n.translation);
-    m.rotate(n.rotation);
-    m.scale(n.scale);
-    return m;
+    const QQuaternion& q = n.rotation;
+    const float length = std::sqrt(q.x() * q.x() + q.y() * q.y() + q.z() * q.z() + q.scalar() * q.scalar());
+    const float k = length > 0 ? 1 / length : 0;
+    const float x = q.x() * k, y = q.y() * k, z = q.z() * k, w = length > 0 ? q.scalar() * k : 1;
+    const QVector3D& s = n.scale;
+    const QVector3D& t = n.translation;
+    return QMatrix4x4((1 - 2 * (y * y + z * z)) * s.x(), 2 * (x * y - w * z) * s.y(), 2 * (x * z + w * y) * s.z(), t.x(),
+                      2 * (x * y + w * z) * s.x(), (1 - 2 * (x * x + z * z)) * s.y(), 2 * (y * z - w * x) * s.z(), t.y(),
+                      2 * (x * z - w * y) * s.x(), 2 * (y * z + w * x) * s.y(), (1 - 2 * (x * x + y * y)) * s.z(), t.z(),
+                      0, 0, 0, 1);
+}
+
+// a * b for column-major affine matrices (last row 0 0 0 1), into `out`: a frame makes two of
+// these per joint, and the general product costs nearly twice as much.
+void affineProduct(const float* a, const float* b, float* out)
+{
+    for (int column = 0; column < 4; ++column) {
+        const float* in = b + 4 * column;
+        for (int row = 0; row < 3; ++row)
+            out[4 * column + row] = a[row] * in[0] + a[4 + row] * in[1] + a[8 + row] * in[2] + (column == 3 ? a[12 + row] : 0.0f);
+        out[4 * column + 3] = column == 3 ? 1.0f : 0.0f;
+    }
 }
 
 // The box `delta` scaled by a weight that may be negative.
@@ -36,6 +55,20 @@ BoundingBox scaled(const BoundingBox& delta, float weight)
 BoundingBox minkowski(const BoundingBox& a, const BoundingBox& b)
 {
     return BoundingBox(a.minimum() + b.minimum(), a.maximum() + b.maximum());
+}
+
+// Uploads the listed texel ranges of the pose; neighbouring ranges go up together.
+bool uploadTexels(SceneAnimator::Private& d, std::vector<std::pair<int, int>>& ranges)
+{
+    std::sort(ranges.begin(), ranges.end());
+    bool ok = true;
+    for (size_t i = 0; i < ranges.size();) {
+        int begin = ranges[i].first, end = begin + ranges[i].second;
+        for (++i; i < ranges.size() && ranges[i].first <= end; ++i)
+            end = std::max(end, ranges[i].first + ranges[i].second);
+        ok = d.poseBuffer->update(begin, d.pose.data() + 4 * size_t(begin), end - begin) && ok;
+    }
+    return ok;
 }
 
 } // namespace
@@ -177,19 +210,22 @@ void SceneAnimator::Private::addCommand(int node, int transform, int mesh, int p
         commands.push_back(c);
 }
 
-void SceneAnimator::Private::writeJoints(const SkinUse& use, const std::vector<QMatrix4x4>* worldsGiven)
+void SceneAnimator::Private::writeJoints(const SkinUse& use, const std::vector<QMatrix4x4>* worlds)
 {
-    std::vector<QMatrix4x4> own;
-    if (!worldsGiven)
-        worldMatrices(nullptr, own);
-    const std::vector<QMatrix4x4>& worlds = worldsGiven ? *worldsGiven : own;
+    // The model's world matrices, which the frame brings up to date anyway, unless a joint is
+    // a node the scene does not reach and so has no transform there.
+    const auto world = [&](int node) {
+        return worlds ? (*worlds)[size_t(node)] : model.worldTransform(nodeTransforms[size_t(node)]);
+    };
     const SceneData::Skin& skin = scene->skins[size_t(use.skin)];
-    // Relative to the mesh's node, whose world matrix the object record applies after the skin.
-    const QMatrix4x4 toMesh = worlds[size_t(use.node)].inverted();
+    // Relative to the mesh's placement, whose world matrix the object record applies after the
+    // skin. (Worked out from `worlds`, a GPU instance's own matrix is left out.)
+    const QMatrix4x4 toMesh = (worlds ? world(use.node) : model.worldTransform(use.meshTransform)).inverted();
     float* out = pose.data() + 4 * size_t(use.firstTexel);
     for (size_t j = 0; j < skin.joints.size(); ++j, out += 16) {
-        const QMatrix4x4 m = toMesh * worlds[size_t(skin.joints[j])] * skin.inverseBindMatrices[j];
-        std::copy_n(m.constData(), 16, out); // column-major, one column per texel
+        float jointToMesh[16];
+        affineProduct(toMesh.constData(), world(skin.joints[j]).constData(), jointToMesh);
+        affineProduct(jointToMesh, skin.inverseBindMatrices[j].constData(), out); // one column per texel
     }
 }
 
@@ -235,6 +271,10 @@ bool SceneAnimator::Private::finish(QString& error)
     for (MorphUse& use : morphs) {
         use.firstWeight += 4 * jointTexels;
         std::copy(use.weights.begin(), use.weights.end(), pose.begin() + use.firstWeight);
+    }
+    for (const SkinUse& use : skins) {
+        const std::vector<int>& joints = scene->skins[size_t(use.skin)].joints;
+        unplacedJoints = unplacedJoints || std::any_of(joints.begin(), joints.end(), [&](int j) { return nodeTransforms[size_t(j)] < 0; });
     }
     std::vector<QMatrix4x4> worlds;
     worldMatrices(nullptr, worlds);
@@ -364,8 +404,11 @@ bool SceneAnimator::reset()
         std::copy_n(rest.begin(), std::min(rest.size(), use.weights.size()), use.weights.begin());
         std::copy(use.weights.begin(), use.weights.end(), d.pose.begin() + use.firstWeight);
     }
+    std::vector<QMatrix4x4> rest;
+    if (d.unplacedJoints)
+        d.worldMatrices(nullptr, rest);
     for (const Private::SkinUse& use : d.skins)
-        d.writeJoints(use, nullptr);
+        d.writeJoints(use, d.unplacedJoints ? &rest : nullptr);
     return d.poseBuffer->update(0, d.pose.data(), int(d.pose.size() / 4));
 }
 
@@ -377,11 +420,13 @@ bool SceneAnimator::setTime(int animation, float seconds)
     if (animation != d.lastAnimation && !reset())
         return false;
     const int first = animation < 0 ? 0 : animation, last = animation < 0 ? animationCount() - 1 : animation;
+    std::vector<bool> touched(d.scene->nodes.size(), false);
+    std::vector<std::pair<int, int>> texels; // ranges of the pose buffer to upload: first, count
     for (int a = first; a <= last; ++a) {
         d.widenBoxes(a);
         AnimationPose& pose = d.poses[size_t(a)];
         for (int node : d.sampler(a)->sample(seconds, pose)) {
-            d.moved[size_t(node)] = true;
+            touched[size_t(node)] = d.moved[size_t(node)] = true;
             if (d.nodeTransforms[size_t(node)] >= 0)
                 d.model.setLocalTransform(d.nodeTransforms[size_t(node)], trs(pose.nodes[size_t(node)]));
             const AnimationPose::Node& posed = pose.nodes[size_t(node)];
@@ -390,27 +435,41 @@ bool SceneAnimator::setTime(int animation, float seconds)
                     const size_t count = std::min(use.weights.size(), size_t(posed.weightCount));
                     std::copy_n(pose.weightsOf(node), count, use.weights.begin());
                     std::copy_n(use.weights.begin(), count, d.pose.begin() + use.firstWeight);
+                    const int firstTexel = use.firstWeight / 4;
+                    texels.emplace_back(firstTexel, (use.firstWeight + int(count) + 3) / 4 - firstTexel);
                 }
         }
     }
     d.lastAnimation = animation;
-    if (d.commands.empty())
-        return true;
-    // Each animation's pose holds the nodes it moves; the others sit at rest.
-    AnimationPose combined;
-    combined.nodes.resize(d.scene->nodes.size());
-    for (size_t n = 0; n < combined.nodes.size(); ++n) {
-        const SceneData::Node& rest = d.scene->nodes[n];
-        combined.nodes[n] = {rest.translation, rest.rotation, rest.scale, 0, 0};
-    }
-    for (int a = first; a <= last; ++a)
-        for (int node : d.samplers[size_t(a)]->animatedNodes())
-            combined.nodes[size_t(node)] = d.poses[size_t(a)].nodes[size_t(node)];
+    if (d.skins.empty())
+        return uploadTexels(d, texels);
+    // A node's world matrix changed when it or an ancestor moved.
+    std::vector<bool> changed(touched);
+    for (int node : d.order)
+        if (d.parents[size_t(node)] >= 0 && changed[size_t(d.parents[size_t(node)])])
+            changed[size_t(node)] = true;
     std::vector<QMatrix4x4> worlds;
-    d.worldMatrices(&combined, worlds);
-    for (const Private::SkinUse& use : d.skins)
-        d.writeJoints(use, &worlds);
-    return d.poseBuffer->update(0, d.pose.data(), int(d.pose.size() / 4));
+    if (d.unplacedJoints) {
+        // Each animation's pose holds the nodes it moves; the others sit at rest.
+        AnimationPose combined;
+        combined.nodes.resize(d.scene->nodes.size());
+        for (size_t n = 0; n < combined.nodes.size(); ++n) {
+            const SceneData::Node& rest = d.scene->nodes[n];
+            combined.nodes[n] = {rest.translation, rest.rotation, rest.scale, 0, 0};
+        }
+        for (int a = first; a <= last; ++a)
+            for (int node : d.samplers[size_t(a)]->animatedNodes())
+                combined.nodes[size_t(node)] = d.poses[size_t(a)].nodes[size_t(node)];
+        d.worldMatrices(&combined, worlds);
+    }
+    for (const Private::SkinUse& use : d.skins) {
+        const std::vector<int>& joints = d.scene->skins[size_t(use.skin)].joints;
+        if (!changed[size_t(use.node)] && std::none_of(joints.begin(), joints.end(), [&](int j) { return changed[size_t(j)]; }))
+            continue;
+        d.writeJoints(use, d.unplacedJoints ? &worlds : nullptr);
+        texels.emplace_back(use.firstTexel, 4 * int(joints.size()));
+    }
+    return uploadTexels(d, texels);
 }
 
 } // namespace Tavren::Vyx

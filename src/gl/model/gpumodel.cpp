@@ -451,9 +451,10 @@ QMatrix4x4 GPUModel::updateTransform(int transform)
         const int parent = _parents[t];
         _worlds[t] = parent >= 0 ? _worlds[parent] * _locals[t] : _locals[t];
         _normalsStale[t] = true;
-        const QVector3D a = _worlds[t].row(0).toVector3D().normalized();
-        const QVector3D b = _worlds[t].row(1).toVector3D().normalized();
-        const QVector3D c = _worlds[t].row(2).toVector3D().normalized();
+        // The sign of the linear part's determinant; scaling the rows would not change it.
+        const QVector3D a = _worlds[t].row(0).toVector3D();
+        const QVector3D b = _worlds[t].row(1).toVector3D();
+        const QVector3D c = _worlds[t].row(2).toVector3D();
         _mirrored[t] = QVector3D::dotProduct(QVector3D::crossProduct(a, b), c) < 0.0f;
         const quint8 zeroScale = scalesToNothing(_worlds[t]) ? 1 : 0;
         if (_zeroScale[size_t(t)] != zeroScale) {

@@ -69,6 +69,7 @@ struct SceneAnimator::Private
     void worldMatrices(const AnimationPose* pose, std::vector<QMatrix4x4>& worlds) const;
     BoundingBox commandBox(const Command& c, const std::vector<QMatrix4x4>& worlds, const std::vector<float>* poseWeights,
                            const AnimationPose* pose);
+    // From `worlds` when given, else from the model's world matrices.
     void writeJoints(const SkinUse& use, const std::vector<QMatrix4x4>* worlds);
     void widenBoxes(int animation);
     AnimationSampler* sampler(int animation);
@@ -93,6 +94,9 @@ struct SceneAnimator::Private
     std::vector<bool> widened;
     std::vector<bool> moved; // nodes some played animation moved
     int lastAnimation = -2;
+    // Some joint is a node outside the scene's tree, so joint matrices come from worldMatrices()
+    // rather than the model's transforms.
+    bool unplacedJoints = false;
     QSharedPointer<TextureBuffer> poseBuffer, morphBuffer;
     QStringList warnings;
 };
