@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 
@@ -269,22 +270,10 @@ KTX2Parser::~KTX2Parser()
 
 bool KTX2Parser::readIndex()
 {
-    uint32_t words[13];
-    std::memcpy(words, _data + 12, sizeof words);
+    // The 32-bit words lie in the struct as in the file; the 64-bit ones follow a gap there.
+    static_assert(offsetof(KTX2Header, kvdByteLength) == 48, "KTX2Header's words follow the file's");
     KTX2Header& h = _header;
-    h.vkFormat = words[0];
-    h.typeSize = words[1];
-    h.pixelWidth = words[2];
-    h.pixelHeight = words[3];
-    h.pixelDepth = words[4];
-    h.layerCount = words[5];
-    h.faceCount = words[6];
-    h.levelCount = words[7];
-    h.supercompressionScheme = words[8];
-    h.dfdByteOffset = words[9];
-    h.dfdByteLength = words[10];
-    h.kvdByteOffset = words[11];
-    h.kvdByteLength = words[12];
+    std::memcpy(static_cast<void*>(&h), _data + 12, 52);
     h.sgdByteOffset = word64(_data + 64);
     h.sgdByteLength = word64(_data + 72);
 

@@ -42,6 +42,15 @@ void upload(const KTXParser& parser, GLenum target, const KTXImage& image)
     }
 }
 
+bool startsAsKTX2(Memory* memory)
+{
+    unsigned char* head = memory ? memory->get(0, sizeof KTX2Parser::identifier) : nullptr;
+    const bool match = KTX2Parser::hasIdentifier(head, sizeof KTX2Parser::identifier);
+    if (head)
+        memory->release(head);
+    return match;
+}
+
 } // namespace
 
 KTXReader::KTXReader(Memory* memory, const QString& name)
@@ -83,16 +92,11 @@ QString KTXReader::value(unsigned int index)
 
 Texture* KTXReader::load(const TextureFileInfo& info)
 {
-    if (!_parser->headerReadable()) {
-        unsigned char* head = _memory ? _memory->get(0, sizeof KTX2Parser::identifier) : nullptr;
-        const bool ktx2 = KTX2Parser::hasIdentifier(head, sizeof KTX2Parser::identifier);
-        if (head)
-            _memory->release(head);
-        // A KTX 2 file handed to this reader is not a damaged KTX 1 one.
-        VYX_CHECK_RETURN(!ktx2, nullptr, "'%s' is a KTX 2 file, which KTX2Reader reads, not KTXReader",
-                         printableName(_name).constData());
-        VYX_CHECK_RETURN(false, nullptr, "KTX file '%s' has no readable header", printableName(_name).constData());
-    }
+    // A KTX 2 file handed to this reader is not a damaged KTX 1 one.
+    VYX_CHECK_RETURN(_parser->headerReadable() || !startsAsKTX2(_memory.get()), nullptr,
+                     "'%s' is a KTX 2 file, which KTX2Reader reads, not KTXReader", printableName(_name).constData());
+    VYX_CHECK_RETURN(_parser->headerReadable(), nullptr,
+                     "KTX file '%s' has no readable header", printableName(_name).constData());
     if (isArrayTexture()) {
         if (isCubeMapTexture())
             VYX_WARNING("Cubemap arrays not supported yet, sorry!");
