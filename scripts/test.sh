@@ -51,7 +51,7 @@ run_suite "$root/build-asan" -DCMAKE_BUILD_TYPE=Debug -DVYXGL_SANITIZE=ON -DVYXG
 # A finding fails the run; the reproducer is printed (base64) so it survives in the CI log.
 run_fuzzers() {
   local build="$root/build-fuzz" seconds="${VYX_FUZZ_SECONDS:-60}" out="$root/build-fuzz/ci"
-  local targets=(fuzz_ktx fuzz_ktx_roundtrip fuzz_hdr fuzz_astc fuzz_glsl fuzz_gltf)
+  local targets=(fuzz_ktx fuzz_ktx2 fuzz_ktx_roundtrip fuzz_hdr fuzz_astc fuzz_glsl fuzz_gltf)
   CXX=clang++ cmake -S "$root" -B "$build" "${compiler_cache[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVYXGL_BUILD_FUZZERS=ON \
     -DVYXGL_FUZZ_SANITIZE=ON -DVYXGL_BUILD_TESTS=OFF -DVYXGL_BUILD_APPS=OFF -DVYXGL_BUILD_BENCHMARKS=OFF
   cmake --build "$build" -j"$jobs" --target "${targets[@]}"

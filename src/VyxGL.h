@@ -28,6 +28,8 @@
 #include "gl/instancedata/instancedata.h"
 #include "gl/instancedata/instancedatacollection.h"
 #include "gl/instancedata/instancedataplan.h"
+#include "gl/textureio/ktx2parser.h"
+#include "gl/textureio/ktx2reader.h"
 #include "gl/textureio/ktxparser.h"
 #include "gl/textureio/ktxreader.h"
 #include "gl/textureio/ktxwriter.h"

@@ -6,6 +6,7 @@
 #include "gl/platform/headlesscontext.h"
 #include "gl/textureio/astcfile.h"
 #include "gl/textureio/hdrdecoder.h"
+#include "gl/textureio/ktx2parser.h"
 #include "gl/textureio/ktxparser.h"
 #include "gl/textures/samplertexturemanager.h"
 #include "render/gltfimporter.h"
@@ -28,7 +29,7 @@ namespace {
 void printInspectUsage()
 {
     std::printf("usage: vyxgl inspect FILE\n"
-                "  KTX: header, levels and key/values; Radiance HDR: header; "
+                "  KTX 1 and 2: header, levels and key/values; Radiance HDR: header; "
                 "ASTC: footprint and size;\n"
                 "  other images: what Qt's reader sees; .gltf/.glb: nodes, "
                 "meshes, materials,\n"
@@ -91,6 +92,54 @@ void printAnimation(const QString& path)
         std::printf("  animation %zu: '%s', %d channels, %.3f s\n", a, qPrintable(scene->animations[a].name),
                     sampler.channelCount(), double(sampler.duration()));
     }
+
+// Key/values print as text when they are text (one trailing NUL allowed), else as hex.
+QByteArray printableValue(QByteArray value)
+{
+    if (value.endsWith('\0'))
+        value.chop(1);
+    const bool text = std::all_of(value.begin(), value.end(), [](char c) { return c >= 0x20 || c == '\t'; });
+    return text ? value.left(96) : value.toHex(' ').left(96);
+}
+
+int inspectKTX2(Memory& memory)
+{
+    KTX2Parser ktx(&memory);
+    if (!ktx.valid()) {
+        std::fprintf(stderr, "vyxgl inspect: the KTX 2 header cannot be read\n");
+        return 1;
+    }
+    const KTX2Header& h = ktx.header();
+    const KTX2DataFormat& dfd = ktx.dataFormat();
+    std::printf("KTX 2\n");
+    std::printf("  size:             %u x %u x %u, %u layers, %u faces\n", h.pixelWidth, h.pixelHeight,
+                h.pixelDepth, h.layerCount, h.faceCount);
+    std::printf("  vkFormat:         %s (%u), typeSize %u\n", KTX2Parser::formatName(h.vkFormat).constData(),
+                h.vkFormat, h.typeSize);
+    std::printf("  supercompression: %s (%u)%s\n", KTX2Parser::supercompressionName(h.supercompressionScheme),
+                h.supercompressionScheme, ktx.isBasisUniversal() ? ", Basis Universal: not supported" : "");
+    if (dfd.present)
+        std::printf("  data format:      %s colour model, %s transfer, primaries %u, %ux%ux%u blocks, %u samples\n",
+                    KTX2Parser::colorModelName(dfd.colorModel), KTX2Parser::transferFunctionName(dfd.transferFunction),
+                    dfd.colorPrimaries, dfd.blockDimensions[0], dfd.blockDimensions[1], dfd.blockDimensions[2],
+                    dfd.samples);
+    std::printf("  levels:           %u%s\n", h.levelCount, h.levelCount == 0 ? " (made on load)" : "");
+    for (size_t i = 0; i < ktx.levels().size(); ++i) {
+        const KTX2Level& l = ktx.levels()[i];
+        std::printf("    level %zu: %llu bytes at offset %llu, %llu uncompressed\n", i,
+                    static_cast<unsigned long long>(l.byteLength), static_cast<unsigned long long>(l.byteOffset),
+                    static_cast<unsigned long long>(l.uncompressedByteLength));
+    }
+    std::printf("  supercompression global data: %llu bytes\n", static_cast<unsigned long long>(h.sgdByteLength));
+    std::printf("  key/values:       %u (%u bytes)\n", ktx.numMetadataEntries(), h.kvdByteLength);
+    for (unsigned i = 0; i < ktx.numMetadataEntries(); ++i)
+        std::printf("    %s = %s\n", qPrintable(ktx.key(i)), printableValue(ktx.valueBytes(i)).constData());
+    // A Basis payload is described above; its levels need a transcoder to be checked.
+    if (!ktx.isBasisUniversal() && !ktx.parseImages()) {
+        std::fprintf(stderr, "vyxgl inspect: the KTX 2 image data cannot be read\n");
+        return 1;
+    }
+    return 0;
 }
 
 int inspectScene(const QString& path)
@@ -153,11 +202,14 @@ int runInspect(int argc, char** argv)
         return 1;
     }
     const bool ktx = KTXParser::hasIdentifier(head, 16);
+    const bool ktx2 = KTX2Parser::hasIdentifier(head, 16);
     const bool astc = ASTCFile::hasMagic(head, 16);
     const bool hdr = std::memcmp(head, "#?", 2) == 0;
     memory.release(head);
     if (ktx)
         return inspectKTX(memory);
+    if (ktx2)
+        return inspectKTX2(memory);
     if (astc) {
         ASTCFile file(&memory);
         if (!file.valid()) {

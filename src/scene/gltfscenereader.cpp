@@ -108,6 +108,7 @@ const QStringList& GLTFSceneReader::supportedExtensions()
         QStringLiteral("KHR_lights_punctual"),
         QStringLiteral("KHR_mesh_quantization"),
         QStringLiteral("KHR_texture_transform"),
+        QStringLiteral("KHR_texture_basisu"),
         QStringLiteral("KHR_materials_unlit"),
         QStringLiteral("KHR_materials_emissive_strength"),
         QStringLiteral("EXT_mesh_gpu_instancing"),

@@ -8,6 +8,7 @@
 #include "render/gltfimporter.h"
 #include "render/scenerenderer.h"
 #include "support/gltest.h"
+#include "support/ktx2builder.h"
 #include "support/messagecapture.h"
 #include "support/testenvironment.h"
 
@@ -69,6 +70,15 @@ public:
         for (auto it = extra.begin(); it != extra.end(); ++it)
             t.insert(it.key(), it.value());
         _textures.append(t);
+        return _textures.size() - 1;
+    }
+    // A KTX 2 file in the buffer, named through KHR_texture_basisu alone.
+    int ktx2Texture(const QByteArray& file)
+    {
+        accessor(file.constData(), file.size(), 5121, file.size(), "SCALAR"); // for its buffer view
+        _images.append(QJsonObject{{"bufferView", _views.size() - 1}, {"mimeType", "image/ktx2"}});
+        const QJsonObject basisu{{"KHR_texture_basisu", QJsonObject{{"source", _images.size() - 1}}}};
+        _textures.append(QJsonObject{{"sampler", 0}, {"extensions", basisu}});
         return _textures.size() - 1;
     }
     // A quad whose texture coordinates put the picture upright (glTF's v runs down the picture).
@@ -316,6 +326,31 @@ TEST_F(GLTFFeaturesTest, GPUInstancesAreDrawnEach)
     expectNear(quarter(image, 0, 0), blue, "first instance");
     EXPECT_NE(quarter(image, 1, 0), blue) << "between the instances";
     expectNear(quarter(image, 2, 3), blue, "second instance");
+}
+
+// A KTX 2 picture shows upright like a PNG one; a Basis Universal one renders white and says why.
+TEST_F(GLTFFeaturesTest, KTX2ImagesThroughTextureBasisu)
+{
+    VyxTest::KTX2File corners;
+    corners.width = corners.height = 2;
+    corners.vkFormat = 43; // R8G8B8A8_SRGB
+    QByteArray texels; // top row first, as glTF pictures are
+    for (QRgb colour : kCorners)
+        texels += QByteArray(1, char(qRed(colour))) + char(qGreen(colour)) + char(qBlue(colour)) + char(255);
+    corners.levels = {texels};
+    QuadScene scene;
+    scene.quad(unlit({{"baseColorTexture", QJsonObject{{"index", scene.ktx2Texture(corners.bytes())}}}}));
+    scene.quad(unlit({{"baseColorTexture", QJsonObject{{"index", scene.ktx2Texture(VyxTest::readTestData(
+                                                                     "ktx/invalid/loadersgl_test_etc1s_KTX2-not-KTX1.ktx2"))}}}}));
+    MessageCapture messages;
+    const QImage image = render(scene);
+    ASSERT_FALSE(image.isNull());
+    for (int c = 0; c < 4; ++c) {
+        expectNear(quarter(image, 0, c), kCorners[c], "KTX 2 corner");
+        expectNear(quarter(image, 1, c), qRgb(255, 255, 255), "Basis Universal picture");
+    }
+    EXPECT_TRUE(messages.texts(QtWarningMsg).join('\n').contains("Basis Universal payload (ETC1S/BasisLZ), which is not supported"));
+    EXPECT_EQ(importer.warnings(), QStringList{"Image 1 ('') could not be loaded; it renders white"});
 }
 
 // Every primitive mode reaches the GPU without a warning: strips, loops and fans as lists.

@@ -5,6 +5,7 @@
 #include "gl/platform/glutilities.h"
 #include "gl/textureio/astcreader.h"
 #include "gl/textureio/hdrreader.h"
+#include "gl/textureio/ktx2reader.h"
 #include "gl/textureio/ktxparser.h"
 #include "gl/textureio/ktxreader.h"
 #include "gl/textureio/textureio.h"
@@ -78,17 +79,19 @@ void VYX_APIENTRY failingTexImage2D(GLenum, GLint l, GLint f, GLsizei w, GLsizei
 TEST_F(TextureIOTest, RegistryListsBuiltinsOnceAndMapsExtensions)
 {
     const QList<TextureRecogniser*> builtins = RegisteredTextureRecognisers();
-    ASSERT_EQ(builtins.size(), 3);
+    ASSERT_EQ(builtins.size(), 4);
     EXPECT_NE(dynamic_cast<HDRRecogniser*>(builtins[0]), nullptr);
     EXPECT_NE(dynamic_cast<KTXRecogniser*>(builtins[1]), nullptr);
     EXPECT_NE(dynamic_cast<ASTCRecogniser*>(builtins[2]), nullptr);
     EXPECT_EQ(TextureRecogniserForExtension("HDR"), builtins[0]);
     EXPECT_EQ(TextureRecogniserForExtension("astc"), builtins[2]);
+    EXPECT_NE(dynamic_cast<KTX2Recogniser*>(builtins[3]), nullptr);
+    EXPECT_EQ(TextureRecogniserForExtension("KTX2"), builtins[3]);
 
     static DecliningRecogniser declining;
     RegisterTextureRecogniser(&declining, "Foo");
     RegisterTextureRecogniser(&declining, "bar");
-    EXPECT_EQ(RegisteredTextureRecognisers().size(), 4);
+    EXPECT_EQ(RegisteredTextureRecognisers().size(), 5);
     EXPECT_EQ(TextureRecogniserForExtension("foo"), &declining);
     EXPECT_EQ(TextureRecogniserForExtension("BAR"), &declining);
 

@@ -3,6 +3,7 @@
 #include "gl/platform/internal/glutilities.h"
 #include "gl/textureio/astcreader.h"
 #include "gl/textureio/hdrreader.h"
+#include "gl/textureio/ktx2reader.h"
 #include "gl/textureio/ktxreader.h"
 
 namespace Tavren::Vyx {
@@ -13,9 +14,11 @@ void registerBuiltinTextureRecognisers()
     static HDRRecogniser hdr;
     static KTXRecogniser ktx;
     static ASTCRecogniser astc;
+    static KTX2Recogniser ktx2;
     RegisterTextureRecogniser(&hdr, QStringLiteral("hdr"));
     RegisterTextureRecogniser(&ktx, QStringLiteral("ktx"));
     RegisterTextureRecogniser(&astc, QStringLiteral("astc"));
+    RegisterTextureRecogniser(&ktx2, QStringLiteral("ktx2"));
 }
 
 namespace {

@@ -6,6 +6,7 @@
 #include "gl/objects/internal/texturesetup.h"
 #include "gl/objects/texture.h"
 #include "gl/platform/glutilities.h"
+#include "gl/textureio/ktx2parser.h"
 #include "gl/textureio/ktxparser.h"
 #include "gl/textureio/textureutilities.h"
 
@@ -39,6 +40,15 @@ void upload(const KTXParser& parser, GLenum target, const KTXImage& image)
         else
             glTexImage3D(target, level, GLint(format), w, ht, d, 0, h.glFormat, h.glType, image.data);
     }
+}
+
+bool startsAsKTX2(Memory* memory)
+{
+    unsigned char* head = memory ? memory->get(0, sizeof KTX2Parser::identifier) : nullptr;
+    const bool match = KTX2Parser::hasIdentifier(head, sizeof KTX2Parser::identifier);
+    if (head)
+        memory->release(head);
+    return match;
 }
 
 } // namespace
@@ -82,6 +92,9 @@ QString KTXReader::value(unsigned int index)
 
 Texture* KTXReader::load(const TextureFileInfo& info)
 {
+    // A KTX 2 file handed to this reader is not a damaged KTX 1 one.
+    VYX_CHECK_RETURN(_parser->headerReadable() || !startsAsKTX2(_memory.get()), nullptr,
+                     "'%s' is a KTX 2 file, which KTX2Reader reads, not KTXReader", printableName(_name).constData());
     VYX_CHECK_RETURN(_parser->headerReadable(), nullptr,
                      "KTX file '%s' has no readable header", printableName(_name).constData());
     if (isArrayTexture()) {
@@ -124,7 +137,8 @@ Texture* KTXReader::load(const TextureFileInfo& info)
     // The passes render 2D pictures only; other targets keep the file's layout and colours.
     if (target == GL_TEXTURE_2D) {
         RemapColorRange(texture, info.lowValue, info.highValue);
-        FlipY(texture);
+        if (!info.topRowFirst)
+            FlipY(texture);
     } else if (info.lowValue != 0.0f || info.highValue != 1.0f) {
         VYX_DEBUG("Colour range of %s left as it is: only 2D textures are remapped", printableName(_name).constData());
     }

@@ -22,6 +22,9 @@ struct TextureFileInfo
     float highValue = 1.0f;
     // 8-bit colour is stored as sRGB.
     bool srgb = false;
+    // KTX 2D pictures keep the file's first (top) row as GL's first row, as glTF's texture
+    // coordinates want, instead of being turned bottom row first.
+    bool topRowFirst = false;
 };
 
 // The reader of one file. It owns the Memory it was built on.

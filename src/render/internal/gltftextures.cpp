@@ -68,6 +68,7 @@ Texture* decode(QByteArray bytes, const QString& name, bool srgb)
 {
     TextureFileInfo info;
     info.srgb = srgb;
+    info.topRowFirst = true; // glTF's texture coordinates start at the picture's top row
     auto* data = reinterpret_cast<unsigned char*>(bytes.data()); // recognisers may patch headers in place
     std::unique_ptr<TextureLoader> loader(IdentifyTextureFromMemory(data, uint64_t(bytes.size()), name));
     if (!loader) {

@@ -489,11 +489,15 @@ bool GLTFConverter::textures()
     for (size_t t = 0; t < _gltf.textures.size(); ++t) {
         const tinygltf::Texture& texture = _gltf.textures[t];
         // No source is left to the upload: an extension may name one that this reader skips.
-        if (texture.source >= int(_gltf.images.size()))
-            return fail(QStringLiteral("Texture %1 uses image %2, which does not exist").arg(t).arg(texture.source));
+        // KHR_texture_basisu names a KTX 2 image, used when there is no plain one to fall back on.
+        int source = texture.source;
+        if (const tinygltf::Value* basisu = extension(texture.extensions, "KHR_texture_basisu"); basisu && source < 0)
+            source = int(number(*basisu, "source", -1));
+        if (source >= int(_gltf.images.size()))
+            return fail(QStringLiteral("Texture %1 uses image %2, which does not exist").arg(t).arg(source));
         if (texture.sampler >= int(_gltf.samplers.size()))
             return fail(QStringLiteral("Texture %1 uses sampler %2, which does not exist").arg(t).arg(texture.sampler));
-        _out.textures.push_back({std::max(texture.source, -1), std::max(texture.sampler, -1)});
+        _out.textures.push_back({std::max(source, -1), std::max(texture.sampler, -1)});
     }
     return true;
 }

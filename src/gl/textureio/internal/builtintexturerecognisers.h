@@ -2,7 +2,7 @@
 
 namespace Tavren::Vyx {
 
-// Registers the texture readers that ship with the library ("hdr", "ktx", "astc").
+// Registers the texture readers that ship with the library ("hdr", "ktx", "astc", "ktx2").
 // Run by initializeGLFunctions() on every attempt, successful or not, through its hook.
 void registerBuiltinTextureRecognisers();
 
