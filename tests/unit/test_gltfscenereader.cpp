@@ -307,7 +307,8 @@ TEST(GLTFSceneReaderModes, StripsLoopsAndFansArriveAsListsAndIncompleteEndsAreDr
     }
 }
 
-// glTF asks for flat shading when normals are missing; every attribute must follow the split.
+// glTF asks for flat shading when normals are missing; every attribute, both influence sets and
+// the morph targets included, must follow the split.
 TEST(GLTFSceneReaderNormals, TrianglesWithoutNormalsAreFlatShadedAndPointsAndLinesGetNone)
 {
     SceneBuilder b;
@@ -315,9 +316,13 @@ TEST(GLTFSceneReaderNormals, TrianglesWithoutNormalsAreFlatShadedAndPointsAndLin
     const QJsonObject attributes{
         {"POSITION", b.floats({0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 1}, "VEC3", 3)},
         {"COLOR_0", b.floats({0, 0, 0, 1, 1, 1, 1, 1, 2, 2, 2, 1, 3, 3, 3, 1}, "VEC4", 4)},
-        {"JOINTS_0", b.accessor(bytes<quint8>({0, 0, 0, 0, 1, 1, 1, 1, 2, 2, 2, 2, 3, 3, 3, 3}), kUnsignedByte, 4, "VEC4")}};
+        {"JOINTS_0", b.accessor(bytes<quint8>({0, 0, 0, 0, 1, 1, 1, 1, 2, 2, 2, 2, 3, 3, 3, 3}), kUnsignedByte, 4, "VEC4")},
+        {"JOINTS_1", b.accessor(bytes<quint8>({0, 0, 0, 0, 0, 0, 0, 10, 0, 0, 0, 20, 0, 0, 0, 30}), kUnsignedByte, 4, "VEC4")},
+        {"WEIGHTS_1", b.floats(std::vector<float>(16, 0.125f), "VEC4", 4)}};
     const int indices = b.accessor(bytes<quint8>({0, 1, 2, 0, 2, 3}), kUnsignedByte, 6, "SCALAR");
-    const Read read = readScene(b.scene({primitive(attributes, 4, indices), primitive(attributes, 1, indices), primitive(attributes, 0)}));
+    QJsonObject morphed = primitive(attributes, 4, indices);
+    morphed["targets"] = QJsonArray{QJsonObject{{"POSITION", b.floats({0, 0, 0, 1, 0, 0, 2, 0, 0, 3, 0, 0}, "VEC3", 3)}}};
+    const Read read = readScene(b.scene({morphed, primitive(attributes, 1, indices), primitive(attributes, 0)}));
     ASSERT_TRUE(read.scene) << qPrintable(read.error);
     const P& p = read.first();
     ASSERT_EQ(p.vertexCount(), 6u);
@@ -325,13 +330,45 @@ TEST(GLTFSceneReaderNormals, TrianglesWithoutNormalsAreFlatShadedAndPointsAndLin
     const float s = 1.0f / std::sqrt(3.0f);
     EXPECT_THAT(p.normals, testing::Pointwise(testing::FloatNear(1e-6f), std::vector<float>{0, 0, 1, 0, 0, 1, 0, 0, 1, s, -s, s, s, -s, s, s, -s, s}));
     const quint32 sources[] = {0, 1, 2, 0, 2, 3};
+    ASSERT_EQ(p.influenceSets, 2);
+    ASSERT_EQ(p.targets.size(), 1u);
     for (size_t v = 0; v < 6; ++v) {
         EXPECT_EQ(p.colors[v * 4], float(sources[v]));
-        EXPECT_EQ(p.joints[v * 4 + 3], sources[v]);
+        EXPECT_EQ(p.joints[v * 8 + 3], sources[v]);
+        EXPECT_EQ(p.joints[v * 8 + 7], sources[v] * 10);
+        EXPECT_EQ(p.weights[v * 8], 0.0f) << "joints without weights weigh nothing";
+        EXPECT_EQ(p.weights[v * 8 + 4], 0.125f);
+        EXPECT_EQ(p.targets[0].positions[v * 3], float(sources[v]));
         EXPECT_EQ(p.positions[v * 3 + 2], sources[v] == 3 ? 1.0f : 0.0f);
     }
     EXPECT_TRUE(read.scene->meshes[0].primitives[1].normals.empty());
     EXPECT_TRUE(read.scene->meshes[0].primitives[2].normals.empty());
+}
+
+// Default weights fill up to the targets; a node's own weights stand beside them. A skin that
+// cannot be applied loses its joints, with a warning, and the scene still loads.
+TEST(GLTFSceneReaderDeformation, MorphWeightsAndSkinsThatCannotBeApplied)
+{
+    SceneBuilder b;
+    const int position = b.floats({0, 0, 0, 1, 0, 0, 0, 1, 0}, "VEC3", 3);
+    const int delta = b.floats({0, 0, 1, 0, 0, 1, 0, 0, 1}, "VEC3", 3);
+    const int bind = b.floats(std::vector<float>{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}, "MAT4", 16);
+    QJsonObject p = primitive({{"POSITION", position}});
+    p["targets"] = QJsonArray{QJsonObject{{"POSITION", delta}}, QJsonObject{{"NORMAL", delta}}};
+    QJsonObject root = b.scene({p});
+    root["meshes"] = QJsonArray{QJsonObject{{"primitives", QJsonArray{p}}, {"weights", QJsonArray{0.25}}}};
+    root["nodes"] = QJsonArray{QJsonObject{{"mesh", 0}, {"weights", QJsonArray{0.5, 0.75}}, {"skin", 0}, {"children", QJsonArray{1, 2}}},
+                               QJsonObject{}, QJsonObject{}};
+    root["skins"] = QJsonArray{QJsonObject{{"joints", QJsonArray{1, 2}}, {"inverseBindMatrices", bind}},
+                               QJsonObject{{"joints", QJsonArray{1}}, {"inverseBindMatrices", bind}}};
+    const Read read = readScene(root);
+    ASSERT_TRUE(read.scene) << qPrintable(read.error);
+    EXPECT_EQ(read.scene->meshes[0].weights, (std::vector<float>{0.25f, 0.0f}));
+    EXPECT_EQ(read.scene->nodes[0].weights, (std::vector<float>{0.5f, 0.75f}));
+    EXPECT_EQ(read.first().targets[1].normals.size(), 9u);
+    EXPECT_TRUE(read.scene->skins[0].joints.empty());
+    EXPECT_TRUE(read.warnings.join('\n').contains("Skin 0 has 1 inverse bind matrices for 2 joints")) << qPrintable(read.warnings.join('\n'));
+    EXPECT_EQ(read.scene->skins[1].joints, std::vector<int>{1});
 }
 
 // The files' tangents were made by MikkTSpace itself; ours, made once they are taken out of the
