@@ -28,9 +28,15 @@ trap 'rm -rf "$work"' EXIT
 "$vyxgl" render "$scene" --animation 0 --frames "$frames" --size 240x320 --camera auto -o "$work/frame-%03d.png" > /dev/null
 IFS=: read -r first _ rate <<< "$frames"
 labelled=()
+count=0
 for picture in "$work"/frame-*.png; do
   n=$((10#$(basename "$picture" .png | sed 's/frame-//')))
   labelled+=(-label "$(awk -v f="$first" -v n="$n" -v r="$rate" 'BEGIN { printf "%.3f s", f + n / r }')" "$picture")
+  count=$((count + 1))
 done
-montage "${labelled[@]}" -tile "${#labelled[@]}x1" -geometry +2+2 -pointsize 14 "$output"
+# ImageMagick's default font may not be installed; DejaVu comes with most Debian systems.
+font=()
+dejavu=/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf
+[ -f "$dejavu" ] && font=(-font "$dejavu")
+montage "${labelled[@]}" -tile "${count}x1" -geometry +2+2 "${font[@]}" -pointsize 14 -background white "$output"
 echo "$output"

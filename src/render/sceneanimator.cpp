@@ -15,6 +15,9 @@ namespace Tavren::Vyx {
 namespace {
 
 constexpr int kBoundSamples = 64; // poses per animation that its boxes must hold
+// Vertex-influence products per pose up to which a box is made from every deformed vertex; past
+// it, from per-joint boxes, looser but independent of the vertex count.
+constexpr size_t kExactBoxBudget = 1 << 16;
 
 // T * R * S written out: a frame poses every animated node, and three general products cost
 // several times this.
@@ -233,32 +236,62 @@ BoundingBox SceneAnimator::Private::commandBox(const Command& c, const std::vect
                                                const std::vector<float>* animatedWeights, const AnimationPose* animation)
 {
     const PrimitiveBounds& b = primitiveBounds(c.mesh, c.primitive);
-    // The morph deltas can move any vertex by at most the weighted sum of the targets' boxes.
-    BoundingBox reach(QVector3D(0, 0, 0), QVector3D(0, 0, 0));
+    const SceneData::Primitive& p = scene->meshes[size_t(c.mesh)].primitives[size_t(c.primitive)];
+    const float* weights = nullptr;
+    size_t weightCount = 0;
     if (c.morphUse >= 0) {
         const MorphUse& use = morphs[size_t(c.morphUse)];
-        const float* weights = use.weights.data();
         const AnimationPose::Node* posed = animation ? &animation->nodes[size_t(use.node)] : nullptr;
-        if (posed && posed->weightCount > 0 && animatedWeights)
-            weights = animatedWeights->data() + posed->firstWeight;
-        const size_t count = posed && posed->weightCount > 0 ? size_t(posed->weightCount) : use.weights.size();
-        for (size_t t = 0; t < std::min(count, b.targetDeltas.size()); ++t)
-            reach = minkowski(reach, scaled(b.targetDeltas[t], weights[t]));
+        const bool animated = posed && posed->weightCount > 0 && animatedWeights;
+        weights = animated ? animatedWeights->data() + posed->firstWeight : use.weights.data();
+        weightCount = std::min(animated ? size_t(posed->weightCount) : use.weights.size(), p.targets.size());
     }
-    if (c.skinUse < 0)
-        return minkowski(b.whole, reach);
-    // A skinned vertex is a blend of its joints' transforms of it, so it stays inside the box
-    // around each joint's transform of the vertices that joint moves.
-    const SkinUse& use = skins[size_t(c.skinUse)];
-    const SceneData::Skin& skin = scene->skins[size_t(use.skin)];
-    const QMatrix4x4 toMesh = worlds[size_t(use.node)].inverted();
+    std::vector<QMatrix4x4> joints;
+    if (c.skinUse >= 0) {
+        const SkinUse& use = skins[size_t(c.skinUse)];
+        const SceneData::Skin& skin = scene->skins[size_t(use.skin)];
+        const QMatrix4x4 toMesh = worlds[size_t(use.node)].inverted();
+        for (size_t j = 0; j < skin.joints.size(); ++j)
+            joints.push_back(toMesh * worlds[size_t(skin.joints[j])] * skin.inverseBindMatrices[j]);
+    }
     BoundingBox box;
-    for (size_t i = 0; i < b.joints.size(); ++i) {
-        const size_t j = b.joints[i];
-        const QMatrix4x4 m = toMesh * worlds[size_t(skin.joints[j])] * skin.inverseBindMatrices[j];
-        for (const QVector3D& corner : minkowski(b.jointBoxes[i], reach).corners())
-            box.expand(m.map(corner));
+    const size_t vertices = p.vertexCount();
+    if (vertices * (weightCount + 4 * size_t(p.influenceSets) + 1) <= kExactBoxBudget) {
+        // Small enough to deform every vertex as the vertex stage does.
+        const size_t influences = 4 * size_t(p.influenceSets);
+        for (size_t v = 0; v < vertices; ++v) {
+            QVector3D at(p.positions[3 * v], p.positions[3 * v + 1], p.positions[3 * v + 2]);
+            for (size_t t = 0; t < weightCount; ++t)
+                if (!p.targets[t].positions.empty())
+                    at += weights[t] * QVector3D(p.targets[t].positions[3 * v], p.targets[t].positions[3 * v + 1],
+                                                 p.targets[t].positions[3 * v + 2]);
+            if (joints.empty() || influences == 0) {
+                box.expand(at);
+                continue;
+            }
+            QVector3D skinned;
+            float total = 0;
+            for (size_t i = 0; i < influences; ++i) {
+                const float w = p.weights[v * influences + i];
+                total += w;
+                if (w != 0)
+                    skinned += w * joints[p.joints[v * influences + i]].map(at);
+            }
+            box.expand(total > 0 ? skinned : at);
+        }
+        return box;
     }
+    // Too many to deform: the morph deltas move a vertex by at most the weighted sum of the
+    // targets' boxes, and a skinned vertex, a blend of its joints' transforms of it, stays inside
+    // the box around each joint's transform of the vertices that joint moves.
+    BoundingBox reach(QVector3D(0, 0, 0), QVector3D(0, 0, 0));
+    for (size_t t = 0; t < std::min(weightCount, b.targetDeltas.size()); ++t)
+        reach = minkowski(reach, scaled(b.targetDeltas[t], weights[t]));
+    if (joints.empty())
+        return minkowski(b.whole, reach);
+    for (size_t i = 0; i < b.joints.size(); ++i)
+        for (const QVector3D& corner : minkowski(b.jointBoxes[i], reach).corners())
+            box.expand(joints[b.joints[i]].map(corner));
     return box;
 }
 
