@@ -166,7 +166,7 @@ bool Uploader::upload()
             return false;
     }
     _deformation.boxes = _boxes;
-    if (!_deformation.finish(error))
+    if (!_deformation.finish(error, _warnings))
         return false;
     _model.updateTransforms();
     return true;

@@ -1,6 +1,7 @@
 #include "render/sceneanimator.h"
 
 #include "core/logging.h"
+#include "gl/glloader.h"
 #include "gl/model/gpumodel.h"
 #include "gl/instancedata/instancedatacollection.h"
 #include "gl/objects/texturebuffer.h"
@@ -295,10 +296,35 @@ BoundingBox SceneAnimator::Private::commandBox(const Command& c, const std::vect
     return box;
 }
 
-bool SceneAnimator::Private::finish(QString& error)
+bool SceneAnimator::Private::finish(QString& error, QStringList& messages)
 {
     if (commands.empty())
         return true;
+    // Past what one texture buffer holds, the scene still draws, at rest.
+    GLint limit = 0;
+    glGetIntegerv(GL_MAX_TEXTURE_BUFFER_SIZE, &limit);
+    const size_t weightTexelsWanted = (size_t(weightCount) + 3) / 4;
+    const bool morphsFit = deltas.size() / 4 <= size_t(limit) && size_t(jointTexels) + weightTexelsWanted <= size_t(limit);
+    const bool skinsFit = size_t(jointTexels) <= size_t(limit);
+    if (!morphsFit || !skinsFit) {
+        messages << QStringLiteral("The scene's %1 need more than the %2 texels a texture buffer holds here; they are left at rest")
+                        .arg(QLatin1String(!skinsFit ? "skins and morph targets" : "morph targets")).arg(limit);
+        for (Command& c : commands) {
+            c.morphUse = -1;
+            c.data.morph[0] = c.data.morph[1] = c.data.morph[2] = c.data.morph[3] = 0;
+            if (!skinsFit) {
+                c.skinUse = -1;
+                c.data.skin[0] = c.data.skin[1] = c.data.skin[2] = 0;
+            }
+        }
+        morphs.clear();
+        weightCount = 0;
+        deltas.clear();
+        if (!skinsFit) {
+            skins.clear();
+            jointTexels = 0;
+        }
+    }
     const int weightTexels = (weightCount + 3) / 4;
     pose.assign(4 * size_t(jointTexels + weightTexels), 0.0f);
     for (MorphUse& use : morphs) {

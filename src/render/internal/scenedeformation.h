@@ -37,8 +37,9 @@ struct SceneAnimator::Private
     void addCommand(int node, int transform, int mesh, int primitive, int baseVertex, int drawableId, int command,
                     int box, QStringList& warnings);
     // Uploads the deltas and the rest pose, hands both buffers to the model, writes the deformed
-    // commands' records and gives each its own box. False on failure.
-    bool finish(QString& error);
+    // commands' records and gives each its own box; what does not fit a texture buffer stays
+    // at rest, with a message. False on failure.
+    bool finish(QString& error, QStringList& messages);
 
     struct SkinUse
     {
