@@ -92,6 +92,7 @@ void printAnimation(const QString& path)
         std::printf("  animation %zu: '%s', %d channels, %.3f s\n", a, qPrintable(scene->animations[a].name),
                     sampler.channelCount(), double(sampler.duration()));
     }
+}
 
 // Key/values print as text when they are text (one trailing NUL allowed), else as hex.
 QByteArray printableValue(QByteArray value)
