@@ -165,12 +165,7 @@ void OrbitCameraController::pan(const QPointF& delta)
     const QVector3D right = world.column(0).toVector3D().normalized();
     const QVector3D up = world.column(1).toVector3D().normalized();
     _pivot += (-right * float(delta.x()) + up * float(delta.y())) * perPixel;
-    const QVector3D back = world.column(2).toVector3D().normalized();
-    QMatrix4x4 moved = world;
-    moved.setColumn(3, QVector4D(_pivot + back * _distance, 1.0f));
-    _camera.setWorldMatrix(moved);
-    fitPlanes();
-    Q_EMIT cameraChanged();
+    placeEyeAtPivot();
 }
 
 void OrbitCameraController::dolly(float steps, const QPointF& cursor)
@@ -190,9 +185,14 @@ void OrbitCameraController::dolly(float steps, const QPointF& cursor)
         _camera.setOrthographicHeight(_camera.orthographicHeight() * factor);
     else
         _distance = std::max(_distance * factor, 1e-6f);
-    const QVector3D back = world.column(2).toVector3D().normalized();
-    QMatrix4x4 moved = world;
-    moved.setColumn(3, QVector4D(_pivot + back * _distance, 1.0f));
+    placeEyeAtPivot();
+}
+
+void OrbitCameraController::placeEyeAtPivot()
+{
+    // Same orientation (roll included), the eye moved to keep the pivot straight ahead.
+    QMatrix4x4 moved = _camera.worldMatrix();
+    moved.setColumn(3, QVector4D(_pivot + moved.column(2).toVector3D().normalized() * _distance, 1.0f));
     _camera.setWorldMatrix(moved);
     fitPlanes();
     Q_EMIT cameraChanged();

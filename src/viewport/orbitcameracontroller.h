@@ -71,6 +71,7 @@ protected:
 private:
     enum class Drag { None, Orbit, Pan, Dolly };
     void rebuild();
+    void placeEyeAtPivot();
     void fitPlanes();
     void beginInteraction();
     void endInteraction();
