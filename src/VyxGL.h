@@ -63,3 +63,6 @@
 #include "scene/animationsampler.h"
 #include "scene/gltfscenereader.h"
 #include "scene/scenedata.h"
+#include "viewport/orbitcameracontroller.h"
+#include "viewport/sceneviewport.h"
+#include "viewport/viewerscene.h"

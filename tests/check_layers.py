@@ -25,6 +25,7 @@ LAYERS = [
     "gl/environment",
     "scene",
     "render",
+    "viewport",
 ]
 # Headers kept at their installed paths for the library's users.
 FIXED = {"gl/glloader.h": "gl/platform", "VyxGL.h": None}

@@ -12,6 +12,8 @@ class HeadlessGLContext;
 int runRender(int argc, char** argv);
 int runInspect(int argc, char** argv);
 int runConvert(int argc, char** argv);
+// Opens a window: the only command that needs a display.
+int runView(int argc, char** argv);
 
 // Runs work with an application object and a current headless context whose loader and device
 // context are set up, then drops what the library cached while the context is still current;

@@ -65,8 +65,9 @@ int runInfo()
 
 void printUsage()
 {
-    std::printf("usage: vyxgl [info] | render [SCENE] [options] | inspect FILE | convert ENVMAP -o cube.ktx\n"
+    std::printf("usage: vyxgl [info] | render [SCENE] [options] | view [SCENE] | inspect FILE | convert ENVMAP -o cube.ktx\n"
                 "  render  render a glTF scene, or the built-in demo, to a PNG\n"
+                "  view    a window on a glTF scene, or the built-in demo, to orbit, pick and play\n"
                 "  inspect what a texture file or glTF scene holds\n"
                 "  convert an environment picture to a cube map and its lighting maps\n"
                 "  (vyxgl COMMAND --help for each command's options; --verbose anywhere shows the\n"
@@ -90,6 +91,8 @@ int main(int argc, char** argv)
         return runInspect(argc - 2, argv + 2);
     if (std::strcmp(command, "convert") == 0)
         return runConvert(argc - 2, argv + 2);
+    if (std::strcmp(command, "view") == 0)
+        return runView(argc - 2, argv + 2);
     if (std::strcmp(command, "--help") == 0 || std::strcmp(command, "-h") == 0) {
         printUsage();
         return 0;

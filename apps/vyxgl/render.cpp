@@ -15,6 +15,7 @@
 #include "render/sceneanimator.h"
 #include "render/sceneframing.h"
 #include "render/scenerenderer.h"
+#include "viewport/viewerscene.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -269,18 +270,7 @@ int renderWithContext(const Options& options)
         for (const QString& warning : animator->warnings())
             std::fprintf(stderr, "vyxgl: warning: %s\n", qPrintable(warning));
     }
-    if (model.lightCount() == 0) {
-        // A scene without lights gets a sun from above the camera's right shoulder.
-        auto* sun = new PunctualLight(&lights);
-        sun->setType(ShadowMapLight::Directional);
-        QMatrix4x4 frame;
-        frame.lookAt(QVector3D(), QVector3D(-0.5f, -1.0f, -0.6f), QVector3D(0, 1, 0));
-        frame = frame.inverted();
-        frame.rotate(180, 0, 1, 0);
-        sun->setTransform(frame);
-        sun->intensity = 2.5f;
-        model.addLight(QVariant::fromValue<QObject*>(sun), QStringLiteral("Default sun"));
-    }
+    ViewerScene::addDefaultSunIfUnlit(model, &lights);
     const float aspect = float(options.size.width()) / float(options.size.height());
     if (options.camera >= model.getCameraCount()) {
         std::fprintf(stderr, "vyxgl render: camera %d does not exist (the scene has %d)\n", options.camera,
