@@ -15,6 +15,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QMatrix4x4>
+#include <QVector2D>
 
 #include <cmath>
 #include <set>
