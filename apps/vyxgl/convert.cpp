@@ -24,19 +24,18 @@ namespace {
 
 void printConvertUsage()
 {
-    std::printf("usage: vyxgl convert ENVMAP [--type latlong|cross|sphere] [--size N] -o "
-                "cube.ktx\n"
-                "                     [--irradiance FILE] [--prefiltered FILE --levels "
-                "N] [--brdf FILE] [--sh FILE]\n"
-                "  --type          layout of ENVMAP (default latlong)\n"
-                "  --size N        cube face size in texels (default 512)\n"
+    std::printf("usage: vyxgl convert [ENVMAP] [--type latlong|cross|sphere] [--size N] [-o cube.ktx]\n"
+                "                     [--irradiance FILE] [--prefiltered FILE --levels N] [--brdf FILE] [--sh FILE]\n"
+                "Makes only what is asked for, at least one of:\n"
                 "  -o FILE         the cube map as KTX\n"
-                "  --irradiance F  the diffuse (N.L) cube map as KTX, 32 texels a face\n"
-                "  --prefiltered F the GGX-prefiltered specular cube map as KTX, "
-                "--levels N mips (default 6)\n"
-                "  --brdf F        the split-sum BRDF table (128 x 128, RG16F) as KTX\n"
-                "  --sh F          nine SH irradiance coefficients as text, one RGB "
-                "triple a line\n");
+                "  --irradiance F  the diffuse (irradiance / pi) cube map as KTX, 32 texels a face\n"
+                "  --prefiltered F the GGX-prefiltered specular cube map as KTX, --levels N mips\n"
+                "                  (default 6; level k holds roughness 1 - sqrt(1 - k / (N - 1)))\n"
+                "  --brdf F        the split-sum BRDF table (128 x 128, RG16F: scale and bias of F0,\n"
+                "                  N.V across, roughness up) as KTX; needs no ENVMAP\n"
+                "  --sh F          nine SH irradiance coefficients as text, one RGB triple a line\n"
+                "  --type          layout of ENVMAP (default latlong)\n"
+                "  --size N        cube face size in texels (default 512)\n");
 }
 
 // One line per step on stderr: a bar that fills in place on a terminal, plain
@@ -131,62 +130,66 @@ int runConvert(int argc, char** argv)
                                                   : typeName == QLatin1String("cross")  ? Utils::SourceCross
                                                   : typeName == QLatin1String("sphere") ? Utils::SourceSphere
                                                                                         : Utils::SourceNone;
-    if (input.isEmpty() || output.isEmpty() || type == Utils::SourceNone) {
-        std::fprintf(stderr, "vyxgl convert: needs ENVMAP, -o FILE and a type of "
-                             "latlong, cross or sphere\n");
+    const bool needsCube = !output.isEmpty() || !irradiance.isEmpty() || !prefiltered.isEmpty() || !sh.isEmpty();
+    if ((!needsCube && brdf.isEmpty()) || (needsCube && input.isEmpty()) || type == Utils::SourceNone) {
+        std::fprintf(stderr, "vyxgl convert: needs at least one of -o, --irradiance, --prefiltered, --brdf and --sh,\n"
+                             "ENVMAP for all but --brdf, and a type of latlong, cross or sphere\n");
         return 2;
     }
     return runWithContext([&] {
-        Progress progress(2 + !irradiance.isEmpty() + !prefiltered.isEmpty() + !brdf.isEmpty() + !sh.isEmpty());
-        {
+        Progress progress(needsCube + !output.isEmpty() + !irradiance.isEmpty() + !prefiltered.isEmpty() +
+                          !brdf.isEmpty() + !sh.isEmpty());
+        std::unique_ptr<Texture> cube;
+        if (needsCube) {
             progress.begin("loading and converting to a cube map");
             std::unique_ptr<Texture> source(LoadTextureFromFile(input, TextureFileInfo()));
             Texture* raw = source.release();
             if (!raw || (type == Utils::SourceLatLong && !FlipY(raw)))
                 return fail(QStringLiteral("cannot load '%1'").arg(input));
             source.reset(raw);
-            std::unique_ptr<Texture> cube(
-                Utils::createGLCubemapFromTexture(source.get(), type, unsigned(size), Utils::ColorSpaceLinear));
+            cube.reset(Utils::createGLCubemapFromTexture(source.get(), type, unsigned(size), Utils::ColorSpaceLinear));
             if (!cube)
                 return fail(QStringLiteral("cannot convert '%1' to a cube map").arg(input));
             progress.end();
+        }
+        if (!output.isEmpty()) {
             progress.begin("writing the cube map");
             if (!saveKTX(cube.get(), output))
                 return fail(QStringLiteral("cannot write '%1'").arg(output));
             progress.end();
-            if (!irradiance.isEmpty()) {
-                progress.begin("diffuse irradiance");
-                std::unique_ptr<Texture> map(Utils::createGLCubemapNDotLFromGLCubemap(cube.get(), 32, 1, 0, 1.0f));
-                if (!saveKTX(map.get(), irradiance))
-                    return fail(QStringLiteral("cannot make or write '%1'").arg(irradiance));
-                progress.end();
-            }
-            if (!prefiltered.isEmpty()) {
-                progress.begin("prefiltered specular map");
-                std::unique_ptr<Texture> map(
-                    Utils::createPrefilteredEnvMapFromGLCubemap(cube.get(), unsigned(std::min(size, 256)), levels));
-                if (!saveKTX(map.get(), prefiltered))
-                    return fail(QStringLiteral("cannot make or write '%1'").arg(prefiltered));
-                progress.end();
-            }
-            if (!brdf.isEmpty()) {
-                progress.begin("BRDF table");
-                std::unique_ptr<Texture> table(Utils::createPreintegratedBRDFTable(128));
-                if (!saveKTX(table.get(), brdf))
-                    return fail(QStringLiteral("cannot make or write '%1'").arg(brdf));
-                progress.end();
-            }
-            if (!sh.isEmpty()) {
-                progress.begin("SH irradiance");
-                const Utils::IrradianceSH coefficients = Utils::computeIrradianceSHFromGLCubemap(cube.get());
-                QFile file(sh);
-                if (!coefficients.valid || !file.open(QIODevice::WriteOnly | QIODevice::Text))
-                    return fail(QStringLiteral("cannot make or write '%1'").arg(sh));
-                QTextStream out(&file);
-                for (const QVector3D& c : coefficients.coefficients)
-                    out << c.x() << ' ' << c.y() << ' ' << c.z() << '\n';
-                progress.end();
-            }
+        }
+        if (!irradiance.isEmpty()) {
+            progress.begin("diffuse irradiance");
+            std::unique_ptr<Texture> map(Utils::createIrradianceCubemapFromGLCubemap(cube.get(), 32));
+            if (!saveKTX(map.get(), irradiance))
+                return fail(QStringLiteral("cannot make or write '%1'").arg(irradiance));
+            progress.end();
+        }
+        if (!prefiltered.isEmpty()) {
+            progress.begin("prefiltered specular map");
+            std::unique_ptr<Texture> map(
+                Utils::createPrefilteredEnvMapFromGLCubemap(cube.get(), unsigned(std::min(size, 256)), levels));
+            if (!saveKTX(map.get(), prefiltered))
+                return fail(QStringLiteral("cannot make or write '%1'").arg(prefiltered));
+            progress.end();
+        }
+        if (!brdf.isEmpty()) {
+            progress.begin("BRDF table");
+            std::unique_ptr<Texture> table(Utils::createPreintegratedBRDFTable(128));
+            if (!saveKTX(table.get(), brdf))
+                return fail(QStringLiteral("cannot make or write '%1'").arg(brdf));
+            progress.end();
+        }
+        if (!sh.isEmpty()) {
+            progress.begin("SH irradiance");
+            const Utils::IrradianceSH coefficients = Utils::computeIrradianceSHFromGLCubemap(cube.get());
+            QFile file(sh);
+            if (!coefficients.valid || !file.open(QIODevice::WriteOnly | QIODevice::Text))
+                return fail(QStringLiteral("cannot make or write '%1'").arg(sh));
+            QTextStream out(&file);
+            for (const QVector3D& c : coefficients.coefficients)
+                out << c.x() << ' ' << c.y() << ' ' << c.z() << '\n';
+            progress.end();
         }
         return 0;
     });

@@ -157,7 +157,8 @@ QByteArray withMipmapLevels(QByteArray file, uint32_t levels)
     return file.replace(56, 4, QByteArray(reinterpret_cast<const char*>(&levels), 4));
 }
 
-// Real KTX files: texels match the file's bytes (2D ones turned over by the final pass).
+// Real KTX files: texels match the file's bytes (2D ones turned over by the final pass, unless
+// their orientation key says the rows already run bottom first).
 TEST_F(TextureIOTest, KTXFilesLoadAsStored)
 {
     struct Case { const char* file; GLenum target, format, type; int bytesPerTexel; bool flipped; };
@@ -165,6 +166,8 @@ TEST_F(TextureIOTest, KTXFilesLoadAsStored)
         {"ktxsw_rgba-reference.ktx", GL_TEXTURE_2D, GL_RGBA, GL_UNSIGNED_BYTE, 4, true},
         {"astcenc_ldr-tile_rgba8.ktx", GL_TEXTURE_2D, GL_RGBA, GL_UNSIGNED_BYTE, 4, true},
         {"ktxsw_rgb-reference.ktx", GL_TEXTURE_2D, GL_RGB, GL_UNSIGNED_BYTE, 3, true},
+        {"ktxsw_orient-down-metadata.ktx", GL_TEXTURE_2D, GL_RGB, GL_UNSIGNED_BYTE, 3, true},
+        {"ktxsw_orient-up-metadata.ktx", GL_TEXTURE_2D, GL_RGB, GL_UNSIGNED_BYTE, 3, false},
         {"ktxsw_not4_rgb888_srgb.ktx", GL_TEXTURE_2D, GL_RGB, GL_UNSIGNED_BYTE, 3, true},
         {"sevmeyer_format_raw_r32_sfloat.ktx", GL_TEXTURE_2D, GL_RED, GL_FLOAT, 4, true},
         {"sascha_particle_gradient_rgba_1d.ktx", GL_TEXTURE_1D, GL_RGBA, GL_UNSIGNED_BYTE, 4, false},

@@ -5,7 +5,9 @@
 #instancedata "GLTFMaterial"
 
 // Metallic-roughness shading: punctual lights with variance shadows, and image-based light from
-// a prefiltered specular cube map, the split-sum table and nine SH irradiance coefficients.
+// a prefiltered specular cube map, the split-sum table and nine SH irradiance coefficients. The
+// specular lobe is GGX with height-correlated Smith visibility, compensated for the energy that
+// scattering between microfacets would reflect and a single-scattering BRDF loses.
 
 #define MAX_LIGHTS 8
 const float PI = 3.14159265358979;
@@ -32,6 +34,8 @@ uniform int u_AlphaBlend;
 
 uniform samplerCube u_PrefilteredMap;
 uniform float u_PrefilteredLevels;
+// Split-sum scale (r) and bias (g) of F0 at (N.V, roughness); r + g is the single-scattering
+// albedo of a white metal.
 uniform sampler2D u_BRDFTable;
 uniform vec3 u_IrradianceSH[9];
 uniform float u_EnvironmentIntensity;
@@ -80,10 +84,17 @@ float ggx(float nh, float a)
     return a2 / (PI * d * d);
 }
 
+// Height-correlated Smith G2 / (4 N.V N.L), as the split-sum table integrates it.
 float smithVisibility(float nv, float nl, float a)
 {
-    float k = a * 0.5;
-    return 0.25 / ((nv * (1.0 - k) + k) * (nl * (1.0 - k) + k));
+    float a2 = a * a;
+    return 0.5 / (nl * sqrt(nv * nv * (1.0 - a2) + a2) + nv * sqrt(nl * nl * (1.0 - a2) + a2));
+}
+
+// The prefiltered map's level for a roughness: its levels hold roughness 1 - sqrt(1 - k / (n - 1)).
+float prefilteredLod(float roughness)
+{
+    return (u_PrefilteredLevels - 1.0) * roughness * (2.0 - roughness);
 }
 
 void main()
@@ -126,6 +137,11 @@ void main()
 
     vec3 diffuseColor = baseColor.rgb * (1.0 - metallic);
     vec3 f0 = mix(vec3(0.04), baseColor.rgb, metallic);
+    // A single-scattering lobe reflects E = r + g of the light a white metal should (a third at
+    // full roughness); scaling specular by 1 + F0 (1 / E - 1) puts the multiply scattered rest
+    // back, in proportion to F0 as each further bounce keeps only F of it.
+    vec2 brdf = texture(u_BRDFTable, vec2(nv, roughness)).rg;
+    vec3 energyCompensation = 1.0 + f0 * (1.0 / max(brdf.x + brdf.y, 0.05) - 1.0);
     vec3 colour = vec3(0.0);
     for (int i = 0; i < u_LightCount && i < MAX_LIGHTS; ++i) {
         vec3 l;
@@ -152,17 +168,16 @@ void main()
         vec3 h = normalize(l + v);
         float vh = max(dot(v, h), 0.0);
         vec3 fresnel = f0 + (1.0 - f0) * pow(1.0 - vh, 5.0);
-        vec3 specular = fresnel * ggx(max(dot(n, h), 0.0), alpha) * smithVisibility(nv, nl, alpha);
+        vec3 specular = fresnel * ggx(max(dot(n, h), 0.0), alpha) * smithVisibility(nv, nl, alpha) * energyCompensation;
         vec3 diffuse = (1.0 - fresnel) * diffuseColor / PI;
         colour += (diffuse + specular) * u_LightColor[i] * nl * attenuation;
     }
 
-    vec2 brdf = texture(u_BRDFTable, vec2(nv, roughness)).rg;
     vec3 r = reflect(-v, n);
-    vec3 prefiltered = textureLod(u_PrefilteredMap, r, roughness * (u_PrefilteredLevels - 1.0)).rgb;
+    vec3 prefiltered = textureLod(u_PrefilteredMap, r, prefilteredLod(roughness)).rgb;
     float occlusion = mix(1.0, managedTexture(getOcclusionMap(id), mapCoordinates(getOcclusionUVRow0(id), getOcclusionUVRow1(id))).r,
                           factors.w);
-    vec3 ambient = diffuseColor * irradiance(n) + prefiltered * (f0 * brdf.x + brdf.y);
+    vec3 ambient = diffuseColor * irradiance(n) + prefiltered * (f0 * brdf.x + brdf.y) * energyCompensation;
     colour += ambient * occlusion * u_EnvironmentIntensity;
     colour += emissive.rgb * managedTexture(getEmissiveMap(id), mapCoordinates(getEmissiveUVRow0(id), getEmissiveUVRow1(id))).rgb;
     o_Colour = vec4(toneMapToSRGB(colour), alphaOut);

@@ -78,18 +78,38 @@ VYXGL_EXPORT Texture* createGLCubemapBlurFromGLCubemap(Texture* cubemap, unsigne
                                                        int firstLevel);
 // Cosine-power convolution, power exp2(13 * pow(amount, 1 / levelPow)); amount 0 is N.L, the
 // diffuse (irradiance / pi) map. Cost grows with the source's face size (sampled up to 128^2
-// per face): pass a small mip or use the SH irradiance below when speed matters.
+// per face): for the diffuse map alone, createIrradianceCubemapFromGLCubemap below is faster
+// and exact, and the SH irradiance cheaper still.
 VYXGL_EXPORT Texture* createGLCubemapNDotLFromGLCubemap(Texture* cubemap, unsigned int size, int levelCount,
                                                         int firstLevel, float levelPow);
 
 // Prefiltered specular map for the split-sum approximation: a size x size cube map with
-// `levels` mip levels, level k prefiltered with GGX at roughness k / (levels - 1) (level 0 is
-// the source, resampled). The source should be mipmapped: samples read the mip level matching
-// their solid angle, so `samples` stays small. Sample at lod = roughness * (levels - 1).
+// `levels` mip levels (at most 16), level k prefiltered with GGX at roughness
+// prefilteredLevelRoughness(k, levels) and N = V = R, level 0 being the source at that size (a
+// copy of the matching source level when there is one). The source must be mipmapped, as the
+// cube maps made here are. Its first level of at most 64^2 a face is read back and split: the
+// texels holding more than 0.1% of all its light (a sun's, which GGX's long tail spreads over
+// every direction; 24 at most) are cut down to that share and their excess becomes small area
+// lights, added exactly. What is left is smooth: rough levels (0.5 and up) sum it over 8 x 8
+// blocks a face, the others filtered-importance-sample it, each of the `samples` points reading
+// the mip level whose texels cover the solid angle it stands for. On a sun-lit HDR picture each
+// level is within 1.7% RMS of an exact quadrature (where even 4,096 point samples are several
+// percent off at the rough levels), in about the time 64 point samples of the whole source took.
 VYXGL_EXPORT Texture* createPrefilteredEnvMapFromGLCubemap(Texture* cubemap, unsigned int size, int levels,
                                                            int samples = 64);
-// size x size GL_RG16F table of the split-sum's scale (r) and bias (g) for F0: x is N.V and
-// y the roughness, both at texel centres.
+// The roughness-to-level mapping of the prefiltered map: lod = (levels - 1) * r * (2 - r), so
+// level k holds roughness 1 - sqrt(1 - k / (levels - 1)). Against a linear mapping it spends
+// more levels on the smooth end, where a lobe's width changes fastest with roughness (alpha =
+// r^2 runs 0, 0.011, 0.051, 0.135, 0.306, 1 over six levels). Shaders sample at
+// prefilteredLevelForRoughness(roughness, levels), clamped to 0 ... 1 roughness.
+VYXGL_EXPORT float prefilteredLevelRoughness(int level, int levels);
+VYXGL_EXPORT float prefilteredLevelForRoughness(float roughness, int levels);
+// size x size GL_RG16F table of the split-sum's scale (r) and bias (g) for F0 with the
+// height-correlated Smith visibility: x is N.V and y the roughness, both at texel centres.
+// Their sum r + g is the single-scattering albedo E of a white metal; shading multiplies the
+// specular term by 1 + F0 * (1 / E - 1) to put back the energy that scattering between
+// microfacets reflects, which a single-scattering BRDF loses on rough surfaces. `samples` is
+// the quadrature's point count per texel (1024: within 0.3% of the exact integral).
 VYXGL_EXPORT Texture* createPreintegratedBRDFTable(unsigned int size, int samples = 1024);
 
 // Diffuse irradiance as 9 spherical-harmonic coefficients (bands 0-2), already convolved
@@ -106,6 +126,17 @@ struct VYXGL_EXPORT IrradianceSH
 // take a millisecond or two and need no program, while a GPU reduction would take several
 // passes and a float read-back all the same. Not valid (with a message) for unusable sources.
 VYXGL_EXPORT IrradianceSH computeIrradianceSHFromGLCubemap(Texture* cubemap, int maxFaceSize = 64);
+
+// The diffuse (irradiance / pi) map as a size x size cube map (mipmapped, the source's float
+// format), exact to the source's texels rather than to three SH bands: the first source level
+// no larger than maxFaceSize is read back and summed, per block of texels (16 x 16 blocks a
+// face at most), into one vector per channel, sum(radiance * solid angle * direction) / pi.
+// The cosine is linear in the direction, so max(0, dot(N, vector)) is the block's exact share
+// for every block wholly above or below N's horizon; only blocks the horizon cuts are
+// approximated, by a few degrees' worth. Then one pass sums 1,536 blocks per texel instead of
+// the N.L convolution's up to 100,000 samples. Null, with a message, for unusable sources.
+VYXGL_EXPORT Texture* createIrradianceCubemapFromGLCubemap(Texture* cubemap, unsigned int size,
+                                                           int maxFaceSize = 64);
 
 } // namespace OkuImageCubemapUtils
 

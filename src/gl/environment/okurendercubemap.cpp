@@ -17,6 +17,8 @@
 #include <QElapsedTimer>
 #include <QVariant>
 
+#include <cmath>
+
 namespace Tavren::Vyx {
 
 namespace {
@@ -354,11 +356,20 @@ OkuRenderCubemap_NDotL::OkuRenderCubemap_NDotL(Texture* cubemap, QVector<float> 
 {
 }
 
-OkuRenderCubemap_Prefiltered::OkuRenderCubemap_Prefiltered(Texture* cubemap, int samples)
+OkuRenderCubemap_Irradiance::OkuRenderCubemap_Irradiance(Texture* blockTable)
+    : OkuRenderCubemapBaseTexture(blockTable, GL_NEAREST, GL_NEAREST)
+{
+}
+
+OkuRenderCubemap_Prefiltered::OkuRenderCubemap_Prefiltered(Texture* cubemap)
     : OkuRenderCubemapBaseTexture(cubemap, GL_LINEAR_MIPMAP_LINEAR, GL_LINEAR)
-    , _samples(samples)
 {
     setSeamless(true);
+}
+
+void OkuRenderCubemap_Prefiltered::addDefines(GLSLMacroProcessor& mp) const
+{
+    mp.addDefine(QStringLiteral("VYX_PREFILTER_MAX_LIGHTS"), QString::number(kMaxLights));
 }
 
 QStringList OkuRenderCubemap_Prefiltered::extraFragmentShaderFiles() const
@@ -368,15 +379,73 @@ QStringList OkuRenderCubemap_Prefiltered::extraFragmentShaderFiles() const
 
 bool OkuRenderCubemap_Prefiltered::begin(ShaderProgram& program, int firstLayer, int layerCount)
 {
+    VYX_CHECK_RETURN(nullptr != _blocks && _lights.size() <= 16 * kMaxLights, false,
+                     "No block table, or too many lights, to render the prefiltered map with");
     if (!OkuRenderCubemapBaseTexture::begin(program, firstLayer, layerCount))
         return false;
-    // The source is bound on the active unit; its face size sets the solid angle of a texel.
-    GLint size = 0;
+    // The source is bound on the active unit: its face size sets the solid angle of a texel, and
+    // its levels with storage the coarsest a sample may read.
+    GLint size = 0, maxLevel = 0;
     glGetTexLevelParameteriv(GL_TEXTURE_CUBE_MAP_POSITIVE_X, 0, GL_TEXTURE_WIDTH, &size);
+    glGetTexParameteriv(GL_TEXTURE_CUBE_MAP, GL_TEXTURE_MAX_LEVEL, &maxLevel);
+    int lastLevel = 0;
+    for (GLint width = 0; lastLevel < maxLevel && lastLevel < 16; ++lastLevel) {
+        glGetTexLevelParameteriv(GL_TEXTURE_CUBE_MAP_POSITIVE_X, lastLevel + 1, GL_TEXTURE_WIDTH, &width);
+        if (width <= 0)
+            break;
+    }
+    const int outputSize = _outputSize > 0 ? _outputSize : size;
+    const float matchingLod = qBound(0.0f, std::log2(float(size) / float(outputSize)), float(lastLevel));
+    // The share of the lobe's weight N.L D / 4 above the horizon (with N = V: D / 4 is the pdf of
+    // L), which the lights' exact terms are divided by as the sampled part divides by its own.
+    const double a2 = std::pow(double(_roughness), 4.0);
+    double lobeWeight = 0.0;
+    const int steps = 4096;
+    for (int i = 0; i < steps; ++i) {
+        // Over u, the GGX CDF of N.H: the weight is max(0, N.L) = max(0, 2 N.H^2 - 1).
+        const double u = (i + 0.5) / steps, cos2 = (1.0 - u) / (1.0 + (a2 - 1.0) * u);
+        lobeWeight += qMax(0.0, 2.0 * cos2 - 1.0);
+    }
     program.setUniform(QStringLiteral("u_Roughness"), QVariant(_roughness));
     program.setUniform(QStringLiteral("u_SampleCount"), QVariant(_samples));
     program.setUniform(QStringLiteral("u_SourceSize"), QVariant(float(size)));
-    return true;
+    program.setUniform(QStringLiteral("u_SourceMaxLod"), QVariant(float(lastLevel)));
+    program.setUniform(QStringLiteral("u_MatchingLod"), QVariant(matchingLod));
+    program.setUniform(QStringLiteral("u_LobeWeight"), QVariant(float(lobeWeight / steps)));
+    const int lightCount = int(_lights.size() / 16);
+    // Narrow lobes see a light only near it: past the angle where all the lights' power together
+    // would add less than 0.4% of the environment's mean radiance, none is evaluated.
+    double lightPower = 0.0;
+    for (int i = 0; i < lightCount; ++i)
+        lightPower += (0.2126 * _lights[16 * i + 4] + 0.7152 * _lights[16 * i + 5] + 0.0722 * _lights[16 * i + 6]) *
+                      _lights[16 * i + 3];
+    float cutoff = -1.0f;
+    for (int step = 1; step <= 180 && lightPower > 0.0; ++step) {
+        const double angle = step * M_PI / 180.0, nDotH = std::cos(angle / 2), d = nDotH * nDotH * (a2 - 1.0) + 1.0;
+        const double reach = lightPower * a2 / (M_PI * d * d) * std::max(std::cos(angle), 0.0) / 4.0 / (lobeWeight / steps);
+        if (reach < 4e-3 * _meanRadiance) {
+            cutoff = float(std::cos(angle));
+            break;
+        }
+    }
+    program.setUniform(QStringLiteral("u_LightCutoff"), QVariant(cutoff));
+    program.setUniform(QStringLiteral("u_LightCount"), QVariant(lightCount));
+    const int lightsAt = program.getUniformLocation(QStringLiteral("u_Lights[0]"));
+    if (lightsAt >= 0 && lightCount > 0)
+        glUniform4fv(lightsAt, GLsizei(lightCount * 4), _lights.constData());
+    program.setUniform(QStringLiteral("u_SumBlocks"), QVariant(_roughness >= 0.5f ? 1 : 0));
+    // Bound at every level: a sampler left on the cube map's unit would fail the draw.
+    _blocksBound = _blocks->bind();
+    program.setUniform(QStringLiteral("s_blocks"), QVariant(_blocks->unit()));
+    return _blocksBound;
+}
+
+void OkuRenderCubemap_Prefiltered::end()
+{
+    if (_blocksBound)
+        _blocks->unbind();
+    _blocksBound = false;
+    OkuRenderCubemapBaseTexture::end();
 }
 
 } // namespace Tavren::Vyx

@@ -164,22 +164,61 @@ public:
     OkuRenderCubemap_NDotL(Texture* cubemap, QVector<float> amounts);
 };
 
-// One mip level of the prefiltered specular map.
+// The diffuse map from a table of environment blocks (see createIrradianceCubemapFromGLCubemap):
+// each row of the GL_RGBA32F source holds blocks of three vectors, red, green and blue, whose
+// clamped dot products with the direction add up to the irradiance over pi.
+class VYXGL_EXPORT OkuRenderCubemap_Irradiance : public OkuRenderCubemapBaseTexture
+{
+public:
+    explicit OkuRenderCubemap_Irradiance(Texture* blockTable);
+
+protected:
+    QString fragmentShaderFile() const override { return QStringLiteral("CubeRender_Irradiance.frag"); }
+};
+
+// One mip level of the prefiltered specular map, by filtered importance sampling of a mipmapped
+// source: each sample reads the source level matching the solid angle it stands for. Lights
+// taken out of the source (see createPrefilteredEnvMapFromGLCubemap) are added exactly.
 class VYXGL_EXPORT OkuRenderCubemap_Prefiltered : public OkuRenderCubemapBaseTexture
 {
 public:
-    OkuRenderCubemap_Prefiltered(Texture* cubemap, int samples);
+    explicit OkuRenderCubemap_Prefiltered(Texture* cubemap);
     void setRoughness(float roughness) { _roughness = roughness; }
+    void setSamples(int samples) { _samples = samples; }
+    // Face size of the level about to be rendered; roughness 0 reads the source level of that size.
+    void setOutputSize(int size) { _outputSize = size; }
+    // Up to kMaxLights lights, four vec4 each: the light's direction with its solid angle, its
+    // radiance with its angular size (the root of the solid angle), and the two edge vectors of
+    // the texel it came from, on the plane of its cube face.
+    static constexpr int kMaxLights = 24;
+    // The environment's mean radiance (luminance) tells how far a narrow lobe must look for them.
+    void setLights(const QVector<float>& lights, double meanRadiance)
+    {
+        _lights = lights;
+        _meanRadiance = meanRadiance;
+    }
+    // A GL_RGBA32F table of the source in blocks, a row of two texels per block: the direction of
+    // its power's centre, and its power (radiance times solid angle). Lobes of roughness 0.5 and
+    // up (alpha 0.25, where GGX is smooth across a block) are summed over the blocks rather
+    // than sampled. Not owned.
+    void setBlocks(Texture* table) { _blocks = table; }
 
 protected:
     QString vertexShaderFile() const override { return QStringLiteral("prefilteredEnvMapVS.glslc"); }
     QString fragmentShaderFile() const override { return QStringLiteral("prefilteredEnvMapFS.glslc"); }
     QStringList extraFragmentShaderFiles() const override;
+    void addDefines(GLSLMacroProcessor& mp) const override;
     bool begin(ShaderProgram& program, int firstLayer, int layerCount) override;
+    void end() override;
 
 private:
-    int _samples;
+    int _samples = 64;
     float _roughness = 0.0f;
+    int _outputSize = 0;
+    QVector<float> _lights;
+    double _meanRadiance = 0.0;
+    Texture* _blocks = nullptr;
+    bool _blocksBound = false;
 };
 
 } // namespace Tavren::Vyx

@@ -134,10 +134,14 @@ Texture* KTXReader::load(const TextureFileInfo& info)
     if (!owned)
         return nullptr;
     Texture* texture = owned.release();
-    // The passes render 2D pictures only; other targets keep the file's layout and colours.
+    // The passes render 2D pictures only; other targets keep the file's layout and colours. A 2D
+    // file is taken as stored top row first unless its orientation key says the rows run up, and
+    // arrives bottom row first (GL's order) unless the caller asks for the top row first.
     if (target == GL_TEXTURE_2D) {
         RemapColorRange(texture, info.lowValue, info.highValue);
-        if (!info.topRowFirst)
+        // Flipped when the file's row order is not the one the caller asked for.
+        const bool fileTopRowFirst = _parser->orientation().t != 'u';
+        if (fileTopRowFirst != info.topRowFirst)
             FlipY(texture);
     } else if (info.lowValue != 0.0f || info.highValue != 1.0f) {
         VYX_DEBUG("Colour range of %s left as it is: only 2D textures are remapped", printableName(_name).constData());

@@ -10,7 +10,8 @@ namespace Tavren::Vyx {
 class KTXParser;
 
 // Reads KTX 1 files: 1D, 2D, 3D and cube-map textures, compressed or not, with all their levels,
-// uploaded straight from the file's bytes. Array textures are refused at load.
+// uploaded straight from the file's bytes. Array textures are refused at load. 2D pictures are
+// turned to the library's order, bottom row first, unless their "KTXorientation" says T=u.
 class VYXGL_EXPORT KTXReader : public TextureLoader
 {
 public:

@@ -74,7 +74,13 @@ KTXEncoder::KTXEncoder(uint32_t internalFormat, uint32_t width, uint32_t height,
     _type = layout.type;
     _bytesPerPixel = layout.typeSize * layout.components;
 
-    uint64_t total = 64;
+    // The reserved "KTXorientation" key says where the first stored row lies, for loaders that
+    // turn pictures to their own convention: 2D images are stored as GL holds them, first row at
+    // t = 0, the picture's bottom ("T=u"); cube faces as GL holds them too, which for a face
+    // seen from inside puts the first row at the top ("T=d"), as cube-map files conventionally do.
+    const QByteArray keyAndValue = QByteArray("KTXorientation") + '\0' + (cubeMap ? "S=r,T=d" : "S=r,T=u") + '\0';
+    const uint32_t keyValueBytes = 4 + ((uint32_t(keyAndValue.size()) + 3) & ~3u);
+    uint64_t total = 64 + keyValueBytes;
     for (uint32_t level = 0; level < levels; ++level) {
         const uint64_t size = uint64_t(rowBytes(levelWidth(level), _bytesPerPixel)) * levelHeight(level);
         total += 4 + size * _faces;
@@ -83,10 +89,13 @@ KTXEncoder::KTXEncoder(uint32_t internalFormat, uint32_t width, uint32_t height,
     }
     _out.reserve(int(total));
     _out.append(reinterpret_cast<const char*>(KTXParser::identifier), sizeof KTXParser::identifier);
-    const uint32_t header[] = {0x04030201u, _type,  layout.typeSize, _format, internalFormat, _format, width,
-                               height,      0u,     0u,              _faces,  levels,         0u};
+    const uint32_t header[] = {0x04030201u, _type,  layout.typeSize, _format, internalFormat, _format,       width,
+                               height,      0u,     0u,              _faces,  levels,         keyValueBytes};
     for (uint32_t word : header)
         appendWord(_out, word);
+    appendWord(_out, uint32_t(keyAndValue.size()));
+    _out.append(keyAndValue);
+    _out.append(QByteArray(int(keyValueBytes - 4 - uint32_t(keyAndValue.size())), '\0'));
     _valid = true;
 }
 
@@ -114,13 +123,7 @@ void KTXEncoder::addImage(const char* pixels)
     if (_added % _faces == 0)
         appendWord(_out, uint32_t(size));
     ++_added;
-    if (_faces == 6) {
-        _out.append(pixels, int(size));
-        return;
-    }
-    const size_t row = rowBytes(levelWidth(level), _bytesPerPixel);
-    for (size_t y = levelHeight(level); y-- > 0;)
-        _out.append(pixels + y * row, int(row));
+    _out.append(pixels, int(size));
 }
 
 QByteArray KTXEncoder::bytes() const

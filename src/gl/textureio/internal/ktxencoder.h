@@ -8,7 +8,8 @@
 namespace Tavren::Vyx {
 
 // Lays out a KTX 1 file of uncompressed 2D or cube-map images handed over as GL reads them back
-// with a pack alignment of 4 (rows padded to four bytes, bottom row first). Needs no GL context.
+// with a pack alignment of 4 (rows padded to four bytes, bottom row first), stored as they come
+// with the "KTXorientation" key that says so. Needs no GL context.
 class KTXEncoder
 {
 public:
@@ -26,8 +27,7 @@ public:
     // Bytes of one image (one face) of the level.
     size_t imageSize(uint32_t level) const;
 
-    // The next image: level by level, faces in order within a level. 2D images go in top row
-    // first, as the reader expects; cube faces as GL holds them.
+    // The next image: level by level, faces in order within a level.
     void addImage(const char* pixels);
     // The whole file once every image was added; empty before that or when not valid.
     QByteArray bytes() const;
