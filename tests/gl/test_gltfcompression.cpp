@@ -30,9 +30,9 @@ protected:
         GLTest::TearDown();
     }
 
-    // The scene lit by a sun from above the camera's shoulder, seen by `camera` (or, when null,
-    // by one framing it, which is then returned there).
-    QImage render(const QString& path, Camera* camera, bool frame)
+    // The scene lit by a sun from above and to the right, seen by `camera`, which is first set to
+    // one framing the scene when asked.
+    QImage render(const QString& path, Camera* camera, bool frameTheScene)
     {
         GPUModel model;
         QObject lights;
@@ -43,19 +43,25 @@ protected:
         }
         auto* sun = new PunctualLight(&lights);
         sun->setType(ShadowMapLight::Directional);
-        QMatrix4x4 frame;
-        frame.lookAt(QVector3D(), QVector3D(-0.5f, -1.0f, -0.6f), QVector3D(0, 1, 0));
-        frame = frame.inverted();
-        frame.rotate(180, 0, 1, 0);
-        sun->setTransform(frame);
-        sun->intensity = 2.5f;
+        QMatrix4x4 turn; // the sun shines down its -Z
+        turn.rotate(30, 0, 1, 0);
+        turn.rotate(-50, 1, 0, 0);
+        sun->setTransform(turn);
+        sun->intensity = 3;
         model.addLight(QVariant::fromValue<QObject*>(sun), QStringLiteral("sun"));
-        if (frame)
+        if (frameTheScene)
             *camera = SceneFraming::framingCamera(model.sceneBounds(), float(kSize.width()) / kSize.height());
         renderer->setSamples(1);
         const QImage image = renderer->renderToImage(model, *camera, kSize).convertToFormat(QImage::Format_RGB32);
         model.clear();
         return image;
+    }
+
+    // What the camera sees of an empty scene.
+    QImage sky(const Camera& camera)
+    {
+        GPUModel empty;
+        return renderer->renderToImage(empty, camera, kSize).convertToFormat(QImage::Format_RGB32);
     }
 
     SamplerTextureManager manager;
@@ -82,23 +88,24 @@ TEST_F(GLTFCompressionTest, CompressedSamplesRenderLikeTheirOriginals)
         SCOPED_TRACE(qPrintable(compressed));
         Camera camera;
         const QImage expected = render(original, &camera, true);
-        const QImage actual = render(compressed, &camera, false);
-        ASSERT_FALSE(expected.isNull() || actual.isNull());
+        const QImage actual = render(compressed, &camera, false), background = sky(camera);
+        ASSERT_FALSE(expected.isNull() || actual.isNull() || background.isNull());
+        const auto difference = [](QRgb a, QRgb b) {
+            return std::max({std::abs(qRed(a) - qRed(b)), std::abs(qGreen(a) - qGreen(b)), std::abs(qBlue(a) - qBlue(b))});
+        };
         double sum = 0;
         int far = 0, covered = 0;
-        const QRgb sky = expected.pixel(0, 0);
         for (int y = 0; y < kSize.height(); ++y)
             for (int x = 0; x < kSize.width(); ++x) {
-                const QRgb a = expected.pixel(x, y), b = actual.pixel(x, y);
-                const int d = std::max({std::abs(qRed(a) - qRed(b)), std::abs(qGreen(a) - qGreen(b)), std::abs(qBlue(a) - qBlue(b))});
+                const int d = difference(expected.pixel(x, y), actual.pixel(x, y));
                 sum += d;
                 far += d > 32 ? 1 : 0;
-                covered += a != sky ? 1 : 0;
+                covered += difference(expected.pixel(x, y), background.pixel(x, y)) > 2 ? 1 : 0;
             }
         const double mean = sum / (kSize.width() * kSize.height());
         std::printf("%s: mean difference %.2f levels, %d of %d covered pixels differ by more than 32\n",
                     qPrintable(QFileInfo(compressed).fileName()), mean, far, covered);
-        EXPECT_GT(covered, kSize.width() * kSize.height() / 20); // the scene is in the picture
+        EXPECT_GT(covered, kSize.width() * kSize.height() / 40); // the scene is in the picture
         EXPECT_LT(mean, 2.0);
         EXPECT_LT(far, covered / 50 + 4);
     }

@@ -5,6 +5,9 @@
 #include <meshoptimizer.h>
 #include <tiny_gltf.h>
 
+#include <initializer_list>
+#include <utility>
+
 namespace Tavren::Vyx {
 
 namespace {
@@ -25,6 +28,22 @@ struct Compressed
     Filter filter = Filter::None;
 };
 
+// A string member; `fallback` when absent, "?" when of another kind.
+std::string name(const tinygltf::Value& object, const char* key, const char* fallback)
+{
+    const tinygltf::Value& value = gltfMember(object, key);
+    return value.IsString() ? value.Get<std::string>() : object.Has(key) ? "?" : fallback;
+}
+
+template <typename E>
+bool lookUp(const std::string& name, std::initializer_list<std::pair<const char*, E>> names, E& out)
+{
+    for (const auto& [candidate, value] : names)
+        if (name == candidate)
+            return out = value, true;
+    return false;
+}
+
 // Reads the extension object and checks it against itself and its view, as the extension
 // requires; the empty string when it holds, else the reason.
 QString parse(const tinygltf::Model& gltf, size_t fileBuffers, const tinygltf::BufferView& view, const tinygltf::Value& object,
@@ -39,27 +58,12 @@ QString parse(const tinygltf::Model& gltf, size_t fileBuffers, const tinygltf::B
                                               {"count", &out.count, true}})
         if ((required || object.Has(key)) && !gltfSize(object, key, *into))
             return QStringLiteral("its %1 is missing or not a count").arg(QLatin1String(key));
-    const tinygltf::Value& modeValue = gltfMember(object, "mode");
-    const std::string mode = modeValue.IsString() ? modeValue.Get<std::string>() : std::string();
-    if (mode == "ATTRIBUTES")
-        out.mode = Mode::Attributes;
-    else if (mode == "TRIANGLES")
-        out.mode = Mode::Triangles;
-    else if (mode == "INDICES")
-        out.mode = Mode::Indices;
-    else
+    const std::string mode = name(object, "mode", "");
+    if (!lookUp(mode, {{"ATTRIBUTES", Mode::Attributes}, {"TRIANGLES", Mode::Triangles}, {"INDICES", Mode::Indices}}, out.mode))
         return QStringLiteral("its mode '%1' is none of ATTRIBUTES, TRIANGLES and INDICES").arg(QString::fromStdString(mode));
-    const tinygltf::Value& filterValue = gltfMember(object, "filter");
-    const std::string filter = filterValue.IsString() ? filterValue.Get<std::string>() : object.Has("filter") ? "?" : "NONE";
-    if (filter == "NONE")
-        out.filter = Filter::None;
-    else if (filter == "OCTAHEDRAL")
-        out.filter = Filter::Octahedral;
-    else if (filter == "QUATERNION")
-        out.filter = Filter::Quaternion;
-    else if (filter == "EXPONENTIAL")
-        out.filter = Filter::Exponential;
-    else
+    const std::string filter = name(object, "filter", "NONE");
+    if (!lookUp(filter, {{"NONE", Filter::None}, {"OCTAHEDRAL", Filter::Octahedral}, {"QUATERNION", Filter::Quaternion},
+                         {"EXPONENTIAL", Filter::Exponential}}, out.filter))
         return QStringLiteral("its filter '%1' is unknown").arg(QString::fromStdString(filter));
 
     const size_t stride = out.byteStride;
