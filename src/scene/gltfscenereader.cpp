@@ -1,6 +1,8 @@
 #include "scene/gltfscenereader.h"
 
 #include "scene/internal/gltfconverter.h"
+#include "scene/internal/gltfmeshopt.h"
+#include "scene/internal/gltfparserinput.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -112,6 +114,8 @@ const QStringList& GLTFSceneReader::supportedExtensions()
         QStringLiteral("KHR_materials_unlit"),
         QStringLiteral("KHR_materials_emissive_strength"),
         QStringLiteral("EXT_mesh_gpu_instancing"),
+        QStringLiteral("KHR_draco_mesh_compression"),
+        QStringLiteral("EXT_meshopt_compression"),
     };
     return extensions;
 }
@@ -154,16 +158,18 @@ std::unique_ptr<SceneData> GLTFSceneReader::readFromMemory(const QByteArray& byt
     if (!root.isEmpty() && !checkExtensions(strings(root.value("extensionsRequired")), strings(root.value("extensionsUsed"))))
         return nullptr;
     FileAccess files(root, base);
+    const GLTFParserInput input(bytes, root);
     tinygltf::TinyGLTF loader;
     loader.SetImageLoader(&keepEncodedBytes, nullptr);
     loader.SetFsCallbacks({&FileAccess::exists, &FileAccess::expand, &FileAccess::read, &tinygltf::WriteWholeFile, &files});
     tinygltf::Model gltf;
     std::string error, warning;
+    const QByteArray& parsedBytes = input.bytes();
     const bool parsed =
-        bytes.startsWith("glTF")
-            ? loader.LoadBinaryFromMemory(&gltf, &error, &warning, reinterpret_cast<const unsigned char*>(bytes.constData()),
-                                          unsigned(bytes.size()), base)
-            : loader.LoadASCIIFromString(&gltf, &error, &warning, bytes.constData(), unsigned(bytes.size()), base);
+        parsedBytes.startsWith("glTF")
+            ? loader.LoadBinaryFromMemory(&gltf, &error, &warning, reinterpret_cast<const unsigned char*>(parsedBytes.constData()),
+                                          unsigned(parsedBytes.size()), base)
+            : loader.LoadASCIIFromString(&gltf, &error, &warning, parsedBytes.constData(), unsigned(parsedBytes.size()), base);
     for (const QString& line : QString::fromStdString(warning).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
         _warnings << line.trimmed();
     if (!parsed) {
@@ -175,6 +181,9 @@ std::unique_ptr<SceneData> GLTFSceneReader::readFromMemory(const QByteArray& byt
     }
     if (root.isEmpty() && !checkExtensions(strings(gltf.extensionsRequired), strings(gltf.extensionsUsed)))
         return nullptr;
+    input.restore(gltf);
+    // Before any accessor is read: from here on a decompressed view is like any other.
+    decompressMeshoptViews(gltf, _warnings);
     auto scene = std::make_unique<SceneData>();
     GLTFConverter converter(gltf, root, baseDirectory, _warnings, *scene);
     if (!converter.convert()) {

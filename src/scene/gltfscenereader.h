@@ -14,7 +14,9 @@ namespace Tavren::Vyx {
 // read, only resolved against the file's folder; a missing one is a warning, as is anything the
 // parser passes over. A structurally broken file (bad JSON, truncated container, missing buffer,
 // accessor past its buffer, index past the vertices, reference to a missing object) fails with
-// errorString() set.
+// errorString() set. Compressed geometry (Draco primitives, meshopt buffer views) is decoded here;
+// a primitive whose compressed data cannot be decoded is left out with a warning naming it, and a
+// file left with nothing to draw fails.
 class VYXGL_EXPORT GLTFSceneReader
 {
 public:

@@ -230,9 +230,9 @@ TEST(GLTFSceneReader, BrokenScenesFailWithTheirMessage)
          "Node 1 has more than one parent"},
         {"missing image", QJsonDocument(triangle({{"textures", QJsonArray{QJsonObject{{"source", 3}}}}})).toJson(),
          "Texture 0 uses image 3, which does not exist"},
-        {"unsupported required extension", QJsonDocument(triangle({{"extensionsUsed", QJsonArray{"KHR_draco_mesh_compression"}},
-                                                                   {"extensionsRequired", QJsonArray{"KHR_draco_mesh_compression"}}})).toJson(),
-         "requires the glTF extension KHR_draco_mesh_compression, which is not supported"},
+        {"unsupported required extension", QJsonDocument(triangle({{"extensionsUsed", QJsonArray{"KHR_meshopt_compression"}},
+                                                                   {"extensionsRequired", QJsonArray{"KHR_meshopt_compression"}}})).toJson(),
+         "requires the glTF extension KHR_meshopt_compression, which is not supported"},
         {"truncated container", QByteArray("glTF\x02\0\0\0", 8), ""},
     };
     for (const auto& c : cases) {

@@ -84,6 +84,13 @@ bool GLTFAccessorReader::block(const QString& what, int viewIndex, size_t byteOf
     if (viewIndex < 0 || viewIndex >= int(_gltf.bufferViews.size()))
         return fail(QStringLiteral("%1 uses buffer view %2, which does not exist").arg(what).arg(viewIndex));
     const tinygltf::BufferView& view = _gltf.bufferViews[size_t(viewIndex)];
+    // Views are decompressed before anything is read; one that still has the extension failed,
+    // which was reported then.
+    if (view.extensions.count("EXT_meshopt_compression")) {
+        if (error.isEmpty())
+            compressedDataLost = true;
+        return fail(QStringLiteral("%1 uses buffer view %2, whose compressed data could not be decompressed").arg(what).arg(viewIndex));
+    }
     if (view.buffer < 0 || view.buffer >= int(_gltf.buffers.size()))
         return fail(QStringLiteral("Buffer view %1 uses buffer %2, which does not exist").arg(viewIndex).arg(view.buffer));
     const std::vector<unsigned char>& data = _gltf.buffers[size_t(view.buffer)].data;
@@ -121,7 +128,9 @@ bool GLTFAccessorReader::read(int index, std::initializer_list<int> allowedCompo
     if (!load)
         return false;
     const size_t count = accessor.count, width = size_t(components), elementBytes = size_t(componentBytes) * width;
-    if (count > kMaxElements || (accessor.bufferView < 0 && count * width > kMaxZeroComponents))
+    const auto found = _decoded ? _decoded->find(index) : DecodedAccessors::const_iterator();
+    const bool decoded = _decoded && found != _decoded->end();
+    if (count > kMaxElements || (accessor.bufferView < 0 && !decoded && count * width > kMaxZeroComponents))
         return fail(QStringLiteral("Accessor %1 has too many elements (%2)").arg(index).arg(count));
 
     const auto copy = [&](const Block& from, size_t element, size_t to) {
@@ -130,7 +139,14 @@ bool GLTFAccessorReader::read(int index, std::initializer_list<int> allowedCompo
             out[to * width + c] = load(p + c * size_t(componentBytes));
     };
     out.assign(count * width, T(0));
-    if (accessor.bufferView >= 0) {
+    if (decoded) {
+        // The decoder's own check, repeated here where the bytes are read.
+        if (found->second.size() != count * elementBytes)
+            return fail(QStringLiteral("Accessor %1 does not match its decoded data").arg(index));
+        const Block values{found->second.data(), elementBytes};
+        for (size_t i = 0; i < count; ++i)
+            copy(values, i, i);
+    } else if (accessor.bufferView >= 0) {
         Block values;
         if (!block(what, accessor.bufferView, accessor.byteOffset, elementBytes, true, count, values))
             return false;

@@ -2,6 +2,7 @@
 
 #include <QString>
 
+#include <map>
 #include <vector>
 
 namespace tinygltf {
@@ -9,6 +10,10 @@ class Model;
 }
 
 namespace Tavren::Vyx {
+
+// What compressed accessors hold once decoded, by accessor index: `count` elements of the
+// accessor's own type, tightly packed, in place of what its buffer view would give.
+using DecodedAccessors = std::map<int, std::vector<unsigned char>>;
 
 // Decodes accessors of a parsed glTF file into packed arrays, checking each against its buffer
 // view and buffer first: strides, sparse substitutions and accessors without a buffer view (zeros)
@@ -34,7 +39,13 @@ public:
     // Unsigned integers, one per element (indices) or components per element (joints).
     bool readUnsigned(int index, int components, std::vector<quint32>& out);
 
+    // Accessors read from `decoded` where it has them, until set back to null.
+    void setDecoded(const DecodedAccessors* decoded) { _decoded = decoded; }
+
     QString error;
+    // Set with the error when it came from a buffer view whose compressed data could not be
+    // decompressed: the data is lost, not malformed, so its users may be left out instead.
+    bool compressedDataLost = false;
 
 private:
     struct Block
@@ -50,6 +61,7 @@ private:
               const Decode& decode);
 
     const tinygltf::Model& _gltf;
+    const DecodedAccessors* _decoded = nullptr;
 };
 
 } // namespace Tavren::Vyx

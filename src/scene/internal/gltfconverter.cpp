@@ -1,5 +1,6 @@
 #include "scene/internal/gltfconverter.h"
 
+#include "scene/internal/gltfdraco.h"
 #include "scene/internal/gltfgeometry.h"
 #include "scene/internal/gltftangents.h"
 
@@ -55,6 +56,11 @@ bool GLTFConverter::convert()
     // Materials come before meshes: a normal map decides whether a primitive needs tangents.
     if (!nodes() || !roots() || !materials() || !meshes() || !textures() || !images() || !skins())
         return false;
+    const auto draws = [](const SceneData::Mesh& m) {
+        return std::any_of(m.primitives.begin(), m.primitives.end(), [](const SceneData::Primitive& p) { return p.vertexCount() > 0; });
+    };
+    if (!_leftOut.isEmpty() && std::none_of(_out.meshes.begin(), _out.meshes.end(), draws))
+        return fail(QStringLiteral("Nothing is left to draw: %1").arg(_leftOut));
     cameras();
     lights();
     animations();
@@ -346,7 +352,19 @@ bool GLTFConverter::primitive(int meshIndex, int index, const tinygltf::Primitiv
         return true;
     }
     out.mode = source.mode;
-    if (!attributes(source, out))
+    DecodedAccessors decoded;
+    if (const tinygltf::Value* draco = extension(source.extensions, "KHR_draco_mesh_compression")) {
+        QString why;
+        if (!decodeDracoPrimitive(_gltf, source, *draco, decoded, why))
+            return leaveOut(name, why, out);
+        out.mode = P::kTriangles; // a strip arrives as the triangles it makes
+    }
+    _accessors.setDecoded(&decoded);
+    const bool read = attributes(source, out);
+    _accessors.setDecoded(nullptr);
+    if (!read && _accessors.compressedDataLost)
+        return leaveOut(name, _accessors.error, out);
+    if (!read)
         return failAccessor();
     // A primitive without positions is passed over by the upload; nothing else of it matters.
     const size_t vertices = out.vertexCount();
@@ -400,6 +418,21 @@ bool GLTFConverter::primitive(int meshIndex, int index, const tinygltf::Primitiv
         if (normalMap.texture >= 0 && normalMap.texCoord < int(out.texCoords.size()))
             generateTangents(out, normalMap.texCoord);
     }
+    return true;
+}
+
+// Compressed data that cannot be decoded costs its primitive, not the file: the rest may draw.
+bool GLTFConverter::leaveOut(const QString& name, const QString& why, SceneData::Primitive& out)
+{
+    const QString message = QStringLiteral("%1 is left out: %2").arg(name, why);
+    _warnings << message;
+    if (_leftOut.isEmpty())
+        _leftOut = message;
+    const int material = out.material;
+    out = SceneData::Primitive{};
+    out.material = material;
+    _accessors.error.clear();
+    _accessors.compressedDataLost = false;
     return true;
 }
 

@@ -45,6 +45,7 @@ private:
     bool attributes(const tinygltf::Primitive& source, SceneData::Primitive& out);
     bool morphTargets(const tinygltf::Primitive& source, const QString& name, SceneData::Primitive& out);
     QString primitiveName(int meshIndex, int index) const;
+    bool leaveOut(const QString& name, const QString& why, SceneData::Primitive& out);
     bool materials();
     bool textureRef(int texture, int texCoord, float scale, const tinygltf::Value* transform, SceneData::TextureRef& out);
     void warnWhenNothingIsDrawn();
@@ -61,6 +62,7 @@ private:
     QStringList& _warnings;
     SceneData& _out;
     GLTFAccessorReader _accessors;
+    QString _leftOut; // the first primitive left out for its compressed data, and why
 };
 
 } // namespace Tavren::Vyx
