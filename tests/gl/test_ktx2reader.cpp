@@ -68,6 +68,9 @@ KTX2File fromKTX1(QByteArray& ktx1, const Case& c)
     file.levelCount = parser.mipmapLevels();
     file.blockBytes = uint32_t(c.bytesPerPixel);
     file.levels.resize(file.levelCount);
+    const KTXOrientation orientation = parser.orientation();
+    if (orientation.valid)
+        file.keyValues.emplace_back("KTXorientation", QByteArray(1, orientation.s) + orientation.t + '\0');
     for (const KTXImage& image : parser.images()) {
         const int row = int(image.width) * c.bytesPerPixel, stride = (row + 3) & ~3;
         for (unsigned int y = 0; y < image.height; ++y)

@@ -122,10 +122,17 @@ Texture* KTX2Reader::load(const TextureFileInfo& info)
     if (!owned)
         return nullptr;
     Texture* texture = owned.release();
-    // As for KTX 1: 2D pictures are stored top row first and turned bottom-up unless asked not to.
+    // As for KTX 1: 2D pictures are taken as stored top row first unless their orientation key
+    // ("ru", say) says the rows run up, and are flipped when the caller wants the other order.
     if (target == GL_TEXTURE_2D) {
         RemapColorRange(texture, info.lowValue, info.highValue);
-        if (!info.topRowFirst)
+        bool fileTopRowFirst = true;
+        for (unsigned int i = 0; i < _parser->numMetadataEntries(); ++i)
+            if (_parser->key(i) == QLatin1String("KTXorientation")) {
+                const QByteArray value = _parser->valueBytes(i);
+                fileTopRowFirst = value.size() < 2 || value[1] != 'u';
+            }
+        if (fileTopRowFirst != info.topRowFirst)
             FlipY(texture);
     } else if (info.lowValue != 0.0f || info.highValue != 1.0f) {
         VYX_DEBUG("Colour range of %s left as it is: only 2D textures are remapped", name.constData());
