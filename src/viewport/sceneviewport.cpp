@@ -173,6 +173,10 @@ SceneViewport::SceneViewport(QWidget* parent)
 SceneViewport::~SceneViewport()
 {
     releaseGL();
+    // QOpenGLWidget's destructor destroys the context later, when this object is a SceneViewport
+    // no more: its signal must not reach releaseGL() then.
+    if (context())
+        disconnect(context(), nullptr, this, nullptr);
 }
 
 QSurfaceFormat SceneViewport::requiredFormat()
