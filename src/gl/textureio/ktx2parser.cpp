@@ -466,13 +466,13 @@ bool KTX2Parser::checkImagesCanBeRead(const KTX2Format*& glFormat)
                     h.pixelHeight, h.pixelDepth, h.layerCount, h.faceCount);
         return false;
     }
-    const uint32_t largest = std::max({h.pixelWidth, h.pixelHeight, h.pixelDepth});
-    unsigned int possible = 1;
+    const uint64_t largest = std::max({h.pixelWidth, h.pixelHeight, h.pixelDepth});
+    unsigned int possible = 1; // a 32-bit side allows at most 32 levels: the shift stays below 64
     while ((largest >> possible) != 0)
         ++possible;
     if (_levels.size() > possible) {
-        VYX_WARNING("KTX 2 file '%s' has %u levels but a %u texel side allows only %u", name, h.levelCount, largest,
-                    possible);
+        VYX_WARNING("KTX 2 file '%s' has %u levels but a %u texel side allows only %u", name, h.levelCount,
+                    unsigned(largest), possible);
         return false;
     }
     return true;
