@@ -8,6 +8,7 @@
 #include "gl/instancedata/instancedatacollection.h"
 #include "gl/model/gpumodel.h"
 #include "gl/objects/bufferobject.h"
+#include "gl/objects/texturebuffer.h"
 #include "gl/objects/vertexarrayobject.h"
 #include "gl/textures/texturemanager.h"
 #include "render/internal/gltftextures.h"
@@ -43,6 +44,17 @@ quint64 drawableFlags(const SceneData& scene, const SceneData::Primitive& primit
     const SceneData::Material& m = scene.materials[size_t(primitive.material)];
     if (m.doubleSided)
         flags |= SceneMaterial::kDoubleSidedFlag;
+    if (!m.unlit) {
+        using M = SceneData::Material;
+        const std::pair<int, quint64> extensions[] = {{M::Clearcoat, SceneMaterial::kClearcoatFlag},
+                                                      {M::Specular, SceneMaterial::kSpecularFlag},
+                                                      {M::Sheen, SceneMaterial::kSheenFlag},
+                                                      {M::Transmission, SceneMaterial::kTransmissionFlag},
+                                                      {M::SpecularGlossiness, SceneMaterial::kSpecularGlossinessFlag}};
+        for (const auto& [extension, flag] : extensions)
+            if (m.extensions & extension)
+                flags |= flag;
+    }
     if (m.alphaMode == SceneData::Material::Mask)
         flags |= SceneMaterial::kAlphaMaskFlag;
     else if (m.alphaMode == SceneData::Material::Blend)
@@ -142,6 +154,10 @@ private:
     QSharedPointer<VertexArrayObject> uploadGeometry(const Geometry& g, QSharedPointer<BufferObject>& indexBuffer);
     bool buildMesh(int mesh, const QVector<Instance>& instances);
     const MaterialRecord* materialRecord(const MaterialKey& key);
+    bool textureToken(const SceneData::TextureRef& ref, bool srgb, TextureToken& token);
+    void mapRows(const SceneData::TextureRef& ref, float row0[4], float row1[4]);
+    int extensionParameters(int material, QSet<TextureToken>& tokens);
+    bool shareExtensionParameters();
 
     const SceneData& _scene;
     GLTFTextures _textures;
@@ -152,6 +168,9 @@ private:
     QStringList& _warnings;
     QHash<int, QVector<Instance>> _meshInstances;
     std::map<MaterialKey, MaterialRecord> _materials;
+    // Each material's extension parameters (SceneMaterial::kExtensionTexels texels), by material.
+    std::map<int, int> _extensionBlocks;
+    std::vector<float> _extensionTexels;
     std::vector<BoundingBox> _boxes;
     bool _reportedTexCoordSet = false;
 };
@@ -166,7 +185,7 @@ bool Uploader::upload()
             return false;
     }
     _deformation.boxes = _boxes;
-    if (!_deformation.finish(error, _warnings))
+    if (!_deformation.finish(error, _warnings) || !shareExtensionParameters())
         return false;
     _model.updateTransforms();
     return true;
@@ -449,31 +468,33 @@ const Uploader::MaterialRecord* Uploader::materialRecord(const MaterialKey& key)
     record = InstanceData(QLatin1String(SceneMaterial::kMaterialPlanName));
     const SceneData::TextureRef* maps[kMaterialMaps] = {&m.baseColorTexture, &m.metallicRoughnessTexture, &m.normalTexture,
                                                         &m.occlusionTexture, &m.emissiveTexture};
+    const bool specularGlossiness = (m.extensions & SceneData::Material::SpecularGlossiness) && !m.unlit;
+    if (specularGlossiness)
+        maps[1] = &m.specularGlossiness.texture;
     for (int i = 0; i < kMaterialMaps; ++i) {
         const SceneData::TextureRef& ref = *maps[i];
         TextureToken token;
-        const bool srgb = i == 0 || i == 4;
-        if (!_textures.token(ref, srgb, token)) {
-            fail(_textures.error);
+        const bool srgb = i == 0 || i == 4 || (i == 1 && specularGlossiness);
+        if (!textureToken(ref, srgb, token))
             return nullptr;
-        }
         if (!token.isNull())
             out.tokens.insert(token);
         const QString map = QLatin1String(kMapNames[i]);
         record.setToken(map + QLatin1String("Map"), token);
-        // Only sets 0 and 1 are uploaded.
-        int set = ref.texCoord;
-        if (ref.texture >= 0 && (set < 0 || set > 1)) {
-            if (!_reportedTexCoordSet)
-                _warnings << QStringLiteral("Texture coordinate set %1 is not supported; set 0 is used").arg(set);
-            _reportedTexCoordSet = true;
-            set = 0;
-        }
-        float row0[4], row1[4] = {0, 0, 0, 0};
-        ref.transform.rows(row0, row1);
-        row0[3] = float(set);
+        float row0[4], row1[4];
+        mapRows(ref, row0, row1);
         record.set(map + QLatin1String("UVRow0"), row0, sizeof(row0));
         record.set(map + QLatin1String("UVRow1"), row1, sizeof(row1));
+    }
+    int extensionTexel = 0;
+    if (m.extensions && !m.unlit) {
+        QSet<TextureToken> reached;
+        extensionTexel = extensionParameters(key.material, reached);
+        if (extensionTexel < 0)
+            return nullptr;
+        // The record reaches these through the extension table; binding it must make them resident.
+        record.getTextureTokens() += reached;
+        out.tokens += reached;
     }
     const QVector4D& base = m.baseColorFactor;
     const float baseColorFactor[4] = {base.x(), base.y(), base.z(), base.w()};
@@ -484,12 +505,95 @@ const Uploader::MaterialRecord* Uploader::materialRecord(const MaterialKey& key)
     // Normal scale 0 means "no normal map".
     const float factors[4] = {m.metallicFactor, m.roughnessFactor, m.normalTexture.texture >= 0 ? m.normalTexture.scale : 0.0f,
                               m.occlusionTexture.texture >= 0 ? m.occlusionTexture.scale : 0.0f};
-    const float options[4] = {m.unlit ? 1.0f : 0.0f, key.colours ? 1.0f : 0.0f, key.tangents ? 1.0f : 0.0f, 0.0f};
+    const float options[4] = {m.unlit ? 1.0f : 0.0f, key.colours ? 1.0f : 0.0f, key.tangents ? 1.0f : 0.0f,
+                              float(extensionTexel)};
     record.set(QStringLiteral("BaseColorFactor"), baseColorFactor, sizeof(baseColorFactor));
     record.set(QStringLiteral("EmissiveFactor"), emissiveFactor, sizeof(emissiveFactor));
     record.set(QStringLiteral("PbrFactors"), factors, sizeof(factors));
     record.set(QStringLiteral("Options"), options, sizeof(options));
     return &_materials.emplace(key, std::move(out)).first->second;
+}
+
+// A map's texture-transform rows, with the coordinate set it reads in row0[3].
+void Uploader::mapRows(const SceneData::TextureRef& ref, float row0[4], float row1[4])
+{
+    // Only sets 0 and 1 are uploaded.
+    int set = ref.texCoord;
+    if (ref.texture >= 0 && (set < 0 || set > 1)) {
+        if (!_reportedTexCoordSet)
+            _warnings << QStringLiteral("Texture coordinate set %1 is not supported; set 0 is used").arg(set);
+        _reportedTexCoordSet = true;
+        set = 0;
+    }
+    ref.transform.rows(row0, row1);
+    row0[3] = float(set);
+    row1[3] = 0;
+}
+
+bool Uploader::textureToken(const SceneData::TextureRef& ref, bool srgb, TextureToken& token)
+{
+    return _textures.token(ref, srgb, token) || fail(_textures.error);
+}
+
+// The material's extension parameters, written once into the table: its first texel, or -1
+// with the error set.
+int Uploader::extensionParameters(int material, QSet<TextureToken>& tokens)
+{
+    using namespace SceneMaterial;
+    const SceneData::Material& m = _scene.materials[size_t(material)];
+    const auto& t = m.transmission;
+    const float parameters[kExtensionParameterTexels][4] = {
+        {m.clearcoat.factor, m.clearcoat.roughness, m.clearcoat.normalTexture.texture >= 0 ? m.clearcoat.normalTexture.scale : 0.0f, 0},
+        {m.specular.colorFactor.x(), m.specular.colorFactor.y(), m.specular.colorFactor.z(), m.specular.factor},
+        {m.sheen.colorFactor.x(), m.sheen.colorFactor.y(), m.sheen.colorFactor.z(), m.sheen.roughness},
+        {t.factor, t.thickness, t.attenuationDistance, m.ior},
+        {t.attenuationColor.x(), t.attenuationColor.y(), t.attenuationColor.z(), 0},
+        {m.specularGlossiness.specularFactor.x(), m.specularGlossiness.specularFactor.y(),
+         m.specularGlossiness.specularFactor.z(), m.specularGlossiness.glossiness},
+    };
+    const struct
+    {
+        const SceneData::TextureRef* ref;
+        bool srgb;
+    } maps[eExtensionMapCount] = {{&m.clearcoat.texture, false},       {&m.clearcoat.roughnessTexture, false},
+                                  {&m.clearcoat.normalTexture, false}, {&m.specular.texture, false},
+                                  {&m.specular.colorTexture, true},    {&m.sheen.colorTexture, true},
+                                  {&m.sheen.roughnessTexture, false},  {&t.texture, false},
+                                  {&t.thicknessTexture, false}};
+    const auto found = _extensionBlocks.find(material);
+    const bool written = found != _extensionBlocks.end();
+    const int first = written ? found->second : int(_extensionTexels.size() / 4);
+    std::vector<float> block(parameters[0], parameters[0] + 4 * kExtensionParameterTexels);
+    for (const auto& map : maps) {
+        TextureToken token;
+        if (!textureToken(*map.ref, map.srgb, token))
+            return -1;
+        if (!token.isNull())
+            tokens.insert(token);
+        // Sixteen bits per float stay exact whatever the token's bit pattern.
+        for (int part = 0; part < 4; ++part)
+            block.push_back(float((token.token >> (16 * part)) & 0xffffu));
+        float row0[4], row1[4];
+        mapRows(*map.ref, row0, row1);
+        block.insert(block.end(), row0, row0 + 4);
+        block.insert(block.end(), row1, row1 + 4);
+    }
+    if (!written) {
+        _extensionTexels.insert(_extensionTexels.end(), block.begin(), block.end());
+        _extensionBlocks.emplace(material, first);
+    }
+    return first;
+}
+
+bool Uploader::shareExtensionParameters()
+{
+    if (_extensionTexels.empty())
+        return true;
+    auto table = QSharedPointer<TextureBuffer>::create();
+    if (!table->upload(_extensionTexels.data(), int(_extensionTexels.size() / 4)))
+        return fail(QStringLiteral("The material extension parameters could not be uploaded"));
+    _model.setSharedTexture(QLatin1String(SceneMaterial::kExtensionSampler), table);
+    return true;
 }
 
 } // namespace

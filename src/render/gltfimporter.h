@@ -48,6 +48,9 @@ public:
     // .glb when the bytes start with the binary magic, else JSON; relative URIs resolve
     // against baseDirectory.
     bool loadFromMemory(const QByteArray& bytes, const QString& baseDirectory, GPUModel& model, QObject* lightParent);
+    // Scene data read by GLTFSceneReader (on any thread) or built by the host, checked as the
+    // reader checks it, into the model.
+    bool upload(const std::shared_ptr<const SceneData>& scene, GPUModel& model, QObject* lightParent);
 
     // What plays the last loaded scene's animations and poses its skins and morph targets; the
     // model shows the rest pose without it. Null before a successful load and after the first call.
@@ -63,8 +66,6 @@ public:
     static InstanceDataPlan* objectPlan() { return SceneMaterial::objectPlan(); }
 
 private:
-    bool upload(const std::shared_ptr<const SceneData>& scene, GPUModel& model, QObject* lightParent);
-
     TextureManager* _manager;
     QString _error;
     QStringList _warnings;

@@ -42,13 +42,27 @@ InstanceDataPlan* objectPlan()
     return plan;
 }
 
+QStringList extensionDefines(quint64 flags)
+{
+    QStringList defines;
+    const std::pair<quint64, const char*> names[] = {{kClearcoatFlag, "MATERIAL_CLEARCOAT"},
+                                                     {kSpecularFlag, "MATERIAL_SPECULAR"},
+                                                     {kSheenFlag, "MATERIAL_SHEEN"},
+                                                     {kTransmissionFlag, "MATERIAL_TRANSMISSION"},
+                                                     {kSpecularGlossinessFlag, "MATERIAL_SPECULAR_GLOSSINESS"}};
+    for (const auto& [flag, name] : names)
+        if (flags & flag)
+            defines << QLatin1String(name);
+    return defines;
+}
+
 void parkUnsharedDeformationSamplers(ShaderProgram& program, const GPUModel& model)
 {
     GLint units = 16;
     glGetIntegerv(GL_MAX_TEXTURE_IMAGE_UNITS, &units);
     // The last unit is the shadow sampler's when no shadow map is bound.
     int unit = units - 2;
-    for (const char* name : {"u_DeformData", "u_MorphTargets"}) {
+    for (const char* name : {"u_DeformData", "u_MorphTargets", kExtensionSampler}) {
         const int location = program.getUniformLocation(QLatin1String(name));
         if (location >= 0 && !model.sharedTexture(QLatin1String(name)))
             program.setUniform(location, unit);

@@ -2,6 +2,7 @@
 
 #include "core/vyxexport.h"
 
+#include <QStringList>
 #include <QtGlobal>
 
 namespace Tavren::Vyx {
@@ -21,7 +22,9 @@ class ShaderProgram;
 // the vec4s BaseColorFactor, EmissiveFactor (times the emissive strength, with the alpha cutoff
 // of masked materials in w or -1), PbrFactors (metallic, roughness, normal scale, occlusion
 // strength, where 0 means "no map") and Options (x: unlit, y: the vertex colours "va_Color0" are
-// multiplied in, z: the vertex array has tangents "va_Tangent0").
+// multiplied in, z: the vertex array has tangents "va_Tangent0", w: the first texel of the
+// material's extension parameters). Spec-gloss materials keep their specular-glossiness map in
+// MetallicRoughnessMap.
 //
 // Vertex attributes: "va_Vertex" (vec3), "va_Normal" (vec3), "va_TexCoord0" and "va_TexCoord1"
 // (vec2, glTF's top-left origin, which matches how images are uploaded), "va_Color0" (vec4) and
@@ -40,6 +43,43 @@ constexpr quint64 kAlphaMaskFlag = quint64(1) << 1;
 constexpr quint64 kAlphaBlendFlag = quint64(1) << 62;
 // Points and lines: never culled, no normal map.
 constexpr quint64 kPointsOrLinesFlag = quint64(1) << 2;
+// The material extensions a drawable's commands use. Each combination is drawn by a program
+// variant compiled for it, so materials without any keep the plain metal-roughness program.
+constexpr quint64 kClearcoatFlag = quint64(1) << 8;
+constexpr quint64 kSpecularFlag = quint64(1) << 9;
+constexpr quint64 kSheenFlag = quint64(1) << 10;
+// Drawn after the opaque scene, which they show through.
+constexpr quint64 kTransmissionFlag = quint64(1) << 11;
+constexpr quint64 kSpecularGlossinessFlag = quint64(1) << 12;
+constexpr quint64 kExtensionFlags =
+    kClearcoatFlag | kSpecularFlag | kSheenFlag | kTransmissionFlag | kSpecularGlossinessFlag;
+// The defines that select the variant for some extension flags ("MATERIAL_CLEARCOAT", ...).
+VYXGL_EXPORT QStringList extensionDefines(quint64 flags);
+
+// Where the extension parameters live: a texture buffer the model shares, read by variants
+// through this sampler, with kExtensionTexels RGBA32F texels per material starting at the texel
+// the material record's Options.w names. Texels 0-5: clearcoat (factor, roughness, normal
+// scale or 0 without a normal map), specular (colour, factor), sheen (colour, roughness),
+// transmission (factor, thickness, attenuation distance or 0, index of refraction),
+// attenuation colour, spec-gloss (specular colour, glossiness). Then three texels per map, in
+// ExtensionMap order: the texture token as four 16-bit parts, and the two texture-transform
+// rows as in the material record.
+constexpr const char* kExtensionSampler = "u_MaterialExtensions";
+enum ExtensionMap {
+    eClearcoatMap,
+    eClearcoatRoughnessMap,
+    eClearcoatNormalMap,
+    eSpecularMap,
+    eSpecularColorMap,
+    eSheenColorMap,
+    eSheenRoughnessMap,
+    eTransmissionMap,
+    eThicknessMap,
+    eExtensionMapCount
+};
+constexpr int kExtensionParameterTexels = 6;
+constexpr int kExtensionTexels = kExtensionParameterTexels + 3 * eExtensionMapCount;
+
 constexpr const char* kMaterialPlanName = "GLTFMaterial";
 constexpr const char* kObjectPlanName = "GLTFObject";
 
@@ -47,8 +87,9 @@ constexpr const char* kObjectPlanName = "GLTFObject";
 VYXGL_EXPORT InstanceDataPlan* materialPlan();
 VYXGL_EXPORT InstanceDataPlan* objectPlan();
 
-// Points the bound program's deformation samplers ("u_DeformData", "u_MorphTargets") that the
-// model does not share at units of their own near the top, as a sampler of another type on
+// Points the bound program's deformation and extension samplers ("u_DeformData",
+// "u_MorphTargets", "u_MaterialExtensions") that the model does not share at units of their own
+// near the top, as a sampler of another type on
 // the same unit would fail the draw even where no command reads them.
 VYXGL_EXPORT void parkUnsharedDeformationSamplers(ShaderProgram& program, const GPUModel& model);
 

@@ -24,11 +24,13 @@
 #include "render/punctuallight.h"
 #include "render/scenematerial.h"
 #include "render/shadowmaprenderer.h"
+#include "render/internal/shadingprograms.h"
 
 #include <QVariantList>
 #include <QtMath>
 
 #include <algorithm>
+#include <set>
 #include <cmath>
 
 namespace Tavren::Vyx {
@@ -90,25 +92,13 @@ float toSRGB(float linear)
     return linear <= 0.0031308f ? linear * 12.92f : 1.055f * std::pow(linear, 1.0f / 2.4f) - 0.055f;
 }
 
-void setVectors(GLint location, const QVector<QVector3D>& values)
-{
-    if (location >= 0 && !values.isEmpty())
-        glUniform3fv(location, GLsizei(values.size()), reinterpret_cast<const GLfloat*>(values.constData()));
-}
-
-// Uniform locations of the shading and sky programs, looked up once when they link.
-struct SceneUniforms
-{
-    GLint lightCount, lightType, lightRange, lightCone, lightColor, lightPosition, lightDirection, irradianceSH;
-    GLint viewProjection, cameraPosition, exposure, environmentIntensity, prefilteredLevels, prefilteredMap;
-    GLint brdfTable, shadowsEnabled, shadowMapDepthSampler, alphaBlend;
-};
-
 using SceneMaterial::kAlphaBlendFlag;
 using SceneMaterial::kAlphaMaskFlag;
 using SceneMaterial::kDoubleSidedFlag;
 using SceneMaterial::kPointsOrLinesFlag;
-constexpr quint64 kKindFlags = kAlphaBlendFlag | kDoubleSidedFlag | kPointsOrLinesFlag;
+using SceneMaterial::kExtensionFlags;
+using SceneMaterial::kTransmissionFlag;
+constexpr quint64 kKindFlags = kAlphaBlendFlag | kDoubleSidedFlag | kPointsOrLinesFlag | kExtensionFlags;
 
 // The blend factors and face orientation state, which RenderStateGuard leaves out.
 class BlendAndFaceGuard
@@ -166,14 +156,23 @@ bool drawSelection(GPUModel& model, ShaderProgram* scene, TextureManager* manage
     });
 }
 
-// Every kind of drawable with the given alpha flag: single-sided triangles, double-sided
-// triangles, then points and lines of either sidedness.
-bool drawKinds(GPUModel& model, ShaderProgram* scene, TextureManager* manager, quint64 alpha, const QMatrix4x4* view)
+// Every kind of unblended drawable of one shading variant (its extension flags): single-sided
+// triangles, double-sided triangles, then points and lines of either sidedness.
+bool drawKinds(GPUModel& model, ShaderProgram* scene, TextureManager* manager, quint64 variant)
 {
-    bool ok = drawSelection(model, scene, manager, alpha, kKindFlags, view);
-    ok = drawSelection(model, scene, manager, alpha | kDoubleSidedFlag, kKindFlags, view) && ok;
-    const quint64 points = kAlphaBlendFlag | kPointsOrLinesFlag;
-    return drawSelection(model, scene, manager, alpha | kPointsOrLinesFlag, points, view) && ok;
+    bool ok = drawSelection(model, scene, manager, variant, kKindFlags, nullptr);
+    ok = drawSelection(model, scene, manager, variant | kDoubleSidedFlag, kKindFlags, nullptr) && ok;
+    const quint64 points = kAlphaBlendFlag | kPointsOrLinesFlag | kExtensionFlags;
+    return drawSelection(model, scene, manager, variant | kPointsOrLinesFlag, points, nullptr) && ok;
+}
+
+// The shading variants the model's drawables need, by extension flags.
+std::set<quint64> modelVariants(const GPUModel& model)
+{
+    std::set<quint64> variants;
+    for (int i = 0; i < model.numDrawables(); ++i)
+        variants.insert(model.drawable(i).flags & kExtensionFlags);
+    return variants;
 }
 
 // Blended drawables with commands left after culling, farthest first by the mean centre of
@@ -209,23 +208,6 @@ QVector<int> blendedBackToFront(GPUModel& model, const QVector3D& eye)
     return order;
 }
 
-// Blended drawables over what is drawn, with straight alpha, testing depth but not writing it:
-// one at a time from back to front, each drawable's commands sorted the same way by the view.
-bool drawBlended(GPUModel& model, ShaderProgram* scene, TextureManager* manager, const QMatrix4x4& view)
-{
-    glEnable(GL_BLEND);
-    glBlendEquationSeparate(GL_FUNC_ADD, GL_FUNC_ADD);
-    // Alpha accumulates coverage, so an opaque background stays opaque in the read-back image.
-    glBlendFuncSeparate(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_ONE, GL_ONE_MINUS_SRC_ALPHA);
-    glDepthMask(GL_FALSE);
-    bool ok = true;
-    for (int position : blendedBackToFront(model, view.inverted().column(3).toVector3D())) {
-        ok = drawWithCulling(model.getFlags(position), [&](GPUModel::WindingType winding) {
-            return model.drawDrawable(position, scene, manager, winding, &view);
-        }) && ok;
-    }
-    return ok;
-}
 
 struct SkyUniforms
 {
@@ -237,15 +219,19 @@ struct SkyUniforms
 struct SceneRenderer::Private
 {
     TextureManager* manager = nullptr;
-    GLSLMacroProcessor macros;
-    std::unique_ptr<ShaderProgram> sceneProgram, skyProgram;
-    SceneUniforms sceneUniforms = {};
+    ShadingPrograms shading;
+    std::unique_ptr<ShaderProgram> skyProgram;
     SkyUniforms skyUniforms = {};
     std::unique_ptr<ShadowMapRenderer> shadowRenderer;
     ShadowMapRenderData shadowData;
     std::unique_ptr<Texture> environment, prefiltered, brdfTable;
     Utils::IrradianceSH sh;
     std::unique_ptr<FramebufferObject> drawTarget, resolveTarget;
+    // What transmissive surfaces see through: the opaque scene, copied with mipmaps.
+    std::unique_ptr<FramebufferObject> transmissionTarget;
+    std::unique_ptr<Texture> transmissionColour;
+    QSize transmissionSize;
+    int transmissionLevels = 1;
     QSize targetSize;
     int targetSamples = 0;
     // Units of the texture-image stage, for parking the unused shadow sampler on the last one.
@@ -324,50 +310,23 @@ bool SceneRenderer::setProceduralSky(const QVector3D& sunDirection)
 
 bool SceneRenderer::prepare()
 {
-    if (_d->sceneProgram)
-        return _d->sceneProgram->isLinked() && _d->skyProgram->isLinked();
+    if (_d->skyProgram)
+        return _d->skyProgram->isLinked();
     if (!_d->manager)
         _d->manager = TextureManager::Instance();
-    DrawBuffers::setup(&_d->macros);
-    _d->manager->setup(&_d->macros);
-    ShadowMapManager::setup(&_d->macros);
-    InstanceDataPlan* material = SceneMaterial::materialPlan();
-    InstanceDataPlan* object = SceneMaterial::objectPlan();
-
-    _d->sceneProgram = std::make_unique<ShaderProgram>();
-    ShaderProgram& scene = *_d->sceneProgram;
-    scene.setMacroProcessor(&_d->macros);
-    scene.addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("SceneShading.vert"));
-    scene.addShader(GL_VERTEX_SHADER, object->glslc());
-    scene.addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("VyxUtilities.vert"));
-    scene.addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("VyxUtilities.glslc"));
-    scene.addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("SceneShading.frag"));
-    scene.addShader(GL_FRAGMENT_SHADER, material->glslc());
-    scene.addShaderFromFile(GL_FRAGMENT_SHADER, _d->manager->getShaderFile());
-    scene.addShaderFromFile(GL_FRAGMENT_SHADER, ShadowMapManager::getShaderFile());
-    scene.addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("SceneToneMap.glslc"));
-    if (!scene.link())
-        return fail(QStringLiteral("The shading program does not link: %1").arg(scene.log()));
+    _d->shading.setTextureManager(_d->manager);
+    QString error;
+    if (!_d->shading.get(0, error))
+        return fail(error);
 
     _d->skyProgram = std::make_unique<ShaderProgram>();
     ShaderProgram& sky = *_d->skyProgram;
-    sky.setMacroProcessor(&_d->macros);
     sky.addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("SceneSky.vert"));
     sky.addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("SceneSky.frag"));
     sky.addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("SceneToneMap.glslc"));
     if (!sky.link())
         return fail(QStringLiteral("The sky program does not link: %1").arg(sky.log()));
-    const auto in = [](const ShaderProgram& program) {
-        return [&program](const char* name) { return GLint(program.getUniformLocation(QLatin1String(name))); };
-    };
-    const auto at = in(scene);
-    _d->sceneUniforms = {at("u_LightCount"),      at("u_LightType"),      at("u_LightRange"),
-                         at("u_LightCone"),       at("u_LightColor"),     at("u_LightPosition"),
-                         at("u_LightDirection"),  at("u_IrradianceSH"),   at("u_ViewProjection"),
-                         at("u_CameraPosition"),  at("u_Exposure"),       at("u_EnvironmentIntensity"),
-                         at("u_PrefilteredLevels"), at("u_PrefilteredMap"), at("u_BRDFTable"),
-                         at("u_ShadowsEnabled"),  at("u_ShadowMapDepthSampler"), at("u_AlphaBlend")};
-    const auto skyAt = in(sky);
+    const auto skyAt = [&sky](const char* name) { return GLint(sky.getUniformLocation(QLatin1String(name))); };
     _d->skyUniforms = {skyAt("u_InverseViewProjection"), skyAt("u_Environment"), skyAt("u_EnvironmentIntensity"),
                        skyAt("u_Exposure")};
     glGetIntegerv(GL_MAX_TEXTURE_IMAGE_UNITS, &_d->textureUnits);
@@ -453,68 +412,146 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
     glEnable(GL_DEPTH_TEST);
     glDepthFunc(GL_LESS);
 
-    ShaderProgram& scene = *_d->sceneProgram;
-    if (!scene.bind())
-        return fail(QStringLiteral("The shading program could not be bound"));
-    QVector<QVector3D> colours, positions, directions;
-    QVector<GLint> types;
-    QVector<GLfloat> ranges, cones;
+    ShadingFrame frame;
     for (const ShadowMapLight* light : modelLights(model)) {
         if (!light)
             continue;
         auto* punctual = qobject_cast<const PunctualLight*>(light);
         const QMatrix4x4& m = light->transform();
         const QVector3D along = m.mapVector(QVector3D(0, 0, light->type() == ShadowMapLight::Directional ? 1 : -1));
-        colours << (light->on() ? (punctual ? punctual->color * punctual->intensity : QVector3D(1, 1, 1)) : QVector3D());
-        positions << m.column(3).toVector3D();
-        directions << along.normalized();
+        frame.lightColours << (light->on() ? (punctual ? punctual->color * punctual->intensity : QVector3D(1, 1, 1)) : QVector3D());
+        frame.lightPositions << m.column(3).toVector3D();
+        frame.lightDirections << along.normalized();
         const float outer = light->spotCutoff() > 0 ? light->spotCutoff() : float(M_PI);
         const float inner = punctual ? std::min(punctual->innerConeAngle, outer * 0.999f) : outer * 0.8f;
-        cones << std::cos(inner) << std::cos(outer);
-        types << GLint(light->type() == ShadowMapLight::Directional ? 2 : light->type() == ShadowMapLight::Spot ? 1 : 0);
-        ranges << (punctual ? punctual->range : 0.0f);
+        frame.lightCones << std::cos(inner) << std::cos(outer);
+        frame.lightTypes << GLint(light->type() == ShadowMapLight::Directional ? 2 : light->type() == ShadowMapLight::Spot ? 1 : 0);
+        frame.lightRanges << (punctual ? punctual->range : 0.0f);
     }
-    const SceneUniforms& at = _d->sceneUniforms;
-    scene.setUniform(at.lightCount, int(types.size()));
-    if (!types.isEmpty()) {
-        glUniform1iv(at.lightType, GLsizei(types.size()), types.constData());
-        scene.setUniform(at.lightRange, ranges);
-        glUniform2fv(at.lightCone, GLsizei(types.size()), cones.constData());
-    }
-    setVectors(at.lightColor, colours);
-    setVectors(at.lightPosition, positions);
-    setVectors(at.lightDirection, directions);
-    setVectors(at.irradianceSH, QVector<QVector3D>(std::begin(_d->sh.coefficients), std::end(_d->sh.coefficients)));
-    scene.setUniform(at.viewProjection, QVariant(viewProjection));
-    scene.setUniform(at.cameraPosition, QVariant(camera.worldMatrix().column(3).toVector3D()));
-    scene.setUniform(at.exposure, QVariant(std::exp2(_exposure)));
-    scene.setUniform(at.environmentIntensity, QVariant(_environmentIntensity));
-    scene.setUniform(at.prefilteredLevels, QVariant(float(kPrefilteredLevels)));
+    frame.irradianceSH = QVector<QVector3D>(std::begin(_d->sh.coefficients), std::end(_d->sh.coefficients));
+    frame.viewProjection = viewProjection;
+    frame.cameraPosition = camera.worldMatrix().column(3).toVector3D();
+    frame.eye = camera.projectionType() == Camera::eOrthographic
+                    ? QVector4D(camera.worldMatrix().column(2).toVector3D().normalized(), 0)
+                    : QVector4D(frame.cameraPosition, 1);
+    frame.exposure = std::exp2(_exposure);
+    frame.environmentIntensity = _environmentIntensity;
+    frame.prefilteredLevels = float(kPrefilteredLevels);
+    frame.spareUnit = _d->textureUnits - 1;
     // The 2D table first: texture-manager slots that are not in use point at the lowest unit,
     // which must then hold no other sampler type.
     _d->brdfTable->bind();
     _d->prefiltered->bind();
-    scene.setUniform(at.prefilteredMap, _d->prefiltered->unit());
-    scene.setUniform(at.brdfTable, _d->brdfTable->unit());
+    frame.prefilteredUnit = _d->prefiltered->unit();
+    frame.brdfUnit = _d->brdfTable->unit();
     const bool shadowed = _shadows && _d->shadowData.projectionTexture() && _d->shadowData.projectorCount() > 0;
-    scene.setUniform(at.shadowsEnabled, int(shadowed));
-    if (shadowed) {
-        ShadowMapManager::bind(&scene, _d->shadowData);
-    } else {
-        // The unused shadow sampler must not share a unit with a sampler of another type.
-        scene.setUniform(at.shadowMapDepthSampler, int(_d->textureUnits - 1));
+    frame.shadows = shadowed ? &_d->shadowData : nullptr;
+
+    // Each variant's unblended drawables, those that show the scene through them last, over a
+    // copy of what is drawn before them.
+    const std::set<quint64> variants = modelVariants(model);
+    bool drawn = true;
+    for (const bool transmissive : {false, true}) {
+        for (const quint64 variant : variants) {
+            if (bool(variant & kTransmissionFlag) != transmissive)
+                continue;
+            if (transmissive && frame.transmissionUnit < 0 && !copyForTransmission(frame))
+                return fail(QStringLiteral("The scene behind transmissive surfaces could not be copied"));
+            drawn = drawVariant(model, variant, frame, [&](ShaderProgram* program) {
+                return drawKinds(model, program, _d->manager, variant);
+            }) && drawn;
+        }
     }
-    SceneMaterial::parkUnsharedDeformationSamplers(scene, model);
-    scene.setUniform(at.alphaBlend, 0);
-    bool drawn = drawKinds(model, &scene, _d->manager, 0, nullptr);
-    scene.setUniform(at.alphaBlend, 1);
-    drawn = drawBlended(model, &scene, _d->manager, view) && drawn;
-    if (shadowed)
-        ShadowMapManager::unbind(&scene, _d->shadowData);
+    // Blended drawables over what is drawn, with straight alpha, testing depth but not writing
+    // it: one at a time from back to front, each drawable's commands sorted the same way by the view.
+    glEnable(GL_BLEND);
+    glBlendEquationSeparate(GL_FUNC_ADD, GL_FUNC_ADD);
+    // Alpha accumulates coverage, so an opaque background stays opaque in the read-back image.
+    glBlendFuncSeparate(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_ONE, GL_ONE_MINUS_SRC_ALPHA);
+    glDepthMask(GL_FALSE);
+    frame.alphaBlend = true;
+    const QVector<int> blended = blendedBackToFront(model, frame.cameraPosition);
+    for (int first = 0, end = 0; first < blended.size(); first = end) {
+        // A run of drawables of one variant shares its program's set-up.
+        const quint64 variant = model.getFlags(blended[first]) & kExtensionFlags;
+        for (end = first + 1; end < blended.size() && (model.getFlags(blended[end]) & kExtensionFlags) == variant;)
+            ++end;
+        if ((variant & kTransmissionFlag) && frame.transmissionUnit < 0 && !copyForTransmission(frame))
+            return fail(QStringLiteral("The scene behind transmissive surfaces could not be copied"));
+        drawn = drawVariant(model, variant, frame, [&](ShaderProgram* program) {
+            bool ok = true;
+            for (int i = first; i < end; ++i)
+                ok = drawWithCulling(model.getFlags(blended[i]), [&](GPUModel::WindingType winding) {
+                    return model.drawDrawable(blended[i], program, _d->manager, winding, &view);
+                }) && ok;
+            return ok;
+        }) && drawn;
+    }
+    if (_d->transmissionColour && frame.transmissionUnit >= 0)
+        _d->transmissionColour->unbind();
     _d->brdfTable->unbind();
     _d->prefiltered->unbind();
-    scene.unbind();
     return drawn || fail(QStringLiteral("The model could not be drawn"));
+}
+
+bool SceneRenderer::drawVariant(GPUModel& model, quint64 variant, const ShadingFrame& frame,
+                                const std::function<bool(ShaderProgram*)>& draw)
+{
+    QString error;
+    ShadingPrograms::Program* program = _d->shading.get(variant, error);
+    if (!program)
+        return fail(error);
+    if (!ShadingPrograms::begin(*program, frame))
+        return fail(QStringLiteral("The shading program could not be bound"));
+    SceneMaterial::parkUnsharedDeformationSamplers(*program->program, model);
+    const bool drawn = draw(program->program.get());
+    ShadingPrograms::end(*program, frame);
+    return drawn;
+}
+
+// Copies the colour drawn so far in the caller's framebuffer into a mipmapped texture, for
+// transmissive surfaces to read from, blurrier levels for rougher ones.
+bool SceneRenderer::copyForTransmission(ShadingFrame& frame)
+{
+    GLint viewport[4] = {}, drawFramebuffer = 0, readFramebuffer = 0;
+    glGetIntegerv(GL_VIEWPORT, viewport);
+    glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &drawFramebuffer);
+    glGetIntegerv(GL_READ_FRAMEBUFFER_BINDING, &readFramebuffer);
+    const QSize size(viewport[2], viewport[3]);
+    if (size.isEmpty())
+        return false;
+    if (!_d->transmissionTarget || _d->transmissionSize != size) {
+        _d->transmissionColour.reset();
+        _d->transmissionTarget = std::make_unique<FramebufferObject>();
+        AutoBinder bound(_d->transmissionTarget.get());
+        if (bound.isBound())
+            _d->transmissionColour.reset(_d->transmissionTarget->createTexture2D(
+                GL_COLOR_ATTACHMENT0, GL_RGBA8, GL_RGBA, GL_UNSIGNED_BYTE, size.width(), size.height()));
+        if (!_d->transmissionColour || !_d->transmissionTarget->isComplete()) {
+            _d->transmissionTarget.reset();
+            _d->transmissionColour.reset();
+            return false;
+        }
+        _d->transmissionSize = size;
+        _d->transmissionLevels = 1 + int(std::floor(std::log2(std::max(size.width(), size.height()))));
+    }
+    glBindFramebuffer(GL_READ_FRAMEBUFFER, GLuint(drawFramebuffer));
+    glBindFramebuffer(GL_DRAW_FRAMEBUFFER, _d->transmissionTarget->getFBO());
+    glBlitFramebuffer(viewport[0], viewport[1], viewport[0] + size.width(), viewport[1] + size.height(), 0, 0,
+                      size.width(), size.height(), GL_COLOR_BUFFER_BIT, GL_NEAREST);
+    glBindFramebuffer(GL_DRAW_FRAMEBUFFER, GLuint(drawFramebuffer));
+    glBindFramebuffer(GL_READ_FRAMEBUFFER, GLuint(readFramebuffer));
+    Texture& colour = *_d->transmissionColour;
+    if (!colour.bind())
+        return false;
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR_MIPMAP_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    glGenerateMipmap(GL_TEXTURE_2D);
+    frame.transmissionUnit = colour.unit();
+    frame.transmissionLevels = float(_d->transmissionLevels);
+    return true;
 }
 
 QImage SceneRenderer::renderToImage(GPUModel& model, const Camera& camera, const QSize& size)

@@ -8,12 +8,15 @@
 #include <QString>
 #include <QVector3D>
 
+#include <functional>
 #include <memory>
 
 namespace Tavren::Vyx {
 
 class Camera;
 class GPUModel;
+class ShaderProgram;
+struct ShadingFrame;
 class Texture;
 class TextureManager;
 
@@ -27,7 +30,9 @@ class TextureManager;
 // their back faces unless double-sided or points and lines (mirrored commands with the winding
 // turned); then blended ones over them, one drawable at a time from back to front, without
 // depth writes, double-sided ones back faces first. Masked drawables cast cut-out shadows,
-// blended ones cast where their alpha reaches one half.
+// blended ones cast where their alpha reaches one half. Each combination of material extensions
+// (SceneMaterial's extension flags) is drawn by a program variant of its own; transmissive
+// drawables come after the other unblended ones, over a copy of what those drew.
 class VYXGL_EXPORT SceneRenderer
 {
 public:
@@ -70,6 +75,9 @@ private:
     bool prepare();
     bool renderShadows(GPUModel& model, const Camera& camera, const QSize& size);
     bool drawSky(const QMatrix4x4& viewProjection);
+    bool drawVariant(GPUModel& model, quint64 variant, const ShadingFrame& frame,
+                     const std::function<bool(ShaderProgram*)>& draw);
+    bool copyForTransmission(ShadingFrame& frame);
 
     std::unique_ptr<Private> _d;
     QString _error;

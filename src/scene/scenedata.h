@@ -121,6 +121,52 @@ struct VYXGL_EXPORT SceneData
         bool doubleSided = false;
         bool unlit = false;            // KHR_materials_unlit
         float emissiveStrength = 1.0f; // KHR_materials_emissive_strength
+
+        // The layers and lobes beyond metal-roughness a material asks for; each one that is
+        // absent leaves its defaults, which shade as metal-roughness alone does.
+        enum Extension {
+            Clearcoat = 1 << 0,
+            Specular = 1 << 1, // KHR_materials_specular, or an index of refraction other than 1.5
+            Sheen = 1 << 2,
+            Transmission = 1 << 3, // with KHR_materials_volume when it has a thickness
+            SpecularGlossiness = 1 << 4,
+        };
+        int extensions = 0;
+        float ior = 1.5f;
+        struct
+        {
+            float factor = 0.0f, roughness = 0.0f;
+            TextureRef texture, roughnessTexture, normalTexture; // red, green, and a normal map with its scale
+        } clearcoat;
+        struct
+        {
+            float factor = 1.0f;
+            QVector3D colorFactor{1, 1, 1};
+            TextureRef texture, colorTexture; // alpha, and sRGB colour
+        } specular;
+        struct
+        {
+            QVector3D colorFactor;
+            float roughness = 0.0f;
+            TextureRef colorTexture, roughnessTexture; // sRGB colour, and alpha
+        } sheen;
+        struct
+        {
+            float factor = 0.0f;
+            TextureRef texture; // red
+            float thickness = 0.0f; // in the mesh's own units; 0 is a thin wall
+            TextureRef thicknessTexture; // green
+            float attenuationDistance = 0.0f; // 0: light is not absorbed
+            QVector3D attenuationColor{1, 1, 1};
+        } transmission;
+        // Spec-gloss materials keep their diffuse colour and texture in baseColor*; the
+        // specular-glossiness texture (sRGB colour, glossiness in alpha) has its own reference.
+        struct
+        {
+            QVector3D specularFactor{1, 1, 1};
+            float glossiness = 1.0f;
+            TextureRef texture;
+        } specularGlossiness;
     };
 
     // GL enum values as the file gives them; 0 for a filter the file leaves open.

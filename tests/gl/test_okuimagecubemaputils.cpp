@@ -489,7 +489,7 @@ TEST_F(CubemapTest, BRDFTableMatchesNumericalIntegration)
     const int size = 32;
     std::unique_ptr<Texture> table(createPreintegratedBRDFTable(size));
     ASSERT_TRUE(table);
-    EXPECT_EQ(VyxTest::levelParameter(table.get(), GL_TEXTURE_INTERNAL_FORMAT), GL_RG16F);
+    EXPECT_EQ(VyxTest::levelParameter(table.get(), GL_TEXTURE_INTERNAL_FORMAT), GL_RGBA16F);
     const std::vector<float> texels = levelTexels(table.get(), size * size);
     // Grazing and head-on views, mirror-smooth to fully rough, each term within 0.5% of the
     // albedo (scale + bias): the bias alone is near 0 head-on.
@@ -501,6 +501,30 @@ TEST_F(CubemapTest, BRDFTableMatchesNumericalIntegration)
             EXPECT_NEAR(texel[0], scale, 0.005 * (scale + bias)) << nDotV << " " << roughness;
             EXPECT_NEAR(texel[1], bias, 0.005 * (scale + bias)) << nDotV << " " << roughness;
         }
+    }
+    // Blue: the sheen lobe's albedo against a midpoint rule over the hemisphere of light
+    // directions, within 3% where the lobe is not a grazing spike.
+    const auto sheenAlbedo = [](double nDotV, double roughness) {
+        const double alpha = std::max(roughness * roughness, 1e-3), sinV = std::sqrt(1 - nDotV * nDotV);
+        const int steps = 256;
+        double sum = 0;
+        for (int i = 0; i < steps; ++i)
+            for (int j = 0; j < steps; ++j) {
+                const double cosL = (i + 0.5) / steps, phi = 2 * M_PI * (j + 0.5) / steps, sinL = std::sqrt(1 - cosL * cosL);
+                const QVector3D h = (QVector3D(float(sinV), 0, float(nDotV)) +
+                                     QVector3D(float(sinL * std::cos(phi)), float(sinL * std::sin(phi)), float(cosL)))
+                                        .normalized();
+                const double sin2 = std::max(1.0 - double(h.z()) * h.z(), 1e-4);
+                const double d = (2 + 1 / alpha) * std::pow(sin2, 0.5 / alpha) / (2 * M_PI);
+                sum += d / (4 * (cosL + nDotV - cosL * nDotV)) * cosL;
+            }
+        return sum * 2 * M_PI / (double(steps) * steps);
+    };
+    for (const auto& [column, row] : {std::pair{4, 16}, {16, 8}, {16, 24}, {31, 31}, {24, 4}}) {
+        const double nDotV = (column + 0.5) / size, roughness = (row + 0.5) / size;
+        const double expected = sheenAlbedo(nDotV, roughness);
+        EXPECT_NEAR(texels[size_t(row * size + column) * 4 + 2], expected, 0.03 * expected + 2e-3)
+            << nDotV << " " << roughness;
     }
 }
 

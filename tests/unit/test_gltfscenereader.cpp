@@ -550,9 +550,9 @@ TEST(GLTFSceneReaderMalformed, WhatIsDroppedOrMissingIsNamed)
         {"no meshes", QJsonObject{{"asset", QJsonObject{{"version", "2.0"}}}, {"scene", 0}, {"scenes", QJsonArray{QJsonObject{}}}},
          {"The file has nothing to draw: it has no meshes"}},
         {"a scene without nodes", triangle({{"scenes", QJsonArray{QJsonObject{}}}}), {nothing}},
-        {"unsupported extensions used, one twice", triangle({{"extensionsUsed", QJsonArray{"KHR_materials_sheen", "KHR_mesh_quantization", "KHR_materials_sheen"}},
+        {"unsupported extensions used, one twice", triangle({{"extensionsUsed", QJsonArray{"KHR_materials_iridescence", "KHR_mesh_quantization", "KHR_materials_iridescence"}},
                                                              {"extensionsRequired", QJsonArray{"KHR_mesh_quantization"}}}),
-         {"The glTF extension KHR_materials_sheen is not supported; what it adds is left out"}},
+         {"The glTF extension KHR_materials_iridescence is not supported; what it adds is left out"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

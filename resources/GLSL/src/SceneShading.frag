@@ -3,11 +3,14 @@
 #include "ShadowMapManager.glslh"
 #include "SceneToneMap.glslh"
 #instancedata "GLTFMaterial"
+#include "SceneMaterialExtensions.glslh"
 
 // Metallic-roughness shading: punctual lights with variance shadows, and image-based light from
 // a prefiltered specular cube map, the split-sum table and nine SH irradiance coefficients. The
 // specular lobe is GGX with height-correlated Smith visibility, compensated for the energy that
-// scattering between microfacets would reflect and a single-scattering BRDF loses.
+// scattering between microfacets would reflect and a single-scattering BRDF loses. Variants add
+// a clear coat, a tinted or weighted dielectric specular, sheen, transmission through a volume,
+// or spec-gloss parameters.
 
 #define MAX_LIGHTS 8
 const float PI = 3.14159265358979;
@@ -20,7 +23,9 @@ in vec2 vo_TexCoord1;
 in vec4 vo_Color;
 flat in uint vo_DrawID;
 
-uniform vec3 u_CameraPosition;
+// The camera's position with w = 1, or for an orthographic camera the direction towards the
+// viewer with w = 0: its view rays are parallel.
+uniform vec4 u_Eye;
 uniform int u_LightCount;
 uniform int u_LightType[MAX_LIGHTS];       // 0 point, 1 spot, 2 directional
 uniform vec3 u_LightColor[MAX_LIGHTS];     // colour times intensity
@@ -39,6 +44,13 @@ uniform float u_PrefilteredLevels;
 uniform sampler2D u_BRDFTable;
 uniform vec3 u_IrradianceSH[9];
 uniform float u_EnvironmentIntensity;
+#ifdef MATERIAL_TRANSMISSION
+in float vo_ModelScale;
+uniform mat4 u_ViewProjection;
+// The opaque scene as drawn so far, tone-mapped, with mipmaps for rough transmission.
+uniform sampler2D u_TransmissionMap;
+uniform float u_TransmissionLevels;
+#endif
 
 out vec4 o_Colour;
 
@@ -91,6 +103,30 @@ float smithVisibility(float nv, float nl, float a)
     return 0.5 / (nl * sqrt(nv * nv * (1.0 - a2) + a2) + nv * sqrt(nl * nl * (1.0 - a2) + a2));
 }
 
+float schlick(float f0, float f90, float cosine)
+{
+    return f0 + (f90 - f0) * pow(1.0 - cosine, 5.0);
+}
+
+#ifdef MATERIAL_SHEEN
+// Charlie sheen distribution with a visibility term that stays finite at grazing angles.
+float sheenLobe(float nh, float nl, float nv, float alpha)
+{
+    float invAlpha = 1.0 / alpha;
+    float sin2 = max(1.0 - nh * nh, 1e-4);
+    float d = (2.0 + invAlpha) * pow(sin2, 0.5 * invAlpha) / (2.0 * PI);
+    return d / (4.0 * (nl + nv - nl * nv));
+}
+#endif
+
+#ifdef MATERIAL_EXTENSIONS
+vec4 extensionMap(int first, int map)
+{
+    return managedTexture(extensionMapToken(first, map),
+                          mapCoordinates(extensionMapRow(first, map, 0), extensionMapRow(first, map, 1)));
+}
+#endif
+
 // The prefiltered map's level for a roughness: its levels hold roughness 1 - sqrt(1 - k / (n - 1)).
 float prefilteredLod(float roughness)
 {
@@ -101,6 +137,9 @@ void main()
 {
     uint id = vo_DrawID;
     vec4 options = getOptions(id);
+#ifdef MATERIAL_EXTENSIONS
+    int ext = int(options.w);
+#endif
     vec4 baseColor = getBaseColorFactor(id) *
                      managedTexture(getBaseColorMap(id), mapCoordinates(getBaseColorUVRow0(id), getBaseColorUVRow1(id)));
     if (options.y != 0.0)
@@ -116,13 +155,21 @@ void main()
     vec4 factors = getPbrFactors(id);
     vec4 mr = managedTexture(getMetallicRoughnessMap(id),
                              mapCoordinates(getMetallicRoughnessUVRow0(id), getMetallicRoughnessUVRow1(id)));
+#ifdef MATERIAL_SPECULAR_GLOSSINESS
+    // The map holds the specular colour and the glossiness; the base colour is the diffuse one.
+    vec4 specularGlossiness = extensionParameter(ext, EXT_SPECULAR_GLOSSINESS) * mr;
+    float metallic = 0.0;
+    float roughness = clamp(1.0 - specularGlossiness.a, 0.03, 1.0);
+#else
     float metallic = clamp(factors.x * mr.b, 0.0, 1.0);
     float roughness = clamp(factors.y * mr.g, 0.03, 1.0);
+#endif
     float alpha = roughness * roughness;
 
-    vec3 v = normalize(u_CameraPosition - vo_Position);
+    vec3 v = normalize(u_Eye.xyz - vo_Position * u_Eye.w);
     // Points and lines without normals face the eye.
-    vec3 n = dot(vo_Normal, vo_Normal) > 1e-12 ? normalize(vo_Normal) : v;
+    vec3 geometricNormal = dot(vo_Normal, vo_Normal) > 1e-12 ? normalize(vo_Normal) : v;
+    vec3 n = geometricNormal;
     if (factors.z != 0.0) {
         vec2 uv = mapCoordinates(getNormalUVRow0(id), getNormalUVRow1(id));
         mat3 frame = tangentFrame(n, uv, options.z != 0.0);
@@ -137,11 +184,67 @@ void main()
 
     vec3 diffuseColor = baseColor.rgb * (1.0 - metallic);
     vec3 f0 = mix(vec3(0.04), baseColor.rgb, metallic);
+    vec3 f90 = vec3(1.0);
+#ifdef MATERIAL_SPECULAR
+    // The dielectric reflectance from the index of refraction, tinted and weighted.
+    float ior = extensionParameter(ext, EXT_TRANSMISSION).w;
+    vec4 specularFactors = extensionParameter(ext, EXT_SPECULAR);
+    float specularWeight = specularFactors.w * extensionMap(ext, EXT_MAP_SPECULAR).a;
+    vec3 specularTint = specularFactors.rgb * extensionMap(ext, EXT_MAP_SPECULAR_COLOR).rgb;
+    float iorF0 = pow((ior - 1.0) / (ior + 1.0), 2.0);
+    f0 = mix(min(iorF0 * specularTint, vec3(1.0)) * specularWeight, baseColor.rgb, metallic);
+    f90 = mix(vec3(specularWeight), vec3(1.0), metallic);
+#else
+    float ior = 1.5;
+#endif
+#ifdef MATERIAL_SPECULAR_GLOSSINESS
+    f0 = specularGlossiness.rgb;
+    diffuseColor = baseColor.rgb * (1.0 - max(f0.r, max(f0.g, f0.b)));
+#endif
     // A single-scattering lobe reflects E = r + g of the light a white metal should (a third at
     // full roughness); scaling specular by 1 + F0 (1 / E - 1) puts the multiply scattered rest
     // back, in proportion to F0 as each further bounce keeps only F of it.
-    vec2 brdf = texture(u_BRDFTable, vec2(nv, roughness)).rg;
+    vec4 brdf = texture(u_BRDFTable, vec2(nv, roughness));
     vec3 energyCompensation = 1.0 + f0 * (1.0 / max(brdf.x + brdf.y, 0.05) - 1.0);
+
+#ifdef MATERIAL_CLEARCOAT
+    vec4 clearcoatFactors = extensionParameter(ext, EXT_CLEARCOAT);
+    float clearcoat = clearcoatFactors.x * extensionMap(ext, EXT_MAP_CLEARCOAT).r;
+    float clearcoatRoughness = clamp(clearcoatFactors.y * extensionMap(ext, EXT_MAP_CLEARCOAT_ROUGHNESS).g, 0.03, 1.0);
+    float clearcoatAlpha = clearcoatRoughness * clearcoatRoughness;
+    // The coat has a normal map of its own, or lies on the surface as modelled.
+    vec3 clearcoatNormal = geometricNormal;
+    if (clearcoatFactors.z != 0.0) {
+        vec2 uv = mapCoordinates(extensionMapRow(ext, EXT_MAP_CLEARCOAT_NORMAL, 0), extensionMapRow(ext, EXT_MAP_CLEARCOAT_NORMAL, 1));
+        mat3 frame = tangentFrame(clearcoatNormal, uv, options.z != 0.0);
+        vec3 m = managedTexture(extensionMapToken(ext, EXT_MAP_CLEARCOAT_NORMAL), uv).rgb * 2.0 - 1.0;
+        m.xy *= clearcoatFactors.z;
+        clearcoatNormal = normalize(frame * m);
+    }
+    if (!gl_FrontFacing)
+        clearcoatNormal = -clearcoatNormal;
+    float clearcoatNV = max(dot(clearcoatNormal, v), 1e-4);
+    // What the coat reflects towards the eye is taken from everything under it.
+    float clearcoatFresnel = clearcoat * schlick(0.04, 1.0, clearcoatNV);
+    vec3 clearcoatColour = vec3(0.0);
+#endif
+#ifdef MATERIAL_SHEEN
+    vec4 sheenFactors = extensionParameter(ext, EXT_SHEEN);
+    vec3 sheenColor = sheenFactors.rgb * extensionMap(ext, EXT_MAP_SHEEN_COLOR).rgb;
+    float sheenRoughness = max(sheenFactors.w * extensionMap(ext, EXT_MAP_SHEEN_ROUGHNESS).a, 0.07);
+    // The sheen's directional albedo (the table's blue channel) is light the base no longer gets.
+    float sheenAlbedo = texture(u_BRDFTable, vec2(nv, sheenRoughness)).b;
+    float sheenScaling = 1.0 - max(sheenColor.r, max(sheenColor.g, sheenColor.b)) * sheenAlbedo;
+    vec3 sheenColour = vec3(0.0);
+#endif
+#ifdef MATERIAL_TRANSMISSION
+    vec4 transmissionFactors = extensionParameter(ext, EXT_TRANSMISSION);
+    float transmission = transmissionFactors.x * extensionMap(ext, EXT_MAP_TRANSMISSION).r;
+    // Transmitted light replaces the diffuse lobe it passes through.
+    vec3 opaqueDiffuse = diffuseColor;
+    diffuseColor *= 1.0 - transmission;
+#endif
+
     vec3 colour = vec3(0.0);
     for (int i = 0; i < u_LightCount && i < MAX_LIGHTS; ++i) {
         vec3 l;
@@ -161,24 +264,76 @@ void main()
                 attenuation *= smoothstep(u_LightCone[i].y, u_LightCone[i].x, dot(-l, u_LightDirection[i]));
         }
         float nl = dot(n, l);
+#ifdef MATERIAL_CLEARCOAT
+        float clearcoatNL = dot(clearcoatNormal, l);
+        if ((nl <= 0.0 && clearcoatNL <= 0.0) || attenuation <= 0.0)
+            continue;
+#else
         if (nl <= 0.0 || attenuation <= 0.0)
             continue;
+#endif
         if (u_ShadowsEnabled != 0)
             attenuation *= shadowMapGetVisibility(uint(i), vo_Position, n, l);
         vec3 h = normalize(l + v);
+        vec3 radiance = u_LightColor[i] * attenuation;
+#ifdef MATERIAL_CLEARCOAT
+        if (clearcoatNL > 0.0) {
+            float ch = max(dot(clearcoatNormal, h), 0.0);
+            clearcoatColour += clearcoat * schlick(0.04, 1.0, max(dot(v, h), 0.0)) * ggx(ch, clearcoatAlpha) *
+                               smithVisibility(clearcoatNV, clearcoatNL, clearcoatAlpha) * clearcoatNL * radiance;
+        }
+        if (nl <= 0.0)
+            continue;
+#endif
         float vh = max(dot(v, h), 0.0);
-        vec3 fresnel = f0 + (1.0 - f0) * pow(1.0 - vh, 5.0);
+        vec3 fresnel = f0 + (f90 - f0) * pow(1.0 - vh, 5.0);
         vec3 specular = fresnel * ggx(max(dot(n, h), 0.0), alpha) * smithVisibility(nv, nl, alpha) * energyCompensation;
         vec3 diffuse = (1.0 - fresnel) * diffuseColor / PI;
-        colour += (diffuse + specular) * u_LightColor[i] * nl * attenuation;
+#ifdef MATERIAL_SHEEN
+        sheenColour += sheenColor * sheenLobe(max(dot(n, h), 0.0), nl, nv, sheenRoughness * sheenRoughness) * nl * radiance;
+        diffuse *= sheenScaling;
+        specular *= sheenScaling;
+#endif
+        colour += (diffuse + specular) * radiance * nl;
     }
 
     vec3 r = reflect(-v, n);
     vec3 prefiltered = textureLod(u_PrefilteredMap, r, prefilteredLod(roughness)).rgb;
     float occlusion = mix(1.0, managedTexture(getOcclusionMap(id), mapCoordinates(getOcclusionUVRow0(id), getOcclusionUVRow1(id))).r,
                           factors.w);
-    vec3 ambient = diffuseColor * irradiance(n) + prefiltered * (f0 * brdf.x + brdf.y) * energyCompensation;
+    vec3 specularAmbient = prefiltered * (f0 * brdf.x + f90 * brdf.y) * energyCompensation;
+    vec3 ambient = diffuseColor * irradiance(n) + specularAmbient;
+#ifdef MATERIAL_SHEEN
+    // A sheen lobe is wide enough for the irradiance to stand in for the prefiltered light.
+    ambient = ambient * sheenScaling + sheenColor * sheenAlbedo * irradiance(n);
+#endif
+#ifdef MATERIAL_TRANSMISSION
+    {
+        // Through the surface along the refracted ray, out of a volume of the given thickness,
+        // at the scene drawn behind it; rough surfaces blur it by reading a coarser level.
+        float thickness = transmissionFactors.y * extensionMap(ext, EXT_MAP_THICKNESS).g * vo_ModelScale;
+        vec3 through = normalize(refract(-v, n, 1.0 / ior)) * thickness;
+        vec4 clip = u_ViewProjection * vec4(vo_Position + through, 1.0);
+        vec2 screen = clip.xy / clip.w * 0.5 + 0.5;
+        float lod = (u_TransmissionLevels - 1.0) * roughness * clamp(ior * 2.0 - 2.0, 0.0, 1.0);
+        vec3 behind = untoneMapFromSRGB(textureLod(u_TransmissionMap, screen, lod).rgb);
+        vec4 attenuationColor = extensionParameter(ext, EXT_ATTENUATION);
+        if (transmissionFactors.z > 0.0)
+            behind *= pow(attenuationColor.rgb, vec3(length(through) / transmissionFactors.z));
+        vec3 unreflected = 1.0 - (f0 * brdf.x + f90 * brdf.y);
+        colour += transmission * opaqueDiffuse * unreflected * behind;
+    }
+#endif
     colour += ambient * occlusion * u_EnvironmentIntensity;
     colour += emissive.rgb * managedTexture(getEmissiveMap(id), mapCoordinates(getEmissiveUVRow0(id), getEmissiveUVRow1(id))).rgb;
+#ifdef MATERIAL_CLEARCOAT
+    vec3 clearcoatPrefiltered = textureLod(u_PrefilteredMap, reflect(-v, clearcoatNormal), prefilteredLod(clearcoatRoughness)).rgb;
+    vec2 clearcoatBRDF = texture(u_BRDFTable, vec2(clearcoatNV, clearcoatRoughness)).rg;
+    clearcoatColour += clearcoat * clearcoatPrefiltered * (0.04 * clearcoatBRDF.x + clearcoatBRDF.y) * occlusion * u_EnvironmentIntensity;
+    colour = colour * (1.0 - clearcoatFresnel) + clearcoatColour;
+#endif
+#ifdef MATERIAL_SHEEN
+    colour += sheenColour;
+#endif
     o_Colour = vec4(toneMapToSRGB(colour), alphaOut);
 }

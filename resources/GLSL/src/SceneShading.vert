@@ -19,6 +19,10 @@ out vec2 vo_TexCoord0;
 out vec2 vo_TexCoord1;
 out vec4 vo_Color;
 flat out uint vo_DrawID;
+#ifdef MATERIAL_TRANSMISSION
+// How the model matrix scales lengths, for volume thickness given in the mesh's units.
+out float vo_ModelScale;
+#endif
 
 void main()
 {
@@ -37,5 +41,8 @@ void main()
     vo_TexCoord1 = va_TexCoord1;
     vo_Color = va_Color0;
     vo_DrawID = getDrawID();
+#ifdef MATERIAL_TRANSMISSION
+    vo_ModelScale = (length(linear[0]) + length(linear[1]) + length(linear[2])) / 3.0;
+#endif
     gl_Position = u_ViewProjection * world;
 }

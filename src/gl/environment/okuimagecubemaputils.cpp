@@ -506,7 +506,7 @@ Texture* createPreintegratedBRDFTable(unsigned int size, int samples)
     const QSharedPointer<DrawBuffers> quad = device->fullscreenQuad();
     FramebufferObject fbo;
     fbo.bind();
-    std::unique_ptr<Texture> table(fbo.createTexture2D(GL_COLOR_ATTACHMENT0, GL_RG16F, GL_RG, GL_HALF_FLOAT,
+    std::unique_ptr<Texture> table(fbo.createTexture2D(GL_COLOR_ATTACHMENT0, GL_RGBA16F, GL_RGBA, GL_HALF_FLOAT,
                                                        int(size), int(size)));
     bool ok = table && VYX_CHECK(fbo.isComplete(), "BRDF table of size %u cannot be rendered into", size);
     if (ok && program.bind()) {

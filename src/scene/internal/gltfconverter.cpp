@@ -3,6 +3,7 @@
 #include "scene/internal/gltfdraco.h"
 #include "scene/internal/gltfgeometry.h"
 #include "scene/internal/gltftangents.h"
+#include "scene/internal/gltfvalues.h"
 
 #include <QDir>
 #include <QJsonArray>
@@ -47,6 +48,33 @@ QVector2D pair(const tinygltf::Value& object, const char* key, QVector2D fallbac
     if (!array.IsArray() || array.ArrayLen() != 2 || !array.Get(0).IsNumber() || !array.Get(1).IsNumber())
         return fallback;
     return QVector2D(float(array.Get(0).GetNumberAsDouble()), float(array.Get(1).GetNumberAsDouble()));
+}
+
+QVector3D triple(const tinygltf::Value& object, const char* key, QVector3D fallback)
+{
+    if (!object.IsObject() || !object.Has(key))
+        return fallback;
+    const tinygltf::Value& array = object.Get(key);
+    if (!array.IsArray() || array.ArrayLen() != 3)
+        return fallback;
+    QVector3D out;
+    for (int i = 0; i < 3; ++i) {
+        if (!array.Get(i).IsNumber())
+            return fallback;
+        out[i] = float(array.Get(i).GetNumberAsDouble());
+    }
+    return out;
+}
+
+float unitNumber(const tinygltf::Value& object, const char* key, double fallback)
+{
+    return float(std::clamp(number(object, key, fallback), 0.0, 1.0));
+}
+
+QVector3D unitTriple(const tinygltf::Value& object, const char* key, QVector3D fallback)
+{
+    const QVector3D v = triple(object, key, fallback);
+    return QVector3D(std::clamp(v.x(), 0.0f, 1.0f), std::clamp(v.y(), 0.0f, 1.0f), std::clamp(v.z(), 0.0f, 1.0f));
 }
 
 } // namespace
@@ -493,7 +521,95 @@ bool GLTFConverter::materials()
             !textureRef(m.emissiveTexture.index, m.emissiveTexture.texCoord, 1, transform(m.emissiveTexture.extensions),
                         material.emissiveTexture))
             return false;
+        if (!materialExtensions(m.extensions, material))
+            return false;
         _out.materials.push_back(material);
+    }
+    return true;
+}
+
+// A texture reference inside a material extension: {"index", "texCoord", "scale"} with its own
+// texture transform. Absent or not an object: no texture.
+bool GLTFConverter::extensionTextureRef(const tinygltf::Value& object, const char* key, SceneData::TextureRef& out)
+{
+    const tinygltf::Value& info = gltfMember(object, key);
+    if (!info.IsObject() || !info.Has("index"))
+        return true;
+    const double index = number(info, "index", -1);
+    if (!(index >= 0 && index < double(INT_MAX)) || std::floor(index) != index)
+        return fail(QStringLiteral("A material extension's %1 has no usable texture index").arg(QLatin1String(key)));
+    const double set = number(info, "texCoord", 0);
+    const tinygltf::Value& transform = gltfMember(gltfMember(info, "extensions"), "KHR_texture_transform");
+    return textureRef(int(index), set >= 0 && set < 256 ? int(set) : 0, float(number(info, "scale", 1)),
+                      transform.IsObject() ? &transform : nullptr, out);
+}
+
+bool GLTFConverter::materialExtensions(const tinygltf::ExtensionMap& extensions, SceneData::Material& material)
+{
+    using M = SceneData::Material;
+    if (const tinygltf::Value* ior = extension(extensions, "KHR_materials_ior")) {
+        // 0 stands for an infinite index in the extension; a mirror is the closest this shading has.
+        const double value = number(*ior, "ior", 1.5);
+        material.ior = value == 0 ? 1e4f : float(std::clamp(value, 1.0, 1e4));
+        if (material.ior != 1.5f)
+            material.extensions |= M::Specular;
+    }
+    if (const tinygltf::Value* e = extension(extensions, "KHR_materials_specular")) {
+        material.extensions |= M::Specular;
+        material.specular.factor = unitNumber(*e, "specularFactor", 1);
+        material.specular.colorFactor = triple(*e, "specularColorFactor", QVector3D(1, 1, 1));
+        if (!extensionTextureRef(*e, "specularTexture", material.specular.texture) ||
+            !extensionTextureRef(*e, "specularColorTexture", material.specular.colorTexture))
+            return false;
+    }
+    if (const tinygltf::Value* e = extension(extensions, "KHR_materials_clearcoat")) {
+        material.extensions |= M::Clearcoat;
+        material.clearcoat.factor = unitNumber(*e, "clearcoatFactor", 0);
+        material.clearcoat.roughness = unitNumber(*e, "clearcoatRoughnessFactor", 0);
+        if (!extensionTextureRef(*e, "clearcoatTexture", material.clearcoat.texture) ||
+            !extensionTextureRef(*e, "clearcoatRoughnessTexture", material.clearcoat.roughnessTexture) ||
+            !extensionTextureRef(*e, "clearcoatNormalTexture", material.clearcoat.normalTexture))
+            return false;
+    }
+    if (const tinygltf::Value* e = extension(extensions, "KHR_materials_sheen")) {
+        material.extensions |= M::Sheen;
+        material.sheen.colorFactor = unitTriple(*e, "sheenColorFactor", QVector3D(0, 0, 0));
+        material.sheen.roughness = unitNumber(*e, "sheenRoughnessFactor", 0);
+        if (!extensionTextureRef(*e, "sheenColorTexture", material.sheen.colorTexture) ||
+            !extensionTextureRef(*e, "sheenRoughnessTexture", material.sheen.roughnessTexture))
+            return false;
+    }
+    if (const tinygltf::Value* e = extension(extensions, "KHR_materials_transmission")) {
+        material.extensions |= M::Transmission;
+        material.transmission.factor = unitNumber(*e, "transmissionFactor", 0);
+        if (!extensionTextureRef(*e, "transmissionTexture", material.transmission.texture))
+            return false;
+        if (const tinygltf::Value* volume = extension(extensions, "KHR_materials_volume")) {
+            material.transmission.thickness = float(std::clamp(number(*volume, "thicknessFactor", 0), 0.0, 1e6));
+            const double distance = number(*volume, "attenuationDistance", 0);
+            material.transmission.attenuationDistance = distance > 0 && std::isfinite(distance) ? float(distance) : 0.0f;
+            material.transmission.attenuationColor = unitTriple(*volume, "attenuationColor", QVector3D(1, 1, 1));
+            if (!extensionTextureRef(*volume, "thicknessTexture", material.transmission.thicknessTexture))
+                return false;
+        }
+    }
+    if (const tinygltf::Value* e = extension(extensions, "KHR_materials_pbrSpecularGlossiness")) {
+        // Replaces metal-roughness: the diffuse colour takes the base colour's place.
+        material.extensions |= M::SpecularGlossiness;
+        const QVector4D diffuse(1, 1, 1, 1);
+        const tinygltf::Value& factor = e->Get("diffuseFactor");
+        material.baseColorFactor = diffuse;
+        if (factor.IsArray() && factor.ArrayLen() == 4)
+            for (int i = 0; i < 4; ++i)
+                if (factor.Get(i).IsNumber())
+                    material.baseColorFactor[i] = float(factor.Get(i).GetNumberAsDouble());
+        material.specularGlossiness.specularFactor = unitTriple(*e, "specularFactor", QVector3D(1, 1, 1));
+        material.specularGlossiness.glossiness = unitNumber(*e, "glossinessFactor", 1);
+        material.baseColorTexture = SceneData::TextureRef();
+        material.metallicRoughnessTexture = SceneData::TextureRef();
+        if (!extensionTextureRef(*e, "diffuseTexture", material.baseColorTexture) ||
+            !extensionTextureRef(*e, "specularGlossinessTexture", material.specularGlossiness.texture))
+            return false;
     }
     return true;
 }

@@ -6,6 +6,9 @@
 #include <QJsonObject>
 #include <QStringList>
 
+#include <map>
+#include <string>
+
 namespace tinygltf {
 class Model;
 class Value;
@@ -48,6 +51,8 @@ private:
     bool leaveOut(const QString& name, const QString& why, SceneData::Primitive& out);
     bool materials();
     bool textureRef(int texture, int texCoord, float scale, const tinygltf::Value* transform, SceneData::TextureRef& out);
+    bool extensionTextureRef(const tinygltf::Value& object, const char* key, SceneData::TextureRef& out);
+    bool materialExtensions(const std::map<std::string, tinygltf::Value>& extensions, SceneData::Material& material);
     void warnWhenNothingIsDrawn();
     bool textures();
     bool images();
