@@ -524,33 +524,13 @@ ViewportPick SceneViewport::pick(const QPoint& position)
         doneCurrent();
         return result;
     };
-    if (!VisibilityBuffer::isSupported()) {
-        VYX_WARNING("Picking needs image load/store and atomic counters, which this context lacks");
+    // Without image load/store and atomic counters the nearest surface wins a depth test
+    // instead: the same answer for opaque surfaces, the nearest layer for blended ones.
+    const bool depthTested = !VisibilityBuffer::isSupported();
+    if (!d.pickProgram && !makePickPrograms(depthTested)) {
+        VYX_WARNING("Picking is off: its programs or target could not be made");
         d.pickFailed = true;
         return done();
-    }
-    if (!d.pickProgram) {
-        const InstanceInfoPlan plan;
-        d.visibility = std::make_unique<VisibilityBuffer>();
-        d.pickProgram = modelProgram(d.drawMacros(), QStringLiteral("ViewportPick.frag"), d.visibility.get());
-        d.queryProgram = std::make_unique<ShaderProgram>();
-        d.queryProgram->setMacroProcessor(&d.macros);
-        d.queryProgram->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("ViewportPickQuery.vert"));
-        d.queryProgram->addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("ViewportPickQuery.frag"));
-        d.visibility->addShaders(d.queryProgram.get());
-        d.pickTarget = std::make_unique<FramebufferObject>();
-        AutoBinder bound(d.pickTarget.get());
-        d.pickColour.reset(bound.isBound() ? d.pickTarget->createTexture2D(GL_COLOR_ATTACHMENT0, GL_RGBA32UI,
-                                                                          GL_RGBA_INTEGER, GL_UNSIGNED_INT, 1, 1)
-                                           : nullptr);
-        if (!linked(d.pickProgram.get(), "pick", QStringLiteral("out_Pick")) ||
-            !linked(d.queryProgram.get(), "pick query", QStringLiteral("out_Pick")) || !d.pickColour ||
-            !d.pickTarget->isComplete()) {
-            VYX_WARNING("Picking is off: its programs or target could not be made");
-            d.pickFailed = true;
-            return done();
-        }
-        glGenVertexArrays(1, &d.emptyVertexArray);
     }
     GPUModel& model = d.model();
     // A projection that blows the pixel up to the whole one-pixel target.
@@ -570,63 +550,128 @@ ViewportPick SceneViewport::pick(const QPoint& position)
     model.frustumCull(viewProjection);
     GLint viewport[4];
     glGetIntegerv(GL_VIEWPORT, viewport);
+    unsigned int answer[4] = {};
     {
+        AutoBinder bound(d.pickTarget.get());
+        glViewport(0, 0, 1, 1);
+        glDisable(GL_CULL_FACE);
+        glDisable(GL_BLEND);
+        if (depthTested ? pickNearest(viewProjection, answer) : pickThroughVisibilityBuffer(viewProjection, answer)) {
+            const int drawable = int(answer[2]) - 1, command = int(answer[1]);
+            if (answer[0] == 1 && drawable >= 0 && drawable < model.numDrawables()) {
+                const GPUModel::Drawable& hit = model.drawable(drawable);
+                result.hit = true;
+                result.drawable = drawable;
+                result.command = command;
+                result.transform = hit.transformRefs.value(command, GPUModel::kInvalidTransformRef);
+                result.node = model.transformNames().value(result.transform);
+                result.mesh = hit.drawBuffers ? hit.drawBuffers->objectName() : QString();
+                for (const QString& name : model.materialNames())
+                    if (model.materialInstances(name).contains({hit.id, command}))
+                        result.material = name;
+                result.depth = float(answer[3]) / 16777215.0f;
+            }
+        }
+    }
+    glViewport(viewport[0], viewport[1], viewport[2], viewport[3]);
+    glEnable(GL_DEPTH_TEST);
+    return done();
+}
+
+bool SceneViewport::makePickPrograms(bool depthTested)
+{
+    Private& d = *_d;
+    const InstanceInfoPlan plan;
+    if (!depthTested)
+        d.visibility = std::make_unique<VisibilityBuffer>();
+    d.pickProgram = modelProgram(d.drawMacros(),
+                                 depthTested ? QStringLiteral("ViewportPickNearest.frag") : QStringLiteral("ViewportPick.frag"),
+                                 d.visibility.get());
+    if (!depthTested) {
+        d.queryProgram = std::make_unique<ShaderProgram>();
+        d.queryProgram->setMacroProcessor(&d.macros);
+        d.queryProgram->addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("ViewportPickQuery.vert"));
+        d.queryProgram->addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("ViewportPickQuery.frag"));
+        d.visibility->addShaders(d.queryProgram.get());
+    }
+    d.pickTarget = std::make_unique<FramebufferObject>();
     AutoBinder bound(d.pickTarget.get());
-    glViewport(0, 0, 1, 1);
+    d.pickColour.reset(bound.isBound() ? d.pickTarget->createTexture2D(GL_COLOR_ATTACHMENT0, GL_RGBA32UI, GL_RGBA_INTEGER,
+                                                                      GL_UNSIGNED_INT, 1, 1)
+                                       : nullptr);
+    if (!linked(d.pickProgram.get(), "pick", QStringLiteral("out_Pick")) || !d.pickColour ||
+        (depthTested && !d.pickTarget->createRenderbuffer(GL_DEPTH_ATTACHMENT, GL_DEPTH_COMPONENT24, 1, 1, 1)) ||
+        (!depthTested && !linked(d.queryProgram.get(), "pick query", QStringLiteral("out_Pick"))) ||
+        !d.pickTarget->isComplete())
+        return false;
+    if (!depthTested)
+        glGenVertexArrays(1, &d.emptyVertexArray);
+    return true;
+}
+
+// Draws every visible drawable with the pick program, the drawable's position + 1 in
+// u_PickDrawable.
+void SceneViewport::drawForPicking(const QMatrix4x4& viewProjection)
+{
+    GPUModel& model = _d->model();
+    ShaderProgram& program = *_d->pickProgram;
+    program.setUniform(QStringLiteral("u_ViewProjection"), QVariant(viewProjection));
+    SceneMaterial::parkUnsharedDeformationSamplers(program, model);
+    const GLint drawableLocation = program.getUniformLocation(QStringLiteral("u_PickDrawable"));
+    for (int i = 0; i < model.numDrawables(); ++i) {
+        if (model.getFlags(i) & GPUModel::kHiddenFlag)
+            continue;
+        program.setUniform(drawableLocation, unsigned(i + 1));
+        model.drawDrawable(i, &program, nullptr, GPUModel::eWindingNoCulling, nullptr);
+    }
+}
+
+bool SceneViewport::pickNearest(const QMatrix4x4& viewProjection, unsigned int answer[4])
+{
+    const GLuint nothing[4] = {0, 0, 0, 0};
+    glClearBufferuiv(GL_COLOR, 0, nothing);
+    glClearDepth(1);
+    glClear(GL_DEPTH_BUFFER_BIT);
+    glEnable(GL_DEPTH_TEST);
+    glDepthFunc(GL_LESS);
+    glDepthMask(GL_TRUE);
+    if (!_d->pickProgram->bind())
+        return false;
+    drawForPicking(viewProjection);
+    _d->pickProgram->unbind();
+    glReadPixels(0, 0, 1, 1, GL_RGBA_INTEGER, GL_UNSIGNED_INT, answer);
+    return true;
+}
+
+// Every fragment of every layer is kept: a pool too small for the stack under the pixel is
+// doubled and the pass drawn again; the query then finds the nearest.
+bool SceneViewport::pickThroughVisibilityBuffer(const QMatrix4x4& viewProjection, unsigned int answer[4])
+{
+    Private& d = *_d;
     glDisable(GL_DEPTH_TEST);
-    glDisable(GL_CULL_FACE);
-    glDisable(GL_BLEND);
-    // Every fragment of every layer is kept: a pool too small for the stack under the pixel is
-    // doubled and the pass drawn again.
     for (int fragments = std::max(d.visibilityFragments, kPickFragments); fragments <= kMaxPickFragments; fragments *= 2) {
         if (fragments != d.visibilityFragments && !d.visibility->create(1, 1, fragments))
-            break;
+            return false;
         d.visibilityFragments = fragments;
         ShaderProgram& program = *d.pickProgram;
         if (!d.visibility->clear() || !program.bind() || !d.visibility->bind(&program))
-            break;
-        program.setUniform(QStringLiteral("u_ViewProjection"), QVariant(viewProjection));
-        SceneMaterial::parkUnsharedDeformationSamplers(program, model);
-        const GLint drawableLocation = program.getUniformLocation(QStringLiteral("u_PickDrawable"));
-        for (int i = 0; i < model.numDrawables(); ++i) {
-            if (model.getFlags(i) & GPUModel::kHiddenFlag)
-                continue;
-            program.setUniform(drawableLocation, unsigned(i + 1));
-            model.drawDrawable(i, &program, nullptr, GPUModel::eWindingNoCulling, nullptr);
-        }
+            return false;
+        drawForPicking(viewProjection);
         program.unbind();
         d.visibility->memoryBarrier();
         if (d.visibility->fragmentCount() > unsigned(fragments))
             continue;
         ShaderProgram& query = *d.queryProgram;
         if (!query.bind() || !d.visibility->bind(&query))
-            break;
+            return false;
         glBindVertexArray(d.emptyVertexArray);
         glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
         glBindVertexArray(0);
         query.unbind();
-        GLuint answer[4] = {};
         glReadPixels(0, 0, 1, 1, GL_RGBA_INTEGER, GL_UNSIGNED_INT, answer);
-        const int drawable = int(answer[2]) - 1, command = int(answer[1]);
-        if (answer[0] == 1 && drawable >= 0 && drawable < model.numDrawables()) {
-            const GPUModel::Drawable& hit = model.drawable(drawable);
-            result.hit = true;
-            result.drawable = drawable;
-            result.command = command;
-            result.transform = hit.transformRefs.value(command, GPUModel::kInvalidTransformRef);
-            result.node = model.transformNames().value(result.transform);
-            result.mesh = hit.drawBuffers ? hit.drawBuffers->objectName() : QString();
-            for (const QString& name : model.materialNames())
-                if (model.materialInstances(name).contains({hit.id, command}))
-                    result.material = name;
-            result.depth = float(answer[3]) / 16777215.0f;
-        }
-        break;
+        return true;
     }
-    }
-    glViewport(viewport[0], viewport[1], viewport[2], viewport[3]);
-    glEnable(GL_DEPTH_TEST);
-    return done();
+    return false;
 }
 
 } // namespace Tavren::Vyx

@@ -99,6 +99,10 @@ private:
     bool sceneLoaded(bool loaded);
     void releaseGL();
     bool drawHighlight(const QSize& size);
+    bool makePickPrograms(bool depthTested);
+    void drawForPicking(const QMatrix4x4& viewProjection);
+    bool pickNearest(const QMatrix4x4& viewProjection, unsigned int answer[4]);
+    bool pickThroughVisibilityBuffer(const QMatrix4x4& viewProjection, unsigned int answer[4]);
     bool composite(const QSize& size);
 
     std::unique_ptr<Private> _d;
