@@ -2,6 +2,7 @@
 
 #include "core/logging.h"
 #include "gl/drawing/drawbuffers.h"
+#include "gl/drawing/internal/passdevicecontext.h"
 #include "gl/drawing/opengldevicecontext.h"
 #include "gl/glloader.h"
 #include "gl/instancedata/instancedata.h"
@@ -26,6 +27,7 @@
 #include <QElapsedTimer>
 #include <QMouseEvent>
 #include <QOpenGLContext>
+#include <QPointer>
 
 #include <algorithm>
 
@@ -65,6 +67,13 @@ std::unique_ptr<FramebufferObject> makeTarget(const QSize& size, int samples, st
 }
 
 // The programs of the model's vertex stage with the given fragment shaders.
+// The contexts of the viewports that are set up, in the order they were.
+QList<QPointer<QOpenGLContext>>& liveViewports()
+{
+    static QList<QPointer<QOpenGLContext>> contexts;
+    return contexts;
+}
+
 std::unique_ptr<ShaderProgram> modelProgram(GLSLMacroProcessor& macros, const QString& fragment, VisibilityBuffer* store)
 {
     auto program = std::make_unique<ShaderProgram>();
@@ -215,9 +224,16 @@ void SceneViewport::releaseGL()
     if (_d->emptyVertexArray)
         glDeleteVertexArrays(1, &_d->emptyVertexArray);
     _d->emptyVertexArray = 0;
-    if (TextureManager::hasInstance())
-        TextureManager::Instance()->clear();
-    OpenGLDeviceContext::resetContext();
+    // The texture manager and the device context serve every viewport; the last one to go
+    // releases them, the others only what was made for their own context.
+    liveViewports().removeOne(context());
+    if (liveViewports().isEmpty()) {
+        if (TextureManager::hasInstance())
+            TextureManager::Instance()->clear();
+        OpenGLDeviceContext::resetContext();
+    } else {
+        passDeviceContext()->releaseCurrentContextObjects();
+    }
     _d->initialised = false;
     doneCurrent();
 }
@@ -229,7 +245,18 @@ void SceneViewport::initializeGL()
         VYX_CRITICAL("%s", qPrintable(_error));
         return;
     }
-    OpenGLDeviceContext::resetContext();
+    // Textures live in the process-wide manager, so every viewport's context must share them.
+    QList<QPointer<QOpenGLContext>>& live = liveViewports();
+    live.removeAll(nullptr);
+    if (!live.isEmpty() && !QOpenGLContext::areSharing(context(), live.front())) {
+        _error = QStringLiteral("This viewport's GL context does not share with the other viewports'; set "
+                                "Qt::AA_ShareOpenGLContexts before the application object is made");
+        VYX_CRITICAL("%s", qPrintable(_error));
+        return;
+    }
+    if (live.isEmpty())
+        OpenGLDeviceContext::resetContext();
+    live.append(context());
     _renderer = std::make_unique<SceneRenderer>();
     _d->initialised = true;
     // The context goes with the widget's window; everything made in it must go first.

@@ -7,6 +7,7 @@
 
 #include <QApplication>
 #include <QFile>
+#include <QHBoxLayout>
 #include <QMouseEvent>
 #include <QTemporaryDir>
 #include <QWheelEvent>
@@ -172,4 +173,32 @@ TEST_F(SceneViewportTest, AFailedLoadKeepsThePreviousScene)
     EXPECT_EQ(compare(before, viewport->grabFramebuffer()).largest, 0);
     EXPECT_TRUE(viewport->reload());
     EXPECT_TRUE(viewport->pick(QPoint(48, 32)).hit);
+}
+
+// Two viewports of one window share the textures and each keeps its own vertex arrays: both
+// draw the textured Duck alike, and the one left after the other goes still draws it as before.
+TEST(SceneViewportPair, BothDrawAndOneOutlivesTheOther)
+{
+    if (qEnvironmentVariableIsEmpty("DISPLAY"))
+        GTEST_SKIP() << "needs an X server (ctest runs this under xvfb-run)";
+    QWidget window;
+    auto* layout = new QHBoxLayout(&window);
+    auto* first = new SceneViewport;
+    auto* second = new SceneViewport;
+    for (SceneViewport* viewport : {first, second}) {
+        viewport->setFixedSize(96, 64);
+        layout->addWidget(viewport);
+    }
+    window.show();
+    for (SceneViewport* viewport : {first, second}) {
+        viewport->grabFramebuffer();
+        ASSERT_TRUE(viewport->loadScene(testData(QStringLiteral("gltf/Duck/glTF-Binary/Duck.glb"))))
+            << viewport->errorString().toStdString();
+    }
+    const QImage left = first->grabFramebuffer(), right = second->grabFramebuffer();
+    EXPECT_LE(compare(left, right).largest, 2);
+    EXPECT_TRUE(second->pick(QPoint(48, 32)).hit);
+    delete first;
+    EXPECT_LE(compare(second->grabFramebuffer(), right).largest, 2);
+    EXPECT_TRUE(second->pick(QPoint(48, 32)).hit);
 }

@@ -2,6 +2,7 @@
 
 #include "core/vyxexport.h"
 
+#include <QHash>
 #include <QSharedPointer>
 #include <QString>
 
@@ -24,7 +25,8 @@ public:
     virtual QSharedPointer<BufferObject> newBuffer(unsigned int bo);
     // A buffer object with a GL name of its own, deleted with it; no target set.
     virtual QSharedPointer<BufferObject> newBuffer();
-    // The shared full-screen quad, made with newFullscreenQuad() on first use and kept.
+    // The full-screen quad of the current context (vertex arrays are not shared between
+    // contexts), made with newFullscreenQuad() on first use there and kept.
     virtual QSharedPointer<DrawBuffers> fullscreenQuad();
     // Two triangles covering clip space, with "va_Vertex" and "va_TexCoord".
     virtual QSharedPointer<DrawBuffers> newFullscreenQuad();
@@ -42,9 +44,13 @@ public:
     // Installs a new instance and releases the previous one with everything it cached.
     static void resetContext();
 
+    // Drops what was made for the current context, while it is still current: for a host
+    // whose context goes while others stay.
+    void releaseCurrentContextObjects();
+
 private:
-    // Null until fullscreenQuad() is first asked for.
-    QSharedPointer<DrawBuffers> _fullscreenQuad;
+    // By GLContextTracker::currentContext(); empty until fullscreenQuad() is first asked for.
+    QHash<void*, QSharedPointer<DrawBuffers>> _fullscreenQuads;
 };
 
 } // namespace Tavren::Vyx

@@ -4,6 +4,7 @@
 #include "gl/glloader.h"
 #include "gl/objects/bufferobject.h"
 #include "gl/objects/vertexarrayobject.h"
+#include "gl/platform/glcontexttracker.h"
 
 namespace Tavren::Vyx {
 
@@ -17,9 +18,15 @@ const float kQuadTexCoords[12] = {0, 1, 0, 0, 1, 0, 1, 0, 1, 1, 0, 1};
 
 QSharedPointer<DrawBuffers> OpenGLDeviceContext::fullscreenQuad()
 {
-    if (_fullscreenQuad.isNull())
-        _fullscreenQuad = newFullscreenQuad();
-    return _fullscreenQuad;
+    QSharedPointer<DrawBuffers>& quad = _fullscreenQuads[GLContextTracker::currentContext()];
+    if (quad.isNull())
+        quad = newFullscreenQuad();
+    return quad;
+}
+
+void OpenGLDeviceContext::releaseCurrentContextObjects()
+{
+    _fullscreenQuads.remove(GLContextTracker::currentContext());
 }
 
 QSharedPointer<DrawBuffers> OpenGLDeviceContext::newFullscreenQuad()
