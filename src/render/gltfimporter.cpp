@@ -158,6 +158,7 @@ private:
 
 bool Uploader::upload()
 {
+    _textures.predecode(); // pictures decode on worker threads; token() only uploads them
     walkNodes();
     QList<int> meshes = _meshInstances.keys();
     std::sort(meshes.begin(), meshes.end());

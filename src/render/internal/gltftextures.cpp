@@ -10,8 +10,13 @@
 #include <QBuffer>
 #include <QFile>
 #include <QImageReader>
+#include <QThread>
 
+#include <atomic>
 #include <memory>
+#include <set>
+#include <thread>
+#include <vector>
 
 namespace Tavren::Vyx {
 
@@ -63,14 +68,17 @@ public:
     }
 };
 
-// The library's recognisers (KTX, HDR, ASTC and what the host added), then Qt's pictures.
-Texture* decode(QByteArray bytes, const QString& name, bool srgb)
+// The library's recognisers (KTX, HDR, ASTC and what the host added), then Qt's pictures, which
+// predecode() may have decoded already.
+Texture* decode(QByteArray bytes, const QString& name, bool srgb, const QImage& picture)
 {
     TextureFileInfo info;
     info.srgb = srgb;
     info.topRowFirst = true; // glTF's texture coordinates start at the picture's top row
     auto* data = reinterpret_cast<unsigned char*>(bytes.data()); // recognisers may patch headers in place
     std::unique_ptr<TextureLoader> loader(IdentifyTextureFromMemory(data, uint64_t(bytes.size()), name));
+    if (!loader && !picture.isNull())
+        return QImageToTexture(picture, false, info);
     if (!loader) {
         static const PictureRecogniser pictures;
         auto memory = std::make_unique<RawMemory>(data, uint64_t(bytes.size()));
@@ -143,13 +151,15 @@ bool GLTFTextures::token(const SceneData::TextureRef& ref, bool srgb, TextureTok
         return true;
     }
     const SceneData::Image& image = _scene.images[size_t(source)];
-    QByteArray bytes = image.bytes;
-    if (bytes.isEmpty() && !image.path.isEmpty()) {
+    const auto prepared = _prepared.find(source);
+    QByteArray bytes = prepared != _prepared.end() ? prepared->second.bytes : image.bytes;
+    if (prepared == _prepared.end() && bytes.isEmpty() && !image.path.isEmpty()) {
         QFile file(image.path);
         if (file.open(QIODevice::ReadOnly))
             bytes = file.readAll();
     }
-    Texture* made = bytes.isEmpty() ? nullptr : decode(bytes, image.uri.isEmpty() ? image.name : image.uri, srgb);
+    const QImage picture = prepared != _prepared.end() ? prepared->second.picture : QImage();
+    Texture* made = bytes.isEmpty() ? nullptr : decode(bytes, image.uri.isEmpty() ? image.name : image.uri, srgb, picture);
     if (made && made->target() != GL_TEXTURE_2D) {
         delete made;
         made = nullptr;
@@ -168,6 +178,49 @@ bool GLTFTextures::token(const SceneData::TextureRef& ref, bool srgb, TextureTok
     }
     _tokens.emplace(key, token);
     return true;
+}
+
+void GLTFTextures::predecode()
+{
+    std::set<int> sources;
+    for (const SceneData::Material& m : _scene.materials) {
+        for (const SceneData::TextureRef* ref : {&m.baseColorTexture, &m.metallicRoughnessTexture, &m.normalTexture,
+                                                 &m.occlusionTexture, &m.emissiveTexture}) {
+            const int source = ref->texture >= 0 && ref->texture < int(_scene.textures.size())
+                                   ? _scene.textures[size_t(ref->texture)].source
+                                   : -1;
+            if (source >= 0 && source < int(_scene.images.size()) && !_prepared.count(source))
+                sources.insert(source);
+        }
+    }
+    const std::vector<int> order(sources.begin(), sources.end());
+    std::vector<Prepared> done(order.size());
+    std::atomic<size_t> next{0};
+    // Workers touch only their own entries and Qt's reentrant image reading; no GL here.
+    const auto work = [&] {
+        for (size_t i = next++; i < order.size(); i = next++) {
+            const SceneData::Image& image = _scene.images[size_t(order[i])];
+            Prepared& p = done[i];
+            p.bytes = image.bytes;
+            if (p.bytes.isEmpty() && !image.path.isEmpty()) {
+                QFile file(image.path);
+                if (file.open(QIODevice::ReadOnly))
+                    p.bytes = file.readAll();
+            }
+            QImage decoded;
+            if (!p.bytes.isEmpty() && decoded.loadFromData(p.bytes))
+                p.picture = decoded.convertToFormat(QImage::Format_ARGB32);
+        }
+    };
+    const size_t threads = std::min(order.size(), size_t(std::max(1, QThread::idealThreadCount())));
+    std::vector<std::thread> workers;
+    for (size_t t = 1; t < threads; ++t)
+        workers.emplace_back(work);
+    work();
+    for (std::thread& worker : workers)
+        worker.join();
+    for (size_t i = 0; i < order.size(); ++i)
+        _prepared.emplace(order[i], std::move(done[i]));
 }
 
 } // namespace Tavren::Vyx

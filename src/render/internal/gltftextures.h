@@ -3,6 +3,8 @@
 #include "gl/textures/texturetoken.h"
 #include "scene/scenedata.h"
 
+#include <QByteArray>
+#include <QImage>
 #include <QSet>
 #include <QStringList>
 
@@ -17,6 +19,9 @@ class TextureManager;
 // space, through the texture recognisers first and then Qt's image reader, with the glTF
 // sampler's filters and wraps applied. Rows stay in file order (top row first), which is how
 // glTF's texture coordinates address them.
+//
+// predecode() reads and decodes the materials' pictures on worker threads beforehand, so that
+// token(), on the GL thread, only uploads them.
 class GLTFTextures
 {
 public:
@@ -28,6 +33,9 @@ public:
     // Opaque white for no texture or an image that cannot be decoded (warned once per image).
     // False with error set when the texture has no image.
     bool token(const SceneData::TextureRef& ref, bool srgb, TextureToken& token);
+    // Every image a material refers to, read and, where Qt's image reader takes it, decoded, on
+    // up to one thread per core. Formats the library's recognisers read stay with token().
+    void predecode();
     QString error;
 
 private:
@@ -35,6 +43,12 @@ private:
     TextureManager& _manager;
     QStringList& _warnings;
     std::map<std::tuple<int, int, bool>, TextureToken> _tokens; // image, sampler, sRGB
+    struct Prepared
+    {
+        QByteArray bytes;
+        QImage picture; // null when Qt's reader did not take the bytes
+    };
+    std::map<int, Prepared> _prepared; // by image
     QSet<int> _reported;
 };
 
