@@ -48,6 +48,9 @@ struct PassTimer::Slot
     bool partial[FrameTimings::kPassCount] = {}; // the query saw only part of the pass
     bool gpu = false;                            // this frame issues queries
     FrameTimings timings;
+
+    bool inFlight() const { return std::find(std::begin(waiting), std::end(waiting), true) != std::end(waiting); }
+    bool timed() const { return std::find(std::begin(timings.ran), std::end(timings.ran), true) != std::end(timings.ran); }
 };
 
 PassTimer::PassTimer()
@@ -109,10 +112,7 @@ void PassTimer::beginFrame()
     _current = (_current + 1) % 2;
     Slot& slot = _slots[_current];
     collect(slot);
-    bool inFlight = false;
-    for (bool waiting : slot.waiting)
-        inFlight = inFlight || waiting;
-    slot.gpu = _getResult && !inFlight;
+    slot.gpu = _getResult && !slot.inFlight();
     slot.timings = FrameTimings();
     std::fill(std::begin(slot.partial), std::end(slot.partial), false);
     slot.timings.gpuTimingAvailable = _getResult != nullptr;
@@ -138,25 +138,31 @@ void PassTimer::begin(FrameTimings::Pass pass)
 
 void PassTimer::end(FrameTimings::Pass pass)
 {
+    // An open query is closed even when timing was turned off meanwhile.
+    if (_activePass >= 0 && _activePass == pass) {
+        glEndQuery(GL_TIME_ELAPSED);
+        _activePass = -1;
+    }
     if (!_enabled || _current < 0 || pass < 0 || pass >= FrameTimings::kPassCount)
         return;
     Slot& slot = _slots[_current];
     slot.timings.cpuMilliseconds[pass] += double(_clock.nsecsElapsed() - _passStart) / 1e6;
     slot.timings.ran[pass] = true;
-    if (_activePass == pass) {
-        glEndQuery(GL_TIME_ELAPSED);
-        _activePass = -1;
-    }
 }
 
 FrameTimings PassTimer::lastFrame()
 {
     if (_current < 0)
         return FrameTimings();
-    Slot& slot = _slots[_current];
+    Slot& latest = _slots[_current];
     if (_activePass < 0)
-        collect(slot);
-    return slot.timings;
+        collect(latest);
+    if (!latest.inFlight())
+        return latest.timings;
+    // Until the GPU has answered for the latest frame, the one before it if that is complete.
+    Slot& before = _slots[1 - _current];
+    collect(before);
+    return before.timed() && !before.inFlight() ? before.timings : latest.timings;
 }
 
 } // namespace Tavren::Vyx

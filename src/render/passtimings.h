@@ -46,7 +46,8 @@ public:
     void beginFrame();
     void begin(FrameTimings::Pass pass);
     void end(FrameTimings::Pass pass);
-    // The latest frame's figures, with the GPU results that are ready by now.
+    // The latest frame's figures once the GPU has answered for all of its passes; until then
+    // those of the frame before, if complete, else the latest with what is in.
     FrameTimings lastFrame();
     void releaseGL();
 

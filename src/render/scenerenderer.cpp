@@ -21,8 +21,8 @@
 #include "gl/textureio/textureio.h"
 #include "gl/textureio/textureutilities.h"
 #include "gl/textures/texturemanager.h"
-#include "render/punctuallight.h"
 #include "render/internal/shadowsignature.h"
+#include "render/punctuallight.h"
 #include "render/scenematerial.h"
 #include "render/shadowmaprenderer.h"
 

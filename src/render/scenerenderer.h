@@ -75,7 +75,8 @@ public:
 
     // Per-pass CPU and GPU times (off by default; see PassTimer).
     void setTimingEnabled(bool enabled) { _timer.setEnabled(enabled); }
-    // The latest frame's figures: renderToImage's read-back counts as its post pass.
+    // The latest frame's figures, renderToImage's read-back as its post pass; the context must
+    // be current.
     FrameTimings lastFrameTimings() { return _timer.lastFrame(); }
 
 private:
