@@ -265,17 +265,20 @@ void importing(benchmark::State& state, SceneSource source)
 {
     context();
     SamplerTextureManager manager;
-    bool ok = true;
-    for (auto _ : state) {
+    const auto once = [&] {
         GPUModel model;
         QObject lights;
         GLTFImporter importer(&manager);
-        ok = import(importer, source, model, &lights) && ok;
-        state.PauseTiming();
+        const bool imported = import(importer, source, model, &lights);
         model.clear();
         manager.clear();
-        state.ResumeTiming();
-    }
+        return imported;
+    };
+    // One import first: the driver compiles the programs of its own upload and mipmap passes once
+    // per process, which is no part of a scene's import.
+    bool ok = once();
+    for (auto _ : state)
+        ok = once() && ok; // the clean-up inside is small beside the import
     if (!ok)
         state.SkipWithError("the import failed");
 }
@@ -365,7 +368,8 @@ int main(int argc, char** argv)
                 ->MinTime(k == eFirstFrame ? 3.0 : 2.0);
         benchmark::RegisterBenchmark((prefix + kKindNames[eImport]).c_str(), importing, s)
             ->Unit(benchmark::kMillisecond)
-            ->UseRealTime();
+            ->UseRealTime()
+            ->MinTime(2.0);
         benchmark::RegisterBenchmark((prefix + kKindNames[eDecode]).c_str(), decoding, s)
             ->Unit(benchmark::kMillisecond)
             ->UseRealTime();

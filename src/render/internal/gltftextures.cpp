@@ -12,11 +12,9 @@
 #include <QImageReader>
 #include <QThread>
 
-#include <atomic>
 #include <memory>
 #include <set>
-#include <thread>
-#include <vector>
+#include <system_error>
 
 namespace Tavren::Vyx {
 
@@ -151,14 +149,14 @@ bool GLTFTextures::token(const SceneData::TextureRef& ref, bool srgb, TextureTok
         return true;
     }
     const SceneData::Image& image = _scene.images[size_t(source)];
-    const auto prepared = _prepared.find(source);
-    QByteArray bytes = prepared != _prepared.end() ? prepared->second.bytes : image.bytes;
-    if (prepared == _prepared.end() && bytes.isEmpty() && !image.path.isEmpty()) {
+    const Prepared* ready = prepared(source);
+    QByteArray bytes = ready ? ready->bytes : image.bytes;
+    if (!ready && bytes.isEmpty() && !image.path.isEmpty()) {
         QFile file(image.path);
         if (file.open(QIODevice::ReadOnly))
             bytes = file.readAll();
     }
-    const QImage picture = prepared != _prepared.end() ? prepared->second.picture : QImage();
+    const QImage picture = ready ? ready->picture : QImage();
     Texture* made = bytes.isEmpty() ? nullptr : decode(bytes, image.uri.isEmpty() ? image.name : image.uri, srgb, picture);
     if (made && made->target() != GL_TEXTURE_2D) {
         delete made;
@@ -180,47 +178,88 @@ bool GLTFTextures::token(const SceneData::TextureRef& ref, bool srgb, TextureTok
     return true;
 }
 
+GLTFTextures::~GLTFTextures()
+{
+    _stop = true;
+    for (std::thread& worker : _workers)
+        worker.join();
+}
+
 void GLTFTextures::predecode()
 {
-    std::set<int> sources;
+    if (!_jobs.empty())
+        return;
+    std::set<int> images;
     for (const SceneData::Material& m : _scene.materials) {
         for (const SceneData::TextureRef* ref : {&m.baseColorTexture, &m.metallicRoughnessTexture, &m.normalTexture,
                                                  &m.occlusionTexture, &m.emissiveTexture}) {
-            const int source = ref->texture >= 0 && ref->texture < int(_scene.textures.size())
-                                   ? _scene.textures[size_t(ref->texture)].source
-                                   : -1;
-            if (source >= 0 && source < int(_scene.images.size()) && !_prepared.count(source))
-                sources.insert(source);
+            const int image = ref->texture >= 0 && ref->texture < int(_scene.textures.size())
+                                  ? _scene.textures[size_t(ref->texture)].source
+                                  : -1;
+            if (image >= 0 && image < int(_scene.images.size()))
+                images.insert(image);
         }
     }
-    const std::vector<int> order(sources.begin(), sources.end());
-    std::vector<Prepared> done(order.size());
-    std::atomic<size_t> next{0};
-    // Workers touch only their own entries and Qt's reentrant image reading; no GL here.
-    const auto work = [&] {
-        for (size_t i = next++; i < order.size(); i = next++) {
-            const SceneData::Image& image = _scene.images[size_t(order[i])];
-            Prepared& p = done[i];
-            p.bytes = image.bytes;
-            if (p.bytes.isEmpty() && !image.path.isEmpty()) {
-                QFile file(image.path);
-                if (file.open(QIODevice::ReadOnly))
-                    p.bytes = file.readAll();
-            }
-            QImage decoded;
-            if (!p.bytes.isEmpty() && decoded.loadFromData(p.bytes))
-                p.picture = decoded.convertToFormat(QImage::Format_ARGB32);
+    for (int image : images) {
+        _jobOf.emplace(image, _jobs.size());
+        _jobs.push_back({image, {}, false});
+    }
+    const size_t threads = std::min(_jobs.size(), size_t(std::max(1, QThread::idealThreadCount())));
+    try {
+        while (_workers.size() < threads)
+            _workers.emplace_back([this] {
+                while (runNextJob()) {
+                }
+            });
+    } catch (const std::system_error&) {
+        // Fewer workers, or none: token() decodes what they leave.
+    }
+}
+
+// Only Qt's reentrant file and image reading here, on the job's own entry: no GL.
+bool GLTFTextures::runNextJob()
+{
+    const size_t index = _nextJob++;
+    if (index >= _jobs.size() || _stop)
+        return false;
+    const SceneData::Image& image = _scene.images[size_t(_jobs[index].image)];
+    Prepared result;
+    result.bytes = image.bytes;
+    if (result.bytes.isEmpty() && !image.path.isEmpty()) {
+        QFile file(image.path);
+        if (file.open(QIODevice::ReadOnly))
+            result.bytes = file.readAll();
+    }
+    QImage decoded;
+    if (!result.bytes.isEmpty() && decoded.loadFromData(result.bytes))
+        result.picture = decoded.convertToFormat(QImage::Format_ARGB32);
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        _jobs[index].prepared = std::move(result);
+        _jobs[index].done = true;
+    }
+    _ready.notify_all();
+    return true;
+}
+
+const GLTFTextures::Prepared* GLTFTextures::prepared(int image)
+{
+    const auto found = _jobOf.find(image);
+    if (found == _jobOf.end())
+        return nullptr;
+    Job& job = _jobs[found->second];
+    for (;;) {
+        {
+            const std::lock_guard<std::mutex> lock(_mutex);
+            if (job.done)
+                return &job.prepared;
         }
-    };
-    const size_t threads = std::min(order.size(), size_t(std::max(1, QThread::idealThreadCount())));
-    std::vector<std::thread> workers;
-    for (size_t t = 1; t < threads; ++t)
-        workers.emplace_back(work);
-    work();
-    for (std::thread& worker : workers)
-        worker.join();
-    for (size_t i = 0; i < order.size(); ++i)
-        _prepared.emplace(order[i], std::move(done[i]));
+        if (!runNextJob())
+            break;
+    }
+    std::unique_lock<std::mutex> lock(_mutex);
+    _ready.wait(lock, [&job] { return job.done; });
+    return &job.prepared;
 }
 
 } // namespace Tavren::Vyx
