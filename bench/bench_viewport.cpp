@@ -1,7 +1,9 @@
 // The viewport's frames and a scene's import, on DamagedHelmet and the built-in demo scene at
 // 1280x720, each against a baseline measured in the same run:
 //   interactive  one sample, FXAA, blit to a window-sized target (SceneViewport while dragging),
-//                the camera turning half a degree a frame ("orbit") or standing ("still");
+//                the camera turning half a degree a frame ("orbit") or standing ("still"), and
+//                standing with the shadow maps redrawn each frame all the same (the baseline of
+//                their reuse);
 //   full         renderToImage with 4 samples and read-back (what `vyxgl render` writes);
 //   floor        the same geometry, culled the same way, drawn by Unlit.vert/.frag into a
 //                one-sample target: the baseline of both frames;
@@ -213,9 +215,9 @@ Context& context()
     return instance;
 }
 
-enum Kind { eInteractiveOrbit, eInteractiveStill, eFull, eFloor, eFirstFrame, eImport, eDecode };
-const char* const kKindNames[] = {"interactive_orbit", "interactive_still", "full_4x", "floor_unlit",
-                                  "first_frame_warm_cache", "import", "decode_one_thread"};
+enum Kind { eInteractiveOrbit, eInteractiveStill, eInteractiveRedrawn, eFull, eFloor, eFirstFrame, eImport, eDecode };
+const char* const kKindNames[] = {"interactive_orbit", "interactive_still", "interactive_shadows_redrawn", "full_4x",
+                                  "floor_unlit", "first_frame_warm_cache", "import", "decode_one_thread"};
 
 void frames(benchmark::State& state, SceneSource source, Kind kind)
 {
@@ -224,11 +226,14 @@ void frames(benchmark::State& state, SceneSource source, Kind kind)
     switch (kind) {
     case eInteractiveOrbit:
     case eInteractiveStill:
+    case eInteractiveRedrawn:
         v.renderer->setTimingEnabled(true);
         ok = v.interactiveFrame(); // warm: targets, programs, environment
         for (auto _ : state) {
             if (kind == eInteractiveOrbit)
                 v.orbit();
+            if (kind == eInteractiveRedrawn)
+                v.renderer->invalidateShadows();
             ok = v.interactiveFrame() && ok;
         }
         state.SetLabel(qPrintable(v.renderer->lastFrameTimings().toString()));
@@ -338,6 +343,9 @@ void summarise(const Reporter& r, const char* scene)
         std::printf("  %-22s %7.1f ms  %5.2fx floor   target <= 80 ms and <= 3x: %s\n", kKindNames[k], t, t / floor,
                     t >= 0 && t <= 80 && t <= 3 * floor ? "met" : "missed");
     }
+    const double still = r.get(scene, eInteractiveStill), redrawn = r.get(scene, eInteractiveRedrawn);
+    std::printf("  %-22s %7.1f ms  %5.2fx floor   still frame with kept shadows: %.2fx this\n",
+                "shadows_redrawn", redrawn, redrawn / floor, still / redrawn);
     std::printf("  %-22s %7.1f ms  %5.2fx floor\n", kKindNames[eFull], full, full / floor);
     std::printf("  %-22s %7.1f ms                target <= 300 ms: %s\n", kKindNames[eFirstFrame], first,
                 first >= 0 && first <= 300 ? "met" : "missed");
@@ -361,7 +369,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "%s is missing: the demo scene alone\n", qPrintable(data));
     for (const SceneSource& s : sources) {
         const std::string prefix = std::string(s.name) + "/";
-        for (Kind k : {eFloor, eInteractiveOrbit, eInteractiveStill, eFull, eFirstFrame})
+        for (Kind k : {eFloor, eInteractiveOrbit, eInteractiveStill, eInteractiveRedrawn, eFull, eFirstFrame})
             benchmark::RegisterBenchmark((prefix + kKindNames[k]).c_str(), frames, s, k)
                 ->Unit(benchmark::kMillisecond)
                 ->UseRealTime()
