@@ -15,11 +15,12 @@ using namespace Tavren::Vyx;
 
 namespace {
 
-const QSize kSize(96, 54);
-
+// The demo scene through its own camera, small, with one sample per pixel.
 class SceneRenderReuseTest : public VyxTest::GLTest
 {
 protected:
+    static inline const QSize kSize{96, 54};
+
     void SetUp() override
     {
         GLTest::SetUp();
