@@ -226,7 +226,8 @@ void frames(benchmark::State& state, SceneSource source, Kind kind)
     switch (kind) {
     case eInteractiveOrbit:
     case eInteractiveStill:
-    case eInteractiveRedrawn:
+    case eInteractiveRedrawn: {
+        const Camera start = v.camera; // the other rows look from where the scene's camera is
         v.renderer->setTimingEnabled(true);
         ok = v.interactiveFrame(); // warm: targets, programs, environment
         for (auto _ : state) {
@@ -238,7 +239,9 @@ void frames(benchmark::State& state, SceneSource source, Kind kind)
         }
         state.SetLabel(qPrintable(v.renderer->lastFrameTimings().toString()));
         v.renderer->setTimingEnabled(false);
+        v.camera = start;
         break;
+    }
     case eFull:
         ok = v.fullFrame(*v.renderer);
         for (auto _ : state)
