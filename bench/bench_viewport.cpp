@@ -1,10 +1,9 @@
 // The viewport's frames and a scene's import, on DamagedHelmet and the built-in demo scene at
 // 1280x720, each against a baseline measured in the same run:
 //   interactive  one sample, FXAA, blit to a window-sized target (SceneViewport while dragging),
-//                the camera turning half a degree a frame ("orbit") or standing ("still"), and
+//                the camera turning half a degree a frame ("orbit") or standing ("still"),
 //                standing with the shadow maps redrawn each frame all the same (the baseline of
-//                their reuse);
-//                and FXAA with the blit alone, on the last frame's picture;
+//                their reuse), and FXAA with the blit alone on the last frame's picture;
 //   full         renderToImage with 4 samples and read-back (what `vyxgl render` writes);
 //   floor        the same geometry, culled the same way, drawn by Unlit.vert/.frag into a
 //                one-sample target: the baseline of both frames;
