@@ -55,6 +55,7 @@
 #include "gl/objects/uniformbufferobject.h"
 #include "gl/objects/vertexarraybuilder.h"
 #include "gl/objects/vertexarrayobject.h"
+#include "render/passtimings.h"
 #include "render/postprocess.h"
 #include "render/sceneanimator.h"
 #include "render/sceneframing.h"

@@ -50,7 +50,8 @@ void printRenderUsage()
         "  --time S       the instant of the animation, in seconds (default 0)\n"
         "  --frames F:L:R a sequence from F to L seconds at R frames a second; the output name\n"
         "                 holds the frame number as %d or %04d (default vyxgl-frame-%04d.png)\n"
-        "  --timing       print the import, first-frame and warm-frame times\n"
+        "  --timing       print the import, first-frame and warm-frame times, and the warm frame's\n"
+        "                 passes on the CPU and the GPU\n"
         "  -o FILE        output PNG (default vyxgl-render.png)\n");
 }
 
@@ -297,11 +298,15 @@ int renderWithContext(const Options& options)
         return 1;
     }
     if (options.timing) {
+        renderer.setTimingEnabled(true);
         timer.restart();
         image = renderer.renderToImage(model, camera, options.size);
         glFinish();
         std::printf("import %.1f ms, first frame %.1f ms, warm frame %.1f ms\n", importTime / 1e6, firstFrame / 1e6,
                     timer.nsecsElapsed() / 1e6);
+        // Read after glFinish, so the GPU's figures are in.
+        std::printf("passes: %s\n", qPrintable(renderer.lastFrameTimings().toString()));
+        renderer.setTimingEnabled(false);
     }
     // A model that drew nothing (culling above left no command) covers nothing; otherwise the
     // sky alone from the same camera tells which pixels the scene took.

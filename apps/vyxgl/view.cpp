@@ -3,6 +3,7 @@
 
 #include "gl/model/gpumodel.h"
 #include "render/sceneanimator.h"
+#include "render/scenerenderer.h"
 #include "viewport/orbitcameracontroller.h"
 #include "viewport/sceneviewport.h"
 
@@ -52,7 +53,15 @@ public:
         setCentralWidget(_viewport = new SceneViewport(this));
         setAcceptDrops(true);
         _viewport->setFocus();
-        connect(_viewport, &SceneViewport::frameRendered, this, [this](double) { showStatus(); });
+        // Emitted from paintGL, with the context current and the frame finished, so the GPU's
+        // figures are ready to read without waiting.
+        connect(_viewport, &SceneViewport::frameRendered, this, [this](double) {
+            if (SceneRenderer* renderer = _viewport->renderer()) {
+                _gpuMilliseconds = gpuTotal(renderer->lastFrameTimings());
+                renderer->setTimingEnabled(true);
+            }
+            showStatus();
+        });
         connect(_viewport, &SceneViewport::selectionChanged, this, [this] { showStatus(); });
         _player.setInterval(33);
         connect(&_player, &QTimer::timeout, this, [this] { advanceAnimation(); });
@@ -128,11 +137,25 @@ private:
         const ViewportPick picked = _viewport->selection();
         QString text = picked.hit ? QStringLiteral("%1 (mesh %2, material %3)").arg(picked.node, picked.mesh, picked.material)
                                   : QStringLiteral("nothing selected");
-        text += QStringLiteral("  |  %1 ms%2").arg(_viewport->lastFrameMilliseconds(), 0, 'f', 1)
+        text += QStringLiteral("  |  frame %1 ms%2").arg(_viewport->lastFrameMilliseconds(), 0, 'f', 1)
                     .arg(_viewport->isInteractive() ? QStringLiteral(" (interactive)") : QString());
+        if (_gpuMilliseconds >= 0)
+            text += QStringLiteral(", GPU %1 ms").arg(_gpuMilliseconds, 0, 'f', 1);
         if (_player.isActive())
             text += QStringLiteral("  |  %1 s").arg(_animationTime, 0, 'f', 2);
         statusBar()->showMessage(text);
+    }
+
+    // The renderer's passes on the GPU; negative when any of them has no figure.
+    static double gpuTotal(const FrameTimings& timings)
+    {
+        double total = 0;
+        for (int p = 0; p < FrameTimings::kPassCount; ++p) {
+            if (timings.ran[p] && timings.gpuMilliseconds[p] < 0)
+                return -1;
+            total += timings.ran[p] ? timings.gpuMilliseconds[p] : 0.0;
+        }
+        return timings.gpuTimingAvailable ? total : -1;
     }
 
     void nextCamera()
@@ -191,6 +214,7 @@ private:
 
     SceneViewport* _viewport;
     QTimer _player;
+    double _gpuMilliseconds = -1;
     QElapsedTimer _clock;
     float _startTime = 0, _animationTime = 0;
     int _camera = -1;

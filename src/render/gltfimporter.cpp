@@ -177,6 +177,7 @@ private:
 
 bool Uploader::upload()
 {
+    _textures.predecode(); // pictures decode on worker threads while earlier ones upload
     walkNodes();
     QList<int> meshes = _meshInstances.keys();
     std::sort(meshes.begin(), meshes.end());

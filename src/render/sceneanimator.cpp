@@ -449,6 +449,7 @@ QStringList SceneAnimator::warnings() const
 bool SceneAnimator::reset()
 {
     Private& d = *_d;
+    d.model.noteDeformationChanged();
     for (size_t n = 0; n < d.moved.size(); ++n)
         if (d.moved[n] && d.nodeTransforms[n] >= 0)
             d.model.setLocalTransform(d.nodeTransforms[n], d.scene->nodes[n].localMatrix());
@@ -476,6 +477,7 @@ bool SceneAnimator::setTime(int animation, float seconds)
     Private& d = *_d;
     if (animation < -1 || animation >= animationCount() || !std::isfinite(seconds))
         return VYX_CHECK(false, "There is no animation %d to play at %g s", animation, double(seconds));
+    d.model.noteDeformationChanged();
     if (animation != d.lastAnimation && !reset())
         return false;
     const int first = animation < 0 ? 0 : animation, last = animation < 0 ? animationCount() - 1 : animation;

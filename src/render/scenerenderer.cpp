@@ -21,6 +21,7 @@
 #include "gl/textureio/textureio.h"
 #include "gl/textureio/textureutilities.h"
 #include "gl/textures/texturemanager.h"
+#include "render/internal/shadowsignature.h"
 #include "render/punctuallight.h"
 #include "render/scenematerial.h"
 #include "render/shadowmaprenderer.h"
@@ -337,18 +338,26 @@ bool SceneRenderer::prepare()
 
 bool SceneRenderer::renderShadows(GPUModel& model, const Camera& camera, const QSize& size)
 {
+    const PassTimer::Scope timed(&_timer, FrameTimings::eShadows);
     const QVector<const ShadowMapLight*> lights = modelLights(model);
     const bool anyCaster = std::any_of(lights.begin(), lights.end(), [](const ShadowMapLight* light) {
         return light && light->shadowCaster() && light->on();
     });
-    if (!_shadows || !anyCaster)
+    if (!_shadows || !anyCaster) {
+        _shadowsCurrent = false;
         return true;
+    }
     QPair<QVector3D, QVector3D> bounds;
     const bool hasBounds = ShadowMapManagerCulling::sceneBounds(model, bounds);
     const QMatrix4x4 view = camera.viewMatrix();
     const QMatrix4x4 projection = camera.projectionMatrix(float(size.width()) / size.height());
     _d->shadowData.setShadowMapSize(_shadowMapSize);
     ShadowMapManager::processLights(lights, _d->shadowData, &view, &projection, hasBounds ? &bounds : nullptr);
+    // The maps of the last pass still hold while nothing they show has changed.
+    const quint64 signature = shadowSignature(model, _d->shadowData);
+    if (_shadowsCurrent && signature == _shadowSignature && _d->shadowData.projectionTexture())
+        return true;
+    _shadowsCurrent = false;
     // Masked drawables cut their shadows out at their cutoff, blended ones at half coverage.
     using Casters = ShadowMapRenderer::Casters;
     const QVector<Casters> casters = {{0, kAlphaMaskFlag | kAlphaBlendFlag, false},
@@ -356,11 +365,15 @@ bool SceneRenderer::renderShadows(GPUModel& model, const Camera& camera, const Q
                                       {kAlphaBlendFlag, kAlphaBlendFlag, true, 0.5f}};
     if (!_d->shadowRenderer->render(_d->shadowData, model, casters, _d->manager))
         return fail(QStringLiteral("The shadow maps could not be rendered"));
+    _shadowSignature = signature;
+    _shadowsCurrent = true;
+    ++_shadowPasses;
     return true;
 }
 
 bool SceneRenderer::drawSky(const QMatrix4x4& viewProjection)
 {
+    const PassTimer::Scope timed(&_timer, FrameTimings::eSky);
     ShaderProgram& sky = *_d->skyProgram;
     auto quad = passDeviceContext()->fullscreenQuad();
     if (!quad || !sky.bind())
@@ -383,6 +396,7 @@ bool SceneRenderer::drawSky(const QMatrix4x4& viewProjection)
 bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& size)
 {
     _error.clear();
+    _timer.beginFrame();
     // Environment set-up and shadow passes use targets of their own; the caller's come back
     // before the scene is drawn, and all of its state once the frame is done.
     const RenderStateGuard callerState;
@@ -412,6 +426,7 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
     glEnable(GL_DEPTH_TEST);
     glDepthFunc(GL_LESS);
 
+    PassTimer::Scope timed(&_timer, FrameTimings::eOpaque);
     ShadingFrame frame;
     for (const ShadowMapLight* light : modelLights(model)) {
         if (!light)
@@ -462,6 +477,7 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
             }) && drawn;
         }
     }
+    timed.next(FrameTimings::eTransparent);
     // Blended drawables over what is drawn, with straight alpha, testing depth but not writing
     // it: one at a time from back to front, each drawable's commands sorted the same way by the view.
     glEnable(GL_BLEND);
@@ -583,6 +599,7 @@ QImage SceneRenderer::renderToImage(GPUModel& model, const Camera& camera, const
         if (!render(model, camera, size))
             return QImage();
     }
+    const PassTimer::Scope timed(&_timer, FrameTimings::ePost);
     GLuint readFrom = _d->drawTarget->getFBO();
     if (samples > 1) {
         glBindFramebuffer(GL_READ_FRAMEBUFFER, readFrom);

@@ -2,6 +2,7 @@
 
 #include "core/vyxexport.h"
 #include "gl/environment/okuimagecubemaputils.h"
+#include "render/passtimings.h"
 
 #include <QImage>
 #include <QSize>
@@ -69,6 +70,20 @@ public:
 
     QString errorString() const { return _error; }
 
+    // Shadow maps are kept from frame to frame while their lights, the cascades fitted to the
+    // camera, the map size and the casters' drawables, world matrices, visibility and
+    // deformation revision stay the same. Edits the renderer cannot see (a caster's geometry or
+    // material changed in place) need this to redraw them on the next frame.
+    void invalidateShadows() { _shadowsCurrent = false; }
+    // Shadow passes drawn so far.
+    int shadowPassCount() const { return _shadowPasses; }
+
+    // Per-pass CPU and GPU times (off by default; see PassTimer).
+    void setTimingEnabled(bool enabled) { _timer.setEnabled(enabled); }
+    // The latest frame's figures, renderToImage's read-back as its post pass; the context must
+    // be current.
+    FrameTimings lastFrameTimings() { return _timer.lastFrame(); }
+
 private:
     struct Private;
     bool fail(const QString& message);
@@ -86,6 +101,10 @@ private:
     int _shadowMapSize = 1024;
     int _samples = 4;
     bool _shadows = true;
+    bool _shadowsCurrent = false;
+    quint64 _shadowSignature = 0;
+    int _shadowPasses = 0;
+    PassTimer _timer;
 };
 
 } // namespace Tavren::Vyx

@@ -196,6 +196,10 @@ public:
     // texture removes the entry. Copies of the model share the textures.
     void setSharedTexture(const QString& uniform, const QSharedPointer<Texture>& texture);
     Texture* sharedTexture(const QString& uniform) const;
+    // Bumped by whatever moves vertices other than through transforms (skin and morph poses in
+    // the shared textures), so that passes kept from earlier frames know they are stale.
+    void noteDeformationChanged() { ++_deformationRevision; }
+    quint64 deformationRevision() const { return _deformationRevision; }
 
     void setContainsReflectedTransparency(bool contains) { _reflectedTransparency = contains; }
     bool containsReflectedTransparency() const { return _reflectedTransparency; }
@@ -321,6 +325,7 @@ private:
     QVector<bool> _dirty;
     QVector<int> _visibility;
     bool _anyDirty = false;
+    quint64 _deformationRevision = 0;
     QHash<QString, int> _transformIndex;
     QStringList _transformNames;
     QVector<QList<InstanceRef>> _transformUsers;

@@ -10,8 +10,11 @@
 #include <QBuffer>
 #include <QFile>
 #include <QImageReader>
+#include <QThread>
 
 #include <memory>
+#include <set>
+#include <system_error>
 
 namespace Tavren::Vyx {
 
@@ -63,14 +66,17 @@ public:
     }
 };
 
-// The library's recognisers (KTX, HDR, ASTC and what the host added), then Qt's pictures.
-Texture* decode(QByteArray bytes, const QString& name, bool srgb)
+// The library's recognisers (KTX, HDR, ASTC and what the host added), then Qt's pictures, which
+// predecode() may have decoded already.
+Texture* decode(QByteArray bytes, const QString& name, bool srgb, const QImage& picture)
 {
     TextureFileInfo info;
     info.srgb = srgb;
     info.topRowFirst = true; // glTF's texture coordinates start at the picture's top row
     auto* data = reinterpret_cast<unsigned char*>(bytes.data()); // recognisers may patch headers in place
     std::unique_ptr<TextureLoader> loader(IdentifyTextureFromMemory(data, uint64_t(bytes.size()), name));
+    if (!loader && !picture.isNull())
+        return QImageToTexture(picture, false, info);
     if (!loader) {
         static const PictureRecogniser pictures;
         auto memory = std::make_unique<RawMemory>(data, uint64_t(bytes.size()));
@@ -143,13 +149,15 @@ bool GLTFTextures::token(const SceneData::TextureRef& ref, bool srgb, TextureTok
         return true;
     }
     const SceneData::Image& image = _scene.images[size_t(source)];
-    QByteArray bytes = image.bytes;
-    if (bytes.isEmpty() && !image.path.isEmpty()) {
+    const Prepared* ready = prepared(source);
+    QByteArray bytes = ready ? ready->bytes : image.bytes;
+    if (!ready && bytes.isEmpty() && !image.path.isEmpty()) {
         QFile file(image.path);
         if (file.open(QIODevice::ReadOnly))
             bytes = file.readAll();
     }
-    Texture* made = bytes.isEmpty() ? nullptr : decode(bytes, image.uri.isEmpty() ? image.name : image.uri, srgb);
+    const QImage picture = ready ? ready->picture : QImage();
+    Texture* made = bytes.isEmpty() ? nullptr : decode(bytes, image.uri.isEmpty() ? image.name : image.uri, srgb, picture);
     if (made && made->target() != GL_TEXTURE_2D) {
         delete made;
         made = nullptr;
@@ -168,6 +176,90 @@ bool GLTFTextures::token(const SceneData::TextureRef& ref, bool srgb, TextureTok
     }
     _tokens.emplace(key, token);
     return true;
+}
+
+GLTFTextures::~GLTFTextures()
+{
+    _stop = true;
+    for (std::thread& worker : _workers)
+        worker.join();
+}
+
+void GLTFTextures::predecode()
+{
+    if (!_jobs.empty())
+        return;
+    std::set<int> images;
+    for (const SceneData::Material& m : _scene.materials) {
+        for (const SceneData::TextureRef* ref : {&m.baseColorTexture, &m.metallicRoughnessTexture, &m.normalTexture,
+                                                 &m.occlusionTexture, &m.emissiveTexture}) {
+            const int image = ref->texture >= 0 && ref->texture < int(_scene.textures.size())
+                                  ? _scene.textures[size_t(ref->texture)].source
+                                  : -1;
+            if (image >= 0 && image < int(_scene.images.size()))
+                images.insert(image);
+        }
+    }
+    for (int image : images) {
+        _jobOf.emplace(image, _jobs.size());
+        _jobs.push_back({image, {}, false});
+    }
+    const size_t threads = std::min(_jobs.size(), size_t(std::max(1, QThread::idealThreadCount())));
+    try {
+        while (_workers.size() < threads)
+            _workers.emplace_back([this] {
+                while (runNextJob()) {
+                }
+            });
+    } catch (const std::system_error&) {
+        // Fewer workers, or none: token() decodes what they leave.
+    }
+}
+
+// Only Qt's reentrant file and image reading here, on the job's own entry: no GL.
+bool GLTFTextures::runNextJob()
+{
+    const size_t index = _nextJob++;
+    if (index >= _jobs.size() || _stop)
+        return false;
+    const SceneData::Image& image = _scene.images[size_t(_jobs[index].image)];
+    Prepared result;
+    result.bytes = image.bytes;
+    if (result.bytes.isEmpty() && !image.path.isEmpty()) {
+        QFile file(image.path);
+        if (file.open(QIODevice::ReadOnly))
+            result.bytes = file.readAll();
+    }
+    QImage decoded;
+    if (!result.bytes.isEmpty() && decoded.loadFromData(result.bytes))
+        result.picture = decoded.convertToFormat(QImage::Format_ARGB32);
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        _jobs[index].prepared = std::move(result);
+        _jobs[index].done = true;
+    }
+    _ready.notify_all();
+    return true;
+}
+
+const GLTFTextures::Prepared* GLTFTextures::prepared(int image)
+{
+    const auto found = _jobOf.find(image);
+    if (found == _jobOf.end())
+        return nullptr;
+    Job& job = _jobs[found->second];
+    for (;;) {
+        {
+            const std::lock_guard<std::mutex> lock(_mutex);
+            if (job.done)
+                return &job.prepared;
+        }
+        if (!runNextJob())
+            break;
+    }
+    std::unique_lock<std::mutex> lock(_mutex);
+    _ready.wait(lock, [&job] { return job.done; });
+    return &job.prepared;
 }
 
 } // namespace Tavren::Vyx

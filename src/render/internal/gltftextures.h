@@ -3,11 +3,18 @@
 #include "gl/textures/texturetoken.h"
 #include "scene/scenedata.h"
 
+#include <QByteArray>
+#include <QImage>
 #include <QSet>
 #include <QStringList>
 
+#include <atomic>
+#include <condition_variable>
 #include <map>
+#include <mutex>
+#include <thread>
 #include <tuple>
+#include <vector>
 
 namespace Tavren::Vyx {
 
@@ -17,6 +24,9 @@ class TextureManager;
 // space, through the texture recognisers first and then Qt's image reader, with the glTF
 // sampler's filters and wraps applied. Rows stay in file order (top row first), which is how
 // glTF's texture coordinates address them.
+//
+// predecode() sets worker threads reading and decoding the materials' pictures, so that token(),
+// on the GL thread, uploads each as soon as it is ready while the next ones are still decoding.
 class GLTFTextures
 {
 public:
@@ -24,10 +34,17 @@ public:
         : _scene(scene), _manager(manager), _warnings(warnings)
     {
     }
+    ~GLTFTextures();
+    GLTFTextures(const GLTFTextures&) = delete;
+    GLTFTextures& operator=(const GLTFTextures&) = delete;
 
     // Opaque white for no texture or an image that cannot be decoded (warned once per image).
     // False with error set when the texture has no image.
     bool token(const SceneData::TextureRef& ref, bool srgb, TextureToken& token);
+    // Starts reading every image a material refers to and, where Qt's image reader takes it,
+    // decoding it, on one worker thread per core. Formats the library's recognisers read stay
+    // with token().
+    void predecode();
     QString error;
 
 private:
@@ -35,6 +52,30 @@ private:
     TextureManager& _manager;
     QStringList& _warnings;
     std::map<std::tuple<int, int, bool>, TextureToken> _tokens; // image, sampler, sRGB
+    struct Prepared
+    {
+        QByteArray bytes;
+        QImage picture; // null when Qt's reader did not take the bytes
+    };
+    struct Job
+    {
+        int image;
+        Prepared prepared;
+        bool done = false; // under _mutex
+    };
+    // Claims the next job and does it; false when none is left.
+    bool runNextJob();
+    // The image's job once done, decoding others meanwhile rather than waiting idle; null for an
+    // image predecode() did not take.
+    const Prepared* prepared(int image);
+
+    std::vector<Job> _jobs; // fixed once the workers run
+    std::map<int, size_t> _jobOf; // image -> job
+    std::atomic<size_t> _nextJob{0};
+    std::atomic<bool> _stop{false};
+    std::mutex _mutex;
+    std::condition_variable _ready;
+    std::vector<std::thread> _workers;
     QSet<int> _reported;
 };
 
