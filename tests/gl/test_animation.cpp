@@ -9,6 +9,7 @@
 #include "render/sceneframing.h"
 #include "render/scenerenderer.h"
 #include "support/gltest.h"
+#include "support/gltfbuilder.h"
 #include "support/testenvironment.h"
 
 #include <QJsonArray>
@@ -36,20 +37,8 @@ QJsonArray array(std::initializer_list<double> values)
 
 // A strip two units high (rows at y = 0, 1, 2) and one wide, in an unlit red, with the accessors
 // a test adds; the camera sees x in [-2, 4] and y in [-1, 3].
-struct StripScene
+struct StripScene : VyxTest::GLTFBuilder
 {
-    QByteArray bin;
-    QJsonArray views, accessors;
-
-    int accessor(const void* data, int bytes, int componentType, int count, const char* type)
-    {
-        views.append(QJsonObject{{"buffer", 0}, {"byteOffset", bin.size()}, {"byteLength", bytes}});
-        bin.append(static_cast<const char*>(data), bytes);
-        while (bin.size() % 4)
-            bin.append('\0');
-        accessors.append(QJsonObject{{"bufferView", views.size() - 1}, {"componentType", componentType}, {"count", count}, {"type", type}});
-        return accessors.size() - 1;
-    }
     static std::vector<QVector3D> vertices()
     {
         return {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}, {0, 2, 0}, {1, 2, 0}};
@@ -91,8 +80,7 @@ struct StripScene
         root["extensionsUsed"] = QJsonArray{"KHR_materials_unlit"};
         root["accessors"] = accessors;
         root["bufferViews"] = views;
-        root["buffers"] = QJsonArray{QJsonObject{
-            {"byteLength", bin.size()}, {"uri", QString::fromLatin1("data:application/octet-stream;base64," + bin.toBase64())}}};
+        root["buffers"] = embeddedBuffer();
         return QJsonDocument(root).toJson(QJsonDocument::Compact);
     }
 };

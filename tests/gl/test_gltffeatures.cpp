@@ -8,6 +8,7 @@
 #include "render/gltfimporter.h"
 #include "render/scenerenderer.h"
 #include "support/gltest.h"
+#include "support/gltfbuilder.h"
 #include "support/ktx2builder.h"
 #include "support/messagecapture.h"
 #include "support/testenvironment.h"
@@ -44,21 +45,9 @@ QJsonObject unlit(const QJsonObject& pbr)
 
 // Builds a glTF scene of quads side by side (quad i spans x in [i, i + 1], y in [0, 1]) with one
 // buffer, nearest-filtered clamped textures and a camera that sees exactly the row.
-class QuadScene
+class QuadScene : public VyxTest::GLTFBuilder
 {
 public:
-    int accessor(const void* data, int bytes, int componentType, int count, const char* type, bool normalized = false)
-    {
-        while (_bin.size() % 4)
-            _bin.append('\0');
-        _views.append(QJsonObject{{"buffer", 0}, {"byteOffset", _bin.size()}, {"byteLength", bytes}});
-        _bin.append(static_cast<const char*>(data), bytes);
-        QJsonObject a{{"bufferView", _views.size() - 1}, {"componentType", componentType}, {"count", count}, {"type", type}};
-        if (normalized)
-            a.insert("normalized", true);
-        _accessors.append(a);
-        return _accessors.size() - 1;
-    }
     int texture(const QImage& image, const QJsonObject& extra = {})
     {
         QByteArray png;
@@ -75,8 +64,7 @@ public:
     // A KTX 2 file in the buffer, named through KHR_texture_basisu alone.
     int ktx2Texture(const QByteArray& file)
     {
-        accessor(file.constData(), file.size(), 5121, file.size(), "SCALAR"); // for its buffer view
-        _images.append(QJsonObject{{"bufferView", _views.size() - 1}, {"mimeType", "image/ktx2"}});
+        _images.append(QJsonObject{{"bufferView", view(file)}, {"mimeType", "image/ktx2"}});
         const QJsonObject basisu{{"KHR_texture_basisu", QJsonObject{{"source", _images.size() - 1}}}};
         _textures.append(QJsonObject{{"sampler", 0}, {"extensions", basisu}});
         return _textures.size() - 1;
@@ -94,7 +82,7 @@ public:
         if (!attributes.contains("TEXCOORD_0"))
             attributes.insert("TEXCOORD_0", accessor(uv, sizeof(uv), 5126, 4, "VEC2"));
         _materials.append(material);
-        _primitives.append(QJsonObject{{"attributes", attributes},
+        primitives.append(QJsonObject{{"attributes", attributes},
                                        {"indices", accessor(indices, sizeof(indices), 5123, 6, "SCALAR")},
                                        {"material", _materials.size() - 1}});
     }
@@ -112,13 +100,11 @@ public:
             {"cameras", QJsonArray{QJsonObject{
                             {"type", "orthographic"},
                             {"orthographic", QJsonObject{{"xmag", half}, {"ymag", 0.5}, {"znear", 0.1}, {"zfar", 10}}}}}},
-            {"meshes", QJsonArray{QJsonObject{{"primitives", _primitives}}}},
+            {"meshes", QJsonArray{QJsonObject{{"primitives", primitives}}}},
             {"materials", _materials},
-            {"accessors", _accessors},
-            {"bufferViews", _views},
-            {"buffers", QJsonArray{QJsonObject{{"byteLength", _bin.size()},
-                                               {"uri", QString::fromLatin1("data:application/octet-stream;base64," +
-                                                                           _bin.toBase64())}}}}};
+            {"accessors", accessors},
+            {"bufferViews", views},
+            {"buffers", embeddedBuffer()}};
         QJsonArray nodes{meshNode, QJsonObject{{"camera", 0}, {"translation", QJsonArray{half, 0.5, 2}}}};
         // The sun shines down -Z turned 45 degrees about X: from above and in front.
         if (_sun)
@@ -141,8 +127,7 @@ public:
     void addSun() { _sun = true; }
 
 private:
-    QByteArray _bin;
-    QJsonArray _views, _accessors, _images, _textures, _materials, _primitives;
+    QJsonArray _images, _textures, _materials;
     int _quads = 0;
     bool _sun = false;
 };
