@@ -8,7 +8,7 @@
 #include "render/sceneanimator.h"
 #include "render/sceneframing.h"
 #include "render/scenerenderer.h"
-#include "support/gltest.h"
+#include "support/scenetest.h"
 #include "support/gltfbuilder.h"
 #include "support/testenvironment.h"
 
@@ -117,16 +117,13 @@ std::vector<int> rasterise(const std::vector<QVector3D>& v, const std::vector<in
     return covered;
 }
 
-class AnimationTest : public VyxTest::GLTest
+class AnimationTest : public VyxTest::SceneTest
 {
 protected:
     void TearDown() override
     {
         animator.reset();
-        model.clear();
-        renderer.reset();
-        manager.clear();
-        GLTest::TearDown();
+        SceneTest::TearDown();
     }
     bool load(const QByteArray& json)
     {
@@ -138,11 +135,9 @@ protected:
     // Pixels that show the red strip (1) or not (0).
     std::vector<int> coverage()
     {
-        Camera camera = model.getCamera(0);
-        camera.setWorldMatrix(model.getCameraWorldSpaceMatrix(0));
         renderer->setSamples(1);
         renderer->setShadowsEnabled(false);
-        const QImage image = renderer->renderToImage(model, camera, QSize(96, 64));
+        const QImage image = renderer->renderToImage(model, fileCamera(), QSize(96, 64));
         std::vector<int> out(96 * 64, 0);
         for (int y = 0; y < 64 && !image.isNull(); ++y)
             for (int x = 0; x < 96; ++x) {
@@ -160,12 +155,7 @@ protected:
         return wrong;
     }
 
-    SamplerTextureManager manager;
-    GPUModel model;
-    QObject lights;
-    GLTFImporter importer{&manager};
     std::unique_ptr<SceneAnimator> animator;
-    std::unique_ptr<SceneRenderer> renderer = std::make_unique<SceneRenderer>(&manager);
 };
 
 // Two joints: the root at the origin and one at y = 1 that an animation turns from 0 to 60 degrees

@@ -7,7 +7,7 @@
 #include "gl/textures/samplertexturemanager.h"
 #include "render/gltfimporter.h"
 #include "render/scenerenderer.h"
-#include "support/gltest.h"
+#include "support/scenetest.h"
 #include "support/gltfbuilder.h"
 #include "support/ktx2builder.h"
 #include "support/messagecapture.h"
@@ -83,8 +83,8 @@ public:
             attributes.insert("TEXCOORD_0", accessor(uv, sizeof(uv), 5126, 4, "VEC2"));
         _materials.append(material);
         primitives.append(QJsonObject{{"attributes", attributes},
-                                       {"indices", accessor(indices, sizeof(indices), 5123, 6, "SCALAR")},
-                                       {"material", _materials.size() - 1}});
+                                      {"indices", accessor(indices, sizeof(indices), 5123, 6, "SCALAR")},
+                                      {"material", _materials.size() - 1}});
     }
     // The camera sees `columns` quads' width (default: all quads).
     QByteArray json(const QJsonObject& meshNodeExtra = {}, int columns = 0) const
@@ -132,17 +132,9 @@ private:
     bool _sun = false;
 };
 
-class GLTFFeaturesTest : public VyxTest::GLTest
+class GLTFFeaturesTest : public VyxTest::SceneTest
 {
 protected:
-    void TearDown() override
-    {
-        model.clear();
-        renderer.reset();
-        manager.clear();
-        GLTest::TearDown();
-    }
-
     // Renders the scene through its camera; the image is kQuadPixels high.
     QImage render(const QByteArray& json, int quads)
     {
@@ -150,11 +142,9 @@ protected:
             ADD_FAILURE() << qPrintable(importer.errorString());
             return QImage();
         }
-        Camera camera = model.getCamera(0);
-        camera.setWorldMatrix(model.getCameraWorldSpaceMatrix(0));
         renderer->setSamples(1);
         renderer->setShadowsEnabled(false);
-        return renderer->renderToImage(model, camera, QSize(quads * kQuadPixels, kQuadPixels));
+        return renderer->renderToImage(model, fileCamera(), QSize(quads * kQuadPixels, kQuadPixels));
     }
     QImage render(const QuadScene& scene) { return render(scene.json(), scene.quads()); }
 
@@ -172,12 +162,6 @@ protected:
             << what << ": got " << qPrintable(QColor(actual).name()) << ", expected "
             << qPrintable(QColor(expected).name());
     }
-
-    SamplerTextureManager manager;
-    GPUModel model;
-    QObject lights;
-    GLTFImporter importer{&manager};
-    std::unique_ptr<SceneRenderer> renderer = std::make_unique<SceneRenderer>(&manager);
 };
 
 // Each map's coordinates: the set the material names, through its texture transform.
