@@ -8,8 +8,8 @@
 #include "render/sceneanimator.h"
 #include "render/sceneframing.h"
 #include "render/scenerenderer.h"
-#include "support/scenetest.h"
 #include "support/gltfbuilder.h"
+#include "support/scenetest.h"
 #include "support/testenvironment.h"
 
 #include <QJsonArray>

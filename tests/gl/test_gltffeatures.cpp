@@ -7,10 +7,10 @@
 #include "gl/textures/samplertexturemanager.h"
 #include "render/gltfimporter.h"
 #include "render/scenerenderer.h"
-#include "support/scenetest.h"
 #include "support/gltfbuilder.h"
 #include "support/ktx2builder.h"
 #include "support/messagecapture.h"
+#include "support/scenetest.h"
 #include "support/testenvironment.h"
 
 #include <QBuffer>

@@ -7,8 +7,8 @@
 #include "render/scenerenderer.h"
 #include "support/callrecorder.h"
 #include "support/glhelpers.h"
-#include "support/scenetest.h"
 #include "support/messagecapture.h"
+#include "support/scenetest.h"
 #include "support/testenvironment.h"
 
 #include <QBuffer>

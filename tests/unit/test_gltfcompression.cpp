@@ -7,9 +7,7 @@
 
 #include <QFileInfo>
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
-#include <QtEndian>
 
 #include <draco/compression/encode.h>
 #include <draco/mesh/mesh.h>
