@@ -8,7 +8,8 @@
 #include "render/sceneanimator.h"
 #include "render/sceneframing.h"
 #include "render/scenerenderer.h"
-#include "support/gltest.h"
+#include "support/gltfbuilder.h"
+#include "support/scenetest.h"
 #include "support/testenvironment.h"
 
 #include <QJsonArray>
@@ -36,20 +37,8 @@ QJsonArray array(std::initializer_list<double> values)
 
 // A strip two units high (rows at y = 0, 1, 2) and one wide, in an unlit red, with the accessors
 // a test adds; the camera sees x in [-2, 4] and y in [-1, 3].
-struct StripScene
+struct StripScene : VyxTest::GLTFBuilder
 {
-    QByteArray bin;
-    QJsonArray views, accessors;
-
-    int accessor(const void* data, int bytes, int componentType, int count, const char* type)
-    {
-        views.append(QJsonObject{{"buffer", 0}, {"byteOffset", bin.size()}, {"byteLength", bytes}});
-        bin.append(static_cast<const char*>(data), bytes);
-        while (bin.size() % 4)
-            bin.append('\0');
-        accessors.append(QJsonObject{{"bufferView", views.size() - 1}, {"componentType", componentType}, {"count", count}, {"type", type}});
-        return accessors.size() - 1;
-    }
     static std::vector<QVector3D> vertices()
     {
         return {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}, {0, 2, 0}, {1, 2, 0}};
@@ -91,8 +80,7 @@ struct StripScene
         root["extensionsUsed"] = QJsonArray{"KHR_materials_unlit"};
         root["accessors"] = accessors;
         root["bufferViews"] = views;
-        root["buffers"] = QJsonArray{QJsonObject{
-            {"byteLength", bin.size()}, {"uri", QString::fromLatin1("data:application/octet-stream;base64," + bin.toBase64())}}};
+        root["buffers"] = embeddedBuffer();
         return QJsonDocument(root).toJson(QJsonDocument::Compact);
     }
 };
@@ -129,16 +117,13 @@ std::vector<int> rasterise(const std::vector<QVector3D>& v, const std::vector<in
     return covered;
 }
 
-class AnimationTest : public VyxTest::GLTest
+class AnimationTest : public VyxTest::SceneTest
 {
 protected:
     void TearDown() override
     {
         animator.reset();
-        model.clear();
-        renderer.reset();
-        manager.clear();
-        GLTest::TearDown();
+        SceneTest::TearDown();
     }
     bool load(const QByteArray& json)
     {
@@ -150,11 +135,9 @@ protected:
     // Pixels that show the red strip (1) or not (0).
     std::vector<int> coverage()
     {
-        Camera camera = model.getCamera(0);
-        camera.setWorldMatrix(model.getCameraWorldSpaceMatrix(0));
         renderer->setSamples(1);
         renderer->setShadowsEnabled(false);
-        const QImage image = renderer->renderToImage(model, camera, QSize(96, 64));
+        const QImage image = renderer->renderToImage(model, fileCamera(), QSize(96, 64));
         std::vector<int> out(96 * 64, 0);
         for (int y = 0; y < 64 && !image.isNull(); ++y)
             for (int x = 0; x < 96; ++x) {
@@ -172,12 +155,7 @@ protected:
         return wrong;
     }
 
-    SamplerTextureManager manager;
-    GPUModel model;
-    QObject lights;
-    GLTFImporter importer{&manager};
     std::unique_ptr<SceneAnimator> animator;
-    std::unique_ptr<SceneRenderer> renderer = std::make_unique<SceneRenderer>(&manager);
 };
 
 // Two joints: the root at the origin and one at y = 1 that an animation turns from 0 to 60 degrees

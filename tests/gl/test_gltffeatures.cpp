@@ -7,9 +7,10 @@
 #include "gl/textures/samplertexturemanager.h"
 #include "render/gltfimporter.h"
 #include "render/scenerenderer.h"
-#include "support/gltest.h"
+#include "support/gltfbuilder.h"
 #include "support/ktx2builder.h"
 #include "support/messagecapture.h"
+#include "support/scenetest.h"
 #include "support/testenvironment.h"
 
 #include <QBuffer>
@@ -44,21 +45,9 @@ QJsonObject unlit(const QJsonObject& pbr)
 
 // Builds a glTF scene of quads side by side (quad i spans x in [i, i + 1], y in [0, 1]) with one
 // buffer, nearest-filtered clamped textures and a camera that sees exactly the row.
-class QuadScene
+class QuadScene : public VyxTest::GLTFBuilder
 {
 public:
-    int accessor(const void* data, int bytes, int componentType, int count, const char* type, bool normalized = false)
-    {
-        while (_bin.size() % 4)
-            _bin.append('\0');
-        _views.append(QJsonObject{{"buffer", 0}, {"byteOffset", _bin.size()}, {"byteLength", bytes}});
-        _bin.append(static_cast<const char*>(data), bytes);
-        QJsonObject a{{"bufferView", _views.size() - 1}, {"componentType", componentType}, {"count", count}, {"type", type}};
-        if (normalized)
-            a.insert("normalized", true);
-        _accessors.append(a);
-        return _accessors.size() - 1;
-    }
     int texture(const QImage& image, const QJsonObject& extra = {})
     {
         QByteArray png;
@@ -75,8 +64,7 @@ public:
     // A KTX 2 file in the buffer, named through KHR_texture_basisu alone.
     int ktx2Texture(const QByteArray& file)
     {
-        accessor(file.constData(), file.size(), 5121, file.size(), "SCALAR"); // for its buffer view
-        _images.append(QJsonObject{{"bufferView", _views.size() - 1}, {"mimeType", "image/ktx2"}});
+        _images.append(QJsonObject{{"bufferView", view(file)}, {"mimeType", "image/ktx2"}});
         const QJsonObject basisu{{"KHR_texture_basisu", QJsonObject{{"source", _images.size() - 1}}}};
         _textures.append(QJsonObject{{"sampler", 0}, {"extensions", basisu}});
         return _textures.size() - 1;
@@ -94,9 +82,9 @@ public:
         if (!attributes.contains("TEXCOORD_0"))
             attributes.insert("TEXCOORD_0", accessor(uv, sizeof(uv), 5126, 4, "VEC2"));
         _materials.append(material);
-        _primitives.append(QJsonObject{{"attributes", attributes},
-                                       {"indices", accessor(indices, sizeof(indices), 5123, 6, "SCALAR")},
-                                       {"material", _materials.size() - 1}});
+        primitives.append(QJsonObject{{"attributes", attributes},
+                                      {"indices", accessor(indices, sizeof(indices), 5123, 6, "SCALAR")},
+                                      {"material", _materials.size() - 1}});
     }
     // The camera sees `columns` quads' width (default: all quads).
     QByteArray json(const QJsonObject& meshNodeExtra = {}, int columns = 0) const
@@ -112,13 +100,11 @@ public:
             {"cameras", QJsonArray{QJsonObject{
                             {"type", "orthographic"},
                             {"orthographic", QJsonObject{{"xmag", half}, {"ymag", 0.5}, {"znear", 0.1}, {"zfar", 10}}}}}},
-            {"meshes", QJsonArray{QJsonObject{{"primitives", _primitives}}}},
+            {"meshes", QJsonArray{QJsonObject{{"primitives", primitives}}}},
             {"materials", _materials},
-            {"accessors", _accessors},
-            {"bufferViews", _views},
-            {"buffers", QJsonArray{QJsonObject{{"byteLength", _bin.size()},
-                                               {"uri", QString::fromLatin1("data:application/octet-stream;base64," +
-                                                                           _bin.toBase64())}}}}};
+            {"accessors", accessors},
+            {"bufferViews", views},
+            {"buffers", embeddedBuffer()}};
         QJsonArray nodes{meshNode, QJsonObject{{"camera", 0}, {"translation", QJsonArray{half, 0.5, 2}}}};
         // The sun shines down -Z turned 45 degrees about X: from above and in front.
         if (_sun)
@@ -141,23 +127,14 @@ public:
     void addSun() { _sun = true; }
 
 private:
-    QByteArray _bin;
-    QJsonArray _views, _accessors, _images, _textures, _materials, _primitives;
+    QJsonArray _images, _textures, _materials;
     int _quads = 0;
     bool _sun = false;
 };
 
-class GLTFFeaturesTest : public VyxTest::GLTest
+class GLTFFeaturesTest : public VyxTest::SceneTest
 {
 protected:
-    void TearDown() override
-    {
-        model.clear();
-        renderer.reset();
-        manager.clear();
-        GLTest::TearDown();
-    }
-
     // Renders the scene through its camera; the image is kQuadPixels high.
     QImage render(const QByteArray& json, int quads)
     {
@@ -165,11 +142,9 @@ protected:
             ADD_FAILURE() << qPrintable(importer.errorString());
             return QImage();
         }
-        Camera camera = model.getCamera(0);
-        camera.setWorldMatrix(model.getCameraWorldSpaceMatrix(0));
         renderer->setSamples(1);
         renderer->setShadowsEnabled(false);
-        return renderer->renderToImage(model, camera, QSize(quads * kQuadPixels, kQuadPixels));
+        return renderer->renderToImage(model, fileCamera(), QSize(quads * kQuadPixels, kQuadPixels));
     }
     QImage render(const QuadScene& scene) { return render(scene.json(), scene.quads()); }
 
@@ -187,12 +162,6 @@ protected:
             << what << ": got " << qPrintable(QColor(actual).name()) << ", expected "
             << qPrintable(QColor(expected).name());
     }
-
-    SamplerTextureManager manager;
-    GPUModel model;
-    QObject lights;
-    GLTFImporter importer{&manager};
-    std::unique_ptr<SceneRenderer> renderer = std::make_unique<SceneRenderer>(&manager);
 };
 
 // Each map's coordinates: the set the material names, through its texture transform.

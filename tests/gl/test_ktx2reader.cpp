@@ -1,11 +1,9 @@
 #include "core/memory.h"
 #include "gl/glloader.h"
 #include "gl/objects/texture.h"
-#include "gl/textureio/ktx2parser.h"
 #include "gl/textureio/ktx2reader.h"
 #include "gl/textureio/ktxparser.h"
 #include "gl/textureio/ktxreader.h"
-#include "gl/textureio/ktxwriter.h"
 #include "gl/textureio/textureio.h"
 #include "support/glhelpers.h"
 #include "support/gltest.h"
@@ -26,110 +24,12 @@ namespace {
 
 using KTX2ReaderTest = VyxTest::GLTest;
 
-struct Case { GLenum target, internalFormat, format, type; uint32_t vkFormat; int size, levels, bytesPerPixel; };
-
-// A texture of the case's shape whose every face holds a different pattern. Cube-map levels
-// hold their own; 2D levels are generated, as the KTX 1 reader makes them again before its
-// flip pass samples them.
-std::unique_ptr<Texture> patterned(const Case& c)
-{
-    auto texture = std::make_unique<Texture>();
-    texture->setTarget(c.target);
-    texture->bind();
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
-    const int faces = c.target == GL_TEXTURE_CUBE_MAP ? 6 : 1;
-    for (int level = 0; level < (faces == 6 ? c.levels : 1); ++level) {
-        const int w = std::max(1, c.size >> level), h = std::max(1, (c.size - 2) >> level);
-        for (int face = 0; face < faces; ++face) {
-            std::vector<unsigned char> bytes(size_t(w * (faces == 6 ? w : h) * c.bytesPerPixel));
-            for (size_t i = 0; i < bytes.size(); ++i)
-                bytes[i] = c.type == GL_UNSIGNED_BYTE ? (i * 7 + face * 31 + level) % 251 : ((i & 1) ? 0x3c : i * 13 + face);
-            const GLenum imageTarget = faces == 6 ? GL_TEXTURE_CUBE_MAP_POSITIVE_X + face : c.target;
-            glTexImage2D(imageTarget, level, GLint(c.internalFormat), w, faces == 6 ? w : h, 0, c.format, c.type,
-                         bytes.data());
-        }
-    }
-    glTexParameteri(c.target, GL_TEXTURE_MAX_LEVEL, c.levels - 1);
-    if (faces == 1)
-        glGenerateMipmap(c.target);
-    texture->unbind();
-    return texture;
-}
-
-// The KTX 2 equivalent of a KTX 1 file: the same images with their rows unpadded.
-KTX2File fromKTX1(QByteArray& ktx1, const Case& c)
-{
-    RawMemory memory(VyxTest::bytes(ktx1), uint64_t(ktx1.size()));
-    KTXParser parser(&memory);
-    EXPECT_TRUE(parser.parseImages());
-    KTX2File file;
-    file.vkFormat = c.vkFormat;
-    file.width = parser.width(), file.height = parser.height(), file.faces = parser.cubeFaces();
-    file.levelCount = parser.mipmapLevels();
-    file.blockBytes = uint32_t(c.bytesPerPixel);
-    file.levels.resize(file.levelCount);
-    const KTXOrientation orientation = parser.orientation();
-    if (orientation.valid)
-        file.keyValues.emplace_back("KTXorientation", QByteArray(1, orientation.s) + orientation.t + '\0');
-    for (const KTXImage& image : parser.images()) {
-        const int row = int(image.width) * c.bytesPerPixel, stride = (row + 3) & ~3;
-        for (unsigned int y = 0; y < image.height; ++y)
-            file.levels[image.level] += QByteArray(reinterpret_cast<const char*>(image.data) + y * stride, row);
-    }
-    return file;
-}
-
 Texture* load(QByteArray bytes, const TextureFileInfo& info = {})
 {
     return LoadTextureFromMemory(VyxTest::bytes(bytes), uint64_t(bytes.size()), info);
 }
 
 } // namespace
-
-// What the KTX writer saves loads the same through KTX 1 and through KTX 2, plain or supercompressed.
-TEST_F(KTX2ReaderTest, LoadsAsTheKTX1EquivalentDoes)
-{
-    const Case cases[] = {
-        {GL_TEXTURE_2D, GL_RGB8, GL_RGB, GL_UNSIGNED_BYTE, 23, 5, 1, 3},
-        {GL_TEXTURE_2D, GL_RGBA32F, GL_RGBA, GL_FLOAT, 109, 8, 3, 16},
-        {GL_TEXTURE_2D, GL_RG16F, GL_RG, GL_HALF_FLOAT, 83, 6, 1, 4},
-        {GL_TEXTURE_CUBE_MAP, GL_RGBA16F, GL_RGBA, GL_HALF_FLOAT, 97, 4, 3, 8},
-        {GL_TEXTURE_CUBE_MAP, GL_SRGB8_ALPHA8, GL_RGBA, GL_UNSIGNED_BYTE, 43, 4, 1, 4},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.vkFormat);
-        std::unique_ptr<Texture> source = patterned(c);
-        QByteArray ktx1 = TextureToKTX(source.get());
-        ASSERT_FALSE(ktx1.isEmpty());
-        std::unique_ptr<Texture> viaKTX1(load(ktx1));
-        ASSERT_TRUE(viaKTX1);
-        KTX2File file = fromKTX1(ktx1, c);
-        const int faces = c.target == GL_TEXTURE_CUBE_MAP ? 6 : 1;
-        const size_t count = file.levels[0].size() / size_t(faces);
-        for (uint32_t scheme : {0u, 2u, 3u}) {
-            SCOPED_TRACE(scheme);
-            file.supercompression = scheme;
-            std::unique_ptr<Texture> viaKTX2(load(file.bytes()));
-            ASSERT_TRUE(viaKTX2);
-            EXPECT_EQ(viaKTX2->target(), c.target);
-            for (int face = 0; face < faces; ++face) {
-                const GLenum target = faces == 6 ? GL_TEXTURE_CUBE_MAP_POSITIVE_X + face : 0;
-                EXPECT_EQ(texImage<unsigned char>(viaKTX2.get(), c.format, c.type, count, target),
-                          texImage<unsigned char>(viaKTX1.get(), c.format, c.type, count, target));
-            }
-            // Cube maps keep the file's levels and sRGB format; the KTX 1 reader regenerates levels.
-            if (faces == 6) {
-                EXPECT_EQ(levelParameter(viaKTX2.get(), GL_TEXTURE_INTERNAL_FORMAT, GL_TEXTURE_CUBE_MAP_POSITIVE_X),
-                          int(c.internalFormat));
-                if (c.levels > 1)
-                    EXPECT_EQ(texImage<unsigned char>(viaKTX2.get(), c.format, c.type, count / 4,
-                                                      GL_TEXTURE_CUBE_MAP_NEGATIVE_Z, 1),
-                              texImage<unsigned char>(source.get(), c.format, c.type, count / 4,
-                                                      GL_TEXTURE_CUBE_MAP_NEGATIVE_Z, 1));
-            }
-        }
-    }
-}
 
 // Shapes KTX 1 refuses or has no test for: arrays, volumes, block formats, rows kept as stored.
 TEST_F(KTX2ReaderTest, ArraysVolumesAndBlocksLoad)

@@ -4,8 +4,11 @@
 #include "gl/textureio/ktxparser.h"
 #include "gl/textureio/ktxwriter.h"
 #include "gl/textureio/textureio.h"
+#include "support/glhelpers.h"
 #include "support/gltest.h"
+#include "support/ktx2builder.h"
 #include "support/messagecapture.h"
+#include "support/testenvironment.h"
 
 #include <QTemporaryDir>
 
@@ -16,7 +19,7 @@ using namespace Tavren::Vyx;
 
 namespace {
 
-struct Case { GLenum target, internalFormat, format, type; int width, height, levels, bytesPerPixel; };
+struct Case { GLenum target, internalFormat, format, type; uint32_t vkFormat; int width, height, levels, bytesPerPixel; };
 
 std::vector<char> readBack(GLenum imageTarget, int level, const Case& c, int w, int h)
 {
@@ -26,18 +29,42 @@ std::vector<char> readBack(GLenum imageTarget, int level, const Case& c, int w, 
     return bytes;
 }
 
+// The KTX 2 equivalent of a KTX 1 file: the same images with their rows unpadded.
+VyxTest::KTX2File fromKTX1(const KTXParser& parser, const Case& c)
+{
+    VyxTest::KTX2File file;
+    file.vkFormat = c.vkFormat;
+    file.width = parser.width(), file.height = parser.height(), file.faces = parser.cubeFaces();
+    file.levelCount = parser.mipmapLevels();
+    file.blockBytes = uint32_t(c.bytesPerPixel);
+    file.levels.resize(file.levelCount);
+    const KTXOrientation orientation = parser.orientation();
+    if (orientation.valid)
+        file.keyValues.emplace_back("KTXorientation", QByteArray(1, orientation.s) + orientation.t + '\0');
+    for (const KTXImage& image : parser.images()) {
+        const int row = int(image.width) * c.bytesPerPixel, stride = (row + 3) & ~3;
+        for (unsigned int y = 0; y < image.height; ++y)
+            file.levels[image.level] += QByteArray(reinterpret_cast<const char*>(image.data) + y * stride, row);
+    }
+    return file;
+}
+
 using KTXWriterTest = VyxTest::GLTest;
 
 } // namespace
 
+// What the writer saves holds every level and face as GL holds them and loads back; its KTX 2
+// equivalent, plain or supercompressed, loads the same with the file's levels and format.
 TEST_F(KTXWriterTest, FilesHoldEveryLevelAndLoadBack)
 {
     QTemporaryDir dir;
     // RGB8 rows of 15 bytes need padding; the float cases carry mip levels.
-    for (const Case& c : {Case{GL_TEXTURE_2D, GL_RGB8, GL_RGB, GL_UNSIGNED_BYTE, 5, 3, 1, 3},
-                          Case{GL_TEXTURE_2D, GL_RGBA32F, GL_RGBA, GL_FLOAT, 8, 4, 3, 16},
-                          Case{GL_TEXTURE_2D, GL_RG16F, GL_RG, GL_HALF_FLOAT, 6, 6, 1, 4},
-                          Case{GL_TEXTURE_CUBE_MAP, GL_RGBA16F, GL_RGBA, GL_HALF_FLOAT, 4, 4, 3, 8}}) {
+    for (const Case& c : {Case{GL_TEXTURE_2D, GL_RGB8, GL_RGB, GL_UNSIGNED_BYTE, 23, 5, 3, 1, 3},
+                          Case{GL_TEXTURE_2D, GL_RGBA32F, GL_RGBA, GL_FLOAT, 109, 8, 4, 3, 16},
+                          Case{GL_TEXTURE_2D, GL_RG16F, GL_RG, GL_HALF_FLOAT, 83, 6, 6, 1, 4},
+                          Case{GL_TEXTURE_CUBE_MAP, GL_RGBA16F, GL_RGBA, GL_HALF_FLOAT, 97, 4, 4, 3, 8},
+                          Case{GL_TEXTURE_CUBE_MAP, GL_SRGB8_ALPHA8, GL_RGBA, GL_UNSIGNED_BYTE, 43, 4, 4, 1, 4}}) {
+        SCOPED_TRACE(c.vkFormat);
         Texture texture;
         texture.setTarget(c.target);
         texture.bind();
@@ -82,6 +109,25 @@ TEST_F(KTXWriterTest, FilesHoldEveryLevelAndLoadBack)
             EXPECT_EQ(readBack(faces == 6 ? GL_TEXTURE_CUBE_MAP_POSITIVE_X + face : c.target, 0, c, c.width, c.height),
                       expected[size_t(face)]);
         loaded->unbind();
+
+        VyxTest::KTX2File ktx2 = fromKTX1(parser, c);
+        for (uint32_t scheme : {0u, 2u, 3u}) {
+            SCOPED_TRACE(scheme);
+            ktx2.supercompression = scheme;
+            QByteArray bytes = ktx2.bytes();
+            std::unique_ptr<Texture> viaKTX2(LoadTextureFromMemory(VyxTest::bytes(bytes), uint64_t(bytes.size()), {}));
+            ASSERT_TRUE(viaKTX2);
+            EXPECT_EQ(viaKTX2->target(), c.target);
+            EXPECT_EQ(VyxTest::levelParameter(viaKTX2.get(), GL_TEXTURE_INTERNAL_FORMAT, faces == 6 ? GL_TEXTURE_CUBE_MAP_POSITIVE_X : 0),
+                      int(c.internalFormat));
+            viaKTX2->bind();
+            for (int level = 0, i = 0; level < c.levels; ++level)
+                for (int face = 0; face < faces; ++face, ++i)
+                    EXPECT_EQ(readBack(faces == 6 ? GL_TEXTURE_CUBE_MAP_POSITIVE_X + face : c.target, level, c,
+                                       qMax(1, c.width >> level), qMax(1, c.height >> level)),
+                              expected[size_t(i)]) << "level " << level << " face " << face;
+            viaKTX2->unbind();
+        }
     }
 }
 

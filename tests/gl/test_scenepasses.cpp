@@ -5,7 +5,7 @@
 #include "render/gltfimporter.h"
 #include "render/scenerenderer.h"
 #include "support/glhelpers.h"
-#include "support/gltest.h"
+#include "support/scenetest.h"
 #include "support/testenvironment.h"
 
 #include <QBuffer>
@@ -14,16 +14,9 @@ using namespace Tavren::Vyx;
 
 namespace {
 
-class ScenePassesTest : public VyxTest::GLTest
+class ScenePassesTest : public VyxTest::SceneTest
 {
 protected:
-    void TearDown() override
-    {
-        model.clear();
-        manager.clear();
-        GLTest::TearDown();
-    }
-
     // Renders the loaded model once, the renderer living only for its frame.
     QImage render(const Camera& camera)
     {
@@ -55,10 +48,6 @@ protected:
     }
 
     QSize size{160, 90};
-    SamplerTextureManager manager;
-    GPUModel model;
-    QObject lights;
-    GLTFImporter importer{&manager};
 };
 
 // Horizontal quads facing up over a white ground, lit by a sun whose light travels along

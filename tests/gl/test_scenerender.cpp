@@ -7,8 +7,8 @@
 #include "render/scenerenderer.h"
 #include "support/callrecorder.h"
 #include "support/glhelpers.h"
-#include "support/gltest.h"
 #include "support/messagecapture.h"
+#include "support/scenetest.h"
 #include "support/testenvironment.h"
 
 #include <QBuffer>
@@ -27,25 +27,14 @@ namespace {
 const QSize kSize(160, 90);
 const QString kModels = QStringLiteral("/usr/share/assimp/models/glTF2");
 
-class SceneRenderTest : public VyxTest::GLTest
+class SceneRenderTest : public VyxTest::SceneTest
 {
 protected:
-    void TearDown() override
-    {
-        model.clear();
-        renderer.reset();
-        manager.clear();
-        GLTest::TearDown();
-    }
-
     QImage render(const Camera* chosen = nullptr)
     {
-        Camera camera = chosen ? *chosen : model.getCamera(0);
-        if (!chosen)
-            camera.setWorldMatrix(model.getCameraWorldSpaceMatrix(0));
         renderer->setSamples(1);
         renderer->setShadowMapSize(512);
-        return renderer->renderToImage(model, camera, kSize);
+        return renderer->renderToImage(model, chosen ? *chosen : fileCamera(), kSize);
     }
 
     // Where a world point lands in the image (top row first).
@@ -56,12 +45,6 @@ protected:
                                   .map(world);
         return QPoint(int((ndc.x() + 1) * 0.5f * kSize.width()), int((1 - ndc.y()) * 0.5f * kSize.height()));
     }
-
-    SamplerTextureManager manager;
-    GPUModel model;
-    QObject lights;
-    GLTFImporter importer{&manager};
-    std::unique_ptr<SceneRenderer> renderer = std::make_unique<SceneRenderer>(&manager);
 };
 
 // A one-triangle scene with the faults a case asks for, as glTF JSON with an embedded buffer.
@@ -154,8 +137,7 @@ struct CallerState
 TEST_F(SceneRenderTest, RenderLeavesTheCallersStateAsItFoundIt)
 {
     ASSERT_TRUE(importer.loadFromMemory(DemoScene::glb(), QString(), model, &lights));
-    Camera camera = model.getCamera(0);
-    camera.setWorldMatrix(model.getCameraWorldSpaceMatrix(0));
+    Camera camera = fileCamera();
     renderer->setShadowMapSize(256);
     renderer->setSamples(1);
 

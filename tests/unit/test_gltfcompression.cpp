@@ -2,13 +2,12 @@
 // uncompressed originals hold, and data that cannot be decoded costs only what uses it.
 #include "scene/gltfscenereader.h"
 
+#include "support/gltfbuilder.h"
 #include "support/testenvironment.h"
 
 #include <QFileInfo>
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
-#include <QtEndian>
 
 #include <draco/compression/encode.h>
 #include <draco/mesh/mesh.h>
@@ -20,6 +19,7 @@
 #include <cmath>
 #include <cstdio>
 #include <functional>
+#include <limits>
 #include <map>
 #include <tuple>
 
@@ -27,18 +27,21 @@ using namespace Tavren::Vyx;
 
 namespace {
 
+using namespace VyxTest;
 using P = SceneData::Primitive;
-constexpr int kByte = 5120, kUnsignedByte = 5121, kShort = 5122, kUnsignedShort = 5123, kFloat = 5126;
 
 struct Corner
 {
     QVector3D position, normal;
     QVector2D uv;
+    std::map<quint32, float> influences;  // the weight of each joint, both sets together
+    std::vector<QVector3D> morphs;        // each target's position delta, in world space
 };
 using Triangle = std::array<Corner, 3>;
 
 // Every triangle the scene draws with some area, in world space, with the texture coordinates the base colour
-// is sampled at (after its texture transform, which quantized files use to scale them back).
+// is sampled at (after its texture transform, which quantized files use to scale them back), its
+// skin influences and morph deltas: all a renderer takes from the geometry.
 std::vector<Triangle> worldTriangles(const SceneData& scene)
 {
     std::vector<Triangle> triangles;
@@ -72,6 +75,12 @@ std::vector<Triangle> worldTriangles(const SceneData& scene)
                         const float u = p.texCoords[0][2 * v], w = p.texCoords[0][2 * v + 1];
                         t[k].uv = QVector2D(row0[0] * u + row0[1] * w + row0[2], row1[0] * u + row1[1] * w + row1[2]);
                     }
+                    const size_t influences = size_t(p.influenceSets) * 4;
+                    for (size_t i = 0; i < influences; ++i)
+                        t[k].influences[p.joints[influences * v + i]] += p.weights[influences * v + i];
+                    for (const P::MorphTarget& target : p.targets)
+                        t[k].morphs.push_back(world.mapVector(QVector3D(target.positions[3 * v], target.positions[3 * v + 1],
+                                                                        target.positions[3 * v + 2])));
                 }
                 // Encoders drop triangles that repeat a corner: they draw nothing.
                 if (t[0].position != t[1].position && t[1].position != t[2].position && t[0].position != t[2].position)
@@ -84,8 +93,19 @@ std::vector<Triangle> worldTriangles(const SceneData& scene)
 
 struct Deviation
 {
-    float position = 0, normal = 0, uv = 0;
+    float position = 0, normal = 0, uv = 0, influence = 0, morph = 0;
 };
+
+// How far apart two corners' influences are: the weights that move from one joint to another.
+float influenceDistance(const std::map<quint32, float>& a, std::map<quint32, float> b)
+{
+    for (const auto& [joint, weight] : a)
+        b[joint] -= weight;
+    float distance = 0;
+    for (const auto& [joint, weight] : b)
+        distance += std::abs(weight);
+    return distance;
+}
 
 // Pairs every triangle of `actual` with a distinct one of `expected` whose corners lie within
 // `tolerance` of its own, in the same winding from any corner. Returns how many of either found
@@ -135,6 +155,11 @@ size_t unmatchedTriangles(const std::vector<Triangle>& expected, const std::vect
             worst.position = std::max(worst.position, (e.position - t[k].position).length());
             worst.normal = std::max(worst.normal, (e.normal - t[k].normal).length());
             worst.uv = std::max(worst.uv, (e.uv - t[k].uv).length());
+            worst.influence = std::max(worst.influence, influenceDistance(e.influences, t[k].influences));
+            if (e.morphs.size() != t[k].morphs.size())
+                worst.morph = std::numeric_limits<float>::infinity();
+            for (size_t m = 0; m < e.morphs.size() && m < t[k].morphs.size(); ++m)
+                worst.morph = std::max(worst.morph, (e.morphs[m] - t[k].morphs[m]).length());
         }
     }
     for (size_t i = 0; i < expected.size(); ++i) {
@@ -146,86 +171,11 @@ size_t unmatchedTriangles(const std::vector<Triangle>& expected, const std::vect
     return unmatched;
 }
 
-struct Read
+// The binary container of the builder's primitives and extra members; buffer 0 is its chunk.
+QByteArray file(const GLTFBuilder& b, const QJsonArray& buffers = {})
 {
-    std::unique_ptr<SceneData> scene;
-    QString error;
-    QStringList warnings;
-};
-
-Read readScene(const QByteArray& bytes)
-{
-    GLTFSceneReader reader;
-    auto scene = reader.readFromMemory(bytes, QString());
-    return {std::move(scene), reader.errorString(), reader.warnings()};
+    return b.glb(b.scene(b.primitives, b.extra, buffers.isEmpty() ? QJsonArray{QJsonObject{{"byteLength", (b.bin.size() + 3) / 4 * 4}}} : buffers));
 }
-
-template <typename T>
-QByteArray bytes(const std::vector<T>& values)
-{
-    return QByteArray(reinterpret_cast<const char*>(values.data()), int(values.size() * sizeof(T)));
-}
-
-// A binary glTF of the JSON and one buffer, the container's first.
-QByteArray glb(const QJsonObject& root, QByteArray bin)
-{
-    QByteArray json = QJsonDocument(root).toJson(QJsonDocument::Compact);
-    while (json.size() % 4)
-        json.append(' ');
-    while (bin.size() % 4)
-        bin.append('\0');
-    const auto word = [](quint32 value) {
-        char b[4];
-        qToLittleEndian(value, b);
-        return QByteArray(b, 4);
-    };
-    return "glTF" + word(2) + word(quint32(20 + json.size() + (bin.isEmpty() ? 0 : 8 + bin.size()))) + word(quint32(json.size())) +
-           "JSON" + json + (bin.isEmpty() ? QByteArray() : word(quint32(bin.size())) + QByteArray("BIN\0", 4) + bin);
-}
-
-// One mesh named "m" drawn by one node; views are appended to the binary chunk, 4-byte aligned.
-struct Builder
-{
-    QByteArray bin;
-    QJsonArray views, accessors, primitives;
-    QJsonObject extra;
-    int fallbackBytes = 0; // laid out in the fallback buffer so far
-
-    int view(const QByteArray& data, QJsonObject fields = {})
-    {
-        while (bin.size() % 4)
-            bin.append('\0');
-        fields.insert("buffer", fields.value("buffer").toInt(0));
-        fields.insert("byteOffset", bin.size());
-        fields.insert("byteLength", fields.contains("byteLength") ? fields.value("byteLength") : data.size());
-        bin.append(data);
-        views.append(fields);
-        return views.size() - 1;
-    }
-    int accessor(int view, int componentType, int count, const char* type, bool normalized = false)
-    {
-        QJsonObject a{{"componentType", componentType}, {"count", count}, {"type", type}};
-        if (view >= 0)
-            a.insert("bufferView", view);
-        if (normalized)
-            a.insert("normalized", true);
-        accessors.append(a);
-        return accessors.size() - 1;
-    }
-    QByteArray file(const QJsonArray& buffers = {}) const
-    {
-        QJsonObject root{{"asset", QJsonObject{{"version", "2.0"}}},
-                         {"scenes", QJsonArray{QJsonObject{{"nodes", QJsonArray{0}}}}},
-                         {"nodes", QJsonArray{QJsonObject{{"mesh", 0}}}},
-                         {"meshes", QJsonArray{QJsonObject{{"name", "m"}, {"primitives", primitives}}}},
-                         {"accessors", accessors},
-                         {"bufferViews", views},
-                         {"buffers", buffers.isEmpty() ? QJsonArray{QJsonObject{{"byteLength", (bin.size() + 3) / 4 * 4}}} : buffers}};
-        for (auto it = extra.begin(); it != extra.end(); ++it)
-            root.insert(it.key(), it.value());
-        return glb(root, bin);
-    }
-};
 
 // A quad of four points and two triangles as Draco data: quantized positions, float texture
 // coordinates, normalised 8-bit colours and 8-bit joints, each attribute's unique id returned.
@@ -268,7 +218,7 @@ struct DracoQuad
     }
 
     // Adds the quad as a Draco primitive; `view` holds the stream (a new view when -1).
-    void addTo(Builder& b, int view = -1) const
+    void addTo(GLTFBuilder& b, int view = -1) const
     {
         if (view < 0)
             view = b.view(stream);
@@ -287,7 +237,7 @@ struct DracoQuad
 // A meshopt view of `data`: `count` elements of `stride` bytes, compressed by `mode` after the
 // encoding filter (if any) was applied to `data` by the caller. The view points into buffer 1,
 // the fallback, which holds nothing.
-int meshoptView(Builder& b, const QByteArray& data, size_t count, size_t stride, const char* mode, const char* filter = "NONE",
+int meshoptView(GLTFBuilder& b, const QByteArray& data, size_t count, size_t stride, const char* mode, const char* filter = "NONE",
                 bool withStride = true)
 {
     std::vector<unsigned char> encoded;
@@ -306,20 +256,22 @@ int meshoptView(Builder& b, const QByteArray& data, size_t count, size_t stride,
         b.bin.append('\0');
     const int offset = b.bin.size();
     b.bin.append(bytes(encoded));
-    QJsonObject view{{"buffer", 1}, {"byteOffset", b.fallbackBytes}, {"byteLength", int(count * stride)},
+    int fallbackBytes = 0; // laid out in the fallback buffer so far
+    for (const QJsonValue& v : b.views)
+        fallbackBytes += v.toObject().value("buffer").toInt() == 1 ? v.toObject().value("byteLength").toInt() : 0;
+    QJsonObject view{{"buffer", 1}, {"byteOffset", fallbackBytes}, {"byteLength", int(count * stride)},
                      {"extensions", QJsonObject{{"EXT_meshopt_compression",
                                                  QJsonObject{{"buffer", 0}, {"byteOffset", offset}, {"byteLength", int(encoded.size())},
                                                              {"byteStride", int(stride)}, {"count", int(count)}, {"mode", mode},
                                                              {"filter", filter}}}}}};
     if (withStride)
         view.insert("byteStride", int(stride));
-    b.fallbackBytes += int(count * stride);
     b.views.append(view);
     return b.views.size() - 1;
 }
 
 // Buffer 0 the binary chunk; buffer 1 the fallback, with nothing but its length.
-QJsonArray meshoptBuffers(const Builder& b)
+QJsonArray meshoptBuffers(const GLTFBuilder& b)
 {
     return {QJsonObject{{"byteLength", b.bin.size()}},
             QJsonObject{{"byteLength", 1 << 20}, {"extensions", QJsonObject{{"EXT_meshopt_compression", QJsonObject{{"fallback", true}}}}}}};
@@ -330,7 +282,9 @@ const QJsonArray kMeshoptUsed{"EXT_meshopt_compression", "KHR_mesh_quantization"
 } // namespace
 
 // Each Draco sample, and a meshopt file that gltfpack made from one, draws the triangles of its
-// uncompressed original (in any order, from any corner) within the precision it was quantized to.
+// uncompressed original (in any order, from any corner) within the precision it was quantized to,
+// with the same normals, texture coordinates, skin influences and morph deltas. Decoding is done
+// before the import to GL, which sees no difference, so no render of them is needed as well.
 TEST(GLTFCompressedSamples, HoldTheTrianglesOfTheirUncompressedOriginals)
 {
     const QString assimp = QStringLiteral("/usr/share/assimp/models/glTF2/");
@@ -368,8 +322,11 @@ TEST(GLTFCompressedSamples, HoldTheTrianglesOfTheirUncompressedOriginals)
         EXPECT_EQ(unmatchedTriangles(expected, actual, pair.position * size, worst), 0u);
         EXPECT_LE(worst.normal, pair.normal);
         EXPECT_LE(worst.uv, pair.uv);
-        std::printf("%s: %zu triangles, worst position %.2g of the size, normal %.2g, uv %.2g\n",
-                    qPrintable(QFileInfo(pair.compressed).fileName()), actual.size(), worst.position / size, worst.normal, worst.uv);
+        EXPECT_LE(worst.influence, 0.02f);
+        EXPECT_LE(worst.morph, pair.position * size);
+        std::printf("%s: %zu triangles, worst position %.2g of the size, normal %.2g, uv %.2g, influence %.2g, morph %.2g of the size\n",
+                    qPrintable(QFileInfo(pair.compressed).fileName()), actual.size(), worst.position / size, worst.normal, worst.uv,
+                    worst.influence, worst.morph / size);
     }
 }
 
@@ -379,14 +336,14 @@ TEST(GLTFDraco, AttributesTakeTheirAccessorsTypesAndUncompressedOnesReadAsUsual)
 {
     const DracoQuad quad;
     ASSERT_FALSE(quad.stream.isEmpty());
-    Builder b;
+    GLTFBuilder b;
     quad.addTo(b);
     QJsonObject primitive = b.primitives[0].toObject();
     QJsonObject attributes = primitive["attributes"].toObject();
     attributes["TEXCOORD_1"] = b.accessor(b.view(bytes<quint16>({0, 0, 65535, 0, 65535, 65535, 0, 65535})), kUnsignedShort, 4, "VEC2", true);
     primitive["attributes"] = attributes;
     b.primitives[0] = primitive;
-    const Read read = readScene(b.file());
+    const SceneRead read = readScene(file(b));
     ASSERT_TRUE(read.scene) << qPrintable(read.error);
     EXPECT_TRUE(read.warnings.isEmpty()) << qPrintable(read.warnings.join('\n'));
     // Without normals the quad is flat shaded: a vertex for each corner of its two triangles.
@@ -413,7 +370,7 @@ TEST(GLTFDraco, AttributesTakeTheirAccessorsTypesAndUncompressedOnesReadAsUsual)
     floats["componentType"] = kFloat;
     floats.remove("normalized");
     b.accessors[colors] = floats;
-    const Read asFloats = readScene(b.file());
+    const SceneRead asFloats = readScene(file(b));
     ASSERT_TRUE(asFloats.scene) << qPrintable(asFloats.error);
     EXPECT_EQ(asFloats.scene->meshes[0].primitives[0].colors, p.colors);
 }
@@ -421,7 +378,7 @@ TEST(GLTFDraco, AttributesTakeTheirAccessorsTypesAndUncompressedOnesReadAsUsual)
 // An index accessor without a buffer view is legal: zeros, or what its sparse substitution gives.
 TEST(GLTFSceneReaderAccessors, IndexAccessorsWithoutABufferViewReadAsZerosOrTheirSubstitutions)
 {
-    Builder b;
+    GLTFBuilder b;
     const int positions = b.accessor(b.view(bytes<float>({0, 0, 0, 1, 0, 0, 0, 1, 0})), kFloat, 3, "VEC3");
     const int normals = b.accessor(b.view(bytes<float>({0, 0, 1, 0, 0, 1, 0, 0, 1})), kFloat, 3, "VEC3");
     QJsonObject indices{{"componentType", kUnsignedShort}, {"count", 6}, {"type", "SCALAR"},
@@ -430,7 +387,7 @@ TEST(GLTFSceneReaderAccessors, IndexAccessorsWithoutABufferViewReadAsZerosOrThei
                                                {"values", QJsonObject{{"bufferView", b.view(bytes<quint16>({1, 2}))}}}}}};
     b.accessors.append(indices); // accessor 2
     b.primitives.append(QJsonObject{{"attributes", QJsonObject{{"POSITION", positions}, {"NORMAL", normals}}}, {"indices", 2}});
-    const Read read = readScene(b.file());
+    const SceneRead read = readScene(file(b));
     ASSERT_TRUE(read.scene) << qPrintable(read.error);
     // The second triangle repeats vertex 0 and has no area; it stays in the list all the same.
     EXPECT_EQ(read.scene->meshes[0].primitives[0].indices, (std::vector<quint32>{0, 1, 2, 0, 0, 0}));
@@ -455,7 +412,7 @@ TEST(GLTFMeshopt, EveryModeAndFilterDecodesBehindAnEmptyFallbackBuffer)
     std::vector<float> normals4; // the octahedral encoder takes four floats a vector
     for (size_t v = 0; v < 4; ++v)
         normals4.insert(normals4.end(), {normals[3 * v], normals[3 * v + 1], normals[3 * v + 2], 0});
-    Builder b;
+    GLTFBuilder b;
     const int position = b.accessor(meshoptView(b, filtered(positions, 4, 12, 23, meshopt_encodeFilterExp), 4, 12, "ATTRIBUTES", "EXPONENTIAL"),
                                     kFloat, 4, "VEC3");
     const int normal = b.accessor(meshoptView(b, filtered(normals4, 4, 4, 8, meshopt_encodeFilterOct), 4, 4, "ATTRIBUTES", "OCTAHEDRAL"),
@@ -474,7 +431,7 @@ TEST(GLTFMeshopt, EveryModeAndFilterDecodesBehindAnEmptyFallbackBuffer)
                {"extensionsRequired", kMeshoptUsed},
                {"nodes", QJsonArray{QJsonObject{{"mesh", 0}, {"extensions", QJsonObject{{"EXT_mesh_gpu_instancing",
                    QJsonObject{{"attributes", QJsonObject{{"TRANSLATION", translation}, {"ROTATION", rotation}}}}}}}}}}};
-    const Read read = readScene(b.file(meshoptBuffers(b)));
+    const SceneRead read = readScene(file(b, meshoptBuffers(b)));
     ASSERT_TRUE(read.scene) << qPrintable(read.error);
     EXPECT_TRUE(read.warnings.isEmpty()) << qPrintable(read.warnings.join('\n'));
     const P& p = read.scene->meshes.at(0).primitives.at(0);
@@ -502,21 +459,21 @@ TEST(GLTFCompressionMalformed, EachFaultIsNamedAndCostsOnlyItsPrimitive)
     const DracoQuad quad;
     ASSERT_FALSE(quad.stream.isEmpty());
     const QString secondPrimitive = QStringLiteral("Mesh 0 ('m') primitive 1 is left out: ");
-    using Edit = std::function<void(Builder&)>;
+    using Edit = std::function<void(GLTFBuilder&)>;
     // Draco cases: primitive 0 is plain, primitive 1 the Draco quad after the edit.
     const auto draco = [&](const Edit& edit) {
-        Builder b;
+        GLTFBuilder b;
         b.primitives.append(QJsonObject{{"attributes", QJsonObject{{"POSITION", b.accessor(b.view(bytes<float>({0, 0, 0, 1, 0, 0, 0, 1, 0})), kFloat, 3, "VEC3")}}}});
         quad.addTo(b);
         edit(b);
-        return b.file();
+        return file(b);
     };
-    const auto member = [](Builder& b, const char* semantic) -> int {
+    const auto member = [](GLTFBuilder& b, const char* semantic) -> int {
         const QJsonObject p = b.primitives[1].toObject();
         return semantic ? p["attributes"].toObject()[semantic].toInt() : p["indices"].toInt();
     };
     const auto setAccessor = [&](const char* semantic, const char* key, const QJsonValue& value) {
-        return [=](Builder& b) {
+        return [=](GLTFBuilder& b) {
             const int a = member(b, semantic);
             QJsonObject accessor = b.accessors[a].toObject();
             accessor[key] = value;
@@ -524,7 +481,7 @@ TEST(GLTFCompressionMalformed, EachFaultIsNamedAndCostsOnlyItsPrimitive)
         };
     };
     const auto setExtension = [](const char* key, const QJsonValue& value) {
-        return [=](Builder& b) {
+        return [=](GLTFBuilder& b) {
             QJsonObject p = b.primitives[1].toObject();
             QJsonObject draco = p["extensions"].toObject()["KHR_draco_mesh_compression"].toObject();
             draco[key] = value;
@@ -533,7 +490,7 @@ TEST(GLTFCompressionMalformed, EachFaultIsNamedAndCostsOnlyItsPrimitive)
         };
     };
     const auto stream = [&](const QByteArray& replaced) {
-        return [=](Builder& b) { setExtension("bufferView", b.view(replaced))(b); };
+        return [=](GLTFBuilder& b) { setExtension("bufferView", b.view(replaced))(b); };
     };
     QByteArray badHeader = quad.stream;
     badHeader[0] = 'X';
@@ -541,7 +498,7 @@ TEST(GLTFCompressionMalformed, EachFaultIsNamedAndCostsOnlyItsPrimitive)
     // Meshopt cases: primitive 0 is plain, primitive 1 reads its positions from a compressed view
     // whose extension the edit changes.
     const auto meshopt = [&](const std::function<void(QJsonObject& view, QJsonObject& compressed)>& edit) {
-        Builder b;
+        GLTFBuilder b;
         const QByteArray plain = bytes<float>({0, 0, 0, 1, 0, 0, 0, 1, 0});
         b.primitives.append(QJsonObject{{"attributes", QJsonObject{{"POSITION", b.accessor(b.view(plain), kFloat, 3, "VEC3")}}}});
         const int view = meshoptView(b, plain, 3, 12, "ATTRIBUTES");
@@ -551,7 +508,7 @@ TEST(GLTFCompressionMalformed, EachFaultIsNamedAndCostsOnlyItsPrimitive)
         v["extensions"] = QJsonObject{{"EXT_meshopt_compression", compressed}};
         b.views[view] = v;
         b.extra = {{"extensionsUsed", kMeshoptUsed}, {"extensionsRequired", kMeshoptUsed}};
-        return b.file(meshoptBuffers(b));
+        return file(b, meshoptBuffers(b));
     };
     const auto set = [](const char* key, const QJsonValue& value) {
         return [=](QJsonObject&, QJsonObject& compressed) { compressed[key] = value; };
@@ -578,12 +535,12 @@ TEST(GLTFCompressionMalformed, EachFaultIsNamedAndCostsOnlyItsPrimitive)
          {secondPrimitive + "its Draco TEXCOORD_0 values do not fit the component type of accessor 2"}},
         {"index count", draco(setAccessor(nullptr, "count", 9)),
          {secondPrimitive + "its index accessor 5 has 9 elements for 2 Draco triangles"}},
-        {"no indices", draco([&](Builder& b) { QJsonObject p = b.primitives[1].toObject(); p.remove("indices"); b.primitives[1] = p; }),
+        {"no indices", draco([&](GLTFBuilder& b) { QJsonObject p = b.primitives[1].toObject(); p.remove("indices"); b.primitives[1] = p; }),
          {secondPrimitive + "it is Draco compressed but has no index accessor"}},
-        {"points", draco([&](Builder& b) { QJsonObject p = b.primitives[1].toObject(); p["mode"] = 0; b.primitives[1] = p; }),
+        {"points", draco([&](GLTFBuilder& b) { QJsonObject p = b.primitives[1].toObject(); p["mode"] = 0; b.primitives[1] = p; }),
          {secondPrimitive + "it is Draco compressed but not made of triangles"}},
         {"no buffer view", draco(setExtension("bufferView", "0")), {secondPrimitive + "its Draco extension names no buffer view that exists"}},
-        {"view past its buffer", draco([&](Builder& b) { setExtension("bufferView", b.view(quad.stream, {{"byteLength", 1 << 20}}))(b); }),
+        {"view past its buffer", draco([&](GLTFBuilder& b) { setExtension("bufferView", b.view(quad.stream, {{"byteLength", 1 << 20}}))(b); }),
          {secondPrimitive + "its Draco buffer view 2 reaches past the end of buffer 0"}},
         {"meshopt stream without its header", meshopt(set("byteLength", 8)),
          {"Buffer view 1 cannot be decompressed: the decoder refused its data (error -2)", lostView}},
@@ -602,7 +559,7 @@ TEST(GLTFCompressionMalformed, EachFaultIsNamedAndCostsOnlyItsPrimitive)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const Read read = readScene(c.file);
+        const SceneRead read = readScene(c.file);
         ASSERT_TRUE(read.scene) << qPrintable(read.error);
         QStringList warnings = read.warnings;
         warnings.removeAll(QStringLiteral("Mesh 0 ('m') has no primitive that can be drawn"));
@@ -615,9 +572,9 @@ TEST(GLTFCompressionMalformed, EachFaultIsNamedAndCostsOnlyItsPrimitive)
     }
 
     // The same fault with nothing else to draw fails the file.
-    Builder alone;
+    GLTFBuilder alone;
     quad.addTo(alone, alone.view(quad.stream.left(20)));
-    const Read nothing = readScene(alone.file());
+    const SceneRead nothing = readScene(file(alone));
     EXPECT_FALSE(nothing.scene);
     EXPECT_TRUE(nothing.error.startsWith("Nothing is left to draw: Mesh 0 ('m') primitive 0 is left out: its Draco data cannot be decoded"))
         << qPrintable(nothing.error);

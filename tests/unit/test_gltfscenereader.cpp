@@ -1,6 +1,7 @@
 #include "scene/gltfscenereader.h"
 
 #include "gl/drawing/boundingbox.h"
+#include "support/gltfbuilder.h"
 #include "support/testenvironment.h"
 
 #include <QDirIterator>
@@ -23,62 +24,8 @@ using namespace Tavren::Vyx;
 
 namespace {
 
-constexpr int kByte = 5120, kUnsignedByte = 5121, kShort = 5122, kUnsignedShort = 5123, kUnsignedInt = 5125, kFloat = 5126;
+using namespace VyxTest;
 using P = SceneData::Primitive;
-
-template <typename T>
-QByteArray bytes(const std::vector<T>& values)
-{
-    return QByteArray(reinterpret_cast<const char*>(values.data()), int(values.size() * sizeof(T)));
-}
-
-// Builds small scenes from raw bytes: each view holds its own bytes, 4-byte aligned in one buffer.
-struct SceneBuilder
-{
-    QByteArray bin;
-    QJsonArray views, accessors;
-
-    int view(const QByteArray& data, int stride = 0)
-    {
-        while (bin.size() % 4)
-            bin.append('\0');
-        QJsonObject v{{"buffer", 0}, {"byteOffset", bin.size()}, {"byteLength", data.size()}};
-        if (stride)
-            v["byteStride"] = stride;
-        bin.append(data);
-        views.append(v);
-        return views.size() - 1;
-    }
-    int accessor(const QJsonObject& a)
-    {
-        accessors.append(a);
-        return accessors.size() - 1;
-    }
-    int accessor(const QByteArray& data, int componentType, int count, const char* type, bool normalized = false)
-    {
-        return accessor({{"bufferView", view(data)}, {"componentType", componentType}, {"count", count}, {"type", type}, {"normalized", normalized}});
-    }
-    int floats(const std::vector<float>& values, const char* type, int components)
-    {
-        return accessor(bytes(values), kFloat, int(values.size()) / components, type);
-    }
-
-    // One node drawing one mesh of the given primitives; `extra` adds to (or replaces) the root's members.
-    QJsonObject scene(const QJsonArray& primitives, const QJsonObject& extra = {}) const
-    {
-        QJsonObject root{{"asset", QJsonObject{{"version", "2.0"}}},
-                         {"scenes", QJsonArray{QJsonObject{{"nodes", QJsonArray{0}}}}},
-                         {"nodes", QJsonArray{QJsonObject{{"mesh", 0}}}},
-                         {"meshes", QJsonArray{QJsonObject{{"name", "m"}, {"primitives", primitives}}}},
-                         {"accessors", accessors},
-                         {"bufferViews", views},
-                         {"buffers", QJsonArray{QJsonObject{{"byteLength", bin.size()},
-                                                            {"uri", QString("data:application/octet-stream;base64," + bin.toBase64())}}}}};
-        for (auto it = extra.begin(); it != extra.end(); ++it)
-            root[it.key()] = it.value();
-        return root;
-    }
-};
 
 QJsonObject primitive(const QJsonObject& attributes, int mode = 4, int indices = -1, int material = -1)
 {
@@ -93,29 +40,8 @@ QJsonObject primitive(const QJsonObject& attributes, int mode = 4, int indices =
 // One triangle whose positions are accessor 0, its first corner at x.
 QJsonObject triangle(const QJsonObject& extra = {}, int material = -1, float x = 0)
 {
-    SceneBuilder b;
+    GLTFBuilder b;
     return b.scene({primitive({{"POSITION", b.floats({x, 0, 0, 1, 0, 0, 0, 1, 0}, "VEC3", 3)}}, 4, -1, material)}, extra);
-}
-
-struct Read
-{
-    std::unique_ptr<SceneData> scene;
-    QString error;
-    QStringList warnings;
-
-    const P& first() const { return scene->meshes.at(0).primitives.at(0); }
-};
-
-Read readScene(const QByteArray& bytes)
-{
-    GLTFSceneReader reader;
-    auto scene = reader.readFromMemory(bytes, QString());
-    return {std::move(scene), reader.errorString(), reader.warnings()};
-}
-
-Read readScene(const QJsonObject& root)
-{
-    return readScene(QJsonDocument(root).toJson());
 }
 
 QVector3D vec3(const std::vector<float>& values, size_t v, size_t width)
@@ -188,17 +114,17 @@ TEST(GLTFSceneReaderAccessors, EncodingsStridesAndSparseSubstitutionsDecodeOrFai
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        SceneBuilder b;
+        GLTFBuilder b;
         QJsonObject accessor = c.accessor;
         accessor["count"] = 3;
         if (!c.sparseIndices.isEmpty())
             b.view(c.sparseIndices), b.view(c.sparseValues);
         if (!c.data.isEmpty())
-            accessor["bufferView"] = b.view(c.data, c.stride);
+            accessor["bufferView"] = b.view(c.data, c.stride ? QJsonObject{{"byteStride", c.stride}} : QJsonObject());
         QJsonObject attributes{{c.attribute, b.accessor(accessor)}};
         if (!attributes.contains("POSITION"))
             attributes["POSITION"] = b.floats({0, 0, 0, 1, 0, 0, 0, 1, 0}, "VEC3", 3);
-        const Read read = readScene(b.scene({primitive(attributes)}));
+        const SceneRead read = readScene(b.scene({primitive(attributes)}));
         if (c.expected.empty()) {
             EXPECT_FALSE(read.scene);
             EXPECT_TRUE(read.error.contains(QLatin1String(c.error))) << qPrintable(read.error);
@@ -237,7 +163,7 @@ TEST(GLTFSceneReader, BrokenScenesFailWithTheirMessage)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const Read read = readScene(c.bytes);
+        const SceneRead read = readScene(c.bytes);
         EXPECT_FALSE(read.scene);
         EXPECT_FALSE(read.error.isEmpty());
         EXPECT_TRUE(read.error.contains(QLatin1String(c.message))) << qPrintable(read.error);
@@ -287,12 +213,12 @@ TEST(GLTFSceneReaderModes, StripsLoopsAndFansArriveAsListsAndIncompleteEndsAreDr
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        SceneBuilder b;
+        GLTFBuilder b;
         const QJsonObject attributes{{"POSITION", b.floats({0, 0, 0, 0, 1, 0, 1, 0, 0, 1, 1, 0, 2, 0, 0}, "VEC3", 3)},
                                      {"NORMAL", b.floats({0, 0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1}, "VEC3", 3)}};
         const int indices = c.indices.empty() ? -1 : b.accessor(bytes(c.indices), kUnsignedShort, int(c.indices.size()), "SCALAR");
         // The second primitive draws, so any warning is about the first.
-        const Read read = readScene(b.scene({primitive(attributes, c.mode, indices), primitive(attributes, P::kPoints)}));
+        const SceneRead read = readScene(b.scene({primitive(attributes, c.mode, indices), primitive(attributes, P::kPoints)}));
         ASSERT_TRUE(read.scene) << qPrintable(read.error);
         EXPECT_EQ(read.warnings.size(), c.warning ? 1 : 0) << qPrintable(read.warnings.join('\n'));
         EXPECT_TRUE(!c.warning || read.warnings.join('\n').contains(QLatin1String(c.warning))) << qPrintable(read.warnings.join('\n'));
@@ -311,7 +237,7 @@ TEST(GLTFSceneReaderModes, StripsLoopsAndFansArriveAsListsAndIncompleteEndsAreDr
 // the morph targets included, must follow the split.
 TEST(GLTFSceneReaderNormals, TrianglesWithoutNormalsAreFlatShadedAndPointsAndLinesGetNone)
 {
-    SceneBuilder b;
+    GLTFBuilder b;
     // A square folded along its diagonal 0-2: one half in z = 0, the other rising towards vertex 3.
     const QJsonObject attributes{
         {"POSITION", b.floats({0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 1}, "VEC3", 3)},
@@ -322,7 +248,7 @@ TEST(GLTFSceneReaderNormals, TrianglesWithoutNormalsAreFlatShadedAndPointsAndLin
     const int indices = b.accessor(bytes<quint8>({0, 1, 2, 0, 2, 3}), kUnsignedByte, 6, "SCALAR");
     QJsonObject morphed = primitive(attributes, 4, indices);
     morphed["targets"] = QJsonArray{QJsonObject{{"POSITION", b.floats({0, 0, 0, 1, 0, 0, 2, 0, 0, 3, 0, 0}, "VEC3", 3)}}};
-    const Read read = readScene(b.scene({morphed, primitive(attributes, 1, indices), primitive(attributes, 0)}));
+    const SceneRead read = readScene(b.scene({morphed, primitive(attributes, 1, indices), primitive(attributes, 0)}));
     ASSERT_TRUE(read.scene) << qPrintable(read.error);
     const P& p = read.first();
     ASSERT_EQ(p.vertexCount(), 6u);
@@ -349,7 +275,7 @@ TEST(GLTFSceneReaderNormals, TrianglesWithoutNormalsAreFlatShadedAndPointsAndLin
 // cannot be applied loses its joints, with a warning, and the scene still loads.
 TEST(GLTFSceneReaderDeformation, MorphWeightsAndSkinsThatCannotBeApplied)
 {
-    SceneBuilder b;
+    GLTFBuilder b;
     const int position = b.floats({0, 0, 0, 1, 0, 0, 0, 1, 0}, "VEC3", 3);
     const int delta = b.floats({0, 0, 1, 0, 0, 1, 0, 0, 1}, "VEC3", 3);
     const int bind = b.floats(std::vector<float>{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}, "MAT4", 16);
@@ -361,7 +287,7 @@ TEST(GLTFSceneReaderDeformation, MorphWeightsAndSkinsThatCannotBeApplied)
                                QJsonObject{}, QJsonObject{}};
     root["skins"] = QJsonArray{QJsonObject{{"joints", QJsonArray{1, 2}}, {"inverseBindMatrices", bind}},
                                QJsonObject{{"joints", QJsonArray{1}}, {"inverseBindMatrices", bind}}};
-    const Read read = readScene(root);
+    const SceneRead read = readScene(root);
     ASSERT_TRUE(read.scene) << qPrintable(read.error);
     EXPECT_EQ(read.scene->meshes[0].weights, (std::vector<float>{0.25f, 0.0f}));
     EXPECT_EQ(read.scene->nodes[0].weights, (std::vector<float>{0.5f, 0.75f}));
@@ -386,7 +312,7 @@ TEST(GLTFSceneReaderTangents, GeneratedTangentsMatchTheOnesSampleFilesCarry)
         qToLittleEndian<quint32>(quint32(stripped.size()), stripped.data() + 8);
         qToLittleEndian<quint32>(quint32(text.size()), stripped.data() + 12);
 
-        const Read original = readScene(glb), generated = readScene(stripped);
+        const SceneRead original = readScene(glb), generated = readScene(stripped);
         ASSERT_TRUE(original.scene && generated.scene) << qPrintable(original.error + generated.error);
         size_t compared = 0, agreeing = 0;
         for (size_t m = 0; m < original.scene->meshes.size(); ++m)
@@ -418,7 +344,7 @@ TEST(GLTFSceneReaderTangents, GeneratedTangentsMatchTheOnesSampleFilesCarry)
 TEST(GLTFSceneReaderTangents, MirroredDegenerateAndMissingUVsAndWhenTangentsAreMade)
 {
     const auto read = [](const QJsonObject& normalTexture, bool fileTangents = false) {
-        SceneBuilder b;
+        GLTFBuilder b;
         // glTF's v grows downwards, here along -y; the right quad's u runs back along -x. Set 1 is all one point.
         QJsonObject attributes{{"POSITION", b.floats({0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 2, 0, 0, 2, 1, 0}, "VEC3", 3)},
                                {"NORMAL", b.floats({0, 0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 1}, "VEC3", 3)},
@@ -432,7 +358,7 @@ TEST(GLTFSceneReaderTangents, MirroredDegenerateAndMissingUVsAndWhenTangentsAreM
     };
     const auto tangent = [](const P& p, size_t v) { return QVector4D(p.tangents[4 * v], p.tangents[4 * v + 1], p.tangents[4 * v + 2], p.tangents[4 * v + 3]); };
 
-    const Read mirrored = read({{"index", 0}});
+    const SceneRead mirrored = read({{"index", 0}});
     ASSERT_TRUE(mirrored.scene) << qPrintable(mirrored.error);
     const P& p = mirrored.first();
     ASSERT_EQ(p.vertexCount(), 8u) << "the two vertices on the mirror line are split";
@@ -440,7 +366,7 @@ TEST(GLTFSceneReaderTangents, MirroredDegenerateAndMissingUVsAndWhenTangentsAreM
         EXPECT_LT((tangent(p, p.indices[c]) - (c < 6 ? QVector4D(1, 0, 0, 1) : QVector4D(-1, 0, 0, -1))).length(), 1e-5f) << "corner " << c;
 
     // A texture transform's set replaces the reference's: set 1 gives no direction, yet each tangent is usable.
-    const Read degenerate = read({{"index", 0}, {"extensions", QJsonObject{{"KHR_texture_transform", QJsonObject{{"texCoord", 1}}}}}});
+    const SceneRead degenerate = read({{"index", 0}, {"extensions", QJsonObject{{"KHR_texture_transform", QJsonObject{{"texCoord", 1}}}}}});
     ASSERT_TRUE(degenerate.scene) << qPrintable(degenerate.error);
     const P& d = degenerate.first();
     ASSERT_EQ(d.vertexCount(), 6u);
@@ -452,14 +378,14 @@ TEST(GLTFSceneReaderTangents, MirroredDegenerateAndMissingUVsAndWhenTangentsAreM
 
     EXPECT_TRUE(read({}).first().tangents.empty()) << "no normal map";
     EXPECT_TRUE(read({{"index", 0}, {"texCoord", 2}}).first().tangents.empty()) << "no such set";
-    const Read file = read({{"index", 0}}, true);
+    const SceneRead file = read({{"index", 0}}, true);
     EXPECT_EQ(file.first().vertexCount(), 6u);
     EXPECT_EQ(tangent(file.first(), 5), QVector4D(0, 1, 0, 1)) << "the file's tangents stay";
 }
 
 TEST(GLTFSceneReaderInstancing, EveryInstanceGetsItsMatrixFromWhicheverAttributesThereAre)
 {
-    SceneBuilder b;
+    GLTFBuilder b;
     const int positions = b.floats({0, 0, 0, 1, 0, 0, 0, 1, 0}, "VEC3", 3);
     const int translations = b.floats({1, 2, 3, -1, 0, 0}, "VEC3", 3);
     // A quarter turn about z, as normalised shorts (KHR_mesh_quantization), then none.
@@ -469,18 +395,18 @@ TEST(GLTFSceneReaderInstancing, EveryInstanceGetsItsMatrixFromWhicheverAttribute
         return readScene(b.scene({primitive({{"POSITION", positions}}, 0)}, {{"nodes", QJsonArray{node}}}));
     };
 
-    const Read both = read({{"TRANSLATION", translations}, {"ROTATION", rotations}});
+    const SceneRead both = read({{"TRANSLATION", translations}, {"ROTATION", rotations}});
     ASSERT_TRUE(both.scene) << qPrintable(both.error);
     const std::vector<QMatrix4x4>& instances = both.scene->nodes[0].instances;
     ASSERT_EQ(instances.size(), 2u);
     EXPECT_LT((instances[0].map(QVector3D(1, 0, 0)) - QVector3D(1, 3, 3)).length(), 1e-4f) << "rotated a quarter turn, then moved";
     EXPECT_LT((instances[1].map(QVector3D(1, 0, 0)) - QVector3D(0, 0, 0)).length(), 1e-4f);
 
-    const Read scaled = read({{"SCALE", b.floats({2, 2, 2, 3, 3, 3}, "VEC3", 3)}});
+    const SceneRead scaled = read({{"SCALE", b.floats({2, 2, 2, 3, 3, 3}, "VEC3", 3)}});
     ASSERT_TRUE(scaled.scene) << qPrintable(scaled.error);
     EXPECT_EQ(scaled.scene->nodes[0].instances.at(1).map(QVector3D(1, 1, 1)), QVector3D(3, 3, 3));
 
-    const Read mismatched = read({{"TRANSLATION", translations}, {"SCALE", b.floats({2, 2, 2, 1, 1, 1, 5, 5, 5}, "VEC3", 3)}});
+    const SceneRead mismatched = read({{"TRANSLATION", translations}, {"SCALE", b.floats({2, 2, 2, 1, 1, 1, 5, 5, 5}, "VEC3", 3)}});
     EXPECT_FALSE(mismatched.scene);
     EXPECT_EQ(mismatched.error, QStringLiteral("Node 0 has instance attributes of different counts"));
 }
@@ -509,7 +435,7 @@ TEST(GLTFSceneReaderExtensions, TextureTransformsUnlitAndEmissiveStrengthReachTh
         {"occlusionTexture", transformed(QJsonObject{{"offset", QJsonArray{0.5, -1}}, {"rotation", 0.25}, {"texCoord", 1}})},
         {"emissiveTexture", transformed("not an object")},
         {"extensions", QJsonObject{{"KHR_materials_unlit", QJsonObject{}}, {"KHR_materials_emissive_strength", QJsonObject{{"emissiveStrength", 4}}}}}};
-    const Read read = readScene(triangle({{"materials", QJsonArray{material, QJsonObject{}}}, {"textures", QJsonArray{QJsonObject{}}}}, 0));
+    const SceneRead read = readScene(triangle({{"materials", QJsonArray{material, QJsonObject{}}}, {"textures", QJsonArray{QJsonObject{}}}}, 0));
     ASSERT_TRUE(read.scene) << qPrintable(read.error);
     const SceneData::Material &m = read.scene->materials.at(0), &plain = read.scene->materials.at(1);
     EXPECT_EQ(m.occlusionTexture.texCoord, 1);
@@ -556,7 +482,7 @@ TEST(GLTFSceneReaderMalformed, WhatIsDroppedOrMissingIsNamed)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const Read read = readScene(c.root);
+        const SceneRead read = readScene(c.root);
         ASSERT_TRUE(read.scene) << qPrintable(read.error);
         EXPECT_EQ(read.warnings, c.warnings);
     }
