@@ -2,13 +2,8 @@
 // the way the extension says: a coat's sharp highlight over a rough base, sheen at grazing
 // angles, the scene behind a transmissive sphere, and so on.
 
-#include "gl/drawing/camera.h"
-#include "gl/model/gpumodel.h"
-#include "gl/textures/samplertexturemanager.h"
-#include "render/gltfimporter.h"
-#include "render/scenerenderer.h"
 #include "scene/scenedata.h"
-#include "support/gltest.h"
+#include "support/scenetest.h"
 
 #include <QBuffer>
 #include <QColor>
@@ -131,17 +126,9 @@ float luminance(QRgb c)
     return 0.2126f * qRed(c) + 0.7152f * qGreen(c) + 0.0722f * qBlue(c);
 }
 
-class MaterialExtensionsTest : public VyxTest::GLTest
+class MaterialExtensionsTest : public VyxTest::SceneTest
 {
 protected:
-    void TearDown() override
-    {
-        model.clear();
-        renderer.reset();
-        manager.clear();
-        GLTest::TearDown();
-    }
-
     bool render(SphereRow& row)
     {
         if (!importer.upload(std::make_shared<SceneData>(row.scene), model, &lights)) {
@@ -171,11 +158,6 @@ protected:
     float rim(int sphere) const { return discStatistic(sphere, 0.9f, 0.97f, false); }
     float centre(int sphere) const { return discStatistic(sphere, 0, 0.3f, false); }
 
-    SamplerTextureManager manager;
-    GPUModel model;
-    QObject lights;
-    GLTFImporter importer{&manager};
-    std::unique_ptr<SceneRenderer> renderer = std::make_unique<SceneRenderer>(&manager);
     QImage image;
 
 private:
