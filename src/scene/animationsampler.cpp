@@ -201,23 +201,30 @@ int heldKey(const float* times, int keyCount, float time)
     return time >= times[keyCount - 1] ? keyCount - 1 : -1;
 }
 
-// Brings the track to the segment holding `time` and returns the fraction of it that has passed.
-float locate(AnimationTrack& track, const AnimationSegment* segments, float time)
+// Moves the track to the segment holding `time`, which its current one does not; true when that
+// holds a key, where the fraction is 0 whatever the time (infinite ones too).
+bool changeSegment(AnimationTrack& track, const AnimationSegment* segments, float time)
 {
-    if (!(track.current.start <= time && time < track.current.end)) {
-        if (track.next.start <= time && time < track.next.end) {
-            ++track.segment;
-            track.current = track.next;
-        } else {
-            const int held = heldKey(track.times, track.keyCount, time);
-            track.segment = held < 0 ? 1 + findKey(track.times, track.keyCount, track.segment - 1, time) : held == 0 ? 0 : track.keyCount;
-            track.current = segments[track.firstSegment + track.segment];
-        }
-        // Read ahead: nothing waits for it until the next change of interval.
-        track.next = segments[track.firstSegment + std::min(track.segment + 1, track.keyCount)];
-        if (track.segment == 0)
-            return 0; // also for an infinite time
+    if (track.next.start <= time && time < track.next.end) {
+        ++track.segment;
+        track.current = track.next;
+    } else {
+        const int held = heldKey(track.times, track.keyCount, time);
+        track.segment = held < 0 ? 1 + findKey(track.times, track.keyCount, track.segment - 1, time) : held == 0 ? 0 : track.keyCount;
+        track.current = segments[track.firstSegment + track.segment];
     }
+    // Read ahead: nothing waits for it until the next change of interval.
+    track.next = segments[track.firstSegment + std::min(track.segment + 1, track.keyCount)];
+    return track.segment == 0 || track.segment == track.keyCount;
+}
+
+// Brings the track to the segment holding `time` and returns the fraction of it that has passed.
+// Kept small, so that it is inlined in the sampling loops and only a change of interval costs a call.
+inline float locate(AnimationTrack& track, const AnimationSegment* segments, float time)
+{
+    const bool inside = track.current.start <= time && time < track.current.end;
+    if (!inside && changeSegment(track, segments, time))
+        return 0;
     return (time - track.current.start) * track.current.inverseLength;
 }
 
