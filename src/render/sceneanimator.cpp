@@ -48,8 +48,8 @@ inline void product(const float* a, const float* b, float* __restrict out)
 }
 
 // a * b * c for affine a, b and c, into `out` with its last row set to 0 0 0 1: a frame makes
-// one per joint. The intermediate stays in registers; setting a row of it would make the second
-// product wait for stores to reach memory, at twice the time of both products.
+// one per joint. a * b is left a general product so that it can stay in registers: setting its
+// last row goes through memory, and the second product then waits on those stores.
 void affineProduct(const float* a, const float* b, const float* c, float* __restrict out)
 {
     float ab[16];

@@ -379,15 +379,12 @@ AnimationSampler::AnimationSampler(const SceneData& scene, int animationIndex)
             _channels.push_back(channel);
             continue;
         }
-        const bool rotation = channel.path == Path::Rotation;
-        const AnimationTrack track{{}, {}, channel.times, channel.keyCount, channel.node, int(_segments.size()), 0,
-                                   rotation ? nullptr
-                                   : channel.path == Path::Translation ? &AnimationPose::Node::translation
-                                                                       : &AnimationPose::Node::scale};
+        const size_t first = _segments.size();
         appendSegments(channel, _segments);
-        (rotation ? _rotations : _vectors).push_back(track);
-        (rotation ? _rotations : _vectors).back().current = _segments[size_t(track.firstSegment)];
-        (rotation ? _rotations : _vectors).back().next = _segments[size_t(track.firstSegment) + 1];
+        AnimationTrack track{_segments[first], _segments[first + 1], channel.times, channel.keyCount, channel.node, int(first), 0, nullptr};
+        if (channel.path != Path::Rotation)
+            track.vector = channel.path == Path::Translation ? &AnimationPose::Node::translation : &AnimationPose::Node::scale;
+        (track.vector ? _vectors : _rotations).push_back(track);
     }
     std::sort(_animatedNodes.begin(), _animatedNodes.end());
     _animatedNodes.erase(std::unique(_animatedNodes.begin(), _animatedNodes.end()), _animatedNodes.end());
@@ -401,6 +398,7 @@ int AnimationSampler::channelCount() const
 {
     return int(_channels.size() + _rotations.size() + _vectors.size());
 }
+
 AnimationPose AnimationSampler::makePose() const
 {
     AnimationPose pose;
