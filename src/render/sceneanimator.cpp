@@ -36,16 +36,27 @@ QMatrix4x4 trs(const AnimationPose::Node& n)
                       0, 0, 0, 1);
 }
 
-// a * b for column-major affine matrices (last row 0 0 0 1), into `out`: a frame makes two of
-// these per joint, and the general product costs nearly twice as much.
-void affineProduct(const float* a, const float* b, float* out)
+// a * b for column-major matrices, four rows at a time, which the compiler turns into vector
+// arithmetic.
+inline void product(const float* a, const float* b, float* __restrict out)
 {
     for (int column = 0; column < 4; ++column) {
         const float* in = b + 4 * column;
-        for (int row = 0; row < 3; ++row)
-            out[4 * column + row] = a[row] * in[0] + a[4 + row] * in[1] + a[8 + row] * in[2] + (column == 3 ? a[12 + row] : 0.0f);
-        out[4 * column + 3] = column == 3 ? 1.0f : 0.0f;
+        for (int row = 0; row < 4; ++row)
+            out[4 * column + row] = a[row] * in[0] + a[4 + row] * in[1] + a[8 + row] * in[2] + a[12 + row] * in[3];
     }
+}
+
+// a * b * c for affine a, b and c, into `out` with its last row set to 0 0 0 1: a frame makes
+// one per joint. a * b is left a general product so that it can stay in registers: setting its
+// last row goes through memory, and the second product then waits on those stores.
+void affineProduct(const float* a, const float* b, const float* c, float* __restrict out)
+{
+    float ab[16];
+    product(a, b, ab);
+    product(ab, c, out);
+    for (int column = 0; column < 4; ++column)
+        out[4 * column + 3] = column == 3 ? 1.0f : 0.0f;
 }
 
 // The box `delta` scaled by a weight that may be negative.
@@ -227,9 +238,8 @@ void SceneAnimator::Private::writeJoints(const SkinUse& use, const std::vector<Q
     const QMatrix4x4 toMesh = (worlds ? world(use.node) : model.worldTransform(use.meshTransform)).inverted();
     float* out = pose.data() + 4 * size_t(use.firstTexel);
     for (size_t j = 0; j < skin.joints.size(); ++j, out += 16) {
-        float jointToMesh[16];
-        affineProduct(toMesh.constData(), world(skin.joints[j]).constData(), jointToMesh);
-        affineProduct(jointToMesh, skin.inverseBindMatrices[j].constData(), out); // one column per texel
+        // One column per texel.
+        affineProduct(toMesh.constData(), world(skin.joints[j]).constData(), skin.inverseBindMatrices[j].constData(), out);
     }
 }
 
@@ -481,13 +491,15 @@ bool SceneAnimator::setTime(int animation, float seconds)
     if (animation != d.lastAnimation && !reset())
         return false;
     const int first = animation < 0 ? 0 : animation, last = animation < 0 ? animationCount() - 1 : animation;
-    std::vector<bool> touched(d.scene->nodes.size(), false);
-    std::vector<std::pair<int, int>> texels; // ranges of the pose buffer to upload: first, count
+    std::vector<char>& changed = d.changed;
+    changed.assign(d.scene->nodes.size(), 0);
+    std::vector<std::pair<int, int>>& texels = d.texels;
+    texels.clear();
     for (int a = first; a <= last; ++a) {
         d.widenBoxes(a);
         AnimationPose& pose = d.poses[size_t(a)];
         for (int node : d.sampler(a)->sample(seconds, pose)) {
-            touched[size_t(node)] = d.moved[size_t(node)] = true;
+            changed[size_t(node)] = d.moved[size_t(node)] = true;
             if (d.nodeTransforms[size_t(node)] >= 0)
                 d.model.setLocalTransform(d.nodeTransforms[size_t(node)], trs(pose.nodes[size_t(node)]));
             const AnimationPose::Node& posed = pose.nodes[size_t(node)];
@@ -505,14 +517,13 @@ bool SceneAnimator::setTime(int animation, float seconds)
     if (d.skins.empty())
         return uploadTexels(d, texels);
     // A node's world matrix changed when it or an ancestor moved.
-    std::vector<bool> changed(touched);
     for (int node : d.order)
         if (d.parents[size_t(node)] >= 0 && changed[size_t(d.parents[size_t(node)])])
             changed[size_t(node)] = true;
-    std::vector<QMatrix4x4> worlds;
+    std::vector<QMatrix4x4>& worlds = d.worlds;
     if (d.unplacedJoints) {
         // Each animation's pose holds the nodes it moves; the others sit at rest.
-        AnimationPose combined;
+        AnimationPose& combined = d.combined;
         combined.nodes.resize(d.scene->nodes.size());
         for (size_t n = 0; n < combined.nodes.size(); ++n) {
             const SceneData::Node& rest = d.scene->nodes[n];
@@ -522,6 +533,9 @@ bool SceneAnimator::setTime(int animation, float seconds)
             for (int node : d.samplers[size_t(a)]->animatedNodes())
                 combined.nodes[size_t(node)] = d.poses[size_t(a)].nodes[size_t(node)];
         d.worldMatrices(&combined, worlds);
+    } else {
+        // Brought up to date in one pass, rather than by the first ask for each joint's.
+        d.model.updateTransforms();
     }
     for (const Private::SkinUse& use : d.skins) {
         const std::vector<int>& joints = d.scene->skins[size_t(use.skin)].joints;

@@ -9,6 +9,7 @@ namespace Tavren::Vyx {
 enum class AnimationPath : unsigned char { Translation, Rotation, Scale, Weights };
 enum class AnimationInterpolation : unsigned char { Linear, Step, CubicSpline };
 
+// A cubic spline or morph weight channel, evaluated from its keys in place.
 struct AnimationChannel
 {
     const float* times;
@@ -26,10 +27,32 @@ struct AnimationChannel
     bool held;
     int key;
     float start, end, inverseLength;
-    // Linear and step translation, rotation and scale only, with s the fraction of the interval:
-    // from + s * toward, or for rotations at an angle, cos(s * angle) * from + sin(s * angle) * toward.
-    float angle;
+};
+
+// One key interval of a linear or step translation, rotation or scale, prepared when the sampler
+// is made so that moving on to the next interval costs no square root, division or arc cosine.
+// With s the fraction of [start, end) that has passed: from + s * toward, or for rotations at an
+// angle, cos(s * angle) * from + sin(s * angle) * toward. Times outside the keys hold the first
+// or the last key, with toward zero.
+struct AnimationSegment
+{
     float from[4], toward[4];
+    float start, end, inverseLength, angle;
+};
+
+// A linear or step translation, rotation or scale: keyCount + 1 segments from firstSegment on,
+// the first key held, one per interval, then the last key held.
+struct AnimationTrack
+{
+    // Copies of the segment the previous sample fell in, so that samples in the same interval
+    // read nothing else, and of the one after it.
+    AnimationSegment current, next;
+    const float* times;
+    int keyCount;
+    int node;
+    int firstSegment;
+    int segment; // of the copy, counted from firstSegment
+    QVector3D AnimationPose::Node::*vector; // translation or scale; null for a rotation
 };
 
 namespace {
@@ -94,19 +117,115 @@ const float* keyValue(const Channel& channel, int key)
     return channel.values + size_t(cubic ? 3 * key + 1 : key) * size_t(channel.width);
 }
 
-bool blendsFromCache(const Channel& channel)
+// A segment that stays at `value`, over an empty interval unless `end` is given.
+AnimationSegment heldSegment(const float* value, int width, float start, float end)
 {
-    return channel.path != Path::Weights && channel.interpolation != Interpolation::CubicSpline;
+    AnimationSegment segment{};
+    std::copy_n(value, width, segment.from);
+    segment.start = start;
+    segment.end = end;
+    return segment;
 }
 
-// A blend that stays at `value` (3 or 4 floats); short fixed copies rather than library calls.
-void startBlend(Channel& channel, const float* value)
+AnimationSegment intervalSegment(const Channel& channel, int key)
 {
-    for (int i = 0; i < 3; ++i)
-        channel.from[i] = value[i];
-    channel.from[3] = channel.width == 4 ? value[3] : 0.0f;
-    for (float& t : channel.toward)
-        t = 0;
+    const float *v0 = keyValue(channel, key), *v1 = keyValue(channel, key + 1);
+    AnimationSegment segment = heldSegment(v0, channel.width, channel.times[key], channel.times[key + 1]);
+    segment.inverseLength = 1 / (segment.end - segment.start);
+    if (channel.interpolation == Interpolation::Step)
+        return segment;
+    if (channel.path != Path::Rotation) {
+        for (int i = 0; i < 3; ++i)
+            segment.toward[i] = v1[i] - v0[i];
+        return segment;
+    }
+    // Slerp as a turn in the plane of the two keys, from `from` towards the unit quaternion
+    // orthogonal to it, along the shorter arc so that keys on opposite hemispheres do not spin
+    // the long way round.
+    const float inverse0 = inverseLength4(v0), inverse1 = inverseLength4(v1);
+    float to[4];
+    for (int i = 0; i < 4; ++i) {
+        segment.from[i] = v0[i] * inverse0;
+        to[i] = v1[i] * inverse1;
+    }
+    float cosAngle = dot4(segment.from, to);
+    const float sign = cosAngle < 0 ? -1.0f : 1.0f;
+    cosAngle *= sign;
+    for (int i = 0; i < 4; ++i)
+        to[i] *= sign;
+    // Nearly parallel keys leave no plane to speak of: a normalised straight blend is as close.
+    if (cosAngle < 0.9995f) {
+        segment.angle = arcCosine(cosAngle);
+        const float inverseSine = 1 / std::sqrt(1 - cosAngle * cosAngle);
+        for (int i = 0; i < 4; ++i)
+            segment.toward[i] = (to[i] - cosAngle * segment.from[i]) * inverseSine;
+    } else {
+        for (int i = 0; i < 4; ++i)
+            segment.toward[i] = to[i] - segment.from[i];
+    }
+    return segment;
+}
+
+// The track's segments: the first key held, each interval, the last key held from its time on.
+void appendSegments(const Channel& channel, std::vector<AnimationSegment>& segments)
+{
+    const int lastKey = channel.keyCount - 1;
+    segments.push_back(heldSegment(keyValue(channel, 0), channel.width, channel.times[0], channel.times[0]));
+    for (int key = 0; key < lastKey; ++key)
+        segments.push_back(intervalSegment(channel, key));
+    segments.push_back(heldSegment(keyValue(channel, lastKey), channel.width, channel.times[lastKey],
+                                   std::numeric_limits<float>::infinity()));
+}
+
+// The key at or before `time`, for a time strictly inside the keys' range, tried first at
+// `hint` and the key after it.
+int findKey(const float* times, int keyCount, int hint, float time)
+{
+    hint = std::clamp(hint, 0, keyCount - 2);
+    if (times[hint] <= time) {
+        if (time < times[hint + 1])
+            return hint;
+        // Playing forwards usually lands in the next interval.
+        if (hint + 2 < keyCount && time < times[hint + 2])
+            return hint + 1;
+    }
+    return int(std::upper_bound(times, times + keyCount, time) - times) - 1;
+}
+
+// The key held for `time` outside the keys' range (written so that NaN holds the first key),
+// else -1.
+int heldKey(const float* times, int keyCount, float time)
+{
+    if (keyCount == 1 || !(time > times[0]))
+        return 0;
+    return time >= times[keyCount - 1] ? keyCount - 1 : -1;
+}
+
+// Moves the track to the segment holding `time`, which its current one does not; true when that
+// holds a key, where the fraction is 0 whatever the time (infinite ones too).
+bool changeSegment(AnimationTrack& track, const AnimationSegment* segments, float time)
+{
+    if (track.next.start <= time && time < track.next.end) {
+        ++track.segment;
+        track.current = track.next;
+    } else {
+        const int held = heldKey(track.times, track.keyCount, time);
+        track.segment = held < 0 ? 1 + findKey(track.times, track.keyCount, track.segment - 1, time) : held == 0 ? 0 : track.keyCount;
+        track.current = segments[track.firstSegment + track.segment];
+    }
+    // Read ahead: nothing waits for it until the next change of interval.
+    track.next = segments[track.firstSegment + std::min(track.segment + 1, track.keyCount)];
+    return track.segment == 0 || track.segment == track.keyCount;
+}
+
+// Brings the track to the segment holding `time` and returns the fraction of it that has passed.
+// Kept small, so that it is inlined in the sampling loops and only a change of interval costs a call.
+inline float locate(AnimationTrack& track, const AnimationSegment* segments, float time)
+{
+    const bool inside = track.current.start <= time && time < track.current.end;
+    if (!inside && changeSegment(track, segments, time))
+        return 0;
+    return (time - track.current.start) * track.current.inverseLength;
 }
 
 void hold(Channel& channel, int key)
@@ -114,111 +233,25 @@ void hold(Channel& channel, int key)
     channel.held = true;
     channel.key = key;
     channel.start = channel.end = 0; // an empty interval, so every sample comes back here
-    channel.angle = 0;
-    if (blendsFromCache(channel))
-        startBlend(channel, keyValue(channel, key));
 }
 
-void enterInterval(Channel& channel, int key)
-{
-    channel.held = false;
-    channel.key = key;
-    channel.start = channel.times[key];
-    channel.end = channel.times[key + 1];
-    channel.inverseLength = 1 / (channel.end - channel.start);
-    channel.angle = 0;
-    if (!blendsFromCache(channel))
-        return;
-    const float *v0 = keyValue(channel, key), *v1 = keyValue(channel, key + 1);
-    startBlend(channel, v0);
-    if (channel.interpolation == Interpolation::Step)
-        return;
-    if (channel.path != Path::Rotation) {
-        for (int i = 0; i < 3; ++i)
-            channel.toward[i] = v1[i] - v0[i];
-        return;
-    }
-    // Slerp as a turn in the plane of the two keys, from `from` towards the unit quaternion
-    // orthogonal to it, along the shorter arc so that keys on opposite hemispheres do not spin
-    // the long way round. Both keys are normalised side by side: square root latency is the cost.
-    const float inverse0 = inverseLength4(v0), inverse1 = inverseLength4(v1);
-    float to[4];
-    for (int i = 0; i < 4; ++i) {
-        channel.from[i] = v0[i] * inverse0;
-        to[i] = v1[i] * inverse1;
-    }
-    float cosAngle = dot4(channel.from, to);
-    const float sign = cosAngle < 0 ? -1.0f : 1.0f;
-    cosAngle *= sign;
-    for (int i = 0; i < 4; ++i)
-        to[i] *= sign;
-    // Nearly parallel keys leave no plane to speak of: a normalised straight blend is as close.
-    if (cosAngle < 0.9995f) {
-        channel.angle = arcCosine(cosAngle);
-        const float inverseSine = 1 / std::sqrt(1 - cosAngle * cosAngle);
-        for (int i = 0; i < 4; ++i)
-            channel.toward[i] = (to[i] - cosAngle * channel.from[i]) * inverseSine;
-    } else {
-        for (int i = 0; i < 4; ++i)
-            channel.toward[i] = to[i] - channel.from[i];
-    }
-}
-
-// The key at or before `time`, for a time strictly inside the channel's range.
-int findKey(const Channel& channel, float time)
-{
-    const float* times = channel.times;
-    const int hint = std::min(channel.key, channel.keyCount - 2);
-    if (times[hint] <= time) {
-        if (time < times[hint + 1])
-            return hint;
-        // Playing forwards usually lands in the next interval.
-        if (hint + 2 < channel.keyCount && time < times[hint + 2])
-            return hint + 1;
-    }
-    return int(std::upper_bound(times, times + channel.keyCount, time) - times) - 1;
-}
-
-// Brings the channel to the interval holding `time` (times outside the keys hold the nearest
-// one) and returns the fraction of it that has passed.
+// Brings the channel to the interval holding `time` and returns the fraction of it that has passed.
 float locate(Channel& channel, float time)
 {
     if (!(channel.start <= time && time < channel.end)) {
-        const int lastKey = channel.keyCount - 1;
-        // Written so that a NaN time holds the first key.
-        if (lastKey == 0 || !(time > channel.times[0])) {
-            hold(channel, 0);
+        const int held = heldKey(channel.times, channel.keyCount, time);
+        if (held >= 0) {
+            hold(channel, held);
             return 0;
         }
-        if (time >= channel.times[lastKey]) {
-            hold(channel, lastKey);
-            return 0;
-        }
-        enterInterval(channel, findKey(channel, time));
+        const int key = findKey(channel.times, channel.keyCount, channel.key, time);
+        channel.held = false;
+        channel.key = key;
+        channel.start = channel.times[key];
+        channel.end = channel.times[key + 1];
+        channel.inverseLength = 1 / (channel.end - channel.start);
     }
     return (time - channel.start) * channel.inverseLength;
-}
-
-QVector3D blendVector(const Channel& channel, float s)
-{
-    const float *from = channel.from, *toward = channel.toward;
-    return {from[0] + s * toward[0], from[1] + s * toward[1], from[2] + s * toward[2]};
-}
-
-QQuaternion blendRotation(const Channel& channel, float s)
-{
-    float q[4];
-    if (channel.angle > 0) {
-        // Unit by construction: from and toward are orthonormal.
-        const float a = cosine(s * channel.angle), b = sine(s * channel.angle);
-        for (int i = 0; i < 4; ++i)
-            q[i] = a * channel.from[i] + b * channel.toward[i];
-    } else {
-        for (int i = 0; i < 4; ++i)
-            q[i] = channel.from[i] + s * channel.toward[i];
-        normalise4(q);
-    }
-    return QQuaternion(q[3], q[0], q[1], q[2]); // keys are stored x, y, z, w
 }
 
 // Cubic splines and morph weights, straight from the keys.
@@ -339,10 +372,19 @@ AnimationSampler::AnimationSampler(const SceneData& scene, int animationIndex)
             channel.firstWeight = int(_weightTotal);
             _weightTotal += size_t(channel.width);
         }
-        hold(channel, 0);
         _duration = std::max(_duration, channel.times[channel.keyCount - 1]);
         _animatedNodes.push_back(channel.node);
-        _channels.push_back(channel);
+        if (channel.path == Path::Weights || channel.interpolation == Interpolation::CubicSpline) {
+            hold(channel, 0);
+            _channels.push_back(channel);
+            continue;
+        }
+        const size_t first = _segments.size();
+        appendSegments(channel, _segments);
+        AnimationTrack track{_segments[first], _segments[first + 1], channel.times, channel.keyCount, channel.node, int(first), 0, nullptr};
+        if (channel.path != Path::Rotation)
+            track.vector = channel.path == Path::Translation ? &AnimationPose::Node::translation : &AnimationPose::Node::scale;
+        (track.vector ? _vectors : _rotations).push_back(track);
     }
     std::sort(_animatedNodes.begin(), _animatedNodes.end());
     _animatedNodes.erase(std::unique(_animatedNodes.begin(), _animatedNodes.end()), _animatedNodes.end());
@@ -354,7 +396,7 @@ AnimationSampler::~AnimationSampler() = default;
 
 int AnimationSampler::channelCount() const
 {
-    return int(_channels.size());
+    return int(_channels.size() + _rotations.size() + _vectors.size());
 }
 
 AnimationPose AnimationSampler::makePose() const
@@ -387,24 +429,44 @@ const std::vector<int>& AnimationSampler::sample(float time, AnimationPose& pose
 {
     if (pose.nodes.size() != _scene.nodes.size() || pose.weights.size() != _weightTotal)
         return kNoNodes;
+    // Rotations, vectors and the rest in loops of their own, so that no sample branches on its kind.
+    const AnimationSegment* segments = _segments.data();
+    for (AnimationTrack& track : _rotations) {
+        const float s = locate(track, segments, time);
+        const AnimationSegment& segment = track.current;
+        float q[4];
+        if (segment.angle > 0) {
+            // Unit by construction: from and toward are orthonormal.
+            const float a = cosine(s * segment.angle), b = sine(s * segment.angle);
+            for (int i = 0; i < 4; ++i)
+                q[i] = a * segment.from[i] + b * segment.toward[i];
+        } else {
+            for (int i = 0; i < 4; ++i)
+                q[i] = segment.from[i] + s * segment.toward[i];
+            normalise4(q);
+        }
+        pose.nodes[size_t(track.node)].rotation = QQuaternion(q[3], q[0], q[1], q[2]); // keys are stored x, y, z, w
+    }
+    for (AnimationTrack& track : _vectors) {
+        const float s = locate(track, segments, time);
+        const float *from = track.current.from, *toward = track.current.toward;
+        pose.nodes[size_t(track.node)].*track.vector =
+            QVector3D(from[0] + s * toward[0], from[1] + s * toward[1], from[2] + s * toward[2]);
+    }
     for (Channel& channel : _channels) {
         const float s = locate(channel, time);
-        AnimationPose::Node& node = pose.nodes[size_t(channel.node)];
         if (channel.path == Path::Weights) {
             evaluateFromKeys(channel, s, pose.weights.data() + channel.firstWeight);
-        } else if (channel.interpolation == Interpolation::CubicSpline) {
-            float v[4];
-            evaluateFromKeys(channel, s, v);
-            if (channel.path == Path::Rotation) {
-                normalise4(v);
-                node.rotation = QQuaternion(v[3], v[0], v[1], v[2]);
-            } else {
-                (channel.path == Path::Translation ? node.translation : node.scale) = QVector3D(v[0], v[1], v[2]);
-            }
-        } else if (channel.path == Path::Rotation) {
-            node.rotation = blendRotation(channel, s);
+            continue;
+        }
+        float v[4];
+        evaluateFromKeys(channel, s, v);
+        AnimationPose::Node& node = pose.nodes[size_t(channel.node)];
+        if (channel.path == Path::Rotation) {
+            normalise4(v);
+            node.rotation = QQuaternion(v[3], v[0], v[1], v[2]);
         } else {
-            (channel.path == Path::Translation ? node.translation : node.scale) = blendVector(channel, s);
+            (channel.path == Path::Translation ? node.translation : node.scale) = QVector3D(v[0], v[1], v[2]);
         }
     }
     return _animatedNodes;

@@ -31,17 +31,22 @@ struct VYXGL_EXPORT AnimationPose
     const float* weightsOf(int node) const { return weights.data() + nodes[size_t(node)].firstWeight; }
 };
 
-// A channel ready to play; defined where it is played, so its code can be inlined there.
+// Channels ready to play; defined where they are played, so their code can be inlined there.
 struct AnimationChannel;
+struct AnimationSegment;
+struct AnimationTrack;
 
 // Plays one animation of a SceneData. The animation is checked once, on construction: a channel
 // that cannot be played (missing node or sampler, unknown path or interpolation, key times not
 // strictly increasing, an output of the wrong length) is left out with a warning and the rest
-// still play. The scene must outlive the sampler, whose channels read its key arrays in place.
+// still play. The scene must outlive the sampler, whose channels read its key times, and its
+// cubic spline and weight keys, in place.
 //
-// Each channel remembers the key interval it last sampled, prepared for blending, so a sample in
-// the same interval costs no search and no division, and the next interval is tried before a
-// binary search. One sampler serves one thread.
+// Linear and step translations, rotations and scales are prepared for blending on construction,
+// one 48-byte segment per key: playing into the next interval then costs no square root, division
+// or arc cosine. Each channel remembers the key interval it last sampled, so a sample in the same
+// interval costs no search, and the next interval is tried before a binary search. One sampler
+// serves one thread.
 class VYXGL_EXPORT AnimationSampler
 {
 public:
@@ -69,7 +74,9 @@ public:
 
 private:
     const SceneData& _scene;
-    std::vector<AnimationChannel> _channels;
+    std::vector<AnimationChannel> _channels; // cubic splines and weights
+    std::vector<AnimationTrack> _rotations, _vectors;
+    std::vector<AnimationSegment> _segments;
     std::vector<int> _animatedNodes;
     size_t _weightTotal = 0;
     float _duration = 0;

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <limits>
 
 using namespace Tavren::Vyx;
 
@@ -45,6 +46,7 @@ std::vector<float> property(const AnimationPose& pose, const QString& path)
     return {v.x(), v.y(), v.z()};
 }
 
+const float kInfinity = std::numeric_limits<float>::infinity();
 const float kSin45 = std::sqrt(0.5f), kSin22 = 0.38268343f, kCos22 = 0.92387953f;
 
 TEST(AnimationSampler, InterpolatesAndClampsEachMode)
@@ -106,22 +108,54 @@ TEST(AnimationSampler, KeepsRestValuesOfWhatNoChannelDrives)
     EXPECT_TRUE(sampler.sample(0.5f, foreign).empty());
 }
 
-// The remembered interval must not leak into a jump backwards, a skip of several keys or a
-// return from outside the keys.
+// The remembered interval, and the one after it read ahead, must not leak into a jump backwards,
+// a skip of several keys, a return from outside the keys or a step onto a key time.
 TEST(AnimationSampler, FindsTheKeyInAnyOrderOfTimes)
 {
-    std::vector<float> times, values;
+    // Ten keys a second apart; key k is a translation of k * k along x, a weight of k * k, and a
+    // turn of k * 30 degrees about y, so that neighbouring keys are apart enough for slerp's turn
+    // in a plane. Weights are played from the keys, the rest from prepared intervals.
+    std::vector<float> times, translations, rotations, weights;
     for (int k = 0; k < 10; ++k) {
         times.push_back(float(k));
-        values.insert(values.end(), {float(k * k), 0, 0});
+        weights.push_back(float(k * k));
+        translations.insert(translations.end(), {float(k * k), 0, 0});
+        const QQuaternion q = QQuaternion::fromAxisAndAngle(0, 1, 0, float(k * 30));
+        rotations.insert(rotations.end(), {q.x(), q.y(), q.z(), q.scalar()});
     }
-    const SceneData scene = sceneWith(oneChannel("translation", "LINEAR", times, values));
-    AnimationSampler sampler(scene, 0);
-    AnimationPose pose = sampler.makePose();
-    for (float t : {0.5f, 1.5f, 2.25f, 7.5f, 3.5f, 0.25f, 8.75f, 20.0f, 8.5f, -1.0f, 0.75f}) {
-        sampler.sample(t, pose);
-        const float clamped = std::clamp(t, 0.0f, 9.0f), k = std::floor(clamped), s = clamped - k;
-        EXPECT_NEAR(pose.nodes[0].translation.x(), k * k + s * (2 * k + 1), 1e-4f) << t;
+    struct Case
+    {
+        const char* path;
+        const char* interpolation;
+        const std::vector<float>& values;
+        // The value a fraction of the way from key `key` to the next; a step holds the key before.
+        std::function<std::vector<float>(int key, float fraction)> expected;
+    };
+    const auto turn = [&](int key, float fraction) {
+        const QQuaternion q = QQuaternion::fromAxisAndAngle(0, 1, 0, (float(key) + fraction) * 30);
+        return std::vector<float>{q.x(), q.y(), q.z(), q.scalar()};
+    };
+    const auto square = [](int key) { return float(key * key); };
+    const Case cases[] = {
+        {"translation", "LINEAR", translations,
+         [&](int k, float s) { return std::vector<float>{square(k) + s * float(2 * k + 1), 0, 0}; }},
+        {"translation", "STEP", translations, [&](int k, float s) { return std::vector<float>{square(k + (s >= 1)), 0, 0}; }},
+        {"weights", "LINEAR", weights, [&](int k, float s) { return std::vector<float>{square(k) + s * float(2 * k + 1)}; }},
+        {"rotation", "LINEAR", rotations, turn},
+        {"rotation", "STEP", rotations, [&](int k, float s) { return turn(k + (s >= 1), 0); }},
+    };
+    const float sequence[] = {0.5f, 1.0f, 1.5f, 2.0f, 2.25f, 3.0f, 7.5f, 3.5f, 0.25f, 8.75f, 9.0f, 20.0f, kInfinity, 8.5f, -1.0f, 0.75f, 1.25f};
+    for (const Case& c : cases) {
+        const SceneData scene = sceneWith(oneChannel(c.path, c.interpolation, times, c.values));
+        AnimationSampler sampler(scene, 0);
+        AnimationPose pose = sampler.makePose();
+        for (float t : sequence) {
+            sampler.sample(t, pose);
+            const float clamped = std::clamp(t, 0.0f, 9.0f), k = std::min(std::floor(clamped), 8.0f);
+            const std::vector<float> expected = c.expected(int(k), clamped - k), actual = property(pose, c.path);
+            for (size_t i = 0; i < expected.size(); ++i)
+                EXPECT_NEAR(actual[i], expected[i], 1e-4f) << c.path << " " << c.interpolation << " at " << t << " [" << i << "]";
+        }
     }
 }
 

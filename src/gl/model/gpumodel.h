@@ -8,6 +8,7 @@
 #include <QList>
 #include <QMatrix3x3>
 #include <QMatrix4x4>
+#include <QPointer>
 #include <QSharedPointer>
 #include <QString>
 #include <QStringList>
@@ -304,6 +305,9 @@ private:
                   const QMatrix4x4* view, bool honourCulling, BoundState& bound);
     void selectCommands(const Drawable& d, const WindingType& winding, bool honourCulling);
     bool issueCommands(Drawable& d, ShaderProgram* program);
+    // Where `program` reads each shared texture (-1: it does not), looked up once per program
+    // and link rather than by name on every draw call.
+    const QVector<int>& sharedTextureLocations(ShaderProgram* program);
 
     quint64 _featureFlags = 15;
     QVector<Drawable> _drawables;
@@ -338,6 +342,15 @@ private:
     QStringList _lightNames;
     bool _reflectedTransparency = false;
     QVector<QPair<QString, QSharedPointer<Texture>>> _sharedTextures;
+    struct SharedTextureLocations
+    {
+        // Null once the program goes, so that another made at its address is looked up afresh;
+        // a relink gives the program a new name.
+        QPointer<ShaderProgram> program;
+        unsigned programName = 0;
+        QVector<int> locations; // one per shared texture
+    };
+    QVector<SharedTextureLocations> _sharedTextureLocations;
     bool _cullingApplied = false;
 
     // Transforms marked dirty since the last update (a full scan replaces the list when it

@@ -68,15 +68,15 @@ namespace {
 class SharedTextureScope
 {
 public:
-    SharedTextureScope(const QVector<QPair<QString, QSharedPointer<Texture>>>& textures, ShaderProgram* program)
+    SharedTextureScope(const QVector<QPair<QString, QSharedPointer<Texture>>>& textures, const QVector<int>& locations,
+                       ShaderProgram* reader)
     {
-        ShaderProgram* reader = program ? program : ShaderProgram::currentShaderProgram();
-        for (const auto& [uniform, texture] : textures) {
-            const int location = reader ? reader->getUniformLocation(uniform) : -1;
-            if (location < 0 || !texture->bind())
+        for (int i = 0; i < textures.size() && i < locations.size(); ++i) {
+            Texture* texture = textures[i].second.get();
+            if (locations[i] < 0 || !texture->bind())
                 continue;
-            _bound.append(texture.get());
-            reader->setUniform(location, texture->unit());
+            _bound.append(texture);
+            reader->setUniform(locations[i], texture->unit());
         }
     }
     ~SharedTextureScope()
@@ -91,10 +91,34 @@ private:
     QVector<Texture*> _bound;
 };
 
+const QVector<int> kNoLocations;
+
 } // namespace
+
+const QVector<int>& GPUModel::sharedTextureLocations(ShaderProgram* program)
+{
+    if (!program || _sharedTextures.isEmpty())
+        return kNoLocations;
+    const unsigned name = program->shaderProgramID();
+    for (const SharedTextureLocations& entry : qAsConst(_sharedTextureLocations))
+        if (entry.program == program && entry.programName == name)
+            return entry.locations;
+    // This program's entry from before a relink, and those of programs since destroyed, go.
+    _sharedTextureLocations.erase(std::remove_if(_sharedTextureLocations.begin(), _sharedTextureLocations.end(),
+                                                 [&](const SharedTextureLocations& entry) {
+                                                     return entry.program.isNull() || entry.program == program;
+                                                 }),
+                                  _sharedTextureLocations.end());
+    SharedTextureLocations made{program, name, {}};
+    for (const auto& entry : qAsConst(_sharedTextures))
+        made.locations.append(program->getUniformLocation(entry.first));
+    _sharedTextureLocations.append(made);
+    return _sharedTextureLocations.last().locations;
+}
 
 void GPUModel::setSharedTexture(const QString& uniform, const QSharedPointer<Texture>& texture)
 {
+    _sharedTextureLocations.clear(); // one location per entry, in order
     for (int i = 0; i < _sharedTextures.size(); ++i)
         if (_sharedTextures[i].first == uniform) {
             if (texture)
@@ -216,7 +240,8 @@ bool GPUModel::draw(ShaderProgram* program, TextureManager* textureManager, cons
     const QList<int> order = materials.isEmpty() ? _materialOrder : materials;
     refreshVerdicts();
     bool result = true;
-    const SharedTextureScope shared(_sharedTextures, program);
+    ShaderProgram* reader = program ? program : ShaderProgram::currentShaderProgram();
+    const SharedTextureScope shared(_sharedTextures, sharedTextureLocations(reader), reader);
     BoundState bound;
     for (int material : qAsConst(order)) {
         if (excluded.contains(material))
@@ -293,7 +318,8 @@ bool GPUModel::drawDrawable(int drawable, ShaderProgram* program, TextureManager
     Drawable& d = _drawables[drawable];
     if (d.culledCount >= d.transformRefs.size())
         return true;
-    const SharedTextureScope shared(_sharedTextures, program);
+    ShaderProgram* reader = program ? program : ShaderProgram::currentShaderProgram();
+    const SharedTextureScope shared(_sharedTextures, sharedTextureLocations(reader), reader);
     BoundState bound;
     const bool result = drawMesh(d, program, textureManager, winding, view, true, bound);
     bound.unbindAll(program, textureManager);
@@ -395,7 +421,8 @@ bool GPUModel::drawSimple(ShaderProgram* program, TextureManager* textureManager
 {
     setUpPrimitiveRestart();
     bool result = true;
-    const SharedTextureScope shared(_sharedTextures, program);
+    ShaderProgram* reader = program ? program : ShaderProgram::currentShaderProgram();
+    const SharedTextureScope shared(_sharedTextures, sharedTextureLocations(reader), reader);
     for (Drawable& d : _drawables) {
         if ((d.flags & mask) != (flags & mask))
             continue;

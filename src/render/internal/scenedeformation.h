@@ -100,6 +100,12 @@ struct SceneAnimator::Private
     bool unplacedJoints = false;
     QSharedPointer<TextureBuffer> poseBuffer, morphBuffer;
     QStringList warnings;
+    // setTime()'s scratch, kept so that a frame allocates nothing: nodes whose world matrix
+    // changed, texel ranges to upload (first, count), world matrices and the combined pose.
+    std::vector<char> changed;
+    std::vector<std::pair<int, int>> texels;
+    std::vector<QMatrix4x4> worlds;
+    AnimationPose combined;
 };
 
 } // namespace Tavren::Vyx
