@@ -8,7 +8,6 @@
 #include <QList>
 #include <QMatrix3x3>
 #include <QMatrix4x4>
-#include <QPointer>
 #include <QSharedPointer>
 #include <QString>
 #include <QStringList>
@@ -344,10 +343,7 @@ private:
     QVector<QPair<QString, QSharedPointer<Texture>>> _sharedTextures;
     struct SharedTextureLocations
     {
-        // Null once the program goes, so that another made at its address is looked up afresh;
-        // a relink gives the program a new name.
-        QPointer<ShaderProgram> program;
-        unsigned programName = 0;
+        quint64 linkSerial = 0; // of the program's link they were looked up for
         QVector<int> locations; // one per shared texture
     };
     QVector<SharedTextureLocations> _sharedTextureLocations;

@@ -99,17 +99,14 @@ const QVector<int>& GPUModel::sharedTextureLocations(ShaderProgram* program)
 {
     if (!program || _sharedTextures.isEmpty())
         return kNoLocations;
-    const unsigned name = program->shaderProgramID();
+    const quint64 serial = program->linkSerial();
     for (const SharedTextureLocations& entry : qAsConst(_sharedTextureLocations))
-        if (entry.program == program && entry.programName == name)
+        if (entry.linkSerial == serial)
             return entry.locations;
-    // This program's entry from before a relink, and those of programs since destroyed, go.
-    _sharedTextureLocations.erase(std::remove_if(_sharedTextureLocations.begin(), _sharedTextureLocations.end(),
-                                                 [&](const SharedTextureLocations& entry) {
-                                                     return entry.program.isNull() || entry.program == program;
-                                                 }),
-                                  _sharedTextureLocations.end());
-    SharedTextureLocations made{program, name, {}};
+    // Few programs draw one model; a long list means programs came and went, so start afresh.
+    if (_sharedTextureLocations.size() >= 32)
+        _sharedTextureLocations.clear();
+    SharedTextureLocations made{serial, {}};
     for (const auto& entry : qAsConst(_sharedTextures))
         made.locations.append(program->getUniformLocation(entry.first));
     _sharedTextureLocations.append(made);

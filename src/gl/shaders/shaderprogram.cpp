@@ -3,6 +3,7 @@
 #include "core/logging.h"
 #include "core/resourcespath.h"
 
+#include <atomic>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -239,6 +240,8 @@ bool ShaderProgram::link()
 
 void ShaderProgram::fillLinkCaches()
 {
+    static std::atomic<quint64> links{0};
+    _linkSerial = ++links;
     cacheVertexAttributes();
     cacheUniformLocations();
     cacheUniformBlockIndices();

@@ -97,6 +97,9 @@ public:
 
     bool isLinked() const { return _programID != kShaderProgramNotLinked; }
     unsigned shaderProgramID() const { return _programID; }
+    // Distinct for every successful link of any program in the process (0 before the first):
+    // a key for what is looked up per link, which a reused GL name or address cannot give.
+    quint64 linkSerial() const { return _linkSerial; }
     QString log() const { return _log; }
     const QMultiHash<int, Shader*>& shaders() const { return _shaders; }
     bool isPreprocessed() const { return _preprocessed; }
@@ -152,6 +155,7 @@ private:
     void printLinkFailure();
 
     unsigned _programID = kShaderProgramNotLinked;
+    quint64 _linkSerial = 0;
     QString _log;
     QMultiHash<int, Shader*> _shaders;
     QStringList _transformFeedbackVaryings;
