@@ -225,7 +225,7 @@ struct SceneRenderer::Private
     SkyUniforms skyUniforms = {};
     std::unique_ptr<ShadowMapRenderer> shadowRenderer;
     ShadowMapRenderData shadowData;
-    std::unique_ptr<Texture> environment, prefiltered, brdfTable;
+    std::unique_ptr<Texture> environment, prefiltered, brdfTable, sheenTable;
     Utils::IrradianceSH sh;
     std::unique_ptr<FramebufferObject> drawTarget, resolveTarget;
     // What transmissive surfaces see through: the opaque scene, copied with mipmaps.
@@ -405,6 +405,15 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
         return false;
     if (!_d->environment && !setProceduralSky(QVector3D(0.4f, 0.8f, 0.3f)))
         return false;
+    // Tables are drawn into targets of their own, so they are made before the caller's comes back.
+    const std::set<quint64> variants = modelVariants(model);
+    const bool sheen =
+        std::any_of(variants.begin(), variants.end(), [](quint64 v) { return v & SceneMaterial::kSheenFlag; });
+    if (sheen && !_d->sheenTable) {
+        _d->sheenTable.reset(Utils::createSheenAlbedoTable(kBRDFTableSize, 256));
+        if (!_d->sheenTable)
+            return fail(QStringLiteral("The sheen albedo table could not be made"));
+    }
     model.updateTransforms();
     model.resetCulling();
     model.visibilityCull();
@@ -461,10 +470,13 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
     frame.brdfUnit = _d->brdfTable->unit();
     const bool shadowed = _shadows && _d->shadowData.projectionTexture() && _d->shadowData.projectorCount() > 0;
     frame.shadows = shadowed ? &_d->shadowData : nullptr;
+    if (sheen) {
+        _d->sheenTable->bind();
+        frame.sheenUnit = _d->sheenTable->unit();
+    }
 
     // Each variant's unblended drawables, those that show the scene through them last, over a
     // copy of what is drawn before them.
-    const std::set<quint64> variants = modelVariants(model);
     bool drawn = true;
     for (const bool transmissive : {false, true}) {
         for (const quint64 variant : variants) {
@@ -505,6 +517,8 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
     }
     if (_d->transmissionColour && frame.transmissionUnit >= 0)
         _d->transmissionColour->unbind();
+    if (frame.sheenUnit >= 0)
+        _d->sheenTable->unbind();
     _d->brdfTable->unbind();
     _d->prefiltered->unbind();
     return drawn || fail(QStringLiteral("The model could not be drawn"));

@@ -44,6 +44,10 @@ uniform float u_PrefilteredLevels;
 uniform sampler2D u_BRDFTable;
 uniform vec3 u_IrradianceSH[9];
 uniform float u_EnvironmentIntensity;
+#ifdef MATERIAL_SHEEN
+// The directional albedo of a white sheen lobe at (N.V, sheen roughness).
+uniform sampler2D u_SheenAlbedo;
+#endif
 #ifdef MATERIAL_TRANSMISSION
 in float vo_ModelScale;
 uniform mat4 u_ViewProjection;
@@ -204,7 +208,7 @@ void main()
     // A single-scattering lobe reflects E = r + g of the light a white metal should (a third at
     // full roughness); scaling specular by 1 + F0 (1 / E - 1) puts the multiply scattered rest
     // back, in proportion to F0 as each further bounce keeps only F of it.
-    vec4 brdf = texture(u_BRDFTable, vec2(nv, roughness));
+    vec2 brdf = texture(u_BRDFTable, vec2(nv, roughness)).rg;
     vec3 energyCompensation = 1.0 + f0 * (1.0 / max(brdf.x + brdf.y, 0.05) - 1.0);
 
 #ifdef MATERIAL_CLEARCOAT
@@ -232,8 +236,8 @@ void main()
     vec4 sheenFactors = extensionParameter(ext, EXT_SHEEN);
     vec3 sheenColor = sheenFactors.rgb * extensionMap(ext, EXT_MAP_SHEEN_COLOR).rgb;
     float sheenRoughness = max(sheenFactors.w * extensionMap(ext, EXT_MAP_SHEEN_ROUGHNESS).a, 0.07);
-    // The sheen's directional albedo (the table's blue channel) is light the base no longer gets.
-    float sheenAlbedo = texture(u_BRDFTable, vec2(nv, sheenRoughness)).b;
+    // The sheen's directional albedo is light the base no longer gets.
+    float sheenAlbedo = texture(u_SheenAlbedo, vec2(nv, sheenRoughness)).r;
     float sheenScaling = 1.0 - max(sheenColor.r, max(sheenColor.g, sheenColor.b)) * sheenAlbedo;
     vec3 sheenColour = vec3(0.0);
 #endif

@@ -489,26 +489,31 @@ Texture* createPrefilteredEnvMapFromGLCubemap(Texture* cubemap, unsigned int siz
     return result.release();
 }
 
-Texture* createPreintegratedBRDFTable(unsigned int size, int samples)
+namespace {
+
+// A size x size table of a quadrature over (N.V, roughness) at texel centres, drawn by one of the
+// table fragment shaders into a texture of the given format.
+Texture* integrateTable(const char* what, const QString& fragment, unsigned int size, int samples, GLenum internalFormat,
+                        GLenum format)
 {
-    VYX_CHECK_RETURN(size >= 1 && size <= 4096, nullptr, "BRDF table size %u is not within 1 ... 4096", size);
+    VYX_CHECK_RETURN(size >= 1 && size <= 4096, nullptr, "%s table size %u is not within 1 ... 4096", what, size);
     VYX_CHECK_RETURN(samples >= 1, nullptr, "%d samples per texel are too few", samples);
     const QSharedPointer<OpenGLDeviceContext> device = passDeviceContext();
     ShaderProgram program;
     program.addShaderFromFile(GL_VERTEX_SHADER, QStringLiteral("preintegratedBRDFTableVS.glslc"));
-    program.addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("preintegratedBRDFTableFS.glslc"));
+    program.addShaderFromFile(GL_FRAGMENT_SHADER, fragment);
     program.addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("ImportanceSample.glslc"));
     program.setFragDataLocations({QStringLiteral("out_FragColor")});
     if (!program.compile() || !program.link()) {
-        VYX_WARNING("BRDF table program failed to build:\n%s", qPrintable(program.log()));
+        VYX_WARNING("%s table program failed to build:\n%s", what, qPrintable(program.log()));
         return nullptr;
     }
     const QSharedPointer<DrawBuffers> quad = device->fullscreenQuad();
     FramebufferObject fbo;
     fbo.bind();
-    std::unique_ptr<Texture> table(fbo.createTexture2D(GL_COLOR_ATTACHMENT0, GL_RGBA16F, GL_RGBA, GL_HALF_FLOAT,
-                                                       int(size), int(size)));
-    bool ok = table && VYX_CHECK(fbo.isComplete(), "BRDF table of size %u cannot be rendered into", size);
+    std::unique_ptr<Texture> table(
+        fbo.createTexture2D(GL_COLOR_ATTACHMENT0, internalFormat, format, GL_HALF_FLOAT, int(size), int(size)));
+    bool ok = table && VYX_CHECK(fbo.isComplete(), "%s table of size %u cannot be rendered into", what, size);
     if (ok && program.bind()) {
         AutoDisabler depthTest(GL_DEPTH_TEST);
         AutoDisabler blend(GL_BLEND);
@@ -538,6 +543,19 @@ Texture* createPreintegratedBRDFTable(unsigned int size, int samples)
     }
     glFlush();
     return table.release();
+}
+
+
+} // namespace
+
+Texture* createPreintegratedBRDFTable(unsigned int size, int samples)
+{
+    return integrateTable("BRDF", QStringLiteral("preintegratedBRDFTableFS.glslc"), size, samples, GL_RG16F, GL_RG);
+}
+
+Texture* createSheenAlbedoTable(unsigned int size, int samples)
+{
+    return integrateTable("Sheen albedo", QStringLiteral("sheenAlbedoTableFS.glslc"), size, samples, GL_R16F, GL_RED);
 }
 
 QVector3D IrradianceSH::evaluate(const QVector3D& direction) const

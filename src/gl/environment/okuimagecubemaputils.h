@@ -104,14 +104,17 @@ VYXGL_EXPORT Texture* createPrefilteredEnvMapFromGLCubemap(Texture* cubemap, uns
 // prefilteredLevelForRoughness(roughness, levels), clamped to 0 ... 1 roughness.
 VYXGL_EXPORT float prefilteredLevelRoughness(int level, int levels);
 VYXGL_EXPORT float prefilteredLevelForRoughness(float roughness, int levels);
-// size x size GL_RGBA16F table of the split-sum's scale (r) and bias (g) for F0 with the
+// size x size GL_RG16F table of the split-sum's scale (r) and bias (g) for F0 with the
 // height-correlated Smith visibility: x is N.V and y the roughness, both at texel centres.
 // Their sum r + g is the single-scattering albedo E of a white metal; shading multiplies the
 // specular term by 1 + F0 * (1 / E - 1) to put back the energy that scattering between
 // microfacets reflects, which a single-scattering BRDF loses on rough surfaces. `samples` is
-// the quadrature's point count per texel (1024: within 0.3% of the exact integral). Blue holds
-// the directional albedo of a white sheen lobe at that N.V and sheen roughness.
+// the quadrature's point count per texel (1024: within 0.3% of the exact integral).
 VYXGL_EXPORT Texture* createPreintegratedBRDFTable(unsigned int size, int samples = 1024);
+// size x size GL_R16F table of the directional albedo of a white sheen lobe (Charlie
+// distribution) at N.V (x) and sheen roughness (y): how much light the sheen takes from the
+// layer under it.
+VYXGL_EXPORT Texture* createSheenAlbedoTable(unsigned int size, int samples = 1024);
 
 // Diffuse irradiance as 9 spherical-harmonic coefficients (bands 0-2), already convolved
 // with the cosine lobe and divided by pi, so evaluate() answers what the N.L map holds.

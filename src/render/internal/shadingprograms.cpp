@@ -64,7 +64,8 @@ ShadingPrograms::Program* ShadingPrograms::get(quint64 extensionFlags, QString& 
             at("u_LightPosition"), at("u_LightDirection"), at("u_IrradianceSH"), at("u_ViewProjection"),
             at("u_Eye"), at("u_Exposure"), at("u_EnvironmentIntensity"), at("u_PrefilteredLevels"),
             at("u_PrefilteredMap"), at("u_BRDFTable"), at("u_ShadowsEnabled"), at("u_ShadowMapDepthSampler"),
-            at("u_AlphaBlend"), at("u_TransmissionMap"), at("u_TransmissionLevels")};
+            at("u_AlphaBlend"), at("u_TransmissionMap"), at("u_TransmissionLevels"),
+            at("u_SheenAlbedo")};
     made.program = std::move(program);
     return &made;
 }
@@ -98,6 +99,8 @@ bool ShadingPrograms::begin(Program& p, const ShadingFrame& frame)
         program.setUniform(p.transmissionMap, frame.transmissionUnit >= 0 ? frame.transmissionUnit : frame.brdfUnit);
         program.setUniform(p.transmissionLevels, QVariant(frame.transmissionLevels));
     }
+    if (p.sheenAlbedo >= 0)
+        program.setUniform(p.sheenAlbedo, frame.sheenUnit >= 0 ? frame.sheenUnit : frame.brdfUnit);
     program.setUniform(p.shadowsEnabled, int(frame.shadows != nullptr));
     if (frame.shadows)
         ShadowMapManager::bind(&program, *frame.shadows);

@@ -30,6 +30,7 @@ struct ShadingFrame
     QVector4D eye; // see u_Eye
     float exposure = 1, environmentIntensity = 1, prefilteredLevels = 1;
     int prefilteredUnit = 0, brdfUnit = 0;
+    int sheenUnit = -1; // the sheen albedo table, made when a sheen variant first draws
     // The texture of the scene behind transmissive surfaces, once it has been copied.
     int transmissionUnit = -1;
     float transmissionLevels = 1;
@@ -49,6 +50,7 @@ public:
         GLint lightCount, lightType, lightRange, lightCone, lightColor, lightPosition, lightDirection, irradianceSH;
         GLint viewProjection, eye, exposure, environmentIntensity, prefilteredLevels, prefilteredMap;
         GLint brdfTable, shadowsEnabled, shadowMapDepthSampler, alphaBlend, transmissionMap, transmissionLevels;
+        GLint sheenAlbedo;
     };
 
     ShadingPrograms();
