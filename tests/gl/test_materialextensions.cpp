@@ -2,8 +2,11 @@
 // the way the extension says: a coat's sharp highlight over a rough base, sheen at grazing
 // angles, the scene behind a transmissive sphere, and so on.
 
+#include "render/sceneframing.h"
+#include "scene/gltfscenereader.h"
 #include "scene/scenedata.h"
 #include "support/scenetest.h"
+#include "support/testenvironment.h"
 
 #include <QBuffer>
 #include <QColor>
@@ -266,3 +269,34 @@ TEST_F(MaterialExtensionsTest, SpecularGlossinessAndTransmission)
 }
 
 } // namespace
+
+// The sample scenes of three extensions against the same scenes with their extensions taken
+// out: the coated column, the specular row and the transmissive spheres must change the picture.
+TEST_F(MaterialExtensionsTest, SampleScenesChangeWhereTheirExtensionsAre)
+{
+    for (const char* name : {"ClearCoatTest", "SpecularTest", "TransmissionTest"}) {
+        GLTFSceneReader reader;
+        const std::shared_ptr<const SceneData> scene =
+            reader.read(VyxTest::testDataPath(QStringLiteral("gltf/%1/glTF-Binary/%1.glb").arg(QLatin1String(name))));
+        ASSERT_TRUE(scene) << name << ": " << qPrintable(reader.errorString());
+        auto plain = std::make_shared<SceneData>(*scene);
+        for (SceneData::Material& m : plain->materials)
+            m.extensions = 0;
+        QImage pictures[2];
+        for (int i = 0; i < 2; ++i) {
+            model.clear();
+            ASSERT_TRUE(importer.upload(i ? std::shared_ptr<const SceneData>(plain) : scene, model, &lights)) << name;
+            renderer->setSamples(1);
+            model.updateTransforms();
+            const Camera camera = model.getCameraCount() > 0 ? fileCamera()
+                                                             : SceneFraming::framingCamera(model.sceneBounds(), 4.0f / 3);
+            pictures[i] = renderer->renderToImage(model, camera, QSize(160, 120));
+            ASSERT_FALSE(pictures[i].isNull()) << name;
+        }
+        int changed = 0;
+        for (int y = 0; y < 120; ++y)
+            for (int x = 0; x < 160; ++x)
+                changed += std::abs(luminance(pictures[0].pixel(x, y)) - luminance(pictures[1].pixel(x, y))) > 8;
+        EXPECT_GT(changed, 160 * 120 / 50) << name;
+    }
+}
