@@ -1,6 +1,7 @@
 // The viewport's frames and a scene's import, on DamagedHelmet and the built-in demo scene at
 // 1280x720, each against a baseline measured in the same run:
-//   interactive  one sample, FXAA, blit to a window-sized target (SceneViewport while dragging),
+//   interactive  one sample at the viewport's interactive scale, FXAA, scaled up to a window-sized
+//                target (SceneViewport while dragging),
 //                the camera turning half a degree a frame ("orbit") or standing ("still"),
 //                standing with the shadow maps redrawn each frame all the same (the baseline of
 //                their reuse), and FXAA with the blit alone on the last frame's picture;
@@ -31,6 +32,7 @@
 #include "render/scenerenderer.h"
 #include "scene/gltfscenereader.h"
 #include "scene/scenedata.h"
+#include "viewport/sceneviewport.h"
 #include "viewport/viewerscene.h"
 
 #include <QFileInfo>
@@ -58,16 +60,19 @@ bool import(GLTFImporter& importer, const SceneSource& source, GPUModel& model, 
 }
 
 // A framebuffer drawing into a colour texture (kept by the caller) or renderbuffer, with depth.
-std::unique_ptr<FramebufferObject> target(std::unique_ptr<Texture>* colour, bool depth)
+// What SceneViewport draws its cheaper picture at while the camera moves.
+const QSize kInteractiveSize = SceneViewport::interactiveSize(kSize, SceneViewport::kDefaultInteractiveScale);
+
+std::unique_ptr<FramebufferObject> target(std::unique_ptr<Texture>* colour, bool depth, const QSize& size = kSize)
 {
     auto fbo = std::make_unique<FramebufferObject>();
     AutoBinder bound(fbo.get());
     bool made = colour ? (colour->reset(fbo->createTexture2D(GL_COLOR_ATTACHMENT0, GL_RGBA8, GL_RGBA, GL_UNSIGNED_BYTE,
-                                                              kSize.width(), kSize.height())),
+                                                              size.width(), size.height())),
                           *colour != nullptr)
-                       : fbo->createRenderbuffer(GL_COLOR_ATTACHMENT0, GL_RGBA8, kSize.width(), kSize.height(), 0);
-    made = made && (!depth || fbo->createRenderbuffer(GL_DEPTH_ATTACHMENT, GL_DEPTH_COMPONENT24, kSize.width(),
-                                                      kSize.height(), 0));
+                       : fbo->createRenderbuffer(GL_COLOR_ATTACHMENT0, GL_RGBA8, size.width(), size.height(), 0);
+    made = made && (!depth || fbo->createRenderbuffer(GL_DEPTH_ATTACHMENT, GL_DEPTH_COMPONENT24, size.width(),
+                                                      size.height(), 0));
     if (!made || !fbo->isComplete())
         std::abort();
     return fbo;
@@ -101,8 +106,8 @@ struct Viewer
                                                      model.sceneBounds())
                      : SceneFraming::framingCamera(model.sceneBounds(), aspect);
         renderer = std::make_unique<SceneRenderer>(&manager);
-        fast = target(&fastColour, true);
-        fxaa = target(&fxaaColour, false);
+        fast = target(&fastColour, true, kInteractiveSize);
+        fxaa = target(&fxaaColour, false, kInteractiveSize);
         window = target(nullptr, false);
         DrawBuffers::setup(&macros);
         unlit = std::make_unique<ShaderProgram>();
@@ -146,16 +151,16 @@ struct Viewer
         renderer->setSamples(1);
         if (scene) {
             AutoBinder bound(fast.get());
-            glViewport(0, 0, kSize.width(), kSize.height());
-            if (!renderer->render(model, camera, kSize))
+            glViewport(0, 0, kInteractiveSize.width(), kInteractiveSize.height());
+            if (!renderer->render(model, camera, kInteractiveSize))
                 return false;
         }
         if (!post.apply(PostProcess::eFXAA, fastColour.get(), fxaaColour.get()))
             return false;
         glBindFramebuffer(GL_READ_FRAMEBUFFER, fxaa->getFBO());
         glBindFramebuffer(GL_DRAW_FRAMEBUFFER, window->getFBO());
-        glBlitFramebuffer(0, 0, kSize.width(), kSize.height(), 0, 0, kSize.width(), kSize.height(), GL_COLOR_BUFFER_BIT,
-                          GL_NEAREST);
+        glBlitFramebuffer(0, 0, kInteractiveSize.width(), kInteractiveSize.height(), 0, 0, kSize.width(), kSize.height(),
+                          GL_COLOR_BUFFER_BIT, GL_LINEAR);
         glBindFramebuffer(GL_FRAMEBUFFER, 0);
         glFinish();
         return true;

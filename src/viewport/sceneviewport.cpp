@@ -30,6 +30,7 @@
 #include <QPointer>
 
 #include <algorithm>
+#include <cmath>
 
 namespace Tavren::Vyx {
 
@@ -144,6 +145,7 @@ struct SceneViewport::Private
     std::unique_ptr<FramebufferObject> fastTarget, fxaaTarget;
     std::unique_ptr<Texture> fastColour, fxaaColour;
     QSize targetSize;
+    QSize fastSize; // of the interactive targets
     std::unique_ptr<PostProcess> post = std::make_unique<PostProcess>();
     GLSLMacroProcessor macros;
     bool macrosReady = false;
@@ -402,6 +404,18 @@ void SceneViewport::setInteractive(bool interactive)
     update();
 }
 
+void SceneViewport::setInteractiveScale(float scale)
+{
+    _interactiveScale = std::clamp(std::isfinite(scale) ? scale : 1.0f, 0.1f, 1.0f);
+    if (_interactive)
+        update();
+}
+
+QSize SceneViewport::interactiveSize(const QSize& full, float scale)
+{
+    return QSize(std::max(1, int(std::lround(full.width() * scale))), std::max(1, int(std::lround(full.height() * scale))));
+}
+
 void SceneViewport::resizeGL(int, int)
 {
     _controller->setViewportSize(size());
@@ -447,6 +461,13 @@ void SceneViewport::paintGL()
 bool SceneViewport::composite(const QSize& size)
 {
     Private& d = *_d;
+    const QSize drawn = _interactive ? interactiveSize(size, _interactiveScale) : size;
+    if (_interactive && d.fastTarget && d.fastSize != drawn) {
+        detachColour(d.fastTarget.get());
+        detachColour(d.fxaaTarget.get());
+        d.fastTarget.reset();
+        d.fxaaTarget.reset();
+    }
     if (d.targetSize != size) {
         d.fullTarget.reset();
         detachColour(d.fastTarget.get());
@@ -458,9 +479,10 @@ bool SceneViewport::composite(const QSize& size)
     FramebufferObject* target = nullptr;
     if (_interactive) {
         if (!d.fastTarget)
-            d.fastTarget = makeTarget(size, 0, &d.fastColour);
+            d.fastTarget = makeTarget(drawn, 0, &d.fastColour);
         if (!d.fxaaTarget)
-            d.fxaaTarget = makeTarget(size, -1, &d.fxaaColour);
+            d.fxaaTarget = makeTarget(drawn, -1, &d.fxaaColour);
+        d.fastSize = drawn;
         target = d.fastTarget.get();
     } else {
         if (!d.fullTarget || d.fullTargetSamples != d.fullSamples) {
@@ -478,12 +500,12 @@ bool SceneViewport::composite(const QSize& size)
         AutoBinder bound(target);
         if (!bound.isBound())
             return false;
-        glViewport(0, 0, size.width(), size.height());
+        glViewport(0, 0, drawn.width(), drawn.height());
         _renderer->setSamples(_interactive ? 1 : d.fullSamples);
-        if (!_renderer->render(d.model(), camera, size))
+        if (!_renderer->render(d.model(), camera, drawn))
             return false;
         if (_selection.hit)
-            drawHighlight(size);
+            drawHighlight(drawn);
     }
     GLuint source = target->getFBO();
     if (_interactive) {
@@ -493,8 +515,8 @@ bool SceneViewport::composite(const QSize& size)
     }
     glBindFramebuffer(GL_READ_FRAMEBUFFER, source);
     glBindFramebuffer(GL_DRAW_FRAMEBUFFER, defaultFramebufferObject());
-    glBlitFramebuffer(0, 0, size.width(), size.height(), 0, 0, size.width(), size.height(), GL_COLOR_BUFFER_BIT,
-                      GL_NEAREST);
+    glBlitFramebuffer(0, 0, drawn.width(), drawn.height(), 0, 0, size.width(), size.height(), GL_COLOR_BUFFER_BIT,
+                      drawn == size ? GL_NEAREST : GL_LINEAR);
     return true;
 }
 

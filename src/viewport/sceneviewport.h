@@ -79,6 +79,14 @@ public:
     // Draws the cheaper picture until told otherwise (the controller does this while dragging).
     void setInteractive(bool interactive);
     bool isInteractive() const { return _interactive; }
+    // The share of each side the cheaper picture is drawn at before it is scaled up to the
+    // widget (0.5 by default: a quarter of the pixels to shade while the camera moves; 1 draws it
+    // at full size). Clamped to 0.1 ... 1.
+    static constexpr float kDefaultInteractiveScale = 0.5f;
+    void setInteractiveScale(float scale);
+    float interactiveScale() const { return _interactiveScale; }
+    // The size the cheaper picture of a `full`-sized widget is drawn at.
+    static QSize interactiveSize(const QSize& full, float scale);
     // Milliseconds the last frame took, GPU work included.
     double lastFrameMilliseconds() const { return _frameMilliseconds; }
 
@@ -112,6 +120,7 @@ private:
     QString _error;
     double _frameMilliseconds = 0.0;
     bool _interactive = false;
+    float _interactiveScale = kDefaultInteractiveScale;
     QPoint _pressPosition;
 };
 
