@@ -31,11 +31,14 @@ struct VYXGL_EXPORT ViewportPick
 
 // An interactive view of a GPUModel through SceneRenderer. It draws only when something
 // changed (camera, scene, selection, size); while the camera is being dragged it draws one
-// sample per pixel with FXAA, at rest the multisampled picture `vyxgl render` writes.
-// Clicking (press and release without a drag) picks and selects; the selection is tinted.
+// sample per pixel with FXAA at a reduced size, at rest the multisampled picture `vyxgl render`
+// writes. Clicking (press and release without a drag) picks and selects; the selection is tinted.
 //
 // Shows its own scene (loadScene, the demo) or a host's model (setModel). Loading needs the
-// widget initialised (shown once); a scene that fails to load leaves the previous one.
+// widget initialised (shown once); a scene that fails to load leaves the previous one. Several
+// viewports may share a process when their contexts share (one window, or
+// Qt::AA_ShareOpenGLContexts); a model given to setModel() is drawn by that viewport alone, as
+// its vertex arrays belong to one context.
 class VYXGL_EXPORT SceneViewport : public QOpenGLWidget
 {
     Q_OBJECT
