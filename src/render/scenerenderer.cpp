@@ -21,18 +21,18 @@
 #include "gl/textureio/textureio.h"
 #include "gl/textureio/textureutilities.h"
 #include "gl/textures/texturemanager.h"
+#include "render/internal/shadingprograms.h"
 #include "render/internal/shadowsignature.h"
 #include "render/punctuallight.h"
 #include "render/scenematerial.h"
 #include "render/shadowmaprenderer.h"
-#include "render/internal/shadingprograms.h"
 
 #include <QVariantList>
 #include <QtMath>
 
 #include <algorithm>
-#include <set>
 #include <cmath>
+#include <set>
 
 namespace Tavren::Vyx {
 
@@ -208,7 +208,6 @@ QVector<int> blendedBackToFront(GPUModel& model, const QVector3D& eye)
         order.append(entry.second);
     return order;
 }
-
 
 struct SkyUniforms
 {

@@ -26,8 +26,11 @@ ShadingPrograms::Program* ShadingPrograms::get(quint64 extensionFlags, QString& 
 {
     const quint64 key = extensionFlags & SceneMaterial::kExtensionFlags;
     const auto found = _programs.find(key);
-    if (found != _programs.end())
+    if (found != _programs.end()) {
+        if (!found->second.program)
+            error = found->second.error; // failed before: not linked again each frame
         return found->second.program ? &found->second : nullptr;
+    }
     Program& made = _programs[key];
     TextureManager* manager = _manager ? _manager : TextureManager::Instance();
     // Registered before the sources that name them are read.
@@ -56,6 +59,7 @@ ShadingPrograms::Program* ShadingPrograms::get(quint64 extensionFlags, QString& 
         error = QStringLiteral("The shading program (%1) does not link: %2")
                     .arg(key ? SceneMaterial::extensionDefines(key).join(QLatin1Char(' ')) : QStringLiteral("metal-roughness"),
                          program->log());
+        made.error = error;
         return nullptr;
     }
     const auto at = [&](const char* name) { return GLint(program->getUniformLocation(QLatin1String(name))); };
@@ -65,7 +69,7 @@ ShadingPrograms::Program* ShadingPrograms::get(quint64 extensionFlags, QString& 
             at("u_Eye"), at("u_Exposure"), at("u_EnvironmentIntensity"), at("u_PrefilteredLevels"),
             at("u_PrefilteredMap"), at("u_BRDFTable"), at("u_ShadowsEnabled"), at("u_ShadowMapDepthSampler"),
             at("u_AlphaBlend"), at("u_TransmissionMap"), at("u_TransmissionLevels"),
-            at("u_SheenAlbedo")};
+            at("u_SheenAlbedo"), QString()};
     made.program = std::move(program);
     return &made;
 }

@@ -51,6 +51,7 @@ public:
         GLint viewProjection, eye, exposure, environmentIntensity, prefilteredLevels, prefilteredMap;
         GLint brdfTable, shadowsEnabled, shadowMapDepthSampler, alphaBlend, transmissionMap, transmissionLevels;
         GLint sheenAlbedo;
+        QString error; // why it did not link, when it did not
     };
 
     ShadingPrograms();
