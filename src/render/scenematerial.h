@@ -23,7 +23,7 @@ class ShaderProgram;
 // of masked materials in w or -1), PbrFactors (metallic, roughness, normal scale, occlusion
 // strength, where 0 means "no map") and Options (x: unlit, y: the vertex colours "va_Color0" are
 // multiplied in, z: the vertex array has tangents "va_Tangent0", w: the first texel of the
-// material's extension parameters). Spec-gloss materials keep their specular-glossiness map in
+// material's extension parameters). Specular-glossiness materials keep their specular-glossiness map in
 // MetallicRoughnessMap.
 //
 // Vertex attributes: "va_Vertex" (vec3), "va_Normal" (vec3), "va_TexCoord0" and "va_TexCoord1"
@@ -61,7 +61,7 @@ VYXGL_EXPORT QStringList extensionDefines(quint64 flags);
 // the material record's Options.w names. Texels 0-5: clearcoat (factor, roughness, normal
 // scale or 0 without a normal map), specular (colour, factor), sheen (colour, roughness),
 // transmission (factor, thickness, attenuation distance or 0, index of refraction),
-// attenuation colour, spec-gloss (specular colour, glossiness). Then three texels per map, in
+// attenuation colour, specular-glossiness (specular colour, glossiness). Then three texels per map, in
 // ExtensionMap order: the texture token as four 16-bit parts, and the two texture-transform
 // rows as in the material record.
 constexpr const char* kExtensionSampler = "u_MaterialExtensions";

@@ -159,7 +159,7 @@ struct VYXGL_EXPORT SceneData
             float attenuationDistance = 0.0f; // 0: light is not absorbed
             QVector3D attenuationColor{1, 1, 1};
         } transmission;
-        // Spec-gloss materials keep their diffuse colour and texture in baseColor*; the
+        // Specular-glossiness materials keep their diffuse colour and texture in baseColor*; the
         // specular-glossiness texture (sRGB colour, glossiness in alpha) has its own reference.
         struct
         {
@@ -167,6 +167,16 @@ struct VYXGL_EXPORT SceneData
             float glossiness = 1.0f;
             TextureRef texture;
         } specularGlossiness;
+
+        // Every texture reference of the material, its extensions' included.
+        std::vector<const TextureRef*> textureRefs() const
+        {
+            return {&baseColorTexture,          &metallicRoughnessTexture,      &normalTexture,
+                    &occlusionTexture,          &emissiveTexture,               &clearcoat.texture,
+                    &clearcoat.roughnessTexture, &clearcoat.normalTexture,      &specular.texture,
+                    &specular.colorTexture,     &sheen.colorTexture,            &sheen.roughnessTexture,
+                    &transmission.texture,      &transmission.thicknessTexture, &specularGlossiness.texture};
+        }
     };
 
     // GL enum values as the file gives them; 0 for a filter the file leaves open.

@@ -230,21 +230,21 @@ TEST_F(MaterialExtensionsTest, LayersAndLobesChangeWhatTheySay)
     EXPECT_GT(rimGain, 2 * centreGain);
 }
 
-// Spec-gloss materials take their diffuse colour and specular reflectance from the extension;
+// Specular-glossiness materials take their diffuse colour and specular reflectance from the extension;
 // transmission shows the wall behind the sphere, tinted by the volume it crosses.
 TEST_F(MaterialExtensionsTest, SpecularGlossinessAndTransmission)
 {
     SphereRow row;
     row.addGreenWall();
-    M specGloss;
-    specGloss.extensions = M::SpecularGlossiness;
-    specGloss.baseColorFactor = QVector4D(0.05f, 0.1f, 0.8f, 1);
-    specGloss.specularGlossiness.specularFactor = QVector3D(0, 0, 0);
-    specGloss.specularGlossiness.glossiness = 0;
-    const int diffuse = row.add(specGloss);
-    specGloss.specularGlossiness.specularFactor = QVector3D(1, 1, 1);
-    specGloss.specularGlossiness.glossiness = 1;
-    const int mirror = row.add(specGloss);
+    M glossy;
+    glossy.extensions = M::SpecularGlossiness;
+    glossy.baseColorFactor = QVector4D(0.05f, 0.1f, 0.8f, 1);
+    glossy.specularGlossiness.specularFactor = QVector3D(0, 0, 0);
+    glossy.specularGlossiness.glossiness = 0;
+    const int diffuse = row.add(glossy);
+    glossy.specularGlossiness.specularFactor = QVector3D(1, 1, 1);
+    glossy.specularGlossiness.glossiness = 1;
+    const int mirror = row.add(glossy);
 
     const M white = rough(QVector3D(1, 1, 1), 0.05f);
     const int opaque = row.add(white);

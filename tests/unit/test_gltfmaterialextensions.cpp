@@ -61,7 +61,7 @@ TEST(GLTFMaterialExtensions, FactorsMapsAndDefaults)
 }
 
 // An index of refraction other than 1.5 alone asks for the specular variant; 0 stands for an
-// infinite index; spec-gloss replaces the base colour and drops metal-roughness maps; a map
+// infinite index; specular-glossiness replaces the base colour and drops metal-roughness maps; a map
 // that does not resolve fails the file.
 TEST(GLTFMaterialExtensions, IndexOfRefractionSpecularGlossinessAndBadMaps)
 {

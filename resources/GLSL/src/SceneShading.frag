@@ -10,7 +10,7 @@
 // specular lobe is GGX with height-correlated Smith visibility, compensated for the energy that
 // scattering between microfacets would reflect and a single-scattering BRDF loses. Variants add
 // a clear coat, a tinted or weighted dielectric specular, sheen, transmission through a volume,
-// or spec-gloss parameters.
+// or specular-glossiness parameters.
 
 #define MAX_LIGHTS 8
 const float PI = 3.14159265358979;

@@ -191,13 +191,7 @@ void GLTFTextures::predecode()
         return;
     std::set<int> images;
     for (const SceneData::Material& m : _scene.materials) {
-        const SceneData::TextureRef* refs[] = {
-            &m.baseColorTexture,          &m.metallicRoughnessTexture,   &m.normalTexture,
-            &m.occlusionTexture,          &m.emissiveTexture,            &m.clearcoat.texture,
-            &m.clearcoat.roughnessTexture, &m.clearcoat.normalTexture,   &m.specular.texture,
-            &m.specular.colorTexture,     &m.sheen.colorTexture,         &m.sheen.roughnessTexture,
-            &m.transmission.texture,      &m.transmission.thicknessTexture, &m.specularGlossiness.texture};
-        for (const SceneData::TextureRef* ref : refs) {
+        for (const SceneData::TextureRef* ref : m.textureRefs()) {
             const int image = ref->texture >= 0 && ref->texture < int(_scene.textures.size())
                                   ? _scene.textures[size_t(ref->texture)].source
                                   : -1;
