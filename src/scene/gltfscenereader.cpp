@@ -13,6 +13,7 @@
 
 #include <tiny_gltf.h>
 
+#include <exception>
 #include <set>
 
 namespace Tavren::Vyx {
@@ -172,11 +173,18 @@ std::unique_ptr<SceneData> GLTFSceneReader::readFromMemory(const QByteArray& byt
     tinygltf::Model gltf;
     std::string error, warning;
     const QByteArray& parsedBytes = input.bytes();
-    const bool parsed =
-        parsedBytes.startsWith("glTF")
-            ? loader.LoadBinaryFromMemory(&gltf, &error, &warning, reinterpret_cast<const unsigned char*>(parsedBytes.constData()),
-                                          unsigned(parsedBytes.size()), base)
-            : loader.LoadASCIIFromString(&gltf, &error, &warning, parsedBytes.constData(), unsigned(parsedBytes.size()), base);
+    bool parsed = false;
+    // The parser indexes some arrays with checked access, so malformed files can throw.
+    try {
+        parsed = parsedBytes.startsWith("glTF")
+                     ? loader.LoadBinaryFromMemory(&gltf, &error, &warning,
+                                                   reinterpret_cast<const unsigned char*>(parsedBytes.constData()),
+                                                   unsigned(parsedBytes.size()), base)
+                     : loader.LoadASCIIFromString(&gltf, &error, &warning, parsedBytes.constData(),
+                                                  unsigned(parsedBytes.size()), base);
+    } catch (const std::exception& thrown) {
+        error = std::string("The glTF parser gave up on a malformed file: ") + thrown.what();
+    }
     for (const QString& line : QString::fromStdString(warning).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
         _warnings << line.trimmed();
     if (!parsed) {
