@@ -123,6 +123,8 @@ void PassTimer::begin(FrameTimings::Pass pass)
     if (!_enabled || _current < 0 || pass < 0 || pass >= FrameTimings::kPassCount)
         return;
     Slot& slot = _slots[_current];
+    if (_waitForGPU)
+        glFinish();
     _passStart = _clock.nsecsElapsed();
     // A pass timed twice in a frame, or inside another, goes without a GPU figure.
     if (slot.timings.ran[pass])
@@ -145,6 +147,8 @@ void PassTimer::end(FrameTimings::Pass pass)
     }
     if (!_enabled || _current < 0 || pass < 0 || pass >= FrameTimings::kPassCount)
         return;
+    if (_waitForGPU)
+        glFinish();
     Slot& slot = _slots[_current];
     slot.timings.cpuMilliseconds[pass] += double(_clock.nsecsElapsed() - _passStart) / 1e6;
     slot.timings.ran[pass] = true;

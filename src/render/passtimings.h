@@ -41,6 +41,11 @@ public:
 
     void setEnabled(bool enabled) { _enabled = enabled; }
     bool isEnabled() const { return _enabled; }
+    // Finishes the GPU's work at every pass boundary, so that each CPU figure holds its pass's
+    // drawing too. Slows the frame; for software rasterisers, which do their drawing at the
+    // next flush, where the timer queries see next to nothing.
+    void setWaitForGPU(bool wait) { _waitForGPU = wait; }
+    bool waitsForGPU() const { return _waitForGPU; }
 
     // Starts a frame; the one before stays readable until then.
     void beginFrame();
@@ -89,6 +94,7 @@ private:
     std::unique_ptr<Slot[]> _slots;
     int _current = -1;
     bool _enabled = false;
+    bool _waitForGPU = false;
     bool _resolved = false;
     void* _getResult = nullptr; // glGetQueryObjectui64v, null without timer queries
     int _activePass = -1;       // the pass whose query is open: one at a time per target

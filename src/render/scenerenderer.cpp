@@ -219,6 +219,7 @@ struct SkyUniforms
 struct SceneRenderer::Private
 {
     TextureManager* manager = nullptr;
+    int tokensPerDraw = 0; // of the model being drawn
     ShadingPrograms shading;
     std::unique_ptr<ShaderProgram> skyProgram;
     SkyUniforms skyUniforms = {};
@@ -308,15 +309,17 @@ bool SceneRenderer::setProceduralSky(const QVector3D& sunDirection)
         Utils::createGLCubemapFromTexture(source.get(), Utils::SourceLatLong, 128, Utils::ColorSpaceLinear)));
 }
 
-bool SceneRenderer::prepare()
+bool SceneRenderer::prepare(const GPUModel& model)
 {
+    // The shading programs are built for as many textures as a drawable of this model binds.
+    _d->tokensPerDraw = model.maxDrawableTokens();
     if (_d->skyProgram)
         return _d->skyProgram->isLinked();
     if (!_d->manager)
         _d->manager = TextureManager::Instance();
     _d->shading.setTextureManager(_d->manager);
     QString error;
-    if (!_d->shading.get(0, error))
+    if (!_d->shading.get(0, _d->tokensPerDraw, error))
         return fail(error);
 
     _d->skyProgram = std::make_unique<ShaderProgram>();
@@ -400,7 +403,7 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
     // before the scene is drawn, and all of its state once the frame is done.
     const RenderStateGuard callerState;
     const BlendAndFaceGuard callerFactors;
-    if (!prepare())
+    if (!prepare(model))
         return false;
     if (!_d->environment && !setProceduralSky(QVector3D(0.4f, 0.8f, 0.3f)))
         return false;
@@ -527,7 +530,7 @@ bool SceneRenderer::drawVariant(GPUModel& model, quint64 variant, const ShadingF
                                 const std::function<bool(ShaderProgram*)>& draw)
 {
     QString error;
-    ShadingPrograms::Program* program = _d->shading.get(variant, error);
+    ShadingPrograms::Program* program = _d->shading.get(variant, _d->tokensPerDraw, error);
     if (!program)
         return fail(error);
     if (!ShadingPrograms::begin(*program, frame))

@@ -80,6 +80,8 @@ public:
 
     // Per-pass CPU and GPU times (off by default; see PassTimer).
     void setTimingEnabled(bool enabled) { _timer.setEnabled(enabled); }
+    // See PassTimer::setWaitForGPU.
+    void setTimingWaitsForGPU(bool wait) { _timer.setWaitForGPU(wait); }
     // The latest frame's figures, renderToImage's read-back as its post pass; the context must
     // be current.
     FrameTimings lastFrameTimings() { return _timer.lastFrame(); }
@@ -87,7 +89,7 @@ public:
 private:
     struct Private;
     bool fail(const QString& message);
-    bool prepare();
+    bool prepare(const GPUModel& model);
     bool renderShadows(GPUModel& model, const Camera& camera, const QSize& size);
     bool drawSky(const QMatrix4x4& viewProjection);
     bool drawVariant(GPUModel& model, quint64 variant, const ShadingFrame& frame,

@@ -142,11 +142,15 @@ protected:
         VyxTest::GLTest::TearDown();
     }
 
-    std::unique_ptr<ShaderProgram> program()
+    // Built for draws of at most tokensPerDraw tokens, or for the manager's most without one.
+    std::unique_ptr<ShaderProgram> program(int tokensPerDraw = 0)
     {
         GLSLMacroProcessor mp;
         mp.addDefine("DEBUG", "1");
-        manager->setup(&mp);
+        if (tokensPerDraw > 0)
+            manager->setupForDraws(&mp, tokensPerDraw);
+        else
+            manager->setup(&mp);
         auto linked = std::make_unique<ShaderProgram>();
         linked->setMacroProcessor(&mp);
         linked->addShader(GL_VERTEX_SHADER, kVertex);
@@ -237,10 +241,12 @@ TEST_P(ManagedTextureDrawTest, AShaderReachesTokensOfEveryKindSizeAndFormat)
 
     const int width = int(columns.size()) * 2;
     VyxTest::ColourTarget target(width, kRows, 0.5f);
-    std::unique_ptr<ShaderProgram> linked = program();
+    // The sampler manager reaches a handful per draw, with a program declaring only as many
+    // slots; the array manager all of them at once.
+    const int batch = GetParam() == Kind::Sampler ? 10 : int(columns.size());
+    std::unique_ptr<ShaderProgram> linked = program(batch);
     VyxTest::MessageCapture capture;
-    // The sampler manager reaches a handful per draw; the array manager all of them at once.
-    draw(*linked, columns, GetParam() == Kind::Sampler ? 10 : int(columns.size()));
+    draw(*linked, columns, batch);
     EXPECT_TRUE(capture.bodies(QtWarningMsg).contains("Failed to load " + dir.filePath("broken.png")));
     EXPECT_FALSE(capture.texts(QtWarningMsg).join('\n').contains("glError")) << capture.texts().join('\n').toStdString();
 
@@ -260,6 +266,15 @@ TEST_P(ManagedTextureDrawTest, AShaderReachesTokensOfEveryKindSizeAndFormat)
 
     if (auto* arrays = dynamic_cast<Array2DTextureManager*>(manager.get()))
         EXPECT_LE(arrays->arrayCount(), 16) << "a handful of arrays for " << columns.size() << " tokens";
+
+    // A program declaring fewer slots than a draw binds says so.
+    if (GetParam() == Kind::Sampler) {
+        std::unique_ptr<ShaderProgram> short9 = program(batch - 1);
+        VyxTest::MessageCapture shortCapture;
+        draw(*short9, columns, batch);
+        EXPECT_TRUE(shortCapture.bodies(QtWarningMsg).join('\n').contains("Texture slot 9 is in use but the program declares fewer slots"))
+            << shortCapture.texts().join('\n').toStdString();
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Managers, ManagedTextureDrawTest, ::testing::Values(Kind::Sampler, Kind::Array),

@@ -665,6 +665,16 @@ quint64 GPUModel::getTotalVerts() const
     return total;
 }
 
+int GPUModel::maxDrawableTokens() const
+{
+    int material = 0, object = 0;
+    for (const Drawable& d : _drawables) {
+        material = std::max(material, d.materialData ? int(d.materialData->textureTokens().size()) : 0);
+        object = std::max(object, d.objectData ? int(d.objectData->textureTokens().size()) : 0);
+    }
+    return material + object;
+}
+
 namespace {
 
 int countSets(const QVector<GPUModel::Drawable>& drawables, const QString& prefix)

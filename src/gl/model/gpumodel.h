@@ -252,6 +252,10 @@ public:
     QList<int> materials() const { return _materialMap.keys(); }
     QVector<int> materialDrawables(int material) const { return _materialMap.value(material); }
     quint64 getTotalVerts() const;
+    // The most texture tokens drawing the drawables can have bound at once: the largest token set
+    // of any material data plus that of any object data, as one drawable's may stay bound while
+    // the next one's other collection is bound.
+    int maxDrawableTokens() const;
     // The most texture-coordinate and tangent sets any drawable's vertex array carries, counted
     // from its attribute names ("va_TexCoord<n>", "va_Tangent<n>").
     int maxUVSets() const;

@@ -46,6 +46,14 @@ void SamplerTextureManager::setup(GLSLMacroProcessor* mp)
     _dirty = true;
 }
 
+void SamplerTextureManager::setupForDraws(GLSLMacroProcessor* mp, int tokensPerDraw)
+{
+    setup(mp);
+    if (mp)
+        mp->addDefine(QStringLiteral("TEXTURE_MANAGER_SLOT_COUNT"),
+                      QString::number(std::clamp(tokensPerDraw, 1, std::max(_maxSlots, 1))));
+}
+
 QString SamplerTextureManager::getShaderFile() const
 {
     return QStringLiteral("TextureManager.glslc");
@@ -74,10 +82,14 @@ bool SamplerTextureManager::bind(const QSet<TextureToken>& tokens)
         if (!texture || !texture->bind())
             continue;
         const int unit = texture->unit();
-        int slot = int(_slotUnits.indexOf(unit));
-        if (slot >= 0) {
+        int slot = 0;
+        while (slot < _slotUnits.size() && (_slotUnits[slot] != unit || _slotCounts[slot] == 0))
+            ++slot;
+        if (slot < _slotUnits.size()) {
             ++_slotCounts[slot];
         } else {
+            // The lowest free slot, not one this unit held before: programs built for fewer
+            // slots than the maximum read only the first ones.
             slot = int(_slotCounts.indexOf(0));
             if (slot >= 0) {
                 _slotUnits[slot] = unit;
@@ -123,6 +135,16 @@ bool SamplerTextureManager::bind(ShaderProgram* program)
     if (count > _maxSlots)
         VYX_WARNING("Requesting %d texture slots but only %d available. Rendering will be incorrect!", count,
                     _maxSlots);
+    // A program set up for fewer draws' tokens than are bound reads the rest as invalid.
+    int highest = count - 1;
+    while (highest > 0 && _slotCounts[highest] == 0)
+        --highest;
+    if (highest > 0 && highest < _maxSlots && slotsLocation >= 0 && !_reportedShortProgram &&
+        managedUniformLocation(program, QStringLiteral("u_ManagedTextureSlots[%1]").arg(highest)) < 0) {
+        _reportedShortProgram = true;
+        VYX_WARNING("Texture slot %d is in use but the program declares fewer slots; its textures read as invalid",
+                    highest);
+    }
     const bool anyInUse = std::any_of(_slotCounts.cbegin(), _slotCounts.cend(), [](int c) { return c > 0; });
     const bool needFallback = !anyInUse || _slotCounts.contains(0);
     if (needFallback && _fallbackTexture->bind())

@@ -9,6 +9,7 @@ namespace Tavren::Vyx {
 // The manager that works on every GL 3.2 driver: the textures of the bound tokens sit in a few
 // sampler uniforms ("slots"), and a one-row integer texture maps each token to its slot. The
 // shader side is "TextureManager.glslc"; it declares getMaxSlots() samplers, set by setup().
+// A texture takes the lowest free slot, so with n textures bound, slots 0 to n - 1 are used.
 class VYXGL_EXPORT SamplerTextureManager : public TextureManager
 {
 public:
@@ -26,6 +27,9 @@ public:
     bool unbind(const QSet<TextureToken>& tokens) override;
     int maxTokensPerDraw() const override { return _maxSlots; }
     void setup(GLSLMacroProcessor* mp) override;
+    // Declares only as many slots as the draws need: the shader switches over the slots, and a
+    // software rasteriser samples every case of it.
+    void setupForDraws(GLSLMacroProcessor* mp, int tokensPerDraw) override;
     QString getShaderFile() const override;
     void clear() override;
 
@@ -42,6 +46,7 @@ private:
 
     bool _dirty = true;
     int _maxSlots = 8;
+    bool _reportedShortProgram = false;
     Texture* _slotMapTexture = nullptr;
     QVector<qint32> _tokenSlotMap;
     QVector<qint32> _slotUnits;

@@ -256,6 +256,11 @@ void TextureManager::clear()
     resetNullEntries();
 }
 
+void TextureManager::setupForDraws(GLSLMacroProcessor* mp, int)
+{
+    setup(mp);
+}
+
 void TextureManager::textureTokenIssued(const TextureToken&) {}
 
 void TextureManager::textureTokenRevoked(const TextureToken&) {}

@@ -61,6 +61,10 @@ public:
     virtual int maxTokensPerDraw() const { return INT_MAX; }
     // Adds the defines the manager's GLSL file needs.
     virtual void setup(GLSLMacroProcessor* mp);
+    // As setup(), for a program whose draws have at most tokensPerDraw distinct tokens bound at
+    // once, counting any bound outside them: a manager whose shaders pay for every texture they
+    // could read may then declare fewer.
+    virtual void setupForDraws(GLSLMacroProcessor* mp, int tokensPerDraw);
     // The GLSL source under :/GLSL/src that implements "TextureManager.glslh".
     virtual QString getShaderFile() const = 0;
     // Deletes every token texture (managed or not) and the pool's unused textures.

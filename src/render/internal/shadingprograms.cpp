@@ -22,23 +22,23 @@ void setVectors(GLint location, const QVector<QVector3D>& values)
 ShadingPrograms::ShadingPrograms() = default;
 ShadingPrograms::~ShadingPrograms() = default;
 
-ShadingPrograms::Program* ShadingPrograms::get(quint64 extensionFlags, QString& error)
+ShadingPrograms::Program* ShadingPrograms::get(quint64 extensionFlags, int tokensPerDraw, QString& error)
 {
     const quint64 key = extensionFlags & SceneMaterial::kExtensionFlags;
-    const auto found = _programs.find(key);
+    const auto found = _programs.find({key, tokensPerDraw});
     if (found != _programs.end()) {
         if (!found->second.program)
             error = found->second.error; // failed before: not linked again each frame
         return found->second.program ? &found->second : nullptr;
     }
-    Program& made = _programs[key];
+    Program& made = _programs[{key, tokensPerDraw}];
     TextureManager* manager = _manager ? _manager : TextureManager::Instance();
     // Registered before the sources that name them are read.
     InstanceDataPlan* object = SceneMaterial::objectPlan();
     InstanceDataPlan* material = SceneMaterial::materialPlan();
     GLSLMacroProcessor macros;
     DrawBuffers::setup(&macros);
-    manager->setup(&macros);
+    manager->setupForDraws(&macros, tokensPerDraw);
     ShadowMapManager::setup(&macros);
     for (const QString& define : SceneMaterial::extensionDefines(key))
         macros.addDefine(define, QStringLiteral("1"));

@@ -58,15 +58,17 @@ public:
     ~ShadingPrograms();
     void setTextureManager(TextureManager* manager) { _manager = manager; }
 
-    // The variant for SceneMaterial's extension flags; null with error set if it does not link.
-    Program* get(quint64 extensionFlags, QString& error);
+    // The variant for SceneMaterial's extension flags, for draws that bind at most tokensPerDraw
+    // texture tokens at once (see TextureManager::setupForDraws); null with error set if it does
+    // not link.
+    Program* get(quint64 extensionFlags, int tokensPerDraw, QString& error);
     // Binds the program and hands it the frame; end() undoes what begin() bound.
     static bool begin(Program& program, const ShadingFrame& frame);
     static void end(Program& program, const ShadingFrame& frame);
 
 private:
     TextureManager* _manager = nullptr;
-    std::map<quint64, Program> _programs;
+    std::map<std::pair<quint64, int>, Program> _programs;
 };
 
 } // namespace Tavren::Vyx
