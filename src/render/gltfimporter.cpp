@@ -20,6 +20,7 @@
 #include <QHash>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <map>
 #include <numeric>
@@ -31,6 +32,38 @@ namespace {
 
 constexpr int kMaterialMaps = 5;
 const char* const kMapNames[kMaterialMaps] = {"BaseColor", "MetallicRoughness", "Normal", "Occlusion", "Emissive"};
+
+// The material's five core maps, in the order of kMapNames.
+std::array<const SceneData::TextureRef*, kMaterialMaps> coreMaps(const SceneData::Material& m)
+{
+    const bool specularGlossiness = (m.extensions & SceneData::Material::SpecularGlossiness) && !m.unlit;
+    return {&m.baseColorTexture, specularGlossiness ? &m.specularGlossiness.texture : &m.metallicRoughnessTexture,
+            &m.normalTexture, &m.occlusionTexture, &m.emissiveTexture};
+}
+
+// The set a map reads as uploaded: only sets 0 and 1 are.
+int uploadedSet(const SceneData::TextureRef& ref)
+{
+    return ref.texture >= 0 && (ref.texCoord < 0 || ref.texCoord > 1) ? 0 : ref.texCoord;
+}
+
+// Whether all core maps, those left out included, read one coordinate: set and transform.
+bool coreMapsShareCoordinate(const SceneData::Material& m)
+{
+    const auto maps = coreMaps(m);
+    float first[2][4], other[2][4];
+    maps[0]->transform.rows(first[0], first[1]);
+    for (const SceneData::TextureRef* map : maps) {
+        map->transform.rows(other[0], other[1]);
+        for (int row = 0; row < 2; ++row)
+            for (int i = 0; i < 3; ++i)
+                if (other[row][i] != first[row][i])
+                    return false;
+        if (uploadedSet(*map) != uploadedSet(*maps[0]))
+            return false;
+    }
+    return true;
+}
 
 // What a drawable holds: one GL primitive type and one way of being drawn (see the flags in
 // SceneMaterial), so the renderer can pick its passes by flags alone.
@@ -55,6 +88,8 @@ quint64 drawableFlags(const SceneData& scene, const SceneData::Primitive& primit
             if (m.extensions & extension)
                 flags |= flag;
     }
+    if (coreMapsShareCoordinate(m))
+        flags |= SceneMaterial::kOneMapCoordinateFlag;
     if (m.alphaMode == SceneData::Material::Mask)
         flags |= SceneMaterial::kAlphaMaskFlag;
     else if (m.alphaMode == SceneData::Material::Blend)
@@ -467,11 +502,8 @@ const Uploader::MaterialRecord* Uploader::materialRecord(const MaterialKey& key)
     MaterialRecord out;
     InstanceData& record = out.record;
     record = InstanceData(QLatin1String(SceneMaterial::kMaterialPlanName));
-    const SceneData::TextureRef* maps[kMaterialMaps] = {&m.baseColorTexture, &m.metallicRoughnessTexture, &m.normalTexture,
-                                                        &m.occlusionTexture, &m.emissiveTexture};
+    const auto maps = coreMaps(m);
     const bool specularGlossiness = (m.extensions & SceneData::Material::SpecularGlossiness) && !m.unlit;
-    if (specularGlossiness)
-        maps[1] = &m.specularGlossiness.texture;
     for (int i = 0; i < kMaterialMaps; ++i) {
         const SceneData::TextureRef& ref = *maps[i];
         TextureToken token;
@@ -518,13 +550,10 @@ const Uploader::MaterialRecord* Uploader::materialRecord(const MaterialKey& key)
 // A map's texture-transform rows, with the coordinate set it reads in row0[3].
 void Uploader::mapRows(const SceneData::TextureRef& ref, float row0[4], float row1[4])
 {
-    // Only sets 0 and 1 are uploaded.
-    int set = ref.texCoord;
-    if (ref.texture >= 0 && (set < 0 || set > 1)) {
-        if (!_reportedTexCoordSet)
-            _warnings << QStringLiteral("Texture coordinate set %1 is not supported; set 0 is used").arg(set);
+    const int set = uploadedSet(ref);
+    if (set != ref.texCoord && !_reportedTexCoordSet) {
+        _warnings << QStringLiteral("Texture coordinate set %1 is not supported; set 0 is used").arg(ref.texCoord);
         _reportedTexCoordSet = true;
-        set = 0;
     }
     ref.transform.rows(row0, row1);
     row0[3] = float(set);

@@ -42,14 +42,15 @@ InstanceDataPlan* objectPlan()
     return plan;
 }
 
-QStringList extensionDefines(quint64 flags)
+QStringList variantDefines(quint64 flags)
 {
     QStringList defines;
     const std::pair<quint64, const char*> names[] = {{kClearcoatFlag, "MATERIAL_CLEARCOAT"},
                                                      {kSpecularFlag, "MATERIAL_SPECULAR"},
                                                      {kSheenFlag, "MATERIAL_SHEEN"},
                                                      {kTransmissionFlag, "MATERIAL_TRANSMISSION"},
-                                                     {kSpecularGlossinessFlag, "MATERIAL_SPECULAR_GLOSSINESS"}};
+                                                     {kSpecularGlossinessFlag, "MATERIAL_SPECULAR_GLOSSINESS"},
+                                                     {kOneMapCoordinateFlag, "MATERIAL_ONE_MAP_COORDINATE"}};
     for (const auto& [flag, name] : names)
         if (flags & flag)
             defines << QLatin1String(name);

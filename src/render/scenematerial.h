@@ -51,10 +51,14 @@ constexpr quint64 kSheenFlag = quint64(1) << 10;
 // Drawn after the opaque scene, which they show through.
 constexpr quint64 kTransmissionFlag = quint64(1) << 11;
 constexpr quint64 kSpecularGlossinessFlag = quint64(1) << 12;
-constexpr quint64 kExtensionFlags =
-    kClearcoatFlag | kSpecularFlag | kSheenFlag | kTransmissionFlag | kSpecularGlossinessFlag;
-// The defines that select the variant for some extension flags ("MATERIAL_CLEARCOAT", ...).
-VYXGL_EXPORT QStringList extensionDefines(quint64 flags);
+// Every core map of the drawable's materials reads the same coordinates (set and transform), so
+// the texture manager can sample the textures at them once for all maps.
+constexpr quint64 kOneMapCoordinateFlag = quint64(1) << 13;
+// The flags that choose the program variant.
+constexpr quint64 kVariantFlags =
+    kClearcoatFlag | kSpecularFlag | kSheenFlag | kTransmissionFlag | kSpecularGlossinessFlag | kOneMapCoordinateFlag;
+// The defines that select the variant for some flags ("MATERIAL_CLEARCOAT", ...).
+VYXGL_EXPORT QStringList variantDefines(quint64 flags);
 
 // Where the extension parameters live: a texture buffer the model shares, read by variants
 // through this sampler, with kExtensionTexels RGBA32F texels per material starting at the texel

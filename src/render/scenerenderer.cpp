@@ -97,9 +97,9 @@ using SceneMaterial::kAlphaBlendFlag;
 using SceneMaterial::kAlphaMaskFlag;
 using SceneMaterial::kDoubleSidedFlag;
 using SceneMaterial::kPointsOrLinesFlag;
-using SceneMaterial::kExtensionFlags;
+using SceneMaterial::kVariantFlags;
 using SceneMaterial::kTransmissionFlag;
-constexpr quint64 kKindFlags = kAlphaBlendFlag | kDoubleSidedFlag | kPointsOrLinesFlag | kExtensionFlags;
+constexpr quint64 kKindFlags = kAlphaBlendFlag | kDoubleSidedFlag | kPointsOrLinesFlag | kVariantFlags;
 
 // The blend factors and face orientation state, which RenderStateGuard leaves out.
 class BlendAndFaceGuard
@@ -163,7 +163,7 @@ bool drawKinds(GPUModel& model, ShaderProgram* scene, TextureManager* manager, q
 {
     bool ok = drawSelection(model, scene, manager, variant, kKindFlags, nullptr);
     ok = drawSelection(model, scene, manager, variant | kDoubleSidedFlag, kKindFlags, nullptr) && ok;
-    const quint64 points = kAlphaBlendFlag | kPointsOrLinesFlag | kExtensionFlags;
+    const quint64 points = kAlphaBlendFlag | kPointsOrLinesFlag | kVariantFlags;
     return drawSelection(model, scene, manager, variant | kPointsOrLinesFlag, points, nullptr) && ok;
 }
 
@@ -172,7 +172,7 @@ std::set<quint64> modelVariants(const GPUModel& model)
 {
     std::set<quint64> variants;
     for (int i = 0; i < model.numDrawables(); ++i)
-        variants.insert(model.drawable(i).flags & kExtensionFlags);
+        variants.insert(model.drawable(i).flags & kVariantFlags);
     return variants;
 }
 
@@ -503,8 +503,8 @@ bool SceneRenderer::render(GPUModel& model, const Camera& camera, const QSize& s
     const QVector<int> blended = blendedBackToFront(model, frame.cameraPosition);
     for (int first = 0, end = 0; first < blended.size(); first = end) {
         // A run of drawables of one variant shares its program's set-up.
-        const quint64 variant = model.getFlags(blended[first]) & kExtensionFlags;
-        for (end = first + 1; end < blended.size() && (model.getFlags(blended[end]) & kExtensionFlags) == variant;)
+        const quint64 variant = model.getFlags(blended[first]) & kVariantFlags;
+        for (end = first + 1; end < blended.size() && (model.getFlags(blended[end]) & kVariantFlags) == variant;)
             ++end;
         if ((variant & kTransmissionFlag) && frame.transmissionUnit < 0 && !copyForTransmission(frame))
             return fail(QStringLiteral("The scene behind transmissive surfaces could not be copied"));

@@ -10,7 +10,7 @@
 // specular lobe is GGX with height-correlated Smith visibility, compensated for the energy that
 // scattering between microfacets would reflect and a single-scattering BRDF loses. Variants add
 // a clear coat, a tinted or weighted dielectric specular, sheen, transmission through a volume,
-// or specular-glossiness parameters.
+// or specular-glossiness parameters, and one reads all core maps at a single coordinate.
 
 #define MAX_LIGHTS 8
 const float PI = 3.14159265358979;
@@ -131,6 +131,14 @@ vec4 extensionMap(int first, int map)
 }
 #endif
 
+// A core map's texel. Where every core map of the material reads the same coordinates, the
+// texture manager samples its textures there once for all of them.
+#ifdef MATERIAL_ONE_MAP_COORDINATE
+#define mapTexel(token, row0, row1) managedTextureAt(token)
+#else
+#define mapTexel(token, row0, row1) managedTexture(token, mapCoordinates(row0, row1))
+#endif
+
 // The prefiltered map's level for a roughness: its levels hold roughness 1 - sqrt(1 - k / (n - 1)).
 float prefilteredLod(float roughness)
 {
@@ -144,8 +152,10 @@ void main()
 #ifdef MATERIAL_EXTENSIONS
     int ext = int(options.w);
 #endif
-    vec4 baseColor = getBaseColorFactor(id) *
-                     managedTexture(getBaseColorMap(id), mapCoordinates(getBaseColorUVRow0(id), getBaseColorUVRow1(id)));
+#ifdef MATERIAL_ONE_MAP_COORDINATE
+    managedTexturesAt(mapCoordinates(getBaseColorUVRow0(id), getBaseColorUVRow1(id)));
+#endif
+    vec4 baseColor = getBaseColorFactor(id) * mapTexel(getBaseColorMap(id), getBaseColorUVRow0(id), getBaseColorUVRow1(id));
     if (options.y != 0.0)
         baseColor *= vo_Color;
     vec4 emissive = getEmissiveFactor(id);
@@ -157,8 +167,7 @@ void main()
         return;
     }
     vec4 factors = getPbrFactors(id);
-    vec4 mr = managedTexture(getMetallicRoughnessMap(id),
-                             mapCoordinates(getMetallicRoughnessUVRow0(id), getMetallicRoughnessUVRow1(id)));
+    vec4 mr = mapTexel(getMetallicRoughnessMap(id), getMetallicRoughnessUVRow0(id), getMetallicRoughnessUVRow1(id));
 #ifdef MATERIAL_SPECULAR_GLOSSINESS
     // The map holds the specular colour and the glossiness; the base colour is the diffuse one.
     vec4 specularGlossiness = extensionParameter(ext, EXT_SPECULAR_GLOSSINESS) * mr;
@@ -177,7 +186,7 @@ void main()
     if (factors.z != 0.0) {
         vec2 uv = mapCoordinates(getNormalUVRow0(id), getNormalUVRow1(id));
         mat3 frame = tangentFrame(n, uv, options.z != 0.0);
-        vec3 m = managedTexture(getNormalMap(id), uv).rgb * 2.0 - 1.0;
+        vec3 m = mapTexel(getNormalMap(id), getNormalUVRow0(id), getNormalUVRow1(id)).rgb * 2.0 - 1.0;
         m.xy *= factors.z;
         n = normalize(frame * m);
     }
@@ -303,8 +312,7 @@ void main()
 
     vec3 r = reflect(-v, n);
     vec3 prefiltered = textureLod(u_PrefilteredMap, r, prefilteredLod(roughness)).rgb;
-    float occlusion = mix(1.0, managedTexture(getOcclusionMap(id), mapCoordinates(getOcclusionUVRow0(id), getOcclusionUVRow1(id))).r,
-                          factors.w);
+    float occlusion = mix(1.0, mapTexel(getOcclusionMap(id), getOcclusionUVRow0(id), getOcclusionUVRow1(id)).r, factors.w);
     vec3 specularAmbient = prefiltered * (f0 * brdf.x + f90 * brdf.y) * energyCompensation;
     vec3 ambient = diffuseColor * irradiance(n) + specularAmbient;
 #ifdef MATERIAL_SHEEN
@@ -329,7 +337,7 @@ void main()
     }
 #endif
     colour += ambient * occlusion * u_EnvironmentIntensity;
-    colour += emissive.rgb * managedTexture(getEmissiveMap(id), mapCoordinates(getEmissiveUVRow0(id), getEmissiveUVRow1(id))).rgb;
+    colour += emissive.rgb * mapTexel(getEmissiveMap(id), getEmissiveUVRow0(id), getEmissiveUVRow1(id)).rgb;
 #ifdef MATERIAL_CLEARCOAT
     vec3 clearcoatPrefiltered = textureLod(u_PrefilteredMap, reflect(-v, clearcoatNormal), prefilteredLod(clearcoatRoughness)).rgb;
     vec2 clearcoatBRDF = texture(u_BRDFTable, vec2(clearcoatNV, clearcoatRoughness)).rg;

@@ -24,7 +24,7 @@ ShadingPrograms::~ShadingPrograms() = default;
 
 ShadingPrograms::Program* ShadingPrograms::get(quint64 extensionFlags, int tokensPerDraw, QString& error)
 {
-    const quint64 key = extensionFlags & SceneMaterial::kExtensionFlags;
+    const quint64 key = extensionFlags & SceneMaterial::kVariantFlags;
     const auto found = _programs.find({key, tokensPerDraw});
     if (found != _programs.end()) {
         if (!found->second.program)
@@ -40,7 +40,7 @@ ShadingPrograms::Program* ShadingPrograms::get(quint64 extensionFlags, int token
     DrawBuffers::setup(&macros);
     manager->setupForDraws(&macros, tokensPerDraw);
     ShadowMapManager::setup(&macros);
-    for (const QString& define : SceneMaterial::extensionDefines(key))
+    for (const QString& define : SceneMaterial::variantDefines(key))
         macros.addDefine(define, QStringLiteral("1"));
     auto program = std::make_unique<ShaderProgram>();
     program->setMacroProcessor(&macros);
@@ -57,7 +57,7 @@ ShadingPrograms::Program* ShadingPrograms::get(quint64 extensionFlags, int token
     program->setMacroProcessor(nullptr);
     if (!linked) {
         error = QStringLiteral("The shading program (%1) does not link: %2")
-                    .arg(key ? SceneMaterial::extensionDefines(key).join(QLatin1Char(' ')) : QStringLiteral("metal-roughness"),
+                    .arg(key ? SceneMaterial::variantDefines(key).join(QLatin1Char(' ')) : QStringLiteral("metal-roughness"),
                          program->log());
         made.error = error;
         return nullptr;
