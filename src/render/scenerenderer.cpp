@@ -13,6 +13,7 @@
 #include "gl/objects/texture.h"
 #include "gl/objects/vertexarrayobject.h"
 #include "gl/platform/bindable.h"
+#include "gl/platform/internal/percontextrecords.h"
 #include "gl/platform/renderstateguard.h"
 #include "gl/shaders/glslmacroprocessor.h"
 #include "gl/shaders/shaderprogram.h"
@@ -225,7 +226,9 @@ struct SceneRenderer::Private
     SkyUniforms skyUniforms = {};
     std::unique_ptr<ShadowMapRenderer> shadowRenderer;
     ShadowMapRenderData shadowData;
-    std::unique_ptr<Texture> environment, prefiltered, brdfTable, sheenTable;
+    // Shared with other renderers of the context while they draw the same sky (see sharedLighting).
+    std::shared_ptr<Texture> environment, prefiltered, brdfTable;
+    std::unique_ptr<Texture> sheenTable;
     Utils::IrradianceSH sh;
     std::unique_ptr<FramebufferObject> drawTarget, resolveTarget;
     // What transmissive surfaces see through: the opaque scene, copied with mipmaps.
@@ -238,6 +241,31 @@ struct SceneRenderer::Private
     // Units of the texture-image stage, for parking the unused shadow sampler on the last one.
     GLint textureUnits = 16;
 };
+
+namespace {
+
+// The lighting maps of the procedural skies made in a context, and the BRDF table, for the
+// context's other renderers while one of them keeps them: a second viewport, or a renderer made
+// for a reloaded scene, draws its first frame without making them again.
+struct SharedLighting
+{
+    struct Sky
+    {
+        QVector3D sun;
+        std::weak_ptr<Texture> environment, prefiltered;
+        Utils::IrradianceSH sh;
+    };
+    std::weak_ptr<Texture> brdfTable;
+    std::vector<Sky> skies; // those no renderer keeps any more are dropped as others are added
+};
+
+PerContextRecords<SharedLighting>& sharedLighting()
+{
+    static PerContextRecords<SharedLighting> records;
+    return records;
+}
+
+} // namespace
 
 SceneRenderer::SceneRenderer(TextureManager* manager)
     : _d(std::make_unique<Private>())
@@ -262,8 +290,13 @@ bool SceneRenderer::setEnvironmentCubemap(std::unique_ptr<Texture> cubemap)
         return fail(QStringLiteral("No environment cube map"));
     _d->prefiltered.reset(
         Utils::createPrefilteredEnvMapFromGLCubemap(environment, kPrefilteredSize, kPrefilteredLevels));
-    if (!_d->brdfTable)
-        _d->brdfTable.reset(Utils::createPreintegratedBRDFTable(kBRDFTableSize, 256));
+    if (!_d->brdfTable) {
+        _d->brdfTable = sharedLighting().withCurrent([](SharedLighting& shared) { return shared.brdfTable.lock(); });
+        if (!_d->brdfTable) {
+            _d->brdfTable.reset(Utils::createPreintegratedBRDFTable(kBRDFTableSize, 256));
+            sharedLighting().withCurrent([&](SharedLighting& shared) { shared.brdfTable = _d->brdfTable; });
+        }
+    }
     _d->sh = Utils::computeIrradianceSHFromGLCubemap(environment);
     if (!_d->prefiltered || !_d->brdfTable || !_d->sh.valid)
         return fail(QStringLiteral("The lighting maps of the environment could not be made"));
@@ -287,6 +320,23 @@ bool SceneRenderer::setEnvironmentFile(const QString& path, Utils::OkuImageCubem
 bool SceneRenderer::setProceduralSky(const QVector3D& sunDirection)
 {
     const QVector3D sun = sunDirection.normalized();
+    const bool reused = sharedLighting().withCurrent([&](SharedLighting& shared) {
+        for (const SharedLighting::Sky& sky : shared.skies) {
+            std::shared_ptr<Texture> environment = sky.environment.lock();
+            std::shared_ptr<Texture> prefiltered = sky.prefiltered.lock();
+            std::shared_ptr<Texture> brdfTable = shared.brdfTable.lock();
+            if (sky.sun != sun || !environment || !prefiltered || !brdfTable)
+                continue;
+            _d->environment = std::move(environment);
+            _d->prefiltered = std::move(prefiltered);
+            _d->brdfTable = std::move(brdfTable);
+            _d->sh = sky.sh;
+            return true;
+        }
+        return false;
+    });
+    if (reused)
+        return true;
     QImage sky(256, 128, QImage::Format_RGBA8888);
     for (int y = 0; y < sky.height(); ++y) {
         const float polar = float(M_PI) * (1.0f - (y + 0.5f) / sky.height()); // GL's first row is the zenith
@@ -305,8 +355,17 @@ bool SceneRenderer::setProceduralSky(const QVector3D& sunDirection)
     std::unique_ptr<Texture> source(QImageToTexture(sky, false, info));
     if (!source)
         return fail(QStringLiteral("Cannot make the sky texture"));
-    return setEnvironmentCubemap(std::unique_ptr<Texture>(
-        Utils::createGLCubemapFromTexture(source.get(), Utils::SourceLatLong, 128, Utils::ColorSpaceLinear)));
+    if (!setEnvironmentCubemap(std::unique_ptr<Texture>(
+            Utils::createGLCubemapFromTexture(source.get(), Utils::SourceLatLong, 128, Utils::ColorSpaceLinear))))
+        return false;
+    sharedLighting().withCurrent([&](SharedLighting& shared) {
+        auto& skies = shared.skies;
+        skies.erase(std::remove_if(skies.begin(), skies.end(),
+                                   [&](const SharedLighting::Sky& sky) { return sky.sun == sun || sky.prefiltered.expired(); }),
+                    skies.end());
+        skies.push_back({sun, _d->environment, _d->prefiltered, _d->sh});
+    });
+    return true;
 }
 
 bool SceneRenderer::prepare(const GPUModel& model)

@@ -7,8 +7,10 @@
 #include "render/gltfimporter.h"
 #include "render/punctuallight.h"
 #include "render/scenerenderer.h"
+#include "support/callrecorder.h"
 #include "support/gltest.h"
 
+#include <algorithm>
 #include <functional>
 
 using namespace Tavren::Vyx;
@@ -114,6 +116,33 @@ TEST_F(SceneRenderReuseTest, ShadowMapsAreRedrawnOnlyWhenWhatTheyShowChanged)
     const int before = renderer->shadowPassCount();
     EXPECT_EQ(frame(), kept) << "shadows back on must be drawn again";
     EXPECT_EQ(renderer->shadowPassCount(), before + 1);
+}
+
+TEST_F(SceneRenderReuseTest, RenderersOfAContextShareASkysLightingMapsWhileOneKeepsThem)
+{
+    // Making a sky's lighting maps uploads the split of its bright texels into cube faces.
+    const auto madeLightingMaps = [&](SceneRenderer& r, const QImage& expected) {
+        r.setSamples(1);
+        r.setShadowMapSize(256);
+        VyxTest::CallRecorder<&_ptrc_glTexSubImage2D> uploads;
+        EXPECT_EQ(r.renderToImage(model, camera, kSize), expected) << "the same picture whoever made the maps";
+        return std::any_of(uploads.calls().begin(), uploads.calls().end(), [](const auto& call) {
+            const GLenum target = std::get<0>(call);
+            return target >= GL_TEXTURE_CUBE_MAP_POSITIVE_X && target <= GL_TEXTURE_CUBE_MAP_NEGATIVE_Z;
+        });
+    };
+    const QImage sky = frame();
+    ASSERT_FALSE(sky.isNull()) << qPrintable(renderer->errorString());
+
+    auto second = std::make_unique<SceneRenderer>(&manager);
+    EXPECT_FALSE(madeLightingMaps(*second, sky)) << "the default sky's maps are the first renderer's";
+    auto sunset = std::make_unique<SceneRenderer>(&manager);
+    ASSERT_TRUE(sunset->setProceduralSky(QVector3D(1, 0.1f, 0)));
+    renderer.reset();
+    second.reset();
+    sunset.reset();
+    renderer = std::make_unique<SceneRenderer>(&manager);
+    EXPECT_TRUE(madeLightingMaps(*renderer, sky)) << "made again once no renderer keeps them";
 }
 
 TEST_F(SceneRenderReuseTest, TimingsCoverEachPassAndSayWhenTheGpuCannotBeAsked)
