@@ -376,10 +376,8 @@ bool SceneRenderer::prepare(const GPUModel& model)
         return _d->skyProgram->isLinked();
     if (!_d->manager)
         _d->manager = TextureManager::Instance();
+    // Shading variants are built when a drawable first needs them.
     _d->shading.setTextureManager(_d->manager);
-    QString error;
-    if (!_d->shading.get(0, _d->tokensPerDraw, error))
-        return fail(error);
 
     _d->skyProgram = std::make_unique<ShaderProgram>();
     ShaderProgram& sky = *_d->skyProgram;
