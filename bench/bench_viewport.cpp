@@ -64,6 +64,8 @@ bool import(GLTFImporter& importer, const SceneSource& source, GPUModel& model, 
 // A framebuffer drawing into a colour texture (kept by the caller) or renderbuffer, with depth.
 // What SceneViewport draws its cheaper picture at while the camera moves.
 const QSize kInteractiveSize = SceneViewport::interactiveSize(kSize, SceneViewport::kDefaultInteractiveScale);
+// The renderer's default, and half of it while the camera moves.
+constexpr int kShadowMapSize = 1024, kInteractiveShadowMapSize = kShadowMapSize / 2;
 
 std::unique_ptr<FramebufferObject> target(std::unique_ptr<Texture>* colour, bool depth, const QSize& size = kSize)
 {
@@ -151,6 +153,7 @@ struct Viewer
     bool interactiveFrame(bool scene = true)
     {
         renderer->setSamples(1);
+        renderer->setShadowMapSize(kInteractiveShadowMapSize);
         if (scene) {
             AutoBinder bound(fast.get());
             glViewport(0, 0, kInteractiveSize.width(), kInteractiveSize.height());
@@ -171,6 +174,7 @@ struct Viewer
     bool fullFrame(SceneRenderer& with)
     {
         with.setSamples(4);
+        with.setShadowMapSize(kShadowMapSize);
         const bool made = !with.renderToImage(model, camera, kSize).isNull();
         glFinish();
         return made;

@@ -56,6 +56,7 @@ public:
     // Exposure in stops; 0 leaves the linear values as they are before tone mapping.
     void setExposure(float ev) { _exposure = ev; }
     void setShadowMapSize(int texels) { _shadowMapSize = texels; }
+    int shadowMapSize() const { return _shadowMapSize; }
     void setShadowsEnabled(bool enabled) { _shadows = enabled; }
     // Samples of the image renderToImage() draws (1 = no multisampling).
     void setSamples(int samples) { _samples = samples; }

@@ -146,6 +146,9 @@ struct SceneViewport::Private
     std::unique_ptr<Texture> fastColour, fxaaColour;
     QSize targetSize;
     QSize fastSize; // of the interactive targets
+    // The renderer's shadow-map size at rest, while interactive frames draw them at half of it.
+    int restShadowMapSize = 0;
+    bool shadowsReduced = false;
     std::unique_ptr<PostProcess> post = std::make_unique<PostProcess>();
     GLSLMacroProcessor macros;
     bool macrosReady = false;
@@ -502,6 +505,13 @@ bool SceneViewport::composite(const QSize& size)
             return false;
         glViewport(0, 0, drawn.width(), drawn.height());
         _renderer->setSamples(_interactive ? 1 : d.fullSamples);
+        // A sun's cascades follow the camera and are drawn again on every frame of a drag.
+        if (_interactive != d.shadowsReduced) {
+            if (_interactive)
+                d.restShadowMapSize = _renderer->shadowMapSize();
+            _renderer->setShadowMapSize(_interactive ? std::max(d.restShadowMapSize / 2, 128) : d.restShadowMapSize);
+            d.shadowsReduced = _interactive;
+        }
         if (!_renderer->render(d.model(), camera, drawn))
             return false;
         if (_selection.hit)

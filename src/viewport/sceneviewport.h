@@ -79,7 +79,8 @@ public:
 
     // Multisampling at rest (default 4, as `vyxgl render`).
     void setFullQualitySamples(int samples);
-    // Draws the cheaper picture until told otherwise (the controller does this while dragging).
+    // Draws the cheaper picture until told otherwise (the controller does this while dragging):
+    // one sample, FXAA, and shadow maps at half the renderer's size, which comes back at rest.
     void setInteractive(bool interactive);
     bool isInteractive() const { return _interactive; }
     // The share of each side the cheaper picture is drawn at before it is scaled up to the
