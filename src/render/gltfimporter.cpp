@@ -507,8 +507,7 @@ const Uploader::MaterialRecord* Uploader::materialRecord(const MaterialKey& key)
     for (int i = 0; i < kMaterialMaps; ++i) {
         const SceneData::TextureRef& ref = *maps[i];
         TextureToken token;
-        const bool srgb = i == 0 || i == 4 || (i == 1 && specularGlossiness);
-        if (!textureToken(ref, srgb, token))
+        if (!textureToken(ref, GLTFTextures::holdsColour(m, ref), token))
             return nullptr;
         if (!token.isNull())
             out.tokens.insert(token);
@@ -581,22 +580,17 @@ int Uploader::extensionParameters(int material, QSet<TextureToken>& tokens)
         {m.specularGlossiness.specularFactor.x(), m.specularGlossiness.specularFactor.y(),
          m.specularGlossiness.specularFactor.z(), m.specularGlossiness.glossiness},
     };
-    const struct
-    {
-        const SceneData::TextureRef* ref;
-        bool srgb;
-    } maps[eExtensionMapCount] = {{&m.clearcoat.texture, false},       {&m.clearcoat.roughnessTexture, false},
-                                  {&m.clearcoat.normalTexture, false}, {&m.specular.texture, false},
-                                  {&m.specular.colorTexture, true},    {&m.sheen.colorTexture, true},
-                                  {&m.sheen.roughnessTexture, false},  {&t.texture, false},
-                                  {&t.thicknessTexture, false}};
+    const SceneData::TextureRef* const maps[eExtensionMapCount] = {
+        &m.clearcoat.texture,     &m.clearcoat.roughnessTexture, &m.clearcoat.normalTexture,
+        &m.specular.texture,      &m.specular.colorTexture,      &m.sheen.colorTexture,
+        &m.sheen.roughnessTexture, &t.texture,                   &t.thicknessTexture};
     const auto found = _extensionBlocks.find(material);
     const bool written = found != _extensionBlocks.end();
     const int first = written ? found->second : int(_extensionTexels.size() / 4);
     std::vector<float> block(parameters[0], parameters[0] + 4 * kExtensionParameterTexels);
-    for (const auto& map : maps) {
+    for (const SceneData::TextureRef* map : maps) {
         TextureToken token;
-        if (!textureToken(*map.ref, map.srgb, token))
+        if (!textureToken(*map, GLTFTextures::holdsColour(m, *map), token))
             return -1;
         if (!token.isNull())
             tokens.insert(token);
@@ -604,7 +598,7 @@ int Uploader::extensionParameters(int material, QSet<TextureToken>& tokens)
         for (int part = 0; part < 4; ++part)
             block.push_back(float((token.token >> (16 * part)) & 0xffffu));
         float row0[4], row1[4];
-        mapRows(*map.ref, row0, row1);
+        mapRows(*map, row0, row1);
         block.insert(block.end(), row0, row0 + 4);
         block.insert(block.end(), row1, row1 + 4);
     }

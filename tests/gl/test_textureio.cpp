@@ -152,6 +152,61 @@ TEST_F(TextureIOTest, QtPicturesLoadBottomRowFirst)
     delete texture;
 }
 
+// Levels made on the CPU stand in for GL's own: the same texels within rounding, and none where
+// GL would weight odd sizes unevenly or the levels do not fit the picture.
+TEST_F(TextureIOTest, CPUMipmapLevelsMatchGL)
+{
+    const struct
+    {
+        int width, height;
+        bool srgb;
+        int levels;
+        int block; // texels of one value across and down: flat areas
+        QImage::Format format;
+    } cases[] = {{64, 32, false, 4, 1, QImage::Format_ARGB32},   {64, 32, true, 4, 1, QImage::Format_ARGB32},
+                 {64, 32, true, 4, 1, QImage::Format_RGBA8888},  {32, 32, true, 4, 2, QImage::Format_RGBA8888},
+                 {8, 1, true, 3, 1, QImage::Format_ARGB32},      {2, 2, false, 1, 1, QImage::Format_RGBA8888},
+                 {1, 1, true, 0, 1, QImage::Format_ARGB32},      {48, 20, false, 0, 1, QImage::Format_ARGB32},
+                 {6, 4, true, 0, 1, QImage::Format_ARGB32},      {16, 16, true, 0, 1, QImage::Format_RGB16}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.width << "x" << c.height << (c.srgb ? " sRGB" : "") << " in blocks of "
+                                        << c.block << ", format " << c.format);
+        QImage picture(c.width, c.height, c.format);
+        for (int y = 0; y < c.height; ++y)
+            for (int x = 0; x < c.width; ++x) {
+                quint32 value = quint32(x / c.block * 7919 + y / c.block * 104729);
+                for (int round = 0; round < 3; ++round)
+                    value = value * 1664525u + 1013904223u;
+                picture.setPixel(x, y, value);
+            }
+        const QList<QImage> levels = MipmapLevels(picture, c.srgb);
+        ASSERT_EQ(levels.size(), c.levels);
+        const TextureFileInfo info{0.0f, 1.0f, c.srgb};
+        std::unique_ptr<Texture> generated(QImageToTexture(picture, QList<QImage>(), info)); // GL makes them
+        std::unique_ptr<Texture> given(QImageToTexture(picture, levels, info));
+        // Whatever order the bytes go up in, the texels are the picture's.
+        const QImage argb = picture.convertToFormat(QImage::Format_ARGB32);
+        std::unique_ptr<Texture> reference(QImageToTexture(argb, false, info));
+        ASSERT_TRUE(generated && given && reference);
+        const size_t texels = 4 * size_t(c.width) * size_t(c.height);
+        EXPECT_EQ(texImage<unsigned char>(given.get(), GL_BGRA, GL_UNSIGNED_BYTE, texels),
+                  texImage<unsigned char>(reference.get(), GL_BGRA, GL_UNSIGNED_BYTE, texels));
+        for (int level = 1; level <= c.levels; ++level) {
+            const size_t count = 4 * size_t(levels[level - 1].width()) * size_t(levels[level - 1].height());
+            expectClose(texImage<unsigned char>(given.get(), GL_BGRA, GL_UNSIGNED_BYTE, count, 0, level),
+                        texImage<unsigned char>(generated.get(), GL_BGRA, GL_UNSIGNED_BYTE, count, 0, level));
+        }
+    }
+    QImage picture(16, 16, QImage::Format_ARGB32);
+    picture.fill(Qt::red);
+    QList<QImage> wrong = MipmapLevels(picture, false);
+    wrong.removeLast();
+    std::unique_ptr<Texture> texture(QImageToTexture(picture, wrong, {}));
+    ASSERT_TRUE(texture);
+    EXPECT_EQ(texImage<unsigned char>(texture.get(), GL_RGBA, GL_UNSIGNED_BYTE, 4, 0, 4),
+              (std::vector<unsigned char>{255, 0, 0, 255}));
+}
+
 QByteArray withMipmapLevels(QByteArray file, uint32_t levels)
 {
     return file.replace(56, 4, QByteArray(reinterpret_cast<const char*>(&levels), 4));

@@ -13,7 +13,6 @@
 #include <QThread>
 
 #include <memory>
-#include <set>
 #include <system_error>
 
 namespace Tavren::Vyx {
@@ -67,8 +66,8 @@ public:
 };
 
 // The library's recognisers (KTX, HDR, ASTC and what the host added), then Qt's pictures, which
-// predecode() may have decoded already.
-Texture* decode(QByteArray bytes, const QString& name, bool srgb, const QImage& picture)
+// predecode() may have decoded already, with their mipmaps when made for this colour space.
+Texture* decode(QByteArray bytes, const QString& name, bool srgb, const QImage& picture, const QList<QImage>& levels)
 {
     TextureFileInfo info;
     info.srgb = srgb;
@@ -76,7 +75,7 @@ Texture* decode(QByteArray bytes, const QString& name, bool srgb, const QImage& 
     auto* data = reinterpret_cast<unsigned char*>(bytes.data()); // recognisers may patch headers in place
     std::unique_ptr<TextureLoader> loader(IdentifyTextureFromMemory(data, uint64_t(bytes.size()), name));
     if (!loader && !picture.isNull())
-        return QImageToTexture(picture, false, info);
+        return QImageToTexture(picture, levels, info);
     if (!loader) {
         static const PictureRecogniser pictures;
         auto memory = std::make_unique<RawMemory>(data, uint64_t(bytes.size()));
@@ -149,7 +148,8 @@ bool GLTFTextures::token(const SceneData::TextureRef& ref, bool srgb, TextureTok
         return true;
     }
     const SceneData::Image& image = _scene.images[size_t(source)];
-    const Prepared* ready = prepared(source);
+    const Job* job = finished(source);
+    const Prepared* ready = job ? &job->prepared : nullptr;
     QByteArray bytes = ready ? ready->bytes : image.bytes;
     if (!ready && bytes.isEmpty() && !image.path.isEmpty()) {
         QFile file(image.path);
@@ -157,7 +157,10 @@ bool GLTFTextures::token(const SceneData::TextureRef& ref, bool srgb, TextureTok
             bytes = file.readAll();
     }
     const QImage picture = ready ? ready->picture : QImage();
-    Texture* made = bytes.isEmpty() ? nullptr : decode(bytes, image.uri.isEmpty() ? image.name : image.uri, srgb, picture);
+    // GL makes the mipmaps of a picture read in another colour space than they were made for.
+    const QList<QImage> levels = ready && job->srgb == srgb ? ready->levels : QList<QImage>();
+    Texture* made =
+        bytes.isEmpty() ? nullptr : decode(bytes, image.uri.isEmpty() ? image.name : image.uri, srgb, picture, levels);
     if (made && made->target() != GL_TEXTURE_2D) {
         delete made;
         made = nullptr;
@@ -185,23 +188,24 @@ GLTFTextures::~GLTFTextures()
         worker.join();
 }
 
+bool GLTFTextures::holdsColour(const SceneData::Material& m, const SceneData::TextureRef& map)
+{
+    return &map == &m.baseColorTexture || &map == &m.emissiveTexture || &map == &m.specular.colorTexture ||
+           &map == &m.sheen.colorTexture || &map == &m.specularGlossiness.texture;
+}
+
 void GLTFTextures::predecode()
 {
     if (!_jobs.empty())
         return;
-    std::set<int> images;
     for (const SceneData::Material& m : _scene.materials) {
         for (const SceneData::TextureRef* ref : m.textureRefs()) {
             const int image = ref->texture >= 0 && ref->texture < int(_scene.textures.size())
                                   ? _scene.textures[size_t(ref->texture)].source
                                   : -1;
-            if (image >= 0 && image < int(_scene.images.size()))
-                images.insert(image);
+            if (image >= 0 && image < int(_scene.images.size()) && _jobOf.emplace(image, _jobs.size()).second)
+                _jobs.push_back({image, holdsColour(m, *ref), {}, false});
         }
-    }
-    for (int image : images) {
-        _jobOf.emplace(image, _jobs.size());
-        _jobs.push_back({image, {}, false});
     }
     const size_t threads = std::min(_jobs.size(), size_t(std::max(1, QThread::idealThreadCount())));
     try {
@@ -221,7 +225,8 @@ bool GLTFTextures::runNextJob()
     const size_t index = _nextJob++;
     if (index >= _jobs.size() || _stop)
         return false;
-    const SceneData::Image& image = _scene.images[size_t(_jobs[index].image)];
+    const Job& job = _jobs[index];
+    const SceneData::Image& image = _scene.images[size_t(job.image)];
     Prepared result;
     result.bytes = image.bytes;
     if (result.bytes.isEmpty() && !image.path.isEmpty()) {
@@ -230,8 +235,12 @@ bool GLTFTextures::runNextJob()
             result.bytes = file.readAll();
     }
     QImage decoded;
-    if (!result.bytes.isEmpty() && decoded.loadFromData(result.bytes))
-        result.picture = decoded.convertToFormat(QImage::Format_ARGB32);
+    if (!result.bytes.isEmpty() && decoded.loadFromData(result.bytes)) {
+        // RGBA order, which a software rasteriser uploads without reordering the bytes.
+        result.picture = std::move(decoded).convertToFormat(QImage::Format_RGBA8888);
+        // Here rather than by GL on the GL thread, where it would wait for the next pictures.
+        result.levels = MipmapLevels(result.picture, job.srgb);
+    }
     {
         const std::lock_guard<std::mutex> lock(_mutex);
         _jobs[index].prepared = std::move(result);
@@ -241,24 +250,19 @@ bool GLTFTextures::runNextJob()
     return true;
 }
 
-const GLTFTextures::Prepared* GLTFTextures::prepared(int image)
+const GLTFTextures::Job* GLTFTextures::finished(int image)
 {
     const auto found = _jobOf.find(image);
     if (found == _jobOf.end())
         return nullptr;
     Job& job = _jobs[found->second];
-    for (;;) {
-        {
-            const std::lock_guard<std::mutex> lock(_mutex);
-            if (job.done)
-                return &job.prepared;
-        }
-        if (!runNextJob())
-            break;
+    // With workers the GL thread only waits: a picture of its own would hold up the uploads of
+    // those finished meanwhile, and the workers keep the cores busy.
+    while (_workers.empty() && !job.done && runNextJob()) {
     }
     std::unique_lock<std::mutex> lock(_mutex);
     _ready.wait(lock, [&job] { return job.done; });
-    return &job.prepared;
+    return &job;
 }
 
 } // namespace Tavren::Vyx

@@ -42,9 +42,11 @@ public:
     // False with error set when the texture has no image.
     bool token(const SceneData::TextureRef& ref, bool srgb, TextureToken& token);
     // Starts reading every image a material refers to and, where Qt's image reader takes it,
-    // decoding it, on one worker thread per core. Formats the library's recognisers read stay
-    // with token().
+    // decoding it and making its mipmaps, on one worker thread per core, in the order the
+    // materials first refer to them. Formats the library's recognisers read stay with token().
     void predecode();
+    // Whether the material reads the map as colour, which is stored as sRGB, rather than as data.
+    static bool holdsColour(const SceneData::Material& material, const SceneData::TextureRef& map);
     QString error;
 
 private:
@@ -56,18 +58,20 @@ private:
     {
         QByteArray bytes;
         QImage picture; // null when Qt's reader did not take the bytes
+        QList<QImage> levels; // the picture's mipmaps in the job's colour space, if made
     };
     struct Job
     {
         int image;
+        bool srgb; // the colour space its first map reads it in
         Prepared prepared;
         bool done = false; // under _mutex
     };
     // Claims the next job and does it; false when none is left.
     bool runNextJob();
-    // The image's job once done, decoding others meanwhile rather than waiting idle; null for an
-    // image predecode() did not take.
-    const Prepared* prepared(int image);
+    // The image's job once done, null for an image predecode() did not take. Without workers the
+    // caller does the jobs itself.
+    const Job* finished(int image);
 
     std::vector<Job> _jobs; // fixed once the workers run
     std::map<int, size_t> _jobOf; // image -> job
