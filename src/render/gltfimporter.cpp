@@ -503,7 +503,6 @@ const Uploader::MaterialRecord* Uploader::materialRecord(const MaterialKey& key)
     InstanceData& record = out.record;
     record = InstanceData(QLatin1String(SceneMaterial::kMaterialPlanName));
     const auto maps = coreMaps(m);
-    const bool specularGlossiness = (m.extensions & SceneData::Material::SpecularGlossiness) && !m.unlit;
     for (int i = 0; i < kMaterialMaps; ++i) {
         const SceneData::TextureRef& ref = *maps[i];
         TextureToken token;

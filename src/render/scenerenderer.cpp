@@ -339,7 +339,8 @@ bool SceneRenderer::setProceduralSky(const QVector3D& sunDirection)
         return true;
     QImage sky(256, 128, QImage::Format_RGBA8888);
     for (int y = 0; y < sky.height(); ++y) {
-        const float polar = float(M_PI) * (1.0f - (y + 0.5f) / sky.height()); // GL's first row is the zenith
+        // Row 0, GL's first, is the top of the picture the converters take: the zenith.
+        const float polar = float(M_PI) * (y + 0.5f) / sky.height();
         auto* row = reinterpret_cast<uchar*>(sky.scanLine(y));
         for (int x = 0; x < sky.width(); ++x) {
             const float longitude = 2 * float(M_PI) * (x + 0.5f) / sky.width();

@@ -187,10 +187,12 @@ TEST_F(TextureIOTest, CPUMipmapLevelsMatchGL)
         // Whatever order the bytes go up in, the texels are the picture's.
         const QImage argb = picture.convertToFormat(QImage::Format_ARGB32);
         std::unique_ptr<Texture> reference(QImageToTexture(argb, false, info));
-        ASSERT_TRUE(generated && given && reference);
+        std::unique_ptr<Texture> plain(QImageToTexture(picture, false, info));
+        ASSERT_TRUE(generated && given && reference && plain);
         const size_t texels = 4 * size_t(c.width) * size_t(c.height);
-        EXPECT_EQ(texImage<unsigned char>(given.get(), GL_BGRA, GL_UNSIGNED_BYTE, texels),
-                  texImage<unsigned char>(reference.get(), GL_BGRA, GL_UNSIGNED_BYTE, texels));
+        const auto texelsOf = [&](Texture* t) { return texImage<unsigned char>(t, GL_BGRA, GL_UNSIGNED_BYTE, texels); };
+        EXPECT_EQ(texelsOf(given.get()), texelsOf(reference.get()));
+        EXPECT_EQ(texelsOf(plain.get()), texelsOf(reference.get()));
         for (int level = 1; level <= c.levels; ++level) {
             const size_t count = 4 * size_t(levels[level - 1].width()) * size_t(levels[level - 1].height());
             expectClose(texImage<unsigned char>(given.get(), GL_BGRA, GL_UNSIGNED_BYTE, count, 0, level),

@@ -164,10 +164,8 @@ QList<QImage> fitting(const QList<QImage>& levels, const QImage& image)
     return levels;
 }
 
-// byteOrderFromFormat: RGBA8888 goes up as RGBA bytes; otherwise every 32-bit image goes up as
-// BGRA bytes, as callers of the older overload rely on.
-Texture* upload(const QImage& source, bool asRG16F, const QList<QImage>& given, bool byteOrderFromFormat,
-                const TextureFileInfo& info)
+// RGBA8888 goes up as RGBA bytes, every other 32-bit image as BGRA bytes.
+Texture* upload(const QImage& source, bool asRG16F, const QList<QImage>& given, const TextureFileInfo& info)
 {
     VYX_CHECK_RETURN(!source.isNull(), nullptr, "Cannot make a texture of a null image");
     // Both uploads read four bytes a texel without row padding, which only 32-bit images have.
@@ -188,7 +186,7 @@ Texture* upload(const QImage& source, bool asRG16F, const QList<QImage>& given, 
                          image.constBits());
         } else {
             const GLint internalFormat = info.srgb ? GL_SRGB8_ALPHA8 : GL_RGBA;
-            const GLenum order = byteOrderFromFormat && image.format() == QImage::Format_RGBA8888 ? GL_RGBA : GL_BGRA;
+            const GLenum order = image.format() == QImage::Format_RGBA8888 ? GL_RGBA : GL_BGRA;
             glTexImage2D(GL_TEXTURE_2D, 0, internalFormat, image.width(), image.height(), 0, order,
                          GL_UNSIGNED_BYTE, image.constBits());
             for (int level = 1; level <= levels.size(); ++level) {
@@ -331,12 +329,12 @@ Texture* LoadTextureFromQImageFile(const QString& path, const TextureFileInfo& i
 
 Texture* QImageToTexture(const QImage& source, bool asRG16F, const TextureFileInfo& info)
 {
-    return upload(source, asRG16F, {}, false, info);
+    return upload(source, asRG16F, {}, info);
 }
 
 Texture* QImageToTexture(const QImage& image, const QList<QImage>& levels, const TextureFileInfo& info)
 {
-    return upload(image, false, levels, true, info);
+    return upload(image, false, levels, info);
 }
 
 QList<QImage> MipmapLevels(const QImage& image, bool srgb)
