@@ -3,6 +3,7 @@
 // metal-roughness program. Against it the same model with its material given a clear coat,
 // a specular tint and sheen (the heaviest variant short of transmission), and then with
 // transmission too, which adds the copy of the opaque scene and its mipmaps.
+#include "benchtarget.h"
 #include "gl/drawing/camera.h"
 #include "gl/drawing/opengldevicecontext.h"
 #include "gl/glloader.h"
@@ -32,13 +33,11 @@ enum Variant { ePlain, eLayered, eTransmissive };
 
 void HelmetFrame(benchmark::State& state)
 {
-    setenv("EGL_PLATFORM", "surfaceless", 0);
     HeadlessGLContext context;
-    if (!context.create() || !context.makeCurrent() || !initializeGLFunctions()) {
+    if (!VyxBench::makeHeadlessCurrent(context)) {
         state.SkipWithError("no GL context");
         return;
     }
-    OpenGLDeviceContext::resetContext();
     {
         GLTFSceneReader reader;
         auto scene = reader.read(QStringLiteral(VYX_BENCH_DATA_DIR "/gltf/DamagedHelmet/glTF-Binary/DamagedHelmet.glb"));

@@ -2,6 +2,7 @@
 // slopes, so many pixels take the edge paths), wall time with glFinish: on llvmpipe this is the
 // rasteriser running the fragment shaders on the CPU. Baseline: the plain copy (mode none)
 // through the same full-screen quad.
+#include "benchtarget.h"
 #include "gl/drawing/opengldevicecontext.h"
 #include "gl/glloader.h"
 #include "gl/objects/texture.h"
@@ -44,13 +45,11 @@ std::unique_ptr<Texture> frameTexture(bool withScene)
 
 void AntiAliasFrame(benchmark::State& state)
 {
-    setenv("EGL_PLATFORM", "surfaceless", 0);
     HeadlessGLContext context;
-    if (!context.create() || !context.makeCurrent() || !initializeGLFunctions()) {
+    if (!VyxBench::makeHeadlessCurrent(context)) {
         state.SkipWithError("no GL context");
         return;
     }
-    OpenGLDeviceContext::resetContext();
     {
         const auto mode = PostProcess::Mode(state.range(0));
         auto source = frameTexture(true);

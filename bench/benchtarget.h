@@ -27,6 +27,17 @@ inline QString resource(const QString& name)
     return QString::fromLatin1(file.readAll());
 }
 
+// Makes the headless context current on Mesa's surfaceless platform, with GL loaded and the
+// device context started afresh; false when any of that fails.
+inline bool makeHeadlessCurrent(Tavren::Vyx::HeadlessGLContext& context)
+{
+    setenv("EGL_PLATFORM", "surfaceless", 0);
+    if (!context.create() || !context.makeCurrent() || !initializeGLFunctions())
+        return false;
+    Tavren::Vyx::OpenGLDeviceContext::resetContext();
+    return true;
+}
+
 // A current context drawing into a 1x1 target, so rasterising costs next to nothing, and one
 // triangle ("va_Vertex", indices 0 1 2) for the draws to repeat.
 struct TriangleTarget
@@ -40,10 +51,8 @@ struct TriangleTarget
     {
         static const float triangle[] = {-1, -1, 1, -1, -1, 1};
         static const GLuint triangleIndices[] = {0, 1, 2};
-        setenv("EGL_PLATFORM", "surfaceless", 0);
-        if (!context.create() || !context.makeCurrent() || !initializeGLFunctions())
+        if (!makeHeadlessCurrent(context))
             std::abort();
-        Tavren::Vyx::OpenGLDeviceContext::resetContext();
         auto device = Tavren::Vyx::OpenGLDeviceContext::current();
         glGenRenderbuffers(1, &renderbuffer);
         glBindRenderbuffer(GL_RENDERBUFFER, renderbuffer);
