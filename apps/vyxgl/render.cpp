@@ -49,7 +49,7 @@ void printRenderUsage()
         "                 when --time or --frames is given, else the rest pose)\n"
         "  --time S       the instant of the animation, in seconds (default 0)\n"
         "  --frames F:L:R a sequence from F to L seconds at R frames a second; the output name\n"
-        "                 holds the frame number as %d or %04d (default vyxgl-frame-%04d.png)\n"
+        "                 holds the frame number as %%d or %%04d (default vyxgl-frame-%%04d.png)\n"
         "  --timing       print the import, first-frame and warm-frame times, and the warm frame's\n"
         "                 passes on the CPU and the GPU, then once more waiting for the GPU after each\n"
         "  -o FILE        output PNG (default vyxgl-render.png)\n");
