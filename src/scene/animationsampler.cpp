@@ -1,5 +1,7 @@
 #include "scene/animationsampler.h"
 
+#include <QHash>
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -40,8 +42,10 @@ struct AnimationSegment
     float start, end, inverseLength, angle;
 };
 
-// A linear or step translation, rotation or scale: keyCount + 1 segments from firstSegment on,
-// the first key held, one per interval, then the last key held.
+// A linear or step translation, rotation or scale: keyCount + 1 segments, the first key held,
+// one per interval, then the last key held, at firstSegment and every `stride` segments after it.
+// Tracks of one kind with the same key times interleave their segments, so that as they move on
+// together they read neighbouring memory.
 struct AnimationTrack
 {
     // Copies of the segment the previous sample fell in, so that samples in the same interval
@@ -50,9 +54,15 @@ struct AnimationTrack
     const float* times;
     int keyCount;
     int node;
-    int firstSegment;
-    int segment; // of the copy, counted from firstSegment
+    size_t firstSegment;
+    size_t stride;
+    int segment; // of the copy, counted from the first
     QVector3D AnimationPose::Node::*vector; // translation or scale; null for a rotation
+
+    const AnimationSegment& at(const AnimationSegment* segments, int index) const
+    {
+        return segments[firstSegment + size_t(index) * stride];
+    }
 };
 
 namespace {
@@ -211,10 +221,10 @@ bool changeSegment(AnimationTrack& track, const AnimationSegment* segments, floa
     } else {
         const int held = heldKey(track.times, track.keyCount, time);
         track.segment = held < 0 ? 1 + findKey(track.times, track.keyCount, track.segment - 1, time) : held == 0 ? 0 : track.keyCount;
-        track.current = segments[track.firstSegment + track.segment];
+        track.current = track.at(segments, track.segment);
     }
     // Read ahead: nothing waits for it until the next change of interval.
-    track.next = segments[track.firstSegment + std::min(track.segment + 1, track.keyCount)];
+    track.next = track.at(segments, std::min(track.segment + 1, track.keyCount));
     return track.segment == 0 || track.segment == track.keyCount;
 }
 
@@ -354,6 +364,7 @@ AnimationSampler::AnimationSampler(const SceneData& scene, int animationIndex)
     const SceneData::Animation& animation = scene.animations[size_t(animationIndex)];
     // One bit per path and node: a property driven twice would have no defined value.
     std::vector<unsigned char> driven(scene.nodes.size(), 0);
+    std::vector<Channel> rotations, vectors;
     for (size_t c = 0; c < animation.channels.size(); ++c) {
         Channel channel{};
         QString problem = checkChannel(scene, animation, animation.channels[c], channel);
@@ -379,15 +390,50 @@ AnimationSampler::AnimationSampler(const SceneData& scene, int animationIndex)
             _channels.push_back(channel);
             continue;
         }
-        const size_t first = _segments.size();
-        appendSegments(channel, _segments);
-        AnimationTrack track{_segments[first], _segments[first + 1], channel.times, channel.keyCount, channel.node, int(first), 0, nullptr};
-        if (channel.path != Path::Rotation)
-            track.vector = channel.path == Path::Translation ? &AnimationPose::Node::translation : &AnimationPose::Node::scale;
-        (track.vector ? _vectors : _rotations).push_back(track);
+        (channel.path == Path::Rotation ? rotations : vectors).push_back(channel);
     }
+    layOutTracks(rotations, _rotations);
+    layOutTracks(vectors, _vectors);
     std::sort(_animatedNodes.begin(), _animatedNodes.end());
     _animatedNodes.erase(std::unique(_animatedNodes.begin(), _animatedNodes.end()), _animatedNodes.end());
+}
+
+void AnimationSampler::layOutTracks(const std::vector<AnimationChannel>& channels, std::vector<AnimationTrack>& tracks)
+{
+    // Groups of channels with equal key times, in the order of their first channel.
+    std::vector<std::vector<const Channel*>> groups;
+    QMultiHash<size_t, size_t> groupsByTimes;
+    for (const Channel& channel : channels) {
+        const size_t hash = qHashBits(channel.times, size_t(channel.keyCount) * sizeof(float));
+        const auto sameTimes = [&](size_t g) {
+            const Channel& first = *groups[g].front();
+            return first.keyCount == channel.keyCount && std::equal(channel.times, channel.times + channel.keyCount, first.times);
+        };
+        const QList<size_t> candidates = groupsByTimes.values(hash);
+        const auto group = std::find_if(candidates.begin(), candidates.end(), sameTimes);
+        if (group != candidates.end()) {
+            groups[*group].push_back(&channel);
+        } else {
+            groupsByTimes.insert(hash, groups.size());
+            groups.push_back({&channel});
+        }
+    }
+    std::vector<AnimationSegment> own;
+    for (const std::vector<const Channel*>& group : groups) {
+        const size_t base = _segments.size(), stride = group.size();
+        _segments.resize(base + size_t(group.front()->keyCount + 1) * stride);
+        for (size_t t = 0; t < stride; ++t) {
+            const Channel& channel = *group[t];
+            own.clear();
+            appendSegments(channel, own);
+            for (size_t i = 0; i < own.size(); ++i)
+                _segments[base + i * stride + t] = own[i];
+            AnimationTrack track{own[0], own[1], channel.times, channel.keyCount, channel.node, base + t, stride, 0, nullptr};
+            if (channel.path != Path::Rotation)
+                track.vector = channel.path == Path::Translation ? &AnimationPose::Node::translation : &AnimationPose::Node::scale;
+            tracks.push_back(track);
+        }
+    }
 }
 
 AnimationSampler::AnimationSampler(const AnimationSampler&) = default;

@@ -44,7 +44,8 @@ struct AnimationTrack;
 //
 // Linear and step translations, rotations and scales are prepared for blending on construction,
 // one 48-byte segment per key: playing into the next interval then costs no square root, division
-// or arc cosine. Each channel remembers the key interval it last sampled, so a sample in the same
+// or arc cosine. Channels with the same key times, as exporters usually write them, interleave
+// their segments, so that moving on together they read neighbouring memory. Each channel remembers the key interval it last sampled, so a sample in the same
 // interval costs no search, and the next interval is tried before a binary search. One sampler
 // serves one thread.
 class VYXGL_EXPORT AnimationSampler
@@ -73,6 +74,8 @@ public:
     const std::vector<int>& sample(float time, AnimationPose& pose);
 
 private:
+    void layOutTracks(const std::vector<AnimationChannel>& channels, std::vector<AnimationTrack>& tracks);
+
     const SceneData& _scene;
     std::vector<AnimationChannel> _channels; // cubic splines and weights
     std::vector<AnimationTrack> _rotations, _vectors;

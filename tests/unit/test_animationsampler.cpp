@@ -34,14 +34,14 @@ Animation oneChannel(const char* path, const char* interpolation, std::vector<fl
     return {"", {{std::move(times), std::move(values), components, interpolation}}, {{0, 0, path}}};
 }
 
-// The sampled property of node 0 as x, y, z(, w), or its weights.
-std::vector<float> property(const AnimationPose& pose, const QString& path)
+// The sampled property of a node as x, y, z(, w), or its weights.
+std::vector<float> property(const AnimationPose& pose, const QString& path, int index = 0)
 {
-    const AnimationPose::Node& node = pose.nodes[0];
+    const AnimationPose::Node& node = pose.nodes[size_t(index)];
     if (path == "rotation")
         return {node.rotation.x(), node.rotation.y(), node.rotation.z(), node.rotation.scalar()};
     if (path == "weights")
-        return {pose.weightsOf(0), pose.weightsOf(0) + node.weightCount};
+        return {pose.weightsOf(index), pose.weightsOf(index) + node.weightCount};
     const QVector3D v = path == "translation" ? node.translation : node.scale;
     return {v.x(), v.y(), v.z()};
 }
@@ -109,15 +109,18 @@ TEST(AnimationSampler, KeepsRestValuesOfWhatNoChannelDrives)
 }
 
 // The remembered interval, and the one after it read ahead, must not leak into a jump backwards,
-// a skip of several keys, a return from outside the keys or a step onto a key time.
+// a skip of several keys, a return from outside the keys or a step onto a key time. All channels
+// play in one animation, each on a node of its own, so that those sharing key times share their
+// layout too, beside one whose keys are as many but later.
 TEST(AnimationSampler, FindsTheKeyInAnyOrderOfTimes)
 {
     // Ten keys a second apart; key k is a translation of k * k along x, a weight of k * k, and a
     // turn of k * 30 degrees about y, so that neighbouring keys are apart enough for slerp's turn
     // in a plane. Weights are played from the keys, the rest from prepared intervals.
-    std::vector<float> times, translations, rotations, weights;
+    std::vector<float> times, laterTimes, translations, rotations, weights;
     for (int k = 0; k < 10; ++k) {
         times.push_back(float(k));
+        laterTimes.push_back(float(k) + 0.5f);
         weights.push_back(float(k * k));
         translations.insert(translations.end(), {float(k * k), 0, 0});
         const QQuaternion q = QQuaternion::fromAxisAndAngle(0, 1, 0, float(k * 30));
@@ -136,25 +139,38 @@ TEST(AnimationSampler, FindsTheKeyInAnyOrderOfTimes)
         return std::vector<float>{q.x(), q.y(), q.z(), q.scalar()};
     };
     const auto square = [](int key) { return float(key * key); };
+    const auto linear = [&](int k, float s) { return std::vector<float>{square(k) + s * float(2 * k + 1), 0, 0}; };
     const Case cases[] = {
-        {"translation", "LINEAR", translations,
-         [&](int k, float s) { return std::vector<float>{square(k) + s * float(2 * k + 1), 0, 0}; }},
+        {"translation", "LINEAR", translations, linear},
         {"translation", "STEP", translations, [&](int k, float s) { return std::vector<float>{square(k + (s >= 1)), 0, 0}; }},
         {"weights", "LINEAR", weights, [&](int k, float s) { return std::vector<float>{square(k) + s * float(2 * k + 1)}; }},
         {"rotation", "LINEAR", rotations, turn},
         {"rotation", "STEP", rotations, [&](int k, float s) { return turn(k + (s >= 1), 0); }},
+        {"translation", "LINEAR", translations, linear}, // played half a second later
     };
-    const float sequence[] = {0.5f, 1.0f, 1.5f, 2.0f, 2.25f, 3.0f, 7.5f, 3.5f, 0.25f, 8.75f, 9.0f, 20.0f, kInfinity, 8.5f, -1.0f, 0.75f, 1.25f};
+    const int later = 5;
+    SceneData scene;
+    Animation& animation = scene.animations.emplace_back();
     for (const Case& c : cases) {
-        const SceneData scene = sceneWith(oneChannel(c.path, c.interpolation, times, c.values));
-        AnimationSampler sampler(scene, 0);
-        AnimationPose pose = sampler.makePose();
-        for (float t : sequence) {
-            sampler.sample(t, pose);
-            const float clamped = std::clamp(t, 0.0f, 9.0f), k = std::min(std::floor(clamped), 8.0f);
-            const std::vector<float> expected = c.expected(int(k), clamped - k), actual = property(pose, c.path);
+        const int n = int(scene.nodes.size());
+        scene.nodes.emplace_back();
+        const Animation one = oneChannel(c.path, c.interpolation, n == later ? laterTimes : times, c.values);
+        animation.samplers.push_back(one.samplers[0]);
+        animation.channels.push_back({n, n, one.channels[0].path});
+    }
+    AnimationSampler sampler(scene, 0);
+    ASSERT_EQ(sampler.channelCount(), int(std::size(cases))) << sampler.warnings().join(", ").toStdString();
+    AnimationPose pose = sampler.makePose();
+    const float sequence[] = {0.5f, 1.0f, 1.5f, 2.0f, 2.25f, 3.0f, 7.5f, 3.5f, 0.25f, 8.75f, 9.0f, 20.0f, kInfinity, 8.5f, -1.0f, 0.75f, 1.25f};
+    for (float t : sequence) {
+        sampler.sample(t, pose);
+        for (int n = 0; n < int(std::size(cases)); ++n) {
+            const Case& c = cases[n];
+            const float at = n == later ? t - 0.5f : t;
+            const float clamped = std::clamp(at, 0.0f, 9.0f), k = std::min(std::floor(clamped), 8.0f);
+            const std::vector<float> expected = c.expected(int(k), clamped - k), actual = property(pose, c.path, n);
             for (size_t i = 0; i < expected.size(); ++i)
-                EXPECT_NEAR(actual[i], expected[i], 1e-4f) << c.path << " " << c.interpolation << " at " << t << " [" << i << "]";
+                EXPECT_NEAR(actual[i], expected[i], 1e-4f) << c.path << " " << c.interpolation << " on node " << n << " at " << t << " [" << i << "]";
         }
     }
 }
