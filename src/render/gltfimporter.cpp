@@ -90,6 +90,8 @@ quint64 drawableFlags(const SceneData& scene, const SceneData::Primitive& primit
     }
     if (coreMapsShareCoordinate(m))
         flags |= SceneMaterial::kOneMapCoordinateFlag;
+    if (m.normalTexture.texture < 0)
+        flags |= SceneMaterial::kWithoutNormalMapFlag;
     if (m.alphaMode == SceneData::Material::Mask)
         flags |= SceneMaterial::kAlphaMaskFlag;
     else if (m.alphaMode == SceneData::Material::Blend)

@@ -50,7 +50,9 @@ QStringList variantDefines(quint64 flags)
                                                      {kSheenFlag, "MATERIAL_SHEEN"},
                                                      {kTransmissionFlag, "MATERIAL_TRANSMISSION"},
                                                      {kSpecularGlossinessFlag, "MATERIAL_SPECULAR_GLOSSINESS"},
-                                                     {kOneMapCoordinateFlag, "MATERIAL_ONE_MAP_COORDINATE"}};
+                                                     {kOneMapCoordinateFlag, "MATERIAL_ONE_MAP_COORDINATE"},
+                                                     {kWithoutNormalMapFlag, "MATERIAL_WITHOUT_NORMAL_MAP"},
+                                                     {kAlphaMaskFlag, "MATERIAL_ALPHA_MASK"}};
     for (const auto& [flag, name] : names)
         if (flags & flag)
             defines << QLatin1String(name);

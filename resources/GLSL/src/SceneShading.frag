@@ -10,7 +10,8 @@
 // specular lobe is GGX with height-correlated Smith visibility, compensated for the energy that
 // scattering between microfacets would reflect and a single-scattering BRDF loses. Variants add
 // a clear coat, a tinted or weighted dielectric specular, sheen, transmission through a volume,
-// or specular-glossiness parameters, and one reads all core maps at a single coordinate.
+// or specular-glossiness parameters; one reads all core maps at a single coordinate, one leaves
+// out normal mapping, and only masked materials may discard.
 
 #define MAX_LIGHTS 8
 const float PI = 3.14159265358979;
@@ -159,8 +160,10 @@ void main()
     if (options.y != 0.0)
         baseColor *= vo_Color;
     vec4 emissive = getEmissiveFactor(id);
+#ifdef MATERIAL_ALPHA_MASK
     if (emissive.w >= 0.0 && baseColor.a < emissive.w)
         discard;
+#endif
     float alphaOut = u_AlphaBlend != 0 ? clamp(baseColor.a, 0.0, 1.0) : 1.0;
     if (options.x != 0.0) {
         o_Colour = vec4(linearToSRGB(baseColor.rgb), alphaOut);
@@ -183,6 +186,7 @@ void main()
     // Points and lines without normals face the eye.
     vec3 geometricNormal = dot(vo_Normal, vo_Normal) > 1e-12 ? normalize(vo_Normal) : v;
     vec3 n = geometricNormal;
+#ifndef MATERIAL_WITHOUT_NORMAL_MAP
     if (factors.z != 0.0) {
         vec2 uv = mapCoordinates(getNormalUVRow0(id), getNormalUVRow1(id));
         mat3 frame = tangentFrame(n, uv, options.z != 0.0);
@@ -190,6 +194,7 @@ void main()
         m.xy *= factors.z;
         n = normalize(frame * m);
     }
+#endif
     // Back faces of double-sided surfaces are lit as seen, with their whole frame turned.
     if (!gl_FrontFacing)
         n = -n;
