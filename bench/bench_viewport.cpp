@@ -64,7 +64,7 @@ bool import(GLTFImporter& importer, const SceneSource& source, GPUModel& model, 
 // A framebuffer drawing into a colour texture (kept by the caller) or renderbuffer, with depth.
 // What SceneViewport draws its cheaper picture at while the camera moves.
 const QSize kInteractiveSize = SceneViewport::interactiveSize(kSize, SceneViewport::kDefaultInteractiveScale);
-// The renderer's default, and half of it while the camera moves.
+// The renderer's default, and half of it while the camera moves (with a coarser cascade snap).
 constexpr int kShadowMapSize = 1024, kInteractiveShadowMapSize = kShadowMapSize / 2;
 
 std::unique_ptr<FramebufferObject> target(std::unique_ptr<Texture>* colour, bool depth, const QSize& size = kSize)
@@ -154,6 +154,7 @@ struct Viewer
     {
         renderer->setSamples(1);
         renderer->setShadowMapSize(kInteractiveShadowMapSize);
+        renderer->setCascadeSnap(SceneViewport::kInteractiveCascadeSnap);
         if (scene) {
             AutoBinder bound(fast.get());
             glViewport(0, 0, kInteractiveSize.width(), kInteractiveSize.height());
@@ -175,6 +176,7 @@ struct Viewer
     {
         with.setSamples(4);
         with.setShadowMapSize(kShadowMapSize);
+        with.setCascadeSnap(1);
         const bool made = !with.renderToImage(model, camera, kSize).isNull();
         glFinish();
         return made;

@@ -412,6 +412,7 @@ bool SceneRenderer::renderShadows(GPUModel& model, const Camera& camera, const Q
     const QMatrix4x4 view = camera.viewMatrix();
     const QMatrix4x4 projection = camera.projectionMatrix(float(size.width()) / size.height());
     _d->shadowData.setShadowMapSize(_shadowMapSize);
+    _d->shadowData.setCascadeSnap(_cascadeSnap);
     ShadowMapManager::processLights(lights, _d->shadowData, &view, &projection, hasBounds ? &bounds : nullptr);
     // The maps of the last pass still hold while nothing they show has changed.
     const quint64 signature = shadowSignature(model, _d->shadowData);

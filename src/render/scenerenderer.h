@@ -57,6 +57,8 @@ public:
     void setExposure(float ev) { _exposure = ev; }
     void setShadowMapSize(int texels) { _shadowMapSize = texels; }
     int shadowMapSize() const { return _shadowMapSize; }
+    // See ShadowMapRenderData::setCascadeSnap: coarser keeps a sun's maps through small camera moves.
+    void setCascadeSnap(int texels) { _cascadeSnap = texels; }
     void setShadowsEnabled(bool enabled) { _shadows = enabled; }
     // Samples of the image renderToImage() draws (1 = no multisampling).
     void setSamples(int samples) { _samples = samples; }
@@ -102,6 +104,7 @@ private:
     float _exposure = 0.0f;
     float _environmentIntensity = 1.0f;
     int _shadowMapSize = 1024;
+    int _cascadeSnap = 1;
     int _samples = 4;
     bool _shadows = true;
     bool _shadowsCurrent = false;

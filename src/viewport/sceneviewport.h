@@ -80,8 +80,10 @@ public:
     // Multisampling at rest (default 4, as `vyxgl render`).
     void setFullQualitySamples(int samples);
     // Draws the cheaper picture until told otherwise (the controller does this while dragging):
-    // one sample, FXAA, and shadow maps at half the renderer's size, which comes back at rest.
+    // one sample, FXAA, and shadow maps at half the renderer's size, which comes back at rest,
+    // with a sun's cascades snapped to a grid of kInteractiveCascadeSnap texels.
     void setInteractive(bool interactive);
+    static constexpr int kInteractiveCascadeSnap = 16;
     bool isInteractive() const { return _interactive; }
     // The share of each side the cheaper picture is drawn at before it is scaled up to the
     // widget (0.5 by default: a quarter of the pixels to shade while the camera moves; 1 draws it

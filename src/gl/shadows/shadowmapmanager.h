@@ -89,6 +89,12 @@ public:
     // fitting snaps to them.
     int shadowMapSize() const { return _shadowMapSize; }
     void setShadowMapSize(int size) { _shadowMapSize = size; }
+    // The grid, in texels, that cascade centres snap to: 1, the finest, keeps shadow edges from
+    // shimmering as the camera moves. A coarser one, paid for with a margin of that many texels,
+    // also keeps a cascade where it is through small moves, so its map need not be drawn again:
+    // for views that move every frame. At most an eighth of the map.
+    int cascadeSnap() const { return _cascadeSnap; }
+    void setCascadeSnap(int texels) { _cascadeSnap = texels; }
 
     QVector<Transform> transforms;
     QVector<ProjectorInfo> projectorInfos;
@@ -100,6 +106,7 @@ private:
     qint32 _lightCount = 0;
     qint32 _projectorCount = 0;
     int _shadowMapSize = 1024;
+    int _cascadeSnap = 1;
 };
 
 // Turns lights into shadow projectors and hands them to shaders that use "ShadowMapManager.glslc".

@@ -182,6 +182,7 @@ bool ShadowMapManagerCulling::processLightDirectional(ShadowMapRenderData& data,
     const double depthOffset = kDepthLow - depthScale * (depthLow - depthPad);
 
     const int size = std::max(data.shadowMapSize(), 2 * kGuardTexels + 2);
+    const int snap = std::max(1, std::min(data.cascadeSnap(), size / 8));
     const double blend = s_splitBlend;
     const double logNear = std::max<double>(_near, 1e-3 * (_far - _near));
     auto split = [&](int i) {
@@ -204,11 +205,12 @@ bool ShadowMapManagerCulling::processLightDirectional(ShadowMapRenderData& data,
         for (const QVector3D& point : slice)
             sphereRadius = std::max(sphereRadius, double((point - centre).length()));
 
-        const double radius = std::max(sphereRadius, 1e-6) * size / (size - 2 * kGuardTexels);
-        const double texel = 2.0 * radius / size;
+        // Snapping moves the centre by up to half a step each way, which the guard covers for one texel.
+        const double radius = std::max(sphereRadius, 1e-6) * size / (size - 2 * kGuardTexels - (snap - 1));
+        const double step = 2.0 * radius / size * snap;
         const QVector3D centreWorld = _inverseView.map(centre);
-        const double centreX = std::round(QVector3D::dotProduct(xAxis, centreWorld) / texel) * texel;
-        const double centreY = std::round(QVector3D::dotProduct(yAxis, centreWorld) / texel) * texel;
+        const double centreX = std::round(QVector3D::dotProduct(xAxis, centreWorld) / step) * step;
+        const double centreY = std::round(QVector3D::dotProduct(yAxis, centreWorld) / step) * step;
 
         const QMatrix4x4 projector(
             float(xAxis.x() / radius), float(xAxis.y() / radius), float(xAxis.z() / radius), float(-centreX / radius),
