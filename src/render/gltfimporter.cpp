@@ -92,6 +92,9 @@ quint64 drawableFlags(const SceneData& scene, const SceneData::Primitive& primit
         flags |= SceneMaterial::kOneMapCoordinateFlag;
     if (m.normalTexture.texture < 0)
         flags |= SceneMaterial::kWithoutNormalMapFlag;
+    const auto maps = coreMaps(m);
+    if (std::all_of(maps.begin(), maps.end(), [](const SceneData::TextureRef* map) { return map->texture < 0; }))
+        flags |= SceneMaterial::kWithoutMapsFlag;
     if (m.alphaMode == SceneData::Material::Mask)
         flags |= SceneMaterial::kAlphaMaskFlag;
     else if (m.alphaMode == SceneData::Material::Blend)

@@ -52,6 +52,7 @@ QStringList variantDefines(quint64 flags)
                                                      {kSpecularGlossinessFlag, "MATERIAL_SPECULAR_GLOSSINESS"},
                                                      {kOneMapCoordinateFlag, "MATERIAL_ONE_MAP_COORDINATE"},
                                                      {kWithoutNormalMapFlag, "MATERIAL_WITHOUT_NORMAL_MAP"},
+                                                     {kWithoutMapsFlag, "MATERIAL_WITHOUT_MAPS"},
                                                      {kAlphaMaskFlag, "MATERIAL_ALPHA_MASK"}};
     for (const auto& [flag, name] : names)
         if (flags & flag)

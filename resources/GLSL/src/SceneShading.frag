@@ -10,8 +10,8 @@
 // specular lobe is GGX with height-correlated Smith visibility, compensated for the energy that
 // scattering between microfacets would reflect and a single-scattering BRDF loses. Variants add
 // a clear coat, a tinted or weighted dielectric specular, sheen, transmission through a volume,
-// or specular-glossiness parameters; one reads all core maps at a single coordinate, one leaves
-// out normal mapping, and only masked materials may discard.
+// or specular-glossiness parameters; one reads all core maps at a single coordinate, others
+// leave out normal mapping or every core map, and only masked materials may discard.
 
 #define MAX_LIGHTS 8
 const float PI = 3.14159265358979;
@@ -133,8 +133,10 @@ vec4 extensionMap(int first, int map)
 #endif
 
 // A core map's texel. Where every core map of the material reads the same coordinates, the
-// texture manager samples its textures there once for all of them.
-#ifdef MATERIAL_ONE_MAP_COORDINATE
+// texture manager samples its textures there once for all of them; without maps, white.
+#if defined(MATERIAL_WITHOUT_MAPS)
+#define mapTexel(token, row0, row1) vec4(1.0)
+#elif defined(MATERIAL_ONE_MAP_COORDINATE)
 #define mapTexel(token, row0, row1) managedTextureAt(token)
 #else
 #define mapTexel(token, row0, row1) managedTexture(token, mapCoordinates(row0, row1))
@@ -153,7 +155,7 @@ void main()
 #ifdef MATERIAL_EXTENSIONS
     int ext = int(options.w);
 #endif
-#ifdef MATERIAL_ONE_MAP_COORDINATE
+#if defined(MATERIAL_ONE_MAP_COORDINATE) && !defined(MATERIAL_WITHOUT_MAPS)
     managedTexturesAt(mapCoordinates(getBaseColorUVRow0(id), getBaseColorUVRow1(id)));
 #endif
     vec4 baseColor = getBaseColorFactor(id) * mapTexel(getBaseColorMap(id), getBaseColorUVRow0(id), getBaseColorUVRow1(id));
