@@ -29,7 +29,7 @@ constexpr int kMaxBlurRadius = 16;
 QVector<float> gaussianWeights(int radius)
 {
     const float sigma = std::max(radius * 0.5f, 0.5f);
-    QVector<float> weights(kMaxBlurRadius + 1, 0.0f);
+    QVector<float> weights(radius + 1, 0.0f);
     float total = 0.0f;
     for (int k = 0; k <= radius; ++k) {
         weights[k] = std::exp(-float(k * k) / (2.0f * sigma * sigma));
@@ -46,11 +46,14 @@ std::unique_ptr<ShaderProgram> linked(std::unique_ptr<ShaderProgram> program)
     return program;
 }
 
-std::unique_ptr<ShaderProgram> linked(const char* vertexFile, const char* fragmentFile)
+std::unique_ptr<ShaderProgram> linked(const char* vertexFile, const char* fragmentFile,
+                                      GLSLMacroProcessor* macros = nullptr)
 {
     auto program = std::make_unique<ShaderProgram>();
+    program->setMacroProcessor(macros);
     program->addShaderFromFile(GL_VERTEX_SHADER, QString::fromLatin1(vertexFile));
     program->addShaderFromFile(GL_FRAGMENT_SHADER, QString::fromLatin1(fragmentFile));
+    program->setMacroProcessor(nullptr);
     return linked(std::move(program));
 }
 
@@ -88,11 +91,16 @@ bool ShadowMapRenderer::prepare(int size, int layers)
     VYX_CHECK_RETURN(size > 0 && size <= 16384, false, "Shadow map size %d outside 1 to 16384", size);
     if (!_momentsProgram) {
         _momentsProgram = linked("ShadowMap_Moments.vert", "ShadowMap_Moments.frag");
-        _blurProgram = linked("ShadowMap_Fullscreen.vert", "ShadowMap_Blur.frag");
         _framebuffer = std::make_unique<FramebufferObject>();
         glGenVertexArrays(1, &_emptyVertexArray);
     }
-    if (!_momentsProgram || !_blurProgram)
+    if (_blurRadius > 0 && _blurProgramRadius != _blurRadius) {
+        GLSLMacroProcessor macros;
+        macros.addDefine(QStringLiteral("BLUR_RADIUS"), QString::number(_blurRadius));
+        _blurProgram = linked("ShadowMap_Fullscreen.vert", "ShadowMap_Blur.frag", &macros);
+        _blurProgramRadius = _blurProgram ? _blurRadius : 0;
+    }
+    if (!_momentsProgram || (_blurRadius > 0 && !_blurProgram))
         return false;
     if (size == _size && layers <= _layers)
         return true;
@@ -281,7 +289,6 @@ void ShadowMapRenderer::blurLayer(int layer)
 {
     AutoDisabler noDepthTest(GL_DEPTH_TEST);
     _blurProgram->bind();
-    _blurProgram->setUniform(QStringLiteral("u_Radius"), QVariant(_blurRadius));
     _blurProgram->setUniform(QStringLiteral("u_Weights"), gaussianWeights(_blurRadius));
     glBindVertexArray(_emptyVertexArray);
     auto pass = [&](Texture* source, int sourceLayer, Texture* target, int targetLayer, int stepX) {

@@ -92,6 +92,7 @@ private:
     std::unique_ptr<FramebufferObject> _framebuffer;
     unsigned int _emptyVertexArray = 0;
     int _size = 0, _layers = 0, _blurRadius = 0;
+    int _blurProgramRadius = 0; // what _blurProgram was compiled for
 };
 
 } // namespace Tavren::Vyx

@@ -1,17 +1,17 @@
 #version 150
-// Separable Gaussian over one layer: u_Weights holds taps 0..u_Radius (at most 16), so that the
-// 2 * u_Radius + 1 taps sum to one.
+// Separable Gaussian over one layer, BLUR_RADIUS taps to either side of the centre: u_Weights
+// holds taps 0..BLUR_RADIUS, so that the 2 * BLUR_RADIUS + 1 taps sum to one. The radius is
+// compiled in, so that the loop unrolls and each weight is read at a constant index.
 uniform sampler2DArray u_Source;
 uniform int u_Layer;
 uniform ivec2 u_Step;
-uniform int u_Radius;
-uniform float u_Weights[17];
+uniform float u_Weights[BLUR_RADIUS + 1];
 out vec4 o_Moments;
 void main() {
     ivec2 last = textureSize(u_Source, 0).xy - 1;
     ivec2 texel = ivec2(gl_FragCoord.xy);
     vec2 sum = vec2(0.0);
-    for (int k = -u_Radius; k <= u_Radius; ++k)
-        sum += u_Weights[abs(k)] * texelFetch(u_Source, ivec3(clamp(texel + k * u_Step, ivec2(0), last), u_Layer), 0).rg;
+    for (int k = -BLUR_RADIUS; k <= BLUR_RADIUS; ++k)
+        sum += u_Weights[k < 0 ? -k : k] * texelFetch(u_Source, ivec3(clamp(texel + k * u_Step, ivec2(0), last), u_Layer), 0).rg;
     o_Moments = vec4(sum, 0.0, 0.0);
 }
