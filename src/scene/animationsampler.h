@@ -45,9 +45,9 @@ struct AnimationTrack;
 // Linear and step translations, rotations and scales are prepared for blending on construction,
 // one 48-byte segment per key: playing into the next interval then costs no square root, division
 // or arc cosine. Channels with the same key times, as exporters usually write them, interleave
-// their segments, so that moving on together they read neighbouring memory. Each channel remembers the key interval it last sampled, so a sample in the same
-// interval costs no search, and the next interval is tried before a binary search. One sampler
-// serves one thread.
+// their segments, so that moving on together they read neighbouring memory. Each channel
+// remembers the key interval it last sampled, so a sample in the same interval costs no search,
+// and the next interval is tried before a binary search. One sampler serves one thread.
 class VYXGL_EXPORT AnimationSampler
 {
 public:

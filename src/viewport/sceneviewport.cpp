@@ -505,12 +505,12 @@ bool SceneViewport::composite(const QSize& size)
             return false;
         glViewport(0, 0, drawn.width(), drawn.height());
         _renderer->setSamples(_interactive ? 1 : d.fullSamples);
-        // A sun's cascades follow the camera and are drawn again whenever a drag moves them,
+        // A sun's cascades follow the camera and are drawn again whenever a drag moves them:
+        // smaller maps while dragging, and a coarse snap that keeps them through most frames.
         if (_interactive != d.shadowsReduced) {
             if (_interactive)
                 d.restShadowMapSize = _renderer->shadowMapSize();
             _renderer->setShadowMapSize(_interactive ? std::max(d.restShadowMapSize / 2, 128) : d.restShadowMapSize);
-            // and a coarse snap keeps them through most frames of it.
             _renderer->setCascadeSnap(_interactive ? kInteractiveCascadeSnap : 1);
             d.shadowsReduced = _interactive;
         }

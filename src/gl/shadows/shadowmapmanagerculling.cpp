@@ -205,7 +205,8 @@ bool ShadowMapManagerCulling::processLightDirectional(ShadowMapRenderData& data,
         for (const QVector3D& point : slice)
             sphereRadius = std::max(sphereRadius, double((point - centre).length()));
 
-        // Snapping moves the centre by up to half a step each way, which the guard covers for one texel.
+        // Snapping moves the centre by up to half a step each way: the guard covers a one-texel
+        // step, and the extent grows by the rest of a coarser one.
         const double radius = std::max(sphereRadius, 1e-6) * size / (size - 2 * kGuardTexels - (snap - 1));
         const double step = 2.0 * radius / size * snap;
         const QVector3D centreWorld = _inverseView.map(centre);
