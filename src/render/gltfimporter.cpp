@@ -433,13 +433,17 @@ bool Uploader::buildMesh(int meshIndex, const QVector<Instance>& instances)
         const MaterialRecord* material;
     };
     std::map<std::pair<int, quint64>, std::vector<Placement>> groups;
+    const SceneData::Mesh& mesh = _scene.meshes[size_t(meshIndex)];
+    const bool rigid =
+        std::none_of(mesh.primitives.begin(), mesh.primitives.end(), [](const SceneData::Primitive& p) { return !p.targets.empty(); }) &&
+        std::none_of(instances.begin(), instances.end(), [&](const Instance& i) { return _scene.nodes[size_t(i.node)].skin >= 0; });
     for (int i = 0; i < instances.size(); ++i)
         for (size_t p = 0; p < g.primitives.size(); ++p) {
             const Primitive& prim = g.primitives[p];
             const MaterialRecord* record = materialRecord({prim.material, prim.colours, prim.tangents});
             if (!record)
                 return false;
-            groups[{prim.mode, prim.flags}].push_back({i, p, record});
+            groups[{prim.mode, prim.flags | (rigid ? SceneMaterial::kRigidFlag : 0)}].push_back({i, p, record});
         }
     const auto flush = [&](const std::vector<Placement>& placed, GLenum mode, quint64 flags) {
         std::vector<DrawElementsIndirectCommand> commands;

@@ -53,6 +53,7 @@ QStringList variantDefines(quint64 flags)
                                                      {kOneMapCoordinateFlag, "MATERIAL_ONE_MAP_COORDINATE"},
                                                      {kWithoutNormalMapFlag, "MATERIAL_WITHOUT_NORMAL_MAP"},
                                                      {kWithoutMapsFlag, "MATERIAL_WITHOUT_MAPS"},
+                                                     {kRigidFlag, "MESH_RIGID"},
                                                      {kAlphaMaskFlag, "MATERIAL_ALPHA_MASK"}};
     for (const auto& [flag, name] : names)
         if (flags & flag)

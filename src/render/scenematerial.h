@@ -58,11 +58,14 @@ constexpr quint64 kOneMapCoordinateFlag = quint64(1) << 13;
 constexpr quint64 kWithoutNormalMapFlag = quint64(1) << 14;
 // Nor any other core map: the factors alone give the material.
 constexpr quint64 kWithoutMapsFlag = quint64(1) << 15;
+// No skin or morph target moves the drawable's vertices: the vertex stage leaves deformation out.
+constexpr quint64 kRigidFlag = quint64(1) << 16;
 // The flags that choose the program variant. Masked materials have one of their own because a
 // fragment shader that may discard cannot have its depth tested before it runs, and on software
 // rasterisers that early test is what spares hidden fragments their shading.
 constexpr quint64 kVariantFlags = kClearcoatFlag | kSpecularFlag | kSheenFlag | kTransmissionFlag |
-    kSpecularGlossinessFlag | kOneMapCoordinateFlag | kWithoutNormalMapFlag | kWithoutMapsFlag | kAlphaMaskFlag;
+    kSpecularGlossinessFlag | kOneMapCoordinateFlag | kWithoutNormalMapFlag | kWithoutMapsFlag | kRigidFlag |
+    kAlphaMaskFlag;
 // The defines that select the variant for some flags ("MATERIAL_CLEARCOAT", ...).
 VYXGL_EXPORT QStringList variantDefines(quint64 flags);
 

@@ -99,6 +99,7 @@ using SceneMaterial::kAlphaMaskFlag;
 using SceneMaterial::kDoubleSidedFlag;
 using SceneMaterial::kPointsOrLinesFlag;
 using SceneMaterial::kVariantFlags;
+using SceneMaterial::kRigidFlag;
 using SceneMaterial::kTransmissionFlag;
 constexpr quint64 kKindFlags = kAlphaBlendFlag | kDoubleSidedFlag | kPointsOrLinesFlag | kVariantFlags;
 
@@ -420,10 +421,15 @@ bool SceneRenderer::renderShadows(GPUModel& model, const Camera& camera, const Q
         return true;
     _shadowsCurrent = false;
     // Masked drawables cut their shadows out at their cutoff, blended ones at half coverage.
+    // Rigid drawables of each kind are drawn apart, by a program without deformation.
     using Casters = ShadowMapRenderer::Casters;
-    const QVector<Casters> casters = {{0, kAlphaMaskFlag | kAlphaBlendFlag, false},
-                                      {kAlphaMaskFlag, kAlphaMaskFlag | kAlphaBlendFlag, true},
-                                      {kAlphaBlendFlag, kAlphaBlendFlag, true, 0.5f}};
+    QVector<Casters> casters;
+    for (const Casters& kind : {Casters{0, kAlphaMaskFlag | kAlphaBlendFlag, false},
+                                Casters{kAlphaMaskFlag, kAlphaMaskFlag | kAlphaBlendFlag, true},
+                                Casters{kAlphaBlendFlag, kAlphaBlendFlag, true, 0.5f}})
+        for (const bool rigid : {true, false})
+            casters.append({kind.flags | (rigid ? kRigidFlag : 0), kind.mask | kRigidFlag, kind.cutOut,
+                            kind.defaultCutoff, rigid});
     if (!_d->shadowRenderer->render(_d->shadowData, model, casters, _d->manager))
         return fail(QStringLiteral("The shadow maps could not be rendered"));
     _shadowSignature = signature;

@@ -221,6 +221,8 @@ ShaderProgram* ShadowMapRenderer::modelProgram(const GPUModel& model, const Cast
     if (plan->dataType(QStringLiteral("SkinData")) == InstanceDataPlan::eIVec4 &&
         plan->dataType(QStringLiteral("MorphData")) == InstanceDataPlan::eIVec4)
         macros.addDefine(QStringLiteral("SHADOW_MAP_DEFORM"), QStringLiteral("1"));
+    if (casters.rigid)
+        macros.addDefine(QStringLiteral("SHADOW_MAP_RIGID"), QStringLiteral("1"));
     QString key = plan->name();
     if (casters.cutOut)
         key += QLatin1Char('|') + textureManager->getShaderFile();

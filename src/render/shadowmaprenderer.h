@@ -69,6 +69,8 @@ public:
         quint64 mask = 0;
         bool cutOut = false;
         float defaultCutoff = 0.5f;
+        // No skin or morph target moves these casters: their program leaves deformation out.
+        bool rigid = false;
     };
     bool render(ShadowMapRenderData& data, GPUModel& model, const QVector<Casters>& selections,
                 TextureManager* textureManager = nullptr);

@@ -29,7 +29,9 @@ void main()
     vec3 position = va_Vertex;
     vec3 normal = va_Normal;
     vec3 tangent = va_Tangent0.xyz;
+#ifndef MESH_RIGID
     deformVertex(position, normal, tangent);
+#endif
     mat4 model = getModelMatrix();
     mat3 linear = mat3(model);
     vec4 world = model * vec4(position, 1.0);

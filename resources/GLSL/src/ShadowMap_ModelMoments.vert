@@ -2,10 +2,11 @@
 // A model's commands find their world matrix in their object data, by draw ID. The renderer
 // sets the macro to the #instancedata line of the drawables' object-data plan. Cut-out casters
 // also hand their texture coordinates and draw ID to ShadowMap_CutOut.glslc. Object data with
-// skins and morph targets (SHADOW_MAP_DEFORM) moves the vertices as the shading does.
+// skins and morph targets (SHADOW_MAP_DEFORM) moves the vertices as the shading does, unless
+// the casters drawn are known to be rigid.
 #include "VyxUtilities.glslh"
 #macro SHADOW_MAP_OBJECT_DATA // no object data: the program does not link
-#ifdef SHADOW_MAP_DEFORM
+#if defined(SHADOW_MAP_DEFORM) && !defined(SHADOW_MAP_RIGID)
 #include "SceneDeform.glslh"
 #endif
 uniform mat4 u_ShadowMapProjector;
@@ -24,7 +25,7 @@ void main() {
     vo_DrawID = getDrawID();
 #endif
     vec4 position = va_Vertex;
-#ifdef SHADOW_MAP_DEFORM
+#if defined(SHADOW_MAP_DEFORM) && !defined(SHADOW_MAP_RIGID)
     vec3 normal = vec3(0.0), tangent = vec3(0.0);
     deformVertex(position.xyz, normal, tangent);
 #endif
